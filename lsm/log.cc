@@ -1,0 +1,145 @@
+#include "lsm/log.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "common/coding.h"
+#include "crypto/crc32c.h"
+#include "lsm/file_io.h"
+
+namespace kandb::lsm {
+
+namespace {
+
+Status WalError(const char* what) { return Status::Corruption(std::string(what) + std::strerror(errno)); }
+
+// Reads up to n bytes, repeating short reads; returns how many arrived
+// before end of file or an error.
+size_t ReadFully(int fd, char* dst, size_t n) {
+  size_t got = 0;
+  while (got < n) {
+    ssize_t r = CurrentFileIo()->Read(fd, dst + got, n - got);
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) break;
+    got += static_cast<size_t>(r);
+  }
+  return got;
+}
+
+}  // namespace
+
+void EncodeBatch(const WriteBatch& batch, std::string* out) {
+  size_t size = 4;
+  for (const Entry& e : batch) size += 9 + e.key.size() + e.value.size();
+  out->reserve(out->size() + size);
+  PutFixed32(out, static_cast<uint32_t>(batch.size()));
+  for (const Entry& e : batch) {
+    out->push_back(static_cast<char>(e.op));
+    PutFixed32(out, static_cast<uint32_t>(e.key.size()));
+    out->append(e.key);
+    PutFixed32(out, static_cast<uint32_t>(e.value.size()));
+    out->append(e.value);
+  }
+}
+
+Status DecodeBatch(const char* data, size_t size, WriteBatch* out) {
+  out->clear();
+  if (size < 4) return Status::Corruption("batch: too short");
+  const uint32_t count = DecodeFixed32(data);
+  // The record passed its checksum, so the count is trusted for the
+  // reservation.
+  out->reserve(count);
+  const char* p = data + 4;
+  const char* const end = data + size;
+  for (uint32_t i = 0; i < count; ++i) {
+    if (static_cast<size_t>(end - p) < 5) return Status::Corruption("batch: truncated entry");
+    const uint8_t op = static_cast<uint8_t>(*p);
+    if (op != kOpPut && op != kOpDelete) return Status::Corruption("batch: bad op");
+    const uint32_t key_length = DecodeFixed32(p + 1);
+    p += 5;
+    if (static_cast<size_t>(end - p) < static_cast<uint64_t>(key_length) + 4) {
+      return Status::Corruption("batch: truncated key");
+    }
+    Entry entry;
+    entry.op = op;
+    entry.key.assign(p, key_length);
+    p += key_length;
+    const uint32_t value_length = DecodeFixed32(p);
+    p += 4;
+    if (static_cast<size_t>(end - p) < value_length) return Status::Corruption("batch: truncated value");
+    entry.value.assign(p, value_length);
+    p += value_length;
+    out->push_back(std::move(entry));
+  }
+  return Status::OK();
+}
+
+LogFile::~LogFile() {
+  if (fd_ >= 0) CurrentFileIo()->Close(fd_);
+}
+
+Status LogFile::Append(const char* payload, size_t size) {
+  // Header and payload go out in one write, so that a crash leaves at worst
+  // one torn record at the tail, which replay ignores.
+  record_.resize(kLogRecordHeaderSize + size);
+  EncodeFixed32(record_.data(), crypto::Crc32c(payload, size));
+  EncodeFixed32(record_.data() + 4, static_cast<uint32_t>(size));
+  if (size > 0) std::memcpy(record_.data() + kLogRecordHeaderSize, payload, size);
+
+  const char* p = record_.data();
+  size_t left = record_.size();
+  while (left > 0) {
+    ssize_t n = CurrentFileIo()->Write(fd_, p, left);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return WalError("wal write: ");
+    }
+    p += n;
+    left -= static_cast<size_t>(n);
+  }
+  // A large batch must not pin its size in memory for the log's lifetime.
+  if (record_.capacity() > (1u << 20)) std::string().swap(record_);
+  return Status::OK();
+}
+
+Status LogFile::Sync() {
+  if (CurrentFileIo()->Fdatasync(fd_) != 0) return WalError("wal fdatasync: ");
+  return Status::OK();
+}
+
+Status OpenLogForAppend(const std::string& path, std::unique_ptr<LogFile>* out) {
+  int fd = CurrentFileIo()->Open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  if (fd < 0) return Status::Corruption("wal open " + path + ": " + std::strerror(errno));
+  *out = std::make_unique<LogFile>(fd, path);
+  return Status::OK();
+}
+
+Status ReplayLog(const std::string& path, const std::function<void(WriteBatch&&)>& apply) {
+  int fd = CurrentFileIo()->Open(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
+  if (fd < 0) {
+    if (errno == ENOENT) return Status::OK();
+    return Status::Corruption("wal open " + path + ": " + std::strerror(errno));
+  }
+  // Every damaged record ends the replay the same way: it is the torn tail
+  // of a crash, or the log cannot be trusted past it. Nothing is repaired.
+  char header[kLogRecordHeaderSize];
+  std::string payload;
+  WriteBatch batch;
+  while (ReadFully(fd, header, sizeof(header)) == sizeof(header)) {
+    const uint32_t crc = DecodeFixed32(header);
+    const uint32_t length = DecodeFixed32(header + 4);
+    if (length > kMaxLogRecordPayload) break;
+    payload.resize(length);
+    if (ReadFully(fd, payload.data(), length) != length) break;
+    if (crypto::Crc32c(payload.data(), length) != crc) break;
+    if (!DecodeBatch(payload.data(), length, &batch).ok()) break;
+    apply(std::move(batch));
+    batch = WriteBatch();
+  }
+  CurrentFileIo()->Close(fd);
+  return Status::OK();
+}
+
+}  // namespace kandb::lsm
