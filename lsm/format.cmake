@@ -3,7 +3,9 @@
 add_library(kandb_lsm_format STATIC
   file_io.cc
   filename.cc
-  log.cc)
+  log.cc
+  table.cc
+  manifest.cc)
 target_link_libraries(kandb_lsm_format PUBLIC kandb_common kandb_crypto PRIVATE kandb_warnings)
 
 # A FileIo that fails chosen calls and counts them; for the tests of the

@@ -98,11 +98,15 @@ class SstIterator {
  private:
   // Decodes the record at next_offset_ into the current entry.
   Status ReadRecord();
+  // Makes file bytes [offset, offset + n) available in buffer_, reading
+  // ahead up to buffer_size_ but never past the data region.
+  Status Fill(uint64_t offset, size_t n);
 
   std::shared_ptr<const SstReader> reader_;
   const size_t buffer_size_;
   std::string buffer_;
   uint64_t buffer_offset_ = 0;  // file offset of buffer_[0]
+  size_t buffered_ = 0;          // bytes of buffer_ that hold file data
   uint64_t next_offset_ = 0;
   bool valid_ = false;
   uint8_t op_ = 0;
