@@ -1,0 +1,81 @@
+#ifndef KANDB_STORE_META_STORE_H_
+#define KANDB_STORE_META_STORE_H_
+
+// MetaStore: the persistent home of the placement driver's records. It owns
+// one storage engine over the state directory, fixes the engine's options,
+// and seals every value on the way in and opens it on the way out (see
+// envelope.h); keys stay in plain so that range scans keep working.
+//
+// The store adds no lock of its own: every operation may be called from any
+// thread and relies on the engine's locking and the envelope's atomic IV
+// counter. Each multi-entry operation is one engine write batch, applied
+// and logged as one unit, so a crash leaves all of it or none.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/status.h"
+#include "lsm/db.h"
+#include "store/envelope.h"
+
+namespace kandb::store {
+
+using KeyValue = std::pair<std::string, std::string>;
+
+class MetaStore {
+ public:
+  // Engine options of the metadata store.
+  static constexpr uint64_t kWriteBufferSize = 64ull << 20;
+  static constexpr uint64_t kMaxTableFiles = 8;
+
+  // Opens (creating it if needed) the store in `dir`. A non-empty
+  // `passphrase` turns sealing on with a key derived from it; the passphrase
+  // itself is not kept. `sync` non-zero makes every write reach the disk
+  // before it is acknowledged. On success replaces *out; on failure returns
+  // the engine's status unchanged and leaves *out alone.
+  static Status Open(const std::string& dir, const std::string& passphrase, int sync,
+                     std::unique_ptr<MetaStore>* out);
+
+  MetaStore(const MetaStore&) = delete;
+  MetaStore& operator=(const MetaStore&) = delete;
+  ~MetaStore() = default;
+
+  // Point read. An absent key succeeds with *found false and *value left as
+  // it was. A value that cannot be opened fails with the envelope's status.
+  Status Get(const std::string& key, std::string* value, bool* found);
+
+  // One write of the given pairs, in order, values sealed.
+  Status Put(const std::vector<KeyValue>& pairs);
+  // One write of deletions of the given keys.
+  Status Delete(const std::vector<std::string>& keys);
+  // One write holding all puts (in order), then all deletions.
+  Status Write(const std::vector<KeyValue>& puts, const std::vector<std::string>& deletes);
+
+  // Clears *out and appends the live pairs of [start, end) in key order (an
+  // empty `end` means no upper bound), at most `limit` of them, values
+  // opened. At the first value that cannot be opened it stops and returns
+  // that status; the pairs appended before it stay in *out.
+  Status Scan(const std::string& start, const std::string& end, uint32_t limit,
+              std::vector<KeyValue>* out);
+
+  // The same range read as Scan, handing each opened pair to `visit` in key
+  // order. `visit` returns false to end the walk early (ForEach then returns
+  // OK). Fails like Scan, after the pairs before the failing one were visited.
+  Status ForEach(const std::string& start, const std::string& end, uint32_t limit,
+                 const std::function<bool(const std::string& key, const std::string& value)>& visit);
+
+ private:
+  MetaStore(std::unique_ptr<lsm::LsmDb> db, const StoreCrypto& crypto)
+      : db_(std::move(db)), crypto_(crypto) {}
+
+  const std::unique_ptr<lsm::LsmDb> db_;
+  const StoreCrypto crypto_;
+};
+
+}  // namespace kandb::store
+
+#endif  // KANDB_STORE_META_STORE_H_
