@@ -6,7 +6,16 @@
 //   std::string Encode(const M&);                    // the encoded bytes
 //   void EncodeTo(const M&, std::string* out);       // appends them to *out
 //   bool Decode(size_t size, const char* data, M*);  // whole input, or false
+//   size_t EncodedSize(const M&);                    // == Encode(m).size()
 // Store and Region records are persisted in exactly their wire encoding.
+//
+// EncodeTo only appends; a caller building a larger buffer (a frame) can
+// reserve EncodedSize(m) first. Encode reserves the exact size itself.
+// Decode fills the fields present in the input and leaves the others as they
+// were, so it is meant for a default-constructed *out; repeated fields append.
+// A non-repeated field given twice ends with its last occurrence, a nested
+// message included (it is replaced whole, not merged). On false, *out may
+// hold part of the input.
 
 #include <cstddef>
 #include <cstdint>
@@ -137,10 +146,11 @@ struct RegionHeartbeatResponse {
   bool operator==(const RegionHeartbeatResponse&) const = default;
 };
 
-#define KANDB_PDPB_DECLARE_CODEC(M)                \
-  void EncodeTo(const M& m, std::string* out);     \
-  std::string Encode(const M& m);                  \
-  bool Decode(size_t size, const char* data, M* out);
+#define KANDB_PDPB_DECLARE_CODEC(M)                    \
+  void EncodeTo(const M& m, std::string* out);         \
+  std::string Encode(const M& m);                      \
+  bool Decode(size_t size, const char* data, M* out);  \
+  size_t EncodedSize(const M& m);
 
 KANDB_PDPB_DECLARE_CODEC(RegionEpoch)
 KANDB_PDPB_DECLARE_CODEC(Peer)
