@@ -8,14 +8,23 @@
 // and Scan at once.
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "common/mutex.h"
 #include "common/status.h"
+#include "common/thread_annotations.h"
 #include "lsm/entry.h"
 
 namespace kandb::lsm {
+
+class LogFile;
+class MemTable;
+class SstReader;
+struct ReadView;
 
 class LsmDb {
  public:
@@ -57,7 +66,81 @@ class LsmDb {
   uint64_t TableFileCount();
   uint64_t ImmutableMemTableCount();
 
-  // (private members are the engine's own)
+
+ private:
+  friend class LsmDbTestPeer;
+
+  // One Write call waiting in, or leading, the group-commit queue. Lives on
+  // the caller's stack for the duration of the call.
+  struct WriterSlot {
+    WriterSlot(const WriteBatch* b, Mutex* queue_mutex) : batch(b), mu(queue_mutex), cv(queue_mutex) {}
+    const WriteBatch* const batch;
+    // The engine's write_queue_mutex_; named here so that the analysis can
+    // check the two fields below.
+    Mutex* const mu;
+    Status result GUARDED_BY(mu);
+    bool done GUARDED_BY(mu) = false;
+    // Wakes the caller when its group is done or it has become the head.
+    CondVar cv;
+  };
+
+  LsmDb(std::string dir, const Options& options);
+
+  // Open's recovery: manifest, directory listing, orphan tables, live
+  // tables, log replay, the fresh log and the manifest rewrite.
+  Status Recover() REQUIRES(db_mutex_);
+  Status ReplayLogs(const std::vector<uint64_t>& log_numbers) REQUIRES(db_mutex_);
+
+  // Write path: the leader logs, syncs and applies its whole group.
+  Status WriteGroup(const std::vector<WriterSlot*>& group) EXCLUDES(db_mutex_, write_queue_mutex_);
+  // Queues the active memtable for flush and starts a new memtable and log.
+  Status SwitchMemTable() REQUIRES(db_mutex_);
+
+  // The memtables and tables a read consults, newest first.
+  ReadView CaptureReadView() EXCLUDES(db_mutex_);
+
+  // Background work; each returns with db_mutex_ released.
+  void BackgroundLoop() EXCLUDES(db_mutex_);
+  Status FlushOldestMemTable() EXCLUDES(db_mutex_);
+  Status CompactAllTables() EXCLUDES(db_mutex_);
+  Status WriteManifestLocked() REQUIRES(db_mutex_);
+
+  // Waits on `cv`, whose mutex is `mu`. The analysis cannot tie a
+  // condition variable to the mutex it was built with, so this says it.
+  static void WaitOn(CondVar* cv, Mutex* mu) REQUIRES(mu);
+
+  const std::string dir_;
+  const Options options_;
+
+  // Guards every engine member below except the writer queue. Held by the
+  // write leader across its log writes and sync; never held during table
+  // file I/O. Taken after write_queue_mutex_ has been released, and before
+  // any memtable's own lock.
+  Mutex db_mutex_;
+  // Wakes the background thread: a memtable was switched, or stop_ was set.
+  CondVar background_cv_{&db_mutex_};
+  std::shared_ptr<MemTable> mem_ GUARDED_BY(db_mutex_);
+  // Full memtables waiting for flush, oldest at the front.
+  std::deque<std::shared_ptr<MemTable>> imm_ GUARDED_BY(db_mutex_);
+  // Every live table file, newest first; live_tables_ holds their numbers in
+  // the same order and is what the manifest records.
+  std::vector<std::shared_ptr<SstReader>> table_readers_ GUARDED_BY(db_mutex_);
+  std::vector<uint64_t> live_tables_ GUARDED_BY(db_mutex_);
+  // Next number for a log or table file; the two kinds share it.
+  uint64_t next_file_ GUARDED_BY(db_mutex_) = 1;
+  // The log that write groups append to.
+  std::unique_ptr<LogFile> wal_ GUARDED_BY(db_mutex_);
+  // The leader's encoding buffer, reused across groups.
+  std::string record_ GUARDED_BY(db_mutex_);
+  bool stop_ GUARDED_BY(db_mutex_) = false;
+
+  // Guards the writer queue and the slots' result fields. Never held while
+  // db_mutex_ is taken.
+  Mutex write_queue_mutex_;
+  std::deque<WriterSlot*> writers_ GUARDED_BY(write_queue_mutex_);
+
+  // Started at the end of Open, joined by the destructor.
+  std::thread background_thread_;
 };
 
 }  // namespace kandb::lsm

@@ -1,0 +1,99 @@
+// The write path: group commit, the log append and sync, the memtable
+// apply, and the switch to a new memtable and log.
+
+#include <utility>
+#include <vector>
+
+#include "lsm/db.h"
+#include "lsm/filename.h"
+#include "lsm/log.h"
+#include "lsm/memtable.h"
+
+namespace kandb::lsm {
+
+Status LsmDb::Write(const WriteBatch& batch) {
+  WriterSlot slot(&batch, &write_queue_mutex_);
+  std::vector<WriterSlot*> group;
+  {
+    MutexLock lock(&write_queue_mutex_);
+    slot.mu->AssertHeld();
+    writers_.push_back(&slot);
+    // A follower never runs a step itself: it sleeps until the leader of its
+    // group has finished it, or until it is woken as the new head.
+    for (;;) {
+      if (slot.done) return slot.result;
+      if (writers_.front() == &slot) break;
+      WaitOn(&slot.cv, &write_queue_mutex_);
+    }
+    // The group is the whole queue as it stands, with no size limit.
+    group.assign(writers_.begin(), writers_.end());
+  }
+
+  // The queue lock is released before db_mutex_ is taken: writers keep
+  // queueing behind this group while it is logged and synced.
+  const Status status = WriteGroup(group);
+
+  MutexLock lock(&write_queue_mutex_);
+  for (WriterSlot* member : group) {
+    writers_.pop_front();
+    if (member == &slot) continue;
+    member->mu->AssertHeld();
+    member->result = status;
+    member->done = true;
+    // Signalled with the lock held: once it is released the follower may
+    // return and its slot, this condition variable included, is gone.
+    member->cv.Signal();
+  }
+  // The next leader is woken only now that this group has left the queue,
+  // so two leaders never run at once.
+  if (!writers_.empty()) writers_.front()->cv.Signal();
+  return status;
+}
+
+Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {
+  MutexLock lock(&db_mutex_);
+  // One record per batch, so that replay applies each batch whole or not at
+  // all. The first failed append ends the group: the batches after it are
+  // not written, and the memtable is not touched.
+  Status status;
+  for (WriterSlot* member : group) {
+    record_.clear();
+    EncodeBatch(*member->batch, &record_);
+    status = wal_->Append(record_.data(), record_.size());
+    if (!status.ok()) break;
+  }
+  if (status.ok() && options_.sync) status = wal_->Sync();
+  if (!status.ok()) return status;
+
+  // Logged (and synced) before visible: the memtable's application order is
+  // the log's record order, because only the leader does either.
+  for (WriterSlot* member : group) mem_->Apply(*member->batch);
+  if (mem_->ApproximateBytes() >= options_.write_buffer_size) {
+    // The group's data is already logged and applied; a failed switch is
+    // still reported to all its writers.
+    status = SwitchMemTable();
+  }
+  return status;
+}
+
+Status LsmDb::SwitchMemTable() {
+  imm_.push_back(mem_);
+  mem_ = std::make_shared<MemTable>();
+
+  const std::string path = LogFileName(dir_, next_file_++);
+  std::unique_ptr<LogFile> log;
+  Status s = OpenLogForAppend(path, &log);
+  if (!s.ok()) {
+    // The full memtable stays queued and the new empty one stays active;
+    // groups keep appending to the old log until the next switch.
+    return s;
+  }
+  // Replacing the writer closes the old descriptor without a sync: the old
+  // file holds only what earlier groups wrote and, under sync, synced.
+  wal_ = std::move(log);
+  mem_->AddWalFile(path);
+  background_cv_.Signal();
+  return Status::OK();
+}
+
+}  // namespace kandb::lsm

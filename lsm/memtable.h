@@ -1,0 +1,68 @@
+#ifndef KANDB_LSM_MEMTABLE_H_
+#define KANDB_LSM_MEMTABLE_H_
+
+// MemTable: the in-memory sorted table that receives every write. It keeps
+// the newest operation per key (deletion markers included) and is always
+// held through std::shared_ptr, so that the engine, the background flush and
+// any number of read views can hold it at once.
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/mutex.h"
+#include "common/thread_annotations.h"
+#include "lsm/entry.h"
+
+namespace kandb::lsm {
+
+class MemTable {
+ public:
+  MemTable() = default;
+  MemTable(const MemTable&) = delete;
+  MemTable& operator=(const MemTable&) = delete;
+
+  // Stores every entry of `batch` in order (a later entry for the same key
+  // wins) and grows the size estimate by 32 + key + value bytes per entry.
+  // Takes the lock exclusively; only the write leader (and Open) call it.
+  void Apply(const WriteBatch& batch) EXCLUDES(mu_);
+
+  // The stored operation for `key`: returns false when the key is absent,
+  // otherwise true with *op and *value filled (a deletion marker too).
+  bool Lookup(const std::string& key, uint8_t* op, std::string* value) const EXCLUDES(mu_);
+
+  // Copies the entries of [start, end) in key order, deletion markers
+  // included. An empty `start` begins at the smallest key, an empty `end`
+  // has no upper bound, and a `limit` of 0 means no limit.
+  std::vector<Entry> Dump(const std::string& start, const std::string& end, size_t limit) const
+      EXCLUDES(mu_);
+
+  // Grow-only size estimate compared with the write buffer size.
+  uint64_t ApproximateBytes() const EXCLUDES(mu_);
+
+  // Records a write-ahead log whose records went into this memtable; the
+  // file is deleted once the memtable has been flushed to a table file.
+  void AddWalFile(std::string path) EXCLUDES(mu_);
+  std::vector<std::string> WalFiles() const EXCLUDES(mu_);
+
+ private:
+  // Innermost lock of the engine: taken with the engine's db mutex held
+  // (write leader) or with no engine lock at all (readers, the flush).
+  mutable SharedMutex mu_;
+  // Paths of the logs to delete after the flush. Only the holder of the
+  // engine's db mutex appends; the lock makes the later read by the
+  // background thread safe without reasoning about that hand-over.
+  std::vector<std::string> wal_files_ GUARDED_BY(mu_);
+  // Key -> (op, value); std::string orders bytewise, as the engine requires.
+  std::map<std::string, std::pair<uint8_t, std::string>> table_ GUARDED_BY(mu_);
+  // Never decreases: overwrites and deletions add their size too, so a
+  // memtable that keeps rewriting one key still fills up and is switched.
+  uint64_t approximate_bytes_ GUARDED_BY(mu_) = 0;
+};
+
+}  // namespace kandb::lsm
+
+#endif  // KANDB_LSM_MEMTABLE_H_
