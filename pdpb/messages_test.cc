@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <functional>
 #include <limits>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -248,6 +250,116 @@ TEST(MessagesTest, LastOccurrenceOfANestedMessageReplacesItWhole) {
   ASSERT_TRUE(DecodeCopy(bytes, &upsert));
   EXPECT_EQ(upsert.regions.size(), 2u);
   EXPECT_EQ(upsert.removed_region_ids, (std::vector<uint64_t>{1, 2}));
+}
+
+
+// One message type behind a uniform face, for the robustness sweep below.
+struct Codec {
+  const char* name;
+  std::string valid;  // a rich encoding of the type
+  std::function<bool(const std::string&)> decode;
+};
+
+template <typename M>
+Codec MakeCodec(const char* name, const M& sample) {
+  return {name, Encode(sample), [](const std::string& input) {
+            M m;
+            if (!DecodeCopy(input, &m)) return false;
+            // Whatever a decoder accepts re-encodes to something that decodes
+            // to the same value.
+            M again;
+            EXPECT_TRUE(DecodeCopy(Encode(m), &again));
+            EXPECT_EQ(again, m);
+            return true;
+          }};
+}
+
+std::vector<Codec> AllCodecs() {
+  const RegionHeartbeatEntry entry{3, {1, 2}, {2}, {kMax}};
+  return {
+      MakeCodec("RegionEpoch", RegionEpoch{1, kMax}),
+      MakeCodec("Peer", Peer{1, 2, 1}),
+      MakeCodec("Store", Store{1, kBinary, 1}),
+      MakeCodec("Region", SampleRegion(1, 5)),
+      MakeCodec("TsoRequest", TsoRequest{3}),
+      MakeCodec("TsoResponse", TsoResponse{kMax, 3}),
+      MakeCodec("AllocIdRequest", AllocIdRequest{3}),
+      MakeCodec("AllocIdResponse", AllocIdResponse{kMax, 3}),
+      MakeCodec("BootstrapRequest",
+                BootstrapRequest{Store{1, "a:1", 0}, SampleRegion(2, 2), {SampleRegion(3, 1)}}),
+      MakeCodec("BootstrapResponse", BootstrapResponse{true}),
+      MakeCodec("GetRegionRequest", GetRegionRequest{kBinary}),
+      MakeCodec("GetRegionResponse", GetRegionResponse{SampleRegion(4, 3), Peer{40, 1, 0},
+                                                       Store{1, "a", 0}, {Store{2, "b", 1}}}),
+      MakeCodec("UpsertRegionRequest",
+                UpsertRegionRequest{{SampleRegion(5, 2), SampleRegion(6, 1)}, {7, 8}}),
+      MakeCodec("UpsertRegionResponse", UpsertRegionResponse{"stale epoch"}),
+      MakeCodec("RegionHeartbeatEntry", entry),
+      MakeCodec("RegionHeartbeatRequest", RegionHeartbeatRequest{1, {entry, entry}, {9}}),
+      MakeCodec("ScheduleCommand", ScheduleCommand{kAddPeer, 1, 2, "h:1"}),
+      MakeCodec("RegionHeartbeatResponse",
+                RegionHeartbeatResponse{{ScheduleCommand{kAddPeer, 1, 2, "h:1"},
+                                         ScheduleCommand{kRemovePeer, 1, 3, ""}}}),
+  };
+}
+
+// Offsets at which a top-level record of `bytes` starts or the input ends.
+std::vector<bool> RecordBoundaries(const std::string& bytes) {
+  std::vector<bool> boundary(bytes.size() + 1, false);
+  size_t pos = 0;
+  boundary[0] = true;
+  while (pos < bytes.size()) {
+    pos += kFieldHeaderSize + DecodeFixed32(bytes.data() + pos + 2);
+    boundary[pos] = true;
+  }
+  return boundary;
+}
+
+TEST(MessagesTest, EveryPrefixDecodesIffItEndsOnARecordBoundary) {
+  for (const Codec& codec : AllCodecs()) {
+    SCOPED_TRACE(codec.name);
+    ASSERT_TRUE(codec.decode(codec.valid));
+    const std::vector<bool> boundary = RecordBoundaries(codec.valid);
+    for (size_t n = 0; n <= codec.valid.size(); ++n) {
+      EXPECT_EQ(codec.decode(codec.valid.substr(0, n)), boundary[n]) << "prefix " << n;
+    }
+  }
+}
+
+// Random damage must never make a decoder read outside its input (the
+// sanitizer build turns that into a failure) nor accept something it cannot
+// re-encode.
+TEST(MessagesTest, DecodersSurviveRandomDamage) {
+  std::mt19937 rng(20240601);
+  auto below = [&rng](size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng); };
+  for (const Codec& codec : AllCodecs()) {
+    SCOPED_TRACE(codec.name);
+    int accepted = 0;
+    for (int round = 0; round < 3000; ++round) {
+      std::string input = codec.valid;
+      const int edits = 1 + static_cast<int>(below(3));
+      for (int e = 0; e < edits && !input.empty(); ++e) {
+        switch (below(4)) {
+          case 0:  // overwrite one byte
+            input[below(input.size())] = static_cast<char>(below(256));
+            break;
+          case 1:  // flip one bit: a length stays plausible and the walk goes deeper
+            input[below(input.size())] ^= static_cast<char>(1 << below(8));
+            break;
+          case 2:  // cut the tail
+            input.resize(below(input.size()));
+            break;
+          case 3:  // insert a few random bytes
+            input.insert(below(input.size() + 1), std::string(1 + below(7),
+                                                              static_cast<char>(below(256))));
+            break;
+        }
+      }
+      if (codec.decode(input)) ++accepted;
+    }
+    // Some damage (inside string values, unknown tags) is legitimately accepted.
+    EXPECT_GT(accepted, 0);
+  }
 }
 
 }  // namespace
