@@ -1,0 +1,125 @@
+#ifndef KANDB_RPC_FRAME_H_
+#define KANDB_RPC_FRAME_H_
+
+// Frames: the unit of traffic on a kanrpc connection, and the blocking socket
+// I/O with per-wait time-outs that both the server and the client use.
+//
+// Layout (little-endian; M = method length, P = payload length):
+//   0       4  magic "KRPC"
+//   4       1  type (FrameType)
+//   5       8  request id
+//   13      2  method length, at most kMaxMethodLength
+//   15      M  method name
+//   15+M    4  payload length, at most kMaxPayloadLength
+//   19+M    P  payload
+//   19+M+P  4  CRC-32C of bytes [4, 19+M+P): type through payload
+//
+// Failures and their codes: "kanrpc: connection closed" is code 3 (NotFound);
+// every other transport failure is code 2 (Corruption). A failed read leaves
+// the connection at an unknown position; callers close it.
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "common/status.h"
+
+namespace kandb::kanrpc {
+
+enum class FrameType : uint8_t {
+  kRequest = 0,
+  kResponse = 1,  // a successful answer; the payload is the encoded response
+  kError = 2,     // a failed call; the payload is the failure's text
+};
+
+inline constexpr char kFrameMagic[4] = {'K', 'R', 'P', 'C'};
+// Magic, type, request id and method length: what precedes the method name.
+inline constexpr size_t kFrameHeaderSize = 15;
+inline constexpr size_t kFrameCrcSize = 4;
+// Empty method and empty payload: header, payload length and crc.
+inline constexpr size_t kMinFrameSize = kFrameHeaderSize + 4 + kFrameCrcSize;
+// The two limits bound what a peer can make a reader buffer before the
+// checksum is verified.
+inline constexpr size_t kMaxMethodLength = 256;
+inline constexpr size_t kMaxPayloadLength = size_t{64} << 20;
+
+// A decoded frame. The type byte is kept as read; it may hold a value that
+// names no FrameType (the client rejects those).
+struct Frame {
+  FrameType type = FrameType::kRequest;
+  uint64_t request_id = 0;
+  std::string method;
+  std::string payload;
+};
+
+// Appends one complete frame to *dst, so that it can be written with a single
+// WriteAll. Requires method.size() <= kMaxMethodLength and payload.size() <=
+// kMaxPayloadLength (a longer frame would be refused by every reader).
+void AppendFrame(std::string* dst, FrameType type, uint64_t request_id, const std::string& method,
+                 const std::string& payload);
+// The frame as one new buffer; see AppendFrame.
+std::string BuildFrame(FrameType type, uint64_t request_id, const std::string& method,
+                       const std::string& payload);
+
+// Time-outs: a negative timeout_ms blocks without limit; otherwise it bounds
+// each single wait for the socket to become ready, not the whole transfer.
+
+// Sends data[0, n) completely. Never raises SIGPIPE on a closed peer.
+Status WriteAll(int fd, const char* data, size_t n, int timeout_ms);
+// Receives exactly n bytes into buf, never more.
+Status ReadExact(int fd, char* buf, size_t n, int timeout_ms);
+
+// Reads frames from one connection. In read-ahead mode each receive takes as
+// many bytes as the socket holds (up to the buffer's free space), so a request
+// that arrived whole costs one receive, and frames sent back to back are
+// parsed out of the buffer without further system calls. Without read-ahead
+// it never consumes a byte past the frame it returns.
+//
+// The checks run in wire order as soon as their bytes are present: magic,
+// method length, payload length, crc. A length over its limit is refused
+// before any byte it announces is waited for. The buffer grows with the bytes
+// that actually arrived, so a peer that announces 64 MiB and stalls costs
+// little memory.
+//
+// Not thread-safe; one reader per connection, used by one thread at a time.
+class FrameReader {
+ public:
+  explicit FrameReader(int fd, bool read_ahead = true);
+  FrameReader(const FrameReader&) = delete;
+  FrameReader& operator=(const FrameReader&) = delete;
+
+  // Reads and checks the next frame into *frame, which is left untouched on
+  // failure. After a failure the connection's position is unknown: close it,
+  // or Reset the reader onto a new connection.
+  Status Read(Frame* frame, int timeout_ms);
+
+  // Starts over on another (or the same, reconnected) socket, dropping every
+  // buffered byte.
+  void Reset(int fd);
+
+  // Bytes received but not yet returned as part of a frame.
+  size_t buffered() const { return end_ - start_; }
+  // Current size of the receive buffer, for tests of the growth policy.
+  size_t capacity() const { return capacity_; }
+
+ private:
+  // Receives until at least `need` unread bytes are buffered.
+  Status Fill(size_t need, int timeout_ms);
+  // Makes free space after end_, compacting or growing towards `need`.
+  void MakeRoom(size_t need);
+
+  int fd_;
+  const bool read_ahead_;
+  std::unique_ptr<char[]> buf_;
+  size_t capacity_ = 0;
+  size_t start_ = 0;  // first unread byte
+  size_t end_ = 0;    // one past the last received byte
+};
+
+// Reads one frame without reading ahead (see FrameReader).
+Status ReadFrame(int fd, Frame* frame, int timeout_ms);
+
+}  // namespace kandb::kanrpc
+
+#endif  // KANDB_RPC_FRAME_H_
