@@ -17,7 +17,9 @@ uint32_t Crc32c(const char* data, size_t n);
 // Crc32cExtend(Crc32c(a), b) == Crc32c(a + b).
 uint32_t Crc32cExtend(uint32_t crc, const char* data, size_t n);
 
-// Both paths, for tests and benchmarks; identical results.
+// Both paths, for tests and benchmarks; identical results. On x86-64 the
+// hardware one executes the CRC32 instruction unconditionally: call it only
+// when Crc32cHardwareEnabled() is true.
 uint32_t Crc32cExtendHardware(uint32_t crc, const char* data, size_t n);
 uint32_t Crc32cExtendTable(uint32_t crc, const char* data, size_t n);
 // Whether the hardware path was chosen at start.
