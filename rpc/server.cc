@@ -1,0 +1,137 @@
+#include "rpc/server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "rpc/frame.h"
+#include "rpc/sys_error.h"
+
+namespace kandb::kanrpc {
+
+RpcServer::RpcServer() : shared_(std::make_shared<Shared>()) {}
+
+RpcServer::~RpcServer() { Stop(); }
+
+void RpcServer::RegisterRaw(const std::string& method, RawHandler handler) {
+  shared_->methods[method] = std::move(handler);
+}
+
+Status RpcServer::Start(int port, const std::string& bind_addr) {
+  if (shared_->stopping.load(std::memory_order_acquire)) {
+    return Status::InvalidArgument("kanrpc: server stopped");
+  }
+  if (listen_fd_.load() >= 0) return Status::InvalidArgument("kanrpc: server already started");
+
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return Status::Corruption("socket() failed");
+  const int one = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+
+  struct sockaddr_in addr = {};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  if (inet_pton(AF_INET, bind_addr.c_str(), &addr.sin_addr) != 1) {
+    close(fd);
+    return Status::InvalidArgument("invalid IPv4 bind address: " + bind_addr);
+  }
+  if (bind(fd, reinterpret_cast<const struct sockaddr*>(&addr), sizeof(addr)) != 0) {
+    const int err = errno;
+    close(fd);
+    return Status::Corruption("bind " + bind_addr + ":" + std::to_string(port) +
+                              " failed: " + ErrnoText(err));
+  }
+  if (listen(fd, kListenBacklog) != 0) {
+    close(fd);
+    return Status::Corruption("listen failed");
+  }
+
+  struct sockaddr_in bound = {};
+  socklen_t bound_length = sizeof(bound);
+  if (getsockname(fd, reinterpret_cast<struct sockaddr*>(&bound), &bound_length) == 0) {
+    bound_port_ = ntohs(bound.sin_port);
+  }
+  listen_fd_.store(fd);
+  MutexLock lock(&join_mu_);
+  // The thread start publishes the method table to every later reader.
+  accept_thread_ = std::thread(&RpcServer::AcceptLoop, shared_, fd);
+  return Status::OK();
+}
+
+void RpcServer::AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd) {
+  while (!shared->stopping.load(std::memory_order_acquire)) {
+    const int conn = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (conn < 0) {
+      if (errno == EINTR) continue;
+      // Stop shuts the listening socket down, which lands here.
+      break;
+    }
+    const int one = 1;
+    setsockopt(conn, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    std::thread(&RpcServer::ServeConnection, shared, conn).detach();
+  }
+}
+
+void RpcServer::ServeConnection(std::shared_ptr<const Shared> shared, int fd) {
+  FrameReader reader(fd);
+  // Reused across requests so that a steady stream of small calls does not
+  // allocate for its frames.
+  Frame request;
+  std::string response;
+  std::string out;
+  while (!shared->stopping.load(std::memory_order_acquire)) {
+    // No time-out: an idle client may keep its connection as long as it
+    // likes. A frame that cannot be read leaves the stream at an unknown
+    // position, so the connection is dropped without an answer.
+    if (!reader.Read(&request, -1).ok()) break;
+
+    FrameType type = FrameType::kResponse;
+    response.clear();
+    auto it = shared->methods.find(request.method);
+    if (it == shared->methods.end()) {
+      type = FrameType::kError;
+      response.append("unknown method: ").append(request.method);
+    } else {
+      Status s = it->second(request.payload, &response);
+      if (!s.ok()) {
+        type = FrameType::kError;
+        response = s.ToString();
+      }
+    }
+
+    out.clear();
+    AppendFrame(&out, type, request.request_id, request.method, response);
+    if (!WriteAll(fd, out.data(), out.size(), kWriteTimeoutMs).ok()) break;
+  }
+  close(fd);
+}
+
+void RpcServer::Wait() {
+  MutexLock lock(&join_mu_);
+  if (accept_thread_.joinable()) accept_thread_.join();
+}
+
+void RpcServer::Stop() {
+  bool expected = false;
+  if (!shared_->stopping.compare_exchange_strong(expected, true)) return;
+  const int fd = listen_fd_.load();
+  // Shutting the listening socket down fails the blocked accept, which ends
+  // the accept loop. The socket is closed only after the join, so that its
+  // number cannot be reused under a thread still calling accept on it.
+  if (fd >= 0) shutdown(fd, SHUT_RDWR);
+  {
+    MutexLock lock(&join_mu_);
+    if (accept_thread_.joinable()) accept_thread_.join();
+  }
+  if (fd >= 0) {
+    close(fd);
+    listen_fd_.store(-1);
+  }
+}
+
+}  // namespace kandb::kanrpc
