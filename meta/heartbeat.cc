@@ -1,0 +1,157 @@
+// Region heartbeats and replica scheduling. Four policies run on every
+// heartbeat, and their commands are answered in this order: learner
+// promotion and auto-heal for each reported region, then stale-replica
+// clean-up, then leadership transfers.
+//
+// The choice rules are deliberately simple: the first eligible store in the
+// key order of its record (not the least loaded one), at most one change per
+// region per heartbeat, and the reporting store never removes itself.
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "meta/keys.h"
+#include "meta/pd_service.h"
+
+namespace kandb::meta {
+namespace {
+
+using pdpb::RegionHeartbeatEntry;
+using pdpb::ScheduleCommand;
+
+bool Contains(const std::vector<uint64_t>& ids, uint64_t id) {
+  return std::find(ids.begin(), ids.end(), id) != ids.end();
+}
+
+ScheduleCommand Command(uint32_t kind, uint64_t region_id, uint64_t store_id,
+                        std::string address = std::string()) {
+  ScheduleCommand c;
+  c.kind = kind;
+  c.region_id = region_id;
+  c.store_id = store_id;
+  c.address = std::move(address);
+  return c;
+}
+
+// The registered stores in the key order of their records; records that do
+// not decode are skipped.
+Status LoadStores(store::MetaStore* store, std::vector<pdpb::Store>* out) {
+  std::vector<store::KeyValue> records;
+  Status s = store->Scan(kStorePrefix, kStoreScanEnd, kStoreScanLimit, &records);
+  if (!s.ok()) return s;
+  out->clear();
+  for (const store::KeyValue& record : records) {
+    pdpb::Store st;
+    if (pdpb::Decode(record.second.size(), record.second.data(), &st)) out->push_back(std::move(st));
+  }
+  return Status::OK();
+}
+
+// Grows an under-replicated region by one replica: the first store, in key
+// order, that holds no member and has an address to reach it at.
+void ScheduleAddPeer(const RegionHeartbeatEntry& entry, const std::vector<pdpb::Store>& stores,
+                     std::vector<ScheduleCommand>* commands) {
+  for (const pdpb::Store& st : stores) {
+    if (Contains(entry.member_store_ids, st.id) || st.address.empty()) continue;
+    commands->push_back(Command(pdpb::kAddPeer, entry.region_id, st.id, st.address));
+    return;
+  }
+}
+
+// Shrinks an over-replicated region by one replica: the first member the
+// reporter marks as a candidate, else the first member at all, the
+// reporting store itself never being chosen. A chosen id of 0 is no store.
+void ScheduleRemovePeer(const RegionHeartbeatEntry& entry, uint64_t reporter,
+                        std::vector<ScheduleCommand>* commands) {
+  const std::vector<uint64_t>& members = entry.member_store_ids;
+  auto chosen = std::find_if(members.begin(), members.end(), [&](uint64_t m) {
+    return m != reporter && Contains(entry.candidate_store_ids, m);
+  });
+  if (chosen == members.end()) {
+    chosen = std::find_if(members.begin(), members.end(), [&](uint64_t m) { return m != reporter; });
+  }
+  if (chosen == members.end() || *chosen == 0) return;
+  commands->push_back(Command(pdpb::kRemovePeer, entry.region_id, *chosen));
+}
+
+}  // namespace
+
+Status PdService::RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
+                                  pdpb::RegionHeartbeatResponse* resp) {
+  // A store list that cannot be read fails the heartbeat rather than
+  // scheduling from a partial view; the store repeats its heartbeat anyway.
+  std::vector<pdpb::Store> stores;
+  Status s = LoadStores(store_, &stores);
+  if (!s.ok()) return s;
+
+  pdpb::RegionHeartbeatResponse answer;
+  std::vector<ScheduleCommand>& commands = answer.commands;
+
+  // Promotion (always on) and auto-heal (when a target is set).
+  for (const RegionHeartbeatEntry& entry : req.regions) {
+    for (uint64_t learner : entry.caught_up_learner_store_ids) {
+      commands.push_back(Command(pdpb::kPromoteLearner, entry.region_id, learner));
+    }
+    if (target_replicas_ == 0) continue;
+    const size_t members = entry.member_store_ids.size();
+    if (target_replicas_ > members) {
+      ScheduleAddPeer(entry, stores, &commands);
+    } else if (target_replicas_ < members) {
+      ScheduleRemovePeer(entry, req.store_id, &commands);
+    }
+  }
+
+  // Stale replicas: a region whose record no longer lists the reporter. A
+  // record that is absent, unreadable or undecodable gives no command: the
+  // region may be newer than its record (a split not yet reported), and
+  // destroying a replica on missing knowledge could lose the only copy.
+  for (uint64_t region_id : req.region_ids) {
+    std::string value;
+    bool found = false;
+    if (!store_->Get(RegionKey(region_id), &value, &found).ok() || !found) continue;
+    pdpb::Region region;
+    if (!pdpb::Decode(value.size(), value.data(), &region)) continue;
+    const bool listed = std::any_of(region.peers.begin(), region.peers.end(),
+                                    [&](const pdpb::Peer& p) { return p.store_id == req.store_id; });
+    if (!listed) commands.push_back(Command(pdpb::kDestroyStaleReplica, region_id, req.store_id));
+  }
+
+  BalanceLeaders(req, stores.size(), &answer);
+  *resp = std::move(answer);
+  return Status::OK();
+}
+
+void PdService::BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t candidate_stores,
+                               pdpb::RegionHeartbeatResponse* resp) {
+  MutexLock lock(&heartbeat_mutex_);
+  for (const RegionHeartbeatEntry& entry : req.regions) {
+    heartbeat_marks_[entry.region_id] = req.store_id;
+  }
+
+  // Counted once per heartbeat: transfers chosen below do not change the
+  // figures until the stores report the new leadership.
+  std::map<uint64_t, uint64_t> led;
+  for (const auto& [region_id, store_id] : heartbeat_marks_) led[store_id]++;
+  const uint64_t own = led[req.store_id];
+  if (own < 2 || candidate_stores < 2) return;
+
+  for (const RegionHeartbeatEntry& entry : req.regions) {
+    uint64_t target = 0;
+    bool chosen = false;
+    uint64_t best = own - 1;  // a transfer must leave the target clearly less loaded
+    for (uint64_t member : entry.member_store_ids) {
+      if (member == req.store_id || !Contains(entry.candidate_store_ids, member)) continue;
+      auto it = led.find(member);
+      const uint64_t count = it == led.end() ? 0 : it->second;
+      if (count < best) {  // strict: on equal counts the earlier member stays
+        best = count;
+        target = member;
+        chosen = true;
+      }
+    }
+    if (chosen) resp->commands.push_back(Command(pdpb::kTransferLeader, entry.region_id, target));
+  }
+}
+
+}  // namespace kandb::meta

@@ -1,0 +1,209 @@
+#include "meta/pd_service.h"
+
+#include <chrono>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/coding.h"
+#include "meta/keys.h"
+
+namespace kandb::meta {
+namespace {
+
+uint64_t WallClockMs() {
+  const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
+  return static_cast<uint64_t>(
+             std::chrono::duration_cast<std::chrono::nanoseconds>(since_epoch).count()) /
+         1000000;
+}
+
+// Whether `key` lies in [start_key, end_key), an empty bound being open.
+// std::string compares as unsigned bytes, a proper prefix being smaller.
+bool Covers(const pdpb::Region& region, const std::string& key) {
+  return (region.start_key.empty() || region.start_key <= key) &&
+         (region.end_key.empty() || key < region.end_key);
+}
+
+}  // namespace
+
+PdService::PdService(store::MetaStore* store, uint32_t target_replicas)
+    : PdService(store, target_replicas, WallClockMs) {}
+
+PdService::PdService(store::MetaStore* store, uint32_t target_replicas, ClockMs clock_ms)
+    : store_(store),
+      target_replicas_(target_replicas),
+      clock_ms_(std::move(clock_ms)),
+      next_id_(LoadNextId(store)) {}
+
+uint64_t PdService::LoadNextId(store::MetaStore* store) {
+  std::string value;
+  bool found = false;
+  if (!store->Get(kIdAllocKey, &value, &found).ok() || !found) return kFirstId;
+  // A mark of any other length is damaged. Numbering then restarts at 0,
+  // deliberately unlike the absent case: the record existed, so ids were
+  // handed out, and nothing better than 0 is known about where they ended.
+  if (value.size() != 8) return 0;
+  return DecodeFixed64(value.data());
+}
+
+Status PdService::Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) {
+  const uint64_t n = req.count == 0 ? 1 : req.count;
+  MutexLock lock(&tso_mutex_);
+  const uint64_t now = clock_ms_();
+  uint64_t physical = tso_physical_;
+  uint64_t logical = tso_logical_;
+  // A clock that stood still or went backwards keeps the last physical part,
+  // so timestamps keep growing.
+  if (tso_physical_ < now) {
+    tso_physical_ = physical = now;
+    tso_logical_ = logical = 0;
+  }
+  // A batch may end at logical kMaxLogical - 1 but never uses kMaxLogical;
+  // past that it moves to the next millisecond without waiting for the clock.
+  if (logical + n > kMaxLogical) {
+    tso_physical_ = ++physical;
+    tso_logical_ = logical = 0;
+  }
+  resp->timestamp = physical << kLogicalBits | logical;
+  resp->count = static_cast<uint32_t>(n);
+  tso_logical_ += n;
+  return Status::OK();
+}
+
+Status PdService::AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp) {
+  const uint64_t n = req.count == 0 ? 1 : req.count;
+  MutexLock lock(&id_mutex_);
+  // Re-read the mark each time rather than trusting memory; an unreadable
+  // or damaged mark counts as 0, which only forces a fresh write.
+  uint64_t persisted = 0;
+  std::string value;
+  bool found = false;
+  if (store_->Get(kIdAllocKey, &value, &found).ok() && found && value.size() == 8) {
+    persisted = DecodeFixed64(value.data());
+  }
+  const uint64_t end = next_id_ + n;
+  if (persisted < end) {
+    // The mark must be durable before any id below it is handed out: after
+    // a crash numbering resumes at the mark, skipping but never reusing ids.
+    std::string mark;
+    PutFixed64(&mark, end + kIdMargin);
+    Status s = store_->Put({{kIdAllocKey, mark}});
+    if (!s.ok()) return s;
+  }
+  resp->first_id = next_id_;
+  resp->count = static_cast<uint32_t>(n);
+  next_id_ = end;
+  return Status::OK();
+}
+
+Status PdService::Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapResponse* resp) {
+  // Only the marker's presence counts; an unreadable marker is taken as absent.
+  std::string marker;
+  bool bootstrapped = false;
+  if (!store_->Get(kBootstrappedKey, &marker, &bootstrapped).ok()) bootstrapped = false;
+
+  if (bootstrapped) {
+    // A store registering on an existing cluster. The answer is OK even when
+    // this write fails: the store re-registers on its next start.
+    Status ignored = store_->Put({{StoreKey(req.store.id), pdpb::Encode(req.store)}});
+    (void)ignored;
+    resp->already_bootstrapped = true;
+    return Status::OK();
+  }
+
+  // The marker goes in the same batch as the records, so a crash leaves all
+  // of them or none. Two racing first bootstraps both write; the later batch
+  // wins key by key.
+  std::vector<store::KeyValue> batch;
+  batch.reserve(3 + req.extra_regions.size());
+  batch.emplace_back(kBootstrappedKey, "1");
+  batch.emplace_back(StoreKey(req.store.id), pdpb::Encode(req.store));
+  batch.emplace_back(RegionKey(req.region.id), pdpb::Encode(req.region));
+  for (const pdpb::Region& region : req.extra_regions) {
+    batch.emplace_back(RegionKey(region.id), pdpb::Encode(region));
+  }
+  Status s = store_->Put(batch);
+  if (!s.ok()) return s;
+  resp->already_bootstrapped = false;
+  return Status::OK();
+}
+
+Status PdService::GetRegion(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp) {
+  std::vector<store::KeyValue> records;
+  Status s = store_->Scan(kRegionPrefix, kRegionScanEnd, kRegionScanLimit, &records);
+  if (!s.ok()) return s;
+  if (records.empty()) return Status::NotFound("cluster not bootstrapped");
+
+  // The first covering region in key order wins; overlaps are not checked.
+  // A record that does not decode covers nothing, so the other regions stay
+  // routable; but when no region covers the key and such a record was met,
+  // the answer names the damage rather than a gap in the key space.
+  pdpb::Region region;
+  bool covered = false;
+  bool undecodable = false;
+  for (const store::KeyValue& record : records) {
+    pdpb::Region candidate;
+    if (!pdpb::Decode(record.second.size(), record.second.data(), &candidate)) {
+      undecodable = true;
+      continue;
+    }
+    if (Covers(candidate, req.key)) {
+      region = std::move(candidate);
+      covered = true;
+      break;
+    }
+  }
+  if (!covered) {
+    if (undecodable) return Status::Corruption("bad region record");
+    return Status::NotFound("no region covers key");
+  }
+
+  pdpb::GetRegionResponse answer;
+  if (!region.peers.empty()) {
+    // The service keeps no leadership knowledge: the first listed peer
+    // stands for the leader.
+    answer.leader = region.peers.front();
+    std::string value;
+    bool found = false;
+    s = store_->Get(StoreKey(answer.leader.store_id), &value, &found);
+    if (!s.ok()) return s;
+    if (found && !pdpb::Decode(value.size(), value.data(), &answer.leader_store)) {
+      return Status::Corruption("bad store record");
+    }
+    // The peers' stores, in peer order; absent and undecodable records are
+    // left out (the leader's was already checked above).
+    for (const pdpb::Peer& peer : region.peers) {
+      found = false;
+      s = store_->Get(StoreKey(peer.store_id), &value, &found);
+      if (!s.ok()) return s;
+      pdpb::Store store;
+      if (found && pdpb::Decode(value.size(), value.data(), &store)) {
+        answer.stores.push_back(std::move(store));
+      }
+    }
+  }
+  answer.region = std::move(region);
+  *resp = std::move(answer);
+  return Status::OK();
+}
+
+Status PdService::UpsertRegion(const pdpb::UpsertRegionRequest& req,
+                               pdpb::UpsertRegionResponse* resp) {
+  // Deliberately unconditional: no epoch or range checks. The reporting
+  // stores are trusted to send records no older than those stored.
+  std::vector<store::KeyValue> puts;
+  puts.reserve(req.regions.size());
+  for (const pdpb::Region& region : req.regions) {
+    puts.emplace_back(RegionKey(region.id), pdpb::Encode(region));
+  }
+  std::vector<std::string> deletes;
+  deletes.reserve(req.removed_region_ids.size());
+  for (uint64_t id : req.removed_region_ids) deletes.push_back(RegionKey(id));
+  Status s = store_->Write(puts, deletes);
+  if (!s.ok()) return s;
+  resp->message.clear();
+  return Status::OK();
+}
+
+}  // namespace kandb::meta

@@ -1,0 +1,114 @@
+#ifndef KANDB_META_PD_SERVICE_H_
+#define KANDB_META_PD_SERVICE_H_
+
+// PdService: the placement driver of the cluster. It hands out timestamps
+// and identifiers, records the cluster's bootstrap, routes keys to regions,
+// accepts region updates and answers region heartbeats with scheduling
+// commands.
+//
+// The service keeps no copy of stores or regions in memory: every handler
+// reads what it needs from the metadata store and writes every change there
+// before it answers. Only the timestamp state, the identifier counter and
+// the heartbeat bookkeeping live in memory, each under its own mutex; the
+// three mutexes are never held together and never across a call into
+// another subsystem except the metadata store. Handlers run concurrently on
+// the RPC server's connection threads.
+
+#include <cstdint>
+#include <functional>
+#include <map>
+
+#include "common/mutex.h"
+#include "common/status.h"
+#include "common/thread_annotations.h"
+#include "pdpb/messages.h"
+#include "store/meta_store.h"
+
+namespace kandb::kanrpc {
+class RpcServer;
+}  // namespace kandb::kanrpc
+
+namespace kandb::meta {
+
+class PdService {
+ public:
+  // Milliseconds since the Unix epoch; the timestamp oracle's physical clock.
+  using ClockMs = std::function<uint64_t()>;
+
+  // Timestamps are physical << 18 | logical; logical never reaches
+  // kMaxLogical, which always overflows into the next millisecond.
+  static constexpr int kLogicalBits = 18;
+  static constexpr uint64_t kMaxLogical = (1u << kLogicalBits) - 1;
+  // Identifier numbering on a state directory that has never allocated one.
+  static constexpr uint64_t kFirstId = 1024;
+  // How far the persisted high-water mark runs ahead of the last identifier
+  // handed out, so that most allocations need no write.
+  static constexpr uint64_t kIdMargin = 1000;
+
+  // `store` is not owned and must outlive the service. `target_replicas` 0
+  // turns auto-heal off. Loads the identifier counter from the store; never
+  // fails. Uses the wall clock.
+  PdService(store::MetaStore* store, uint32_t target_replicas);
+  // The same with another clock, so tests can stand time still.
+  PdService(store::MetaStore* store, uint32_t target_replicas, ClockMs clock_ms);
+
+  PdService(const PdService&) = delete;
+  PdService& operator=(const PdService&) = delete;
+
+  // Each handler fills *resp only when it returns OK.
+
+  // A batch of `count` (0 read as 1) consecutive timestamps. Always OK.
+  Status Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) EXCLUDES(tso_mutex_);
+  // A batch of `count` (0 read as 1) identifiers never handed out before,
+  // across restarts too. Fails only when the high-water mark cannot be written.
+  Status AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp)
+      EXCLUDES(id_mutex_);
+  // Records the first store and regions, or on an existing cluster only the
+  // caller's store record.
+  Status Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapResponse* resp);
+  // The first region in key order of its record that covers `key`, its
+  // first peer as leader, and the store records of its peers.
+  Status GetRegion(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp);
+  // Writes and deletes region records as one batch, unconditionally.
+  Status UpsertRegion(const pdpb::UpsertRegionRequest& req, pdpb::UpsertRegionResponse* resp);
+  // Scheduling commands for the regions the reporting store leads.
+  Status RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
+                         pdpb::RegionHeartbeatResponse* resp) EXCLUDES(heartbeat_mutex_);
+
+  // Registers the six methods ("Pd.Tso", "Pd.AllocId", "Pd.Bootstrap",
+  // "Pd.GetRegion", "Pd.UpsertRegion", "Pd.RegionHeartbeat") on `server`,
+  // before it starts. The service must outlive the server's use of them.
+  void RegisterTo(kanrpc::RpcServer* server);
+
+ private:
+  // The identifier counter at start, from the persisted high-water mark.
+  static uint64_t LoadNextId(store::MetaStore* store);
+
+  // The leadership transfers of one heartbeat (appended to *resp), after
+  // recording the reporter as the last reporter of each entry's region.
+  void BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t candidate_stores,
+                      pdpb::RegionHeartbeatResponse* resp) EXCLUDES(heartbeat_mutex_);
+
+  store::MetaStore* const store_;
+  const uint32_t target_replicas_;
+  const ClockMs clock_ms_;
+
+  // Serialises identifier batches, including their read and write of the
+  // persisted mark; no other handler takes it.
+  Mutex id_mutex_;
+  uint64_t next_id_ GUARDED_BY(id_mutex_);  // first identifier not yet handed out
+
+  // Serialises timestamp batches only.
+  Mutex tso_mutex_;
+  uint64_t tso_physical_ GUARDED_BY(tso_mutex_) = 0;  // ms of the last batch
+  uint64_t tso_logical_ GUARDED_BY(tso_mutex_) = 0;   // next free logical value in it
+
+  // Per region id, the store that reported it last: the load figure that
+  // leader balancing compares. Only the heartbeat handler touches it.
+  Mutex heartbeat_mutex_;
+  std::map<uint64_t, uint64_t> heartbeat_marks_ GUARDED_BY(heartbeat_mutex_);
+};
+
+}  // namespace kandb::meta
+
+#endif  // KANDB_META_PD_SERVICE_H_

@@ -1,0 +1,44 @@
+// Binds the service's handlers to their method names on the RPC server. The
+// server decodes each request payload (answering "bad request payload" when
+// it does not decode), calls the handler, and encodes the response only
+// when the handler succeeded.
+
+#include <functional>
+
+#include "meta/pd_service.h"
+#include "rpc/server.h"
+
+namespace kandb::meta {
+
+void PdService::RegisterTo(kanrpc::RpcServer* server) {
+  // Each closure holds only the service pointer; the entry point destroys
+  // the server before the service.
+  server->Register<pdpb::TsoRequest, pdpb::TsoResponse>(
+      "Pd.Tso", [this](const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) {
+        return Tso(req, resp);
+      });
+  server->Register<pdpb::AllocIdRequest, pdpb::AllocIdResponse>(
+      "Pd.AllocId", [this](const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp) {
+        return AllocId(req, resp);
+      });
+  server->Register<pdpb::BootstrapRequest, pdpb::BootstrapResponse>(
+      "Pd.Bootstrap", [this](const pdpb::BootstrapRequest& req, pdpb::BootstrapResponse* resp) {
+        return Bootstrap(req, resp);
+      });
+  server->Register<pdpb::GetRegionRequest, pdpb::GetRegionResponse>(
+      "Pd.GetRegion", [this](const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp) {
+        return GetRegion(req, resp);
+      });
+  server->Register<pdpb::UpsertRegionRequest, pdpb::UpsertRegionResponse>(
+      "Pd.UpsertRegion",
+      [this](const pdpb::UpsertRegionRequest& req, pdpb::UpsertRegionResponse* resp) {
+        return UpsertRegion(req, resp);
+      });
+  server->Register<pdpb::RegionHeartbeatRequest, pdpb::RegionHeartbeatResponse>(
+      "Pd.RegionHeartbeat",
+      [this](const pdpb::RegionHeartbeatRequest& req, pdpb::RegionHeartbeatResponse* resp) {
+        return RegionHeartbeat(req, resp);
+      });
+}
+
+}  // namespace kandb::meta
