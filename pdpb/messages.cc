@@ -7,7 +7,9 @@
 // and empty included, in ascending field number, so the size of a message
 // without repeated elements or strings is fixed by its field list. Decoders
 // state only what each known tag does; the shared loop in wire.h does the
-// walking, the bounds checks and the skipping of unknown tags.
+// walking, the bounds checks and the skipping of unknown tags. Decoders of
+// messages with repeated fields first count their records, so that each
+// vector is allocated once.
 
 namespace kandb::pdpb {
 
@@ -139,6 +141,7 @@ void EncodeTo(const Region& m, std::string* out) {
 std::string Encode(const Region& m) { return EncodeReserved(m); }
 
 bool Decode(size_t size, const char* data, Region* out) {
+  ReserveMore(&out->peers, CountFields<6>(size, data)[5]);
   return DecodeFields(size, data, [out](const Field& f) {
     switch (f.tag) {
       case 1: return ReadU64(f, &out->id);
@@ -243,6 +246,7 @@ void EncodeTo(const BootstrapRequest& m, std::string* out) {
 std::string Encode(const BootstrapRequest& m) { return EncodeReserved(m); }
 
 bool Decode(size_t size, const char* data, BootstrapRequest* out) {
+  ReserveMore(&out->extra_regions, CountFields<4>(size, data)[3]);
   return DecodeFields(size, data, [out](const Field& f) {
     switch (f.tag) {
       case 1: return ReadMessage(f, &out->store);
@@ -306,6 +310,7 @@ void EncodeTo(const GetRegionResponse& m, std::string* out) {
 std::string Encode(const GetRegionResponse& m) { return EncodeReserved(m); }
 
 bool Decode(size_t size, const char* data, GetRegionResponse* out) {
+  ReserveMore(&out->stores, CountFields<5>(size, data)[4]);
   return DecodeFields(size, data, [out](const Field& f) {
     switch (f.tag) {
       case 1: return ReadMessage(f, &out->region);
@@ -331,6 +336,9 @@ void EncodeTo(const UpsertRegionRequest& m, std::string* out) {
 std::string Encode(const UpsertRegionRequest& m) { return EncodeReserved(m); }
 
 bool Decode(size_t size, const char* data, UpsertRegionRequest* out) {
+  const auto counts = CountFields<3>(size, data);
+  ReserveMore(&out->regions, counts[1]);
+  ReserveMore(&out->removed_region_ids, counts[2]);
   return DecodeFields(size, data, [out](const Field& f) {
     switch (f.tag) {
       case 1: return ReadRepeatedMessage(f, &out->regions);
@@ -381,6 +389,10 @@ void EncodeTo(const RegionHeartbeatEntry& m, std::string* out) {
 std::string Encode(const RegionHeartbeatEntry& m) { return EncodeReserved(m); }
 
 bool Decode(size_t size, const char* data, RegionHeartbeatEntry* out) {
+  const auto counts = CountFields<5>(size, data);
+  ReserveMore(&out->member_store_ids, counts[2]);
+  ReserveMore(&out->caught_up_learner_store_ids, counts[3]);
+  ReserveMore(&out->candidate_store_ids, counts[4]);
   return DecodeFields(size, data, [out](const Field& f) {
     switch (f.tag) {
       case 1: return ReadU64(f, &out->region_id);
@@ -408,6 +420,9 @@ void EncodeTo(const RegionHeartbeatRequest& m, std::string* out) {
 std::string Encode(const RegionHeartbeatRequest& m) { return EncodeReserved(m); }
 
 bool Decode(size_t size, const char* data, RegionHeartbeatRequest* out) {
+  const auto counts = CountFields<4>(size, data);
+  ReserveMore(&out->regions, counts[2]);
+  ReserveMore(&out->region_ids, counts[3]);
   return DecodeFields(size, data, [out](const Field& f) {
     switch (f.tag) {
       case 1: return ReadU64(f, &out->store_id);
@@ -459,6 +474,7 @@ void EncodeTo(const RegionHeartbeatResponse& m, std::string* out) {
 std::string Encode(const RegionHeartbeatResponse& m) { return EncodeReserved(m); }
 
 bool Decode(size_t size, const char* data, RegionHeartbeatResponse* out) {
+  ReserveMore(&out->commands, CountFields<2>(size, data)[1]);
   return DecodeFields(size, data, [out](const Field& f) {
     switch (f.tag) {
       case 1: return ReadRepeatedMessage(f, &out->commands);

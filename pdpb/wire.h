@@ -12,6 +12,7 @@
 // as one byte, strings and nested messages as their raw bytes. A repeated
 // field is one record per element; an empty one writes nothing.
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -92,6 +93,31 @@ bool DecodeFields(size_t size, const char* data, OnField&& on_field) {
     if (!on_field(static_cast<const Field&>(field))) return false;
   }
   return size == 0;
+}
+
+// Counts the records of data[0, size) per tag, for tags below N; counting
+// stops at the first bad framing, which the decoding loop then reports. A
+// decoder uses it to size its repeated fields once instead of growing them
+// element by element. The counts are bounded by size / 6, so a hostile input
+// cannot make a reservation larger than decoding it would allocate anyway.
+template <size_t N>
+std::array<uint32_t, N> CountFields(size_t size, const char* data) {
+  std::array<uint32_t, N> counts{};
+  while (size >= kFieldHeaderSize) {
+    const uint16_t tag = DecodeFixed16(data);
+    const uint32_t length = DecodeFixed32(data + 2);
+    if (size - kFieldHeaderSize < length) break;
+    if (tag < N) ++counts[tag];
+    data += kFieldHeaderSize + length;
+    size -= kFieldHeaderSize + length;
+  }
+  return counts;
+}
+
+// Makes room for `more` elements beyond those *out already holds.
+template <typename T>
+void ReserveMore(std::vector<T>* out, size_t more) {
+  if (more > 0) out->reserve(out->size() + more);
 }
 
 // Per-type readers for use inside an `on_field` callback. Each returns false
