@@ -225,6 +225,19 @@ TEST_F(LogTest, OversizedLengthAndUndecodablePayloadEndReplay) {
   EXPECT_EQ(DecodeBatch("", 0, &out).message(), "batch: too short");
 }
 
+TEST_F(LogTest, PayloadOfExactlySixtyFourMebibytesIsAccepted) {
+  // All zeros (a sparse file): a batch of count 0 followed by ignored bytes.
+  const std::string payload(kMaxLogRecordPayload, '\0');
+  std::string header;
+  PutFixed32(&header, crypto::Crc32c(payload.data(), payload.size()));
+  PutFixed32(&header, kMaxLogRecordPayload);
+  WriteFileOrDie(path_, header);
+  ASSERT_EQ(::truncate(path_.c_str(), kLogRecordHeaderSize + kMaxLogRecordPayload), 0);
+  std::vector<WriteBatch> batches = Replay();
+  ASSERT_EQ(batches.size(), 1u);
+  EXPECT_TRUE(batches[0].empty());
+}
+
 TEST_F(LogTest, InjectedWriteAndSyncFailuresCarryTheSystemError) {
   FaultInjectingFileIo io;
   ScopedFileIo install(&io);
