@@ -37,8 +37,9 @@ class FaultInjectingFileIo : public FileIo {
   FaultInjectingFileIo& operator=(const FaultInjectingFileIo&) = delete;
 
   // Counting from now, the `nth` (1-based) call of kind `op` whose path
-  // contains `path_substring` (empty matches every call) fails with `error`
-  // instead of reaching the system. Replaces an earlier rule for `op`.
+  // contains `path_substring` (empty matches every call; a rename matches
+  // on either of its names) fails with `error` instead of reaching the
+  // system. Replaces an earlier rule for `op`.
   void FailNth(FileOp op, uint64_t nth, const std::string& path_substring = "", int error = EIO);
   // Like FailNth, but that call and every later matching one fail until
   // Clear: for faults that persist, such as a full disk.

@@ -78,20 +78,5 @@ TEST_F(FaultInjectionTest, FailFromKeepsFailingUntilCleared) {
   EXPECT_EQ(io.Rename((dir_ + "/x.sst").c_str(), (dir_ + "/MANIFEST").c_str()), 0);
 }
 
-TEST_F(FaultInjectionTest, ScopedInstallRestoresThePreviousFileIo) {
-  FileIo* plain = CurrentFileIo();
-  FaultInjectingFileIo outer;
-  {
-    ScopedFileIo a(&outer);
-    FaultInjectingFileIo inner;
-    {
-      ScopedFileIo b(&inner);
-      EXPECT_EQ(CurrentFileIo(), &inner);
-    }
-    EXPECT_EQ(CurrentFileIo(), &outer);
-  }
-  EXPECT_EQ(CurrentFileIo(), plain);
-}
-
 }  // namespace
 }  // namespace kandb::lsm

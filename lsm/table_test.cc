@@ -99,7 +99,17 @@ class TableTest : public ::testing::Test {
     return out;
   }
 
-  bool Exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+  // Get's outcome as text: "absent", the op and value, or the error.
+  static std::string Lookup(const SstReader& reader, const std::string& key) {
+    bool found = false;
+    uint8_t op = 0;
+    std::string value;
+    Status s = reader.Get(key, &found, &op, &value);
+    if (!s.ok()) return s.message();
+    return found ? std::to_string(op) + ":" + value : "absent";
+  }
+
+  static bool Exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 
   std::string dir_;
   std::string path_;
@@ -154,17 +164,10 @@ TEST_F(TableTest, GetAndSeekFindEveryRecordAcrossIndexIntervals) {
   auto it = reader->NewIterator(32);
   for (size_t i = 0; i < entries.size(); ++i) {
     const Entry& e = entries[i];
-    bool found = false;
-    uint8_t op = 0;
-    std::string value = "stale";
-    ASSERT_TRUE(reader->Get(e.key, &found, &op, &value).ok());
-    ASSERT_TRUE(found) << i;
-    EXPECT_EQ(op, e.op) << i;  // deletions are handed out with op 2
-    EXPECT_EQ(value, e.value) << i;
-
+    // Deletions are handed out too, with op 2.
+    EXPECT_EQ(Lookup(*reader, e.key), std::to_string(e.op) + ":" + e.value) << i;
     // Just below the key (a proper prefix of it) and just above it.
-    ASSERT_TRUE(reader->Get(e.key.substr(0, 2), &found, &op, &value).ok());
-    EXPECT_FALSE(found);
+    EXPECT_EQ(Lookup(*reader, e.key.substr(0, 2)), "absent");
     ASSERT_TRUE(it->Seek(e.key.substr(0, 2)).ok());
     ASSERT_TRUE(it->Valid());
     EXPECT_EQ(it->key(), e.key);
@@ -191,17 +194,12 @@ TEST_F(TableTest, LookupsReadOneStretchAndTheFilterSparesMostAbsentKeys) {
   FaultInjectingFileIo io;
   ScopedFileIo install(&io);
 
-  bool found = false;
-  uint8_t op = 0;
-  std::string value;
-  ASSERT_TRUE(reader->Get(entries[37].key, &found, &op, &value).ok());
-  EXPECT_TRUE(found);
+  EXPECT_EQ(Lookup(*reader, entries[37].key), "1:v37");
   EXPECT_EQ(io.count(FileOp::kPread), 1u);
 
   io.ResetCounts();
   for (int i = 0; i < 200; ++i) {
-    ASSERT_TRUE(reader->Get("absent" + std::to_string(i), &found, &op, &value).ok());
-    EXPECT_FALSE(found);
+    EXPECT_EQ(Lookup(*reader, "absent" + std::to_string(i)), "absent");
   }
   EXPECT_LT(io.count(FileOp::kPread), 20u);
 }
@@ -218,11 +216,7 @@ TEST_F(TableTest, EmptyTablesOpenAndHoldNothing) {
   EXPECT_EQ(reader->entry_count(), 0u);
   EXPECT_EQ(reader->index_entries(), 0u);
   EXPECT_TRUE(ReadAll(*reader, 4096).empty());
-  bool found = true;
-  uint8_t op = 0;
-  std::string value;
-  ASSERT_TRUE(reader->Get("k", &found, &op, &value).ok());
-  EXPECT_FALSE(found);
+  EXPECT_EQ(Lookup(*reader, "k"), "absent");
 }
 
 TEST_F(TableTest, DamagedFootersAreRefused) {
@@ -283,11 +277,7 @@ TEST_F(TableTest, DamagedRecordsFailTheReadThatMeetsThem) {
   EXPECT_TRUE(s.IsCorruption());
   EXPECT_EQ(s.message(), "sst bad record op");
   EXPECT_FALSE(it->Valid());
-  bool found = false;
-  uint8_t op = 0;
-  std::string value;
-  EXPECT_EQ(reader->Get(entries[1].key, &found, &op, &value).message(), "sst bad record op");
-  EXPECT_FALSE(found);
+  EXPECT_EQ(Lookup(*reader, entries[1].key), "sst bad record op");
 
   // The data region ends (at the index) inside the second record's value,
   // inside its key, and inside its header.
@@ -338,12 +328,7 @@ TEST_F(TableTest, InjectedFailuresLeaveNoFileBehind) {
   EXPECT_FALSE(Exists(tmp));
   auto reader = OpenOrDie();
   io.FailNth(FileOp::kPread, 1);
-  bool found = false;
-  uint8_t op = 0;
-  std::string value;
-  s = reader->Get(entries[5].key, &found, &op, &value);
-  EXPECT_EQ(s.message(), "sst pread: Input/output error");
-  EXPECT_FALSE(found);
+  EXPECT_EQ(Lookup(*reader, entries[5].key), "sst pread: Input/output error");
 }
 
 // Moves at most a few bytes per call, and interrupts every third call.
