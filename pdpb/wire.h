@@ -90,7 +90,7 @@ bool DecodeFields(size_t size, const char* data, OnField&& on_field) {
     field.data = data + kFieldHeaderSize;
     data += kFieldHeaderSize + field.size;
     size -= kFieldHeaderSize + field.size;
-    if (!on_field(static_cast<const Field&>(field))) return false;
+    if (!on_field(field)) return false;
   }
   return size == 0;
 }
@@ -98,8 +98,8 @@ bool DecodeFields(size_t size, const char* data, OnField&& on_field) {
 // Counts the records of data[0, size) per tag, for tags below N; counting
 // stops at the first bad framing, which the decoding loop then reports. A
 // decoder uses it to size its repeated fields once instead of growing them
-// element by element. The counts are bounded by size / 6, so a hostile input
-// cannot make a reservation larger than decoding it would allocate anyway.
+// element by element. A count never exceeds size / 6, so whatever an input
+// claims, the reservation stays proportional to its length.
 template <size_t N>
 std::array<uint32_t, N> CountFields(size_t size, const char* data) {
   std::array<uint32_t, N> counts{};
