@@ -2,6 +2,7 @@
 // remove), stale-replica clean-up and leader balancing, and the order in
 // which their commands are answered.
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -9,6 +10,14 @@
 
 #include "meta/pd_service.h"
 #include "meta/service_test_util.h"
+
+namespace kandb::pdpb {
+// Readable failure output for command lists.
+static void PrintTo(const ScheduleCommand& c, std::ostream* os) {
+  *os << "{kind " << c.kind << ", region " << c.region_id << ", store " << c.store_id
+      << ", address \"" << c.address << "\"}";
+}
+}  // namespace kandb::pdpb
 
 namespace kandb::meta {
 namespace {
