@@ -1,0 +1,157 @@
+#include "rpc/client.h"
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+#include <utility>
+
+namespace kandb::kanrpc {
+
+namespace {
+
+// Splits "host:port" at the last colon; a bracketed host ("[::1]") loses its
+// brackets. False when either part is missing.
+bool ParseTarget(const std::string& target, std::string* host, std::string* port) {
+  const size_t colon = target.rfind(':');
+  if (colon == std::string::npos || colon == 0 || colon + 1 == target.size()) return false;
+  std::string h = target.substr(0, colon);
+  if (h.size() >= 2 && h.front() == '[' && h.back() == ']') h = h.substr(1, h.size() - 2);
+  if (h.empty()) return false;
+  *host = std::move(h);
+  *port = target.substr(colon + 1);
+  return true;
+}
+
+}  // namespace
+
+RpcClient::RpcClient(std::string target, RpcClientOptions options)
+    : target_(std::move(target)), options_(options), reader_(-1) {}
+
+RpcClient::~RpcClient() {
+  MutexLock lock(&mu_);
+  Disconnect();
+}
+
+void RpcClient::SetPauseForTesting(std::function<void(int64_t micros)> pause) {
+  MutexLock lock(&mu_);
+  pause_ = std::move(pause);
+}
+
+Status RpcClient::Connect() {
+  const Status failed = Status::Corruption("cannot connect to " + target_);
+  std::string host, port;
+  if (!ParseTarget(target_, &host, &port)) return failed;
+
+  struct addrinfo hints = {};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_NUMERICSERV;
+  struct addrinfo* list = nullptr;
+  if (getaddrinfo(host.c_str(), port.c_str(), &hints, &list) != 0) return failed;
+  for (struct addrinfo* ai = list; ai != nullptr; ai = ai->ai_next) {
+    const int fd = socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC, ai->ai_protocol);
+    if (fd < 0) continue;
+    if (connect(fd, ai->ai_addr, ai->ai_addrlen) == 0) {
+      const int one = 1;
+      setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+      fd_ = fd;
+      break;
+    }
+    close(fd);
+  }
+  freeaddrinfo(list);
+  if (fd_ < 0) return failed;
+  reader_.Reset(fd_);
+  return Status::OK();
+}
+
+void RpcClient::Disconnect() {
+  if (fd_ >= 0) close(fd_);
+  fd_ = -1;
+  // Bytes buffered from the old connection belong to no future call.
+  reader_.Reset(-1);
+}
+
+Status RpcClient::CallOnce(const std::string& method, const std::string& request,
+                           std::string* response) {
+  const uint64_t id = next_request_id_++;
+  send_buffer_.clear();
+  AppendFrame(&send_buffer_, FrameType::kRequest, id, method, request);
+  Status s = WriteAll(fd_, send_buffer_.data(), send_buffer_.size(), options_.timeout_ms);
+  if (!s.ok()) return s;
+  s = reader_.Read(&answer_, options_.timeout_ms);
+  if (!s.ok()) return s;
+  // Only one request is outstanding, so any other id is a stale or foreign
+  // frame and the stream can no longer be trusted.
+  if (answer_.request_id != id) return Status::Corruption("kanrpc: request id mismatch");
+  switch (answer_.type) {
+    case FrameType::kResponse:
+      response->swap(answer_.payload);
+      return Status::OK();
+    case FrameType::kError:
+      return Status::Corruption("remote: " + answer_.payload);
+    default:
+      return Status::Corruption("kanrpc: bad frame type");
+  }
+}
+
+Status RpcClient::CallRaw(const std::string& method, const std::string& request,
+                          std::string* response) {
+  // Frames over the limits would only make the server drop the connection,
+  // on every attempt; refuse them here with the reader's own words.
+  if (method.size() > kMaxMethodLength) return Status::Corruption("kanrpc: method too long");
+  if (request.size() > kMaxPayloadLength) return Status::Corruption("kanrpc: payload too large");
+
+  MutexLock lock(&mu_);
+  const int32_t attempts = std::max<int32_t>(1, options_.attempts);
+  std::string answer;
+  for (int32_t attempt = 1;; ++attempt) {
+    Status s = fd_ < 0 ? Connect() : Status::OK();
+    if (s.ok()) s = CallOnce(method, request, &answer);
+    if (s.ok()) {
+      response->swap(answer);
+      return s;
+    }
+    // Whatever failed, the connection's position is unknown: the next
+    // attempt starts on a fresh one.
+    Disconnect();
+    if (attempt >= attempts) return s;
+    const int64_t micros = kPauseStepMicros * attempt;
+    if (pause_) {
+      pause_(micros);
+    } else {
+      std::this_thread::sleep_for(std::chrono::microseconds(micros));
+    }
+  }
+}
+
+RpcClientPool::RpcClientPool(std::vector<std::unique_ptr<RpcClient>> clients)
+    : clients_(std::move(clients)) {}
+
+namespace {
+
+std::vector<std::unique_ptr<RpcClient>> MakeClients(const std::string& target,
+                                                    RpcClientOptions options, size_t size) {
+  std::vector<std::unique_ptr<RpcClient>> clients;
+  clients.reserve(size);
+  for (size_t i = 0; i < size; ++i) clients.push_back(std::make_unique<RpcClient>(target, options));
+  return clients;
+}
+
+}  // namespace
+
+RpcClientPool::RpcClientPool(const std::string& target, RpcClientOptions options, size_t size)
+    : RpcClientPool(MakeClients(target, options, size)) {}
+
+RpcClient* RpcClientPool::Next() {
+  const uint64_t n = next_.fetch_add(1, std::memory_order_relaxed);
+  return clients_[n % clients_.size()].get();
+}
+
+}  // namespace kandb::kanrpc
