@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "common/coding.h"
@@ -16,16 +17,23 @@ namespace {
 Status WalError(const char* what) { return Status::Corruption(std::string(what) + std::strerror(errno)); }
 
 // Reads up to n bytes, repeating short reads; returns how many arrived
-// before end of file or an error.
-size_t ReadFully(int fd, char* dst, size_t n) {
+// before end of file or an error. *error is set to the errno of a failed
+// read, and stays 0 at end of file.
+size_t ReadFully(int fd, char* dst, size_t n, int* error) {
   size_t got = 0;
+  *error = 0;
   while (got < n) {
     ssize_t r = CurrentFileIo()->Read(fd, dst + got, n - got);
     if (r < 0 && errno == EINTR) continue;
+    if (r < 0) *error = errno;
     if (r <= 0) break;
     got += static_cast<size_t>(r);
   }
   return got;
+}
+
+std::string OfBytes(size_t got, size_t wanted, const char* what) {
+  return std::to_string(got) + " of " + std::to_string(wanted) + " " + what + " bytes";
 }
 
 }  // namespace
@@ -116,29 +124,93 @@ Status OpenLogForAppend(const std::string& path, std::unique_ptr<LogFile>* out) 
   return Status::OK();
 }
 
-Status ReplayLog(const std::string& path, const std::function<void(WriteBatch&&)>& apply) {
+const char* LogEndName(LogEnd end) {
+  switch (end) {
+    case LogEnd::kCleanEnd:
+      return "clean end";
+    case LogEnd::kTornHeader:
+      return "torn header";
+    case LogEnd::kOversized:
+      return "length over 64 MiB";
+    case LogEnd::kShortPayload:
+      return "short payload";
+    case LogEnd::kChecksumMismatch:
+      return "checksum mismatch";
+    case LogEnd::kBadBatch:
+      return "undecodable batch";
+    case LogEnd::kReadError:
+      return "read error";
+  }
+  return "unknown";
+}
+
+Status LogReader::Open(const std::string& path, std::unique_ptr<LogReader>* out) {
   int fd = CurrentFileIo()->Open(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
   if (fd < 0) {
-    if (errno == ENOENT) return Status::OK();
-    return Status::Corruption("wal open " + path + ": " + std::strerror(errno));
+    const int error = errno;
+    std::string message = "wal open " + path + ": " + std::strerror(error);
+    if (error == ENOENT) return Status::NotFound(std::move(message));
+    return Status::Corruption(std::move(message));
   }
-  // Every damaged record ends the replay the same way: it is the torn tail
+  out->reset(new LogReader(fd));
+  return Status::OK();
+}
+
+LogReader::~LogReader() { CurrentFileIo()->Close(fd_); }
+
+bool LogReader::Stop(LogEnd end, std::string detail) {
+  ended_ = true;
+  end_ = end;
+  end_offset_ = offset_;
+  end_detail_ = std::move(detail);
+  // A payload of up to 64 MiB must not stay pinned after the last record.
+  std::string().swap(payload_);
+  return false;
+}
+
+bool LogReader::Next(WriteBatch* batch) {
+  if (ended_) return false;
+  // Every damaged record ends the reading the same way: it is the torn tail
   // of a crash, or the log cannot be trusted past it. Nothing is repaired.
   char header[kLogRecordHeaderSize];
-  std::string payload;
+  int error = 0;
+  const size_t got = ReadFully(fd_, header, sizeof(header), &error);
+  if (error != 0) return Stop(LogEnd::kReadError, std::strerror(error));
+  if (got == 0) return Stop(LogEnd::kCleanEnd, "");
+  if (got < sizeof(header)) return Stop(LogEnd::kTornHeader, OfBytes(got, sizeof(header), "header"));
+  const uint32_t crc = DecodeFixed32(header);
+  const uint32_t length = DecodeFixed32(header + 4);
+  if (length > kMaxLogRecordPayload) return Stop(LogEnd::kOversized, "length " + std::to_string(length));
+  // Bounded by the check above, so a garbled length never asks for more.
+  payload_.resize(length);
+  const size_t payload_got = ReadFully(fd_, payload_.data(), length, &error);
+  if (error != 0) return Stop(LogEnd::kReadError, std::strerror(error));
+  if (payload_got != length) return Stop(LogEnd::kShortPayload, OfBytes(payload_got, length, "payload"));
+  const uint32_t actual = crypto::Crc32c(payload_.data(), length);
+  if (actual != crc) {
+    char detail[64];
+    std::snprintf(detail, sizeof(detail), "stored 0x%08x, computed 0x%08x", crc, actual);
+    return Stop(LogEnd::kChecksumMismatch, detail);
+  }
+  Status s = DecodeBatch(payload_.data(), length, batch);
+  if (!s.ok()) return Stop(LogEnd::kBadBatch, s.message());
+  record_offset_ = offset_;
+  record_length_ = length;
+  offset_ += kLogRecordHeaderSize + length;
+  return true;
+}
+
+Status ReplayLog(const std::string& path, const std::function<void(WriteBatch&&)>& apply) {
+  std::unique_ptr<LogReader> reader;
+  Status s = LogReader::Open(path, &reader);
+  // A missing log has nothing to replay.
+  if (s.IsNotFound()) return Status::OK();
+  if (!s.ok()) return s;
   WriteBatch batch;
-  while (ReadFully(fd, header, sizeof(header)) == sizeof(header)) {
-    const uint32_t crc = DecodeFixed32(header);
-    const uint32_t length = DecodeFixed32(header + 4);
-    if (length > kMaxLogRecordPayload) break;
-    payload.resize(length);
-    if (ReadFully(fd, payload.data(), length) != length) break;
-    if (crypto::Crc32c(payload.data(), length) != crc) break;
-    if (!DecodeBatch(payload.data(), length, &batch).ok()) break;
+  while (reader->Next(&batch)) {
     apply(std::move(batch));
     batch = WriteBatch();
   }
-  CurrentFileIo()->Close(fd);
   return Status::OK();
 }
 

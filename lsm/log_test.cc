@@ -268,6 +268,101 @@ TEST_F(LogTest, InjectedWriteAndSyncFailuresCarryTheSystemError) {
   EXPECT_EQ(s.message(), "wal open " + path_ + ": Input/output error");
 }
 
+// What a LogReader reports at the end of the log in path: the records
+// read, then where and why it stopped.
+struct ReaderEnd {
+  size_t records = 0;
+  LogEnd end = LogEnd::kCleanEnd;
+  uint64_t offset = 0;
+  std::string detail;
+};
+
+ReaderEnd ReadToEnd(const std::string& path) {
+  ReaderEnd r;
+  std::unique_ptr<LogReader> reader;
+  Status s = LogReader::Open(path, &reader);
+  EXPECT_TRUE(s.ok()) << s.ToString();
+  if (!s.ok()) return r;
+  WriteBatch batch;
+  uint64_t expected_offset = 0;
+  while (reader->Next(&batch)) {
+    EXPECT_EQ(reader->record_offset(), expected_offset);
+    expected_offset += kLogRecordHeaderSize + reader->record_length();
+    ++r.records;
+  }
+  EXPECT_FALSE(reader->Next(&batch)) << "a reader that ended stays ended";
+  r.end = reader->end();
+  r.offset = reader->end_offset();
+  r.detail = reader->end_detail();
+  return r;
+}
+
+TEST_F(LogTest, ReaderNamesWhereAndWhyReadingEnds) {
+  AppendBatches({kThree[0]});
+  const std::string good = ReadFileOrEmpty(path_);
+  const uint64_t g = good.size();
+  const std::string bad_op = Bytes({1, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0});
+  std::string flipped = good;
+  flipped[kLogRecordHeaderSize] ^= 0x01;
+  struct Case {
+    std::string bytes;
+    LogEnd end;
+    uint64_t offset;
+    std::string detail;
+    size_t records;
+  };
+  const Case cases[] = {
+      {"", LogEnd::kCleanEnd, 0, "", 0},
+      {good + good, LogEnd::kCleanEnd, 2 * g, "", 2},
+      {good + good.substr(0, 3), LogEnd::kTornHeader, g, "3 of 8 header bytes", 1},
+      {good + good.substr(0, g - 1), LogEnd::kShortPayload, g,
+       std::to_string(g - 9) + " of " + std::to_string(g - 8) + " payload bytes", 1},
+      {good + Bytes({0, 0, 0, 0, 0x01, 0x00, 0x00, 0x04}) + good, LogEnd::kOversized, g,
+       "length 67108865", 1},
+      {good + flipped + good, LogEnd::kChecksumMismatch, g, "", 1},
+      {good + Frame(bad_op, crypto::Crc32c(bad_op.data(), bad_op.size())) + good, LogEnd::kBadBatch,
+       g, "batch: bad op", 1},
+      {Frame("", 0), LogEnd::kBadBatch, 0, "batch: too short", 0},
+  };
+  for (const Case& c : cases) {
+    WriteFileOrDie(path_, c.bytes);
+    ReaderEnd r = ReadToEnd(path_);
+    EXPECT_EQ(r.records, c.records) << LogEndName(c.end);
+    EXPECT_EQ(r.end, c.end) << LogEndName(r.end) << " instead of " << LogEndName(c.end);
+    EXPECT_EQ(r.offset, c.offset) << LogEndName(c.end);
+    if (c.end == LogEnd::kChecksumMismatch) {
+      EXPECT_EQ(r.detail.rfind("stored 0x", 0), 0u) << r.detail;
+    } else {
+      EXPECT_EQ(r.detail, c.detail) << LogEndName(c.end);
+    }
+  }
+  EXPECT_STREQ(LogEndName(LogEnd::kOversized), "length over 64 MiB");
+  EXPECT_STREQ(LogEndName(LogEnd::kTornHeader), "torn header");
+}
+
+TEST_F(LogTest, ReaderOpenTellsAMissingFileFromAnUnreadableOne) {
+  std::unique_ptr<LogReader> reader;
+  Status s = LogReader::Open(dir_ + "/wal-000099.log", &reader);
+  EXPECT_TRUE(s.IsNotFound());
+  EXPECT_EQ(s.message(), "wal open " + dir_ + "/wal-000099.log: No such file or directory");
+  WriteFileOrDie(dir_ + "/plain", "x");
+  s = LogReader::Open(dir_ + "/plain/wal-000001.log", &reader);
+  EXPECT_TRUE(s.IsCorruption());
+  EXPECT_EQ(reader, nullptr);
+}
+
+TEST_F(LogTest, ReaderReportsAFailedReadAsAReadError) {
+  AppendBatches(kThree);
+  FaultInjectingFileIo io;
+  ScopedFileIo install(&io);
+  io.FailNth(FileOp::kRead, 2);
+  ReaderEnd r = ReadToEnd(path_);
+  EXPECT_EQ(r.records, 0u);
+  EXPECT_EQ(r.end, LogEnd::kReadError);
+  EXPECT_EQ(r.offset, 0u);
+  EXPECT_EQ(r.detail, "Input/output error");
+}
+
 // Writes at most three bytes per call and interrupts every other call, as a
 // slow device or a signal would; reads likewise come back a few bytes at a
 // time.

@@ -192,6 +192,7 @@ Status SstReader::Open(const std::string& path, std::shared_ptr<SstReader>* out)
   if (!s.ok()) return s;
   reader->filter_ = crypto::BloomFilterView(std::move(filter));
 
+  reader->layout_ = SstReader::Layout{file_size, index_offset, index_size, filter_offset, filter_size};
   reader->data_end_ = index_offset;
   reader->entry_count_ = DecodeFixed64(footer + kFooterEntryCount);
   *out = std::move(reader);
@@ -257,6 +258,7 @@ Status SstIterator::Fill(uint64_t offset, size_t n) {
 Status SstIterator::ReadRecord() {
   valid_ = false;
   const uint64_t offset = next_offset_;
+  record_offset_ = offset;
   if (offset >= reader_->data_end_) return Status::OK();
 
   Status s = Fill(offset, 5);

@@ -61,6 +61,20 @@ class SstReader : public std::enable_shared_from_this<SstReader> {
   size_t index_entries() const { return index_.size(); }
   const std::string& path() const { return path_; }
 
+  // What Open found, for inspection and verification of a file: its size,
+  // the footer's block positions (the data region ends at index_offset),
+  // the sparse index as (key, record offset) in file order, and the filter.
+  struct Layout {
+    uint64_t file_size = 0;
+    uint64_t index_offset = 0;
+    uint64_t index_size = 0;
+    uint64_t filter_offset = 0;
+    uint64_t filter_size = 0;
+  };
+  const Layout& layout() const { return layout_; }
+  const std::vector<std::pair<std::string, uint64_t>>& index() const { return index_; }
+  bool FilterMayContain(const std::string& key) const { return filter_.MayContain(key); }
+
  private:
   friend class SstIterator;
   SstReader(std::string path, int fd);
@@ -74,6 +88,7 @@ class SstReader : public std::enable_shared_from_this<SstReader> {
   const int fd_;
   std::vector<std::pair<std::string, uint64_t>> index_;
   crypto::BloomFilterView filter_;
+  Layout layout_;
   uint64_t data_end_ = 0;
   uint64_t entry_count_ = 0;
 };
@@ -94,6 +109,9 @@ class SstIterator {
   uint8_t op() const { return op_; }
   const std::string& key() const { return key_; }
   const std::string& value() const { return value_; }
+  // File offset of the current record; after a failed Seek or Next, of the
+  // record that could not be read.
+  uint64_t record_offset() const { return record_offset_; }
 
  private:
   // Decodes the record at next_offset_ into the current entry.
@@ -108,6 +126,7 @@ class SstIterator {
   uint64_t buffer_offset_ = 0;  // file offset of buffer_[0]
   size_t buffered_ = 0;          // bytes of buffer_ that hold file data
   uint64_t next_offset_ = 0;
+  uint64_t record_offset_ = 0;
   bool valid_ = false;
   uint8_t op_ = 0;
   std::string key_;
