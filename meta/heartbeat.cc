@@ -8,7 +8,9 @@
 // region per heartbeat, and the reporting store never removes itself.
 
 #include <algorithm>
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "meta/keys.h"
