@@ -1,0 +1,197 @@
+#ifndef KANDB_LSM_DB_TEST_UTIL_H_
+#define KANDB_LSM_DB_TEST_UTIL_H_
+
+// Helpers shared by the engine's tests: a peer that reaches the engine's
+// private state, a FileIo that runs a test's hooks before chosen calls, a
+// one-shot gate to hold a thread at such a hook, and directory helpers.
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/mutex.h"
+#include "common/test_util.h"
+#include "lsm/db.h"
+#include "lsm/fault_injection.h"
+#include "lsm/memtable.h"
+#include "lsm/table.h"
+
+namespace kandb::lsm {
+
+// Reaches into LsmDb for what the public surface does not show.
+class LsmDbTestPeer {
+ public:
+  explicit LsmDbTestPeer(LsmDb* db) : db_(db) {}
+
+  size_t QueuedWriters() {
+    MutexLock lock(&db_->write_queue_mutex_);
+    return db_->writers_.size();
+  }
+  uint64_t NextFile() {
+    MutexLock lock(&db_->db_mutex_);
+    return db_->next_file_;
+  }
+  std::vector<uint64_t> LiveTables() {
+    MutexLock lock(&db_->db_mutex_);
+    return db_->live_tables_;
+  }
+  std::vector<uint64_t> TableEntryCounts() {
+    MutexLock lock(&db_->db_mutex_);
+    std::vector<uint64_t> counts;
+    for (const auto& reader : db_->table_readers_) counts.push_back(reader->entry_count());
+    return counts;
+  }
+  uint64_t ActiveMemTableBytes() {
+    MutexLock lock(&db_->db_mutex_);
+    return db_->mem_->ApproximateBytes();
+  }
+  // Retires the active memtable as a full write group would.
+  Status SwitchMemTable() {
+    MutexLock lock(&db_->db_mutex_);
+    return db_->SwitchMemTable();
+  }
+  // Runs one flush on the calling thread, as the background thread would.
+  Status FlushOldestMemTable() { return db_->FlushOldestMemTable(); }
+
+ private:
+  LsmDb* const db_;
+};
+
+// A FaultInjectingFileIo that first runs the test's hook, if one is set.
+// Set the hooks before the engine is opened and leave them until it is gone.
+class HookedFileIo : public FaultInjectingFileIo {
+ public:
+  std::function<void(const std::string& from, const std::string& to)> on_rename;
+  std::function<void(int fd)> on_fdatasync;
+  std::function<void(const std::string& path)> on_unlink;
+
+  int Rename(const char* from, const char* to) override {
+    if (on_rename) on_rename(from, to);
+    return FaultInjectingFileIo::Rename(from, to);
+  }
+  int Fdatasync(int fd) override {
+    if (on_fdatasync) on_fdatasync(fd);
+    return FaultInjectingFileIo::Fdatasync(fd);
+  }
+  int Unlink(const char* path) override {
+    if (on_unlink) on_unlink(path);
+    return FaultInjectingFileIo::Unlink(path);
+  }
+};
+
+// Holds the first thread that arrives until the test opens the gate; later
+// arrivals pass straight through.
+class Gate {
+ public:
+  // Returns at once for every caller after the first.
+  void Arrive() {
+    std::unique_lock<std::mutex> lock(mu_);
+    if (taken_) return;
+    taken_ = true;
+    cv_.notify_all();
+    cv_.wait(lock, [this] { return opened_; });
+  }
+  bool WaitArrived(std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+    std::unique_lock<std::mutex> lock(mu_);
+    return cv_.wait_for(lock, timeout, [this] { return taken_; });
+  }
+  void Open() {
+    std::lock_guard<std::mutex> lock(mu_);
+    opened_ = true;
+    cv_.notify_all();
+  }
+
+ private:
+  std::mutex mu_;
+  std::condition_variable cv_;
+  bool taken_ = false;
+  bool opened_ = false;
+};
+
+inline std::string Basename(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// Names in `dir`, sorted, without "." and "..".
+inline std::vector<std::string> ListNames(const std::string& dir) {
+  std::vector<std::string> names;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (const dirent* e = readdir(d)) {
+      std::string name = e->d_name;
+      if (name != "." && name != "..") names.push_back(name);
+    }
+    closedir(d);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+inline bool FileExists(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0;
+}
+
+// Polls `condition` every millisecond for up to `timeout`.
+inline bool Eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+// Readable failure output for entries.
+inline void PrintTo(const Entry& e, std::ostream* os) {
+  *os << (e.op == kOpPut ? "put " : "del ") << e.key << "=" << e.value;
+}
+
+inline Entry Put(std::string key, std::string value) { return Entry{kOpPut, std::move(key), std::move(value)}; }
+inline Entry Del(std::string key) { return Entry{kOpDelete, std::move(key), std::string()}; }
+
+inline LsmDb::Options SmallOptions(uint64_t write_buffer_size, uint64_t max_table_files, bool sync) {
+  LsmDb::Options options;
+  options.write_buffer_size = write_buffer_size;
+  options.max_table_files = max_table_files;
+  options.sync = sync;
+  return options;
+}
+
+// The value of `key`, "<absent>" when not found, or the failure rendered.
+inline std::string GetOrAbsent(LsmDb* db, const std::string& key) {
+  std::string value;
+  bool found = false;
+  Status s = db->Get(key, &value, &found);
+  if (!s.ok()) return s.ToString();
+  return found ? value : "<absent>";
+}
+
+// A scratch directory removed at the end of the test.
+class ScratchDir {
+ public:
+  explicit ScratchDir(const std::string& prefix = "kandb-lsm") : path_(testing::MakeTempDir(prefix)) {}
+  ~ScratchDir() { testing::RemoveTree(path_); }
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string File(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  const std::string path_;
+};
+
+}  // namespace kandb::lsm
+
+#endif  // KANDB_LSM_DB_TEST_UTIL_H_
