@@ -1,0 +1,354 @@
+#include "tools/json_messages.h"
+
+#include <cstdint>
+#include <initializer_list>
+
+#include "tools/text.h"
+
+namespace kandb::tools {
+
+using nlohmann::json;
+
+namespace {
+
+json UintArray(const std::vector<uint64_t>& values) {
+  json array = json::array();
+  for (uint64_t v : values) array.push_back(v);
+  return array;
+}
+
+json ToJson(const pdpb::RegionEpoch& epoch) {
+  return json{{"conf_version", epoch.conf_version}, {"version", epoch.version}};
+}
+
+json ToJson(const pdpb::RegionHeartbeatEntry& entry) {
+  return json{{"region_id", entry.region_id},
+              {"member_store_ids", UintArray(entry.member_store_ids)},
+              {"caught_up_learner_store_ids", UintArray(entry.caught_up_learner_store_ids)},
+              {"candidate_store_ids", UintArray(entry.candidate_store_ids)}};
+}
+
+json ToJson(const pdpb::ScheduleCommand& command) {
+  json out;
+  const char* name = ScheduleKindName(command.kind);
+  if (*name != '\0') {
+    out["kind"] = name;
+  } else {
+    out["kind"] = command.kind;
+  }
+  out["region_id"] = command.region_id;
+  out["store_id"] = command.store_id;
+  out["address"] = EscapeBytes(command.address);
+  return out;
+}
+
+// Strict reading of one JSON object: each field is looked up by name, its
+// type and range are checked, and fields that nobody asked for are
+// reported at the end.
+class ObjectReader {
+ public:
+  ObjectReader(const json& value, std::string path) : value_(value), path_(std::move(path)) {
+    if (!value_.is_object()) status_ = Error(path_, "expected an object");
+  }
+
+  const json* Field(const char* name) {
+    seen_.push_back(name);
+    if (!status_.ok()) return nullptr;
+    auto it = value_.find(name);
+    return it == value_.end() ? nullptr : &*it;
+  }
+
+  void Uint(const char* name, uint64_t max, uint64_t* out) {
+    const json* field = Field(name);
+    if (field == nullptr) return;
+    if (!field->is_number_unsigned() || field->get<uint64_t>() > max) {
+      status_ = Error(Path(name), "expected an integer in [0, " + std::to_string(max) + "]");
+      return;
+    }
+    *out = field->get<uint64_t>();
+  }
+  template <class T>
+  void Narrow(const char* name, T* out) {
+    uint64_t value = *out;
+    Uint(name, static_cast<uint64_t>(static_cast<T>(~T{0})), &value);
+    *out = static_cast<T>(value);
+  }
+
+  void Bytes(const char* name, std::string* out) {
+    const json* field = Field(name);
+    if (field == nullptr) return;
+    if (!field->is_string()) {
+      status_ = Error(Path(name), "expected a string");
+      return;
+    }
+    Status s = UnescapeBytes(field->get_ref<const std::string&>(), out);
+    if (!s.ok()) status_ = Error(Path(name), s.message());
+  }
+
+  void Bool(const char* name, bool* out) {
+    const json* field = Field(name);
+    if (field == nullptr) return;
+    if (!field->is_boolean()) {
+      status_ = Error(Path(name), "expected true or false");
+      return;
+    }
+    *out = field->get<bool>();
+  }
+
+  // Reads an array field, handing each element and its path to `read`.
+  template <class T, class ReadElement>
+  void Array(const char* name, std::vector<T>* out, ReadElement read) {
+    const json* field = Field(name);
+    if (field == nullptr) return;
+    if (!field->is_array()) {
+      status_ = Error(Path(name), "expected an array");
+      return;
+    }
+    out->clear();
+    for (size_t i = 0; i < field->size() && status_.ok(); ++i) {
+      T element{};
+      Status s = read((*field)[i], Path(name) + "[" + std::to_string(i) + "]", &element);
+      if (!s.ok()) {
+        status_ = s;
+        return;
+      }
+      out->push_back(std::move(element));
+    }
+  }
+
+  void UintArray(const char* name, std::vector<uint64_t>* out) {
+    Array(name, out, [](const json& element, const std::string& path, uint64_t* value) {
+      if (!element.is_number_unsigned()) return Error(path, "expected an integer in [0, 18446744073709551615]");
+      *value = element.get<uint64_t>();
+      return Status::OK();
+    });
+  }
+
+  template <class T>
+  void Message(const char* name, T* out) {
+    const json* field = Field(name);
+    if (field == nullptr) return;
+    Status s = Read(*field, Path(name), out);
+    if (!s.ok()) status_ = s;
+  }
+
+  // The first error, or an unknown field once every known one was read.
+  Status Finish() {
+    if (!status_.ok()) return status_;
+    for (auto it = value_.begin(); it != value_.end(); ++it) {
+      bool known = false;
+      for (const char* name : seen_) known = known || it.key() == name;
+      if (!known) return Error(Path(it.key().c_str()), "unknown field");
+    }
+    return Status::OK();
+  }
+
+  static Status Error(const std::string& path, const std::string& what) {
+    return Status::InvalidArgument((path.empty() ? std::string("request") : path) + ": " + what);
+  }
+
+  // Readers of the embedded records, shared by the messages that hold them.
+  static Status Read(const json& value, const std::string& path, pdpb::RegionEpoch* out) {
+    ObjectReader r(value, path);
+    r.Uint("conf_version", UINT64_MAX, &out->conf_version);
+    r.Uint("version", UINT64_MAX, &out->version);
+    return r.Finish();
+  }
+  static Status Read(const json& value, const std::string& path, pdpb::Peer* out) {
+    ObjectReader r(value, path);
+    r.Uint("id", UINT64_MAX, &out->id);
+    r.Uint("store_id", UINT64_MAX, &out->store_id);
+    r.Narrow("role", &out->role);
+    return r.Finish();
+  }
+  static Status Read(const json& value, const std::string& path, pdpb::Store* out) {
+    ObjectReader r(value, path);
+    r.Uint("id", UINT64_MAX, &out->id);
+    r.Bytes("address", &out->address);
+    r.Narrow("state", &out->state);
+    return r.Finish();
+  }
+  static Status Read(const json& value, const std::string& path, pdpb::Region* out) {
+    ObjectReader r(value, path);
+    r.Uint("id", UINT64_MAX, &out->id);
+    r.Bytes("start_key", &out->start_key);
+    r.Bytes("end_key", &out->end_key);
+    r.Message("epoch", &out->epoch);
+    r.Array("peers", &out->peers, [](const json& v, const std::string& p, pdpb::Peer* peer) {
+      return Read(v, p, peer);
+    });
+    return r.Finish();
+  }
+  static Status Read(const json& value, const std::string& path, pdpb::RegionHeartbeatEntry* out) {
+    ObjectReader r(value, path);
+    r.Uint("region_id", UINT64_MAX, &out->region_id);
+    r.UintArray("member_store_ids", &out->member_store_ids);
+    r.UintArray("caught_up_learner_store_ids", &out->caught_up_learner_store_ids);
+    r.UintArray("candidate_store_ids", &out->candidate_store_ids);
+    return r.Finish();
+  }
+
+ private:
+  std::string Path(const char* name) const { return path_.empty() ? name : path_ + "." + name; }
+
+  const json& value_;
+  const std::string path_;
+  std::vector<const char*> seen_;
+  Status status_;
+};
+
+Status ReadRegion(const json& v, const std::string& p, pdpb::Region* region) {
+  return ObjectReader::Read(v, p, region);
+}
+
+}  // namespace
+
+const char* ScheduleKindName(uint32_t kind) {
+  switch (kind) {
+    case pdpb::kPromoteLearner:
+      return "PromoteLearner";
+    case pdpb::kAddPeer:
+      return "AddPeer";
+    case pdpb::kRemovePeer:
+      return "RemovePeer";
+    case pdpb::kDestroyStaleReplica:
+      return "DestroyStaleReplica";
+    case pdpb::kTransferLeader:
+      return "TransferLeader";
+    default:
+      return "";
+  }
+}
+
+json ToJson(const pdpb::Peer& peer) {
+  return json{{"id", peer.id}, {"store_id", peer.store_id}, {"role", peer.role}};
+}
+
+json ToJson(const pdpb::Store& store) {
+  return json{{"id", store.id}, {"address", EscapeBytes(store.address)}, {"state", store.state}};
+}
+
+json ToJson(const pdpb::Region& region) {
+  json peers = json::array();
+  for (const pdpb::Peer& peer : region.peers) peers.push_back(ToJson(peer));
+  return json{{"id", region.id},
+              {"start_key", EscapeBytes(region.start_key)},
+              {"end_key", EscapeBytes(region.end_key)},
+              {"epoch", ToJson(region.epoch)},
+              {"peers", peers}};
+}
+
+json ToJson(const pdpb::TsoResponse& response) {
+  const TsoParts parts = SplitTso(response.timestamp);
+  return json{{"timestamp", response.timestamp},
+              {"physical", parts.physical_ms},
+              {"logical", parts.logical},
+              {"count", response.count}};
+}
+
+json ToJson(const pdpb::AllocIdResponse& response) {
+  return json{{"first_id", response.first_id}, {"count", response.count}};
+}
+
+json ToJson(const pdpb::BootstrapRequest& request) {
+  json extra = json::array();
+  for (const pdpb::Region& region : request.extra_regions) extra.push_back(ToJson(region));
+  return json{{"store", ToJson(request.store)}, {"region", ToJson(request.region)}, {"extra_regions", extra}};
+}
+
+json ToJson(const pdpb::BootstrapResponse& response) {
+  return json{{"already_bootstrapped", response.already_bootstrapped}};
+}
+
+json ToJson(const pdpb::GetRegionResponse& response) {
+  json stores = json::array();
+  for (const pdpb::Store& store : response.stores) stores.push_back(ToJson(store));
+  return json{{"region", ToJson(response.region)},
+              {"leader", ToJson(response.leader)},
+              {"leader_store", ToJson(response.leader_store)},
+              {"stores", stores}};
+}
+
+json ToJson(const pdpb::UpsertRegionRequest& request) {
+  json regions = json::array();
+  for (const pdpb::Region& region : request.regions) regions.push_back(ToJson(region));
+  return json{{"regions", regions}, {"removed_region_ids", UintArray(request.removed_region_ids)}};
+}
+
+json ToJson(const pdpb::UpsertRegionResponse& response) {
+  return json{{"message", EscapeBytes(response.message)}};
+}
+
+json ToJson(const pdpb::RegionHeartbeatRequest& request) {
+  json regions = json::array();
+  for (const pdpb::RegionHeartbeatEntry& entry : request.regions) regions.push_back(ToJson(entry));
+  return json{{"store_id", request.store_id},
+              {"regions", regions},
+              {"region_ids", UintArray(request.region_ids)}};
+}
+
+json ToJson(const pdpb::RegionHeartbeatResponse& response) {
+  json commands = json::array();
+  for (const pdpb::ScheduleCommand& command : response.commands) commands.push_back(ToJson(command));
+  return json{{"commands", commands}};
+}
+
+Status FromJson(const json& value, pdpb::Region* out) { return ReadRegion(value, "", out); }
+
+Status FromJson(const json& value, pdpb::TsoRequest* out) {
+  ObjectReader r(value, "");
+  r.Narrow("count", &out->count);
+  return r.Finish();
+}
+
+Status FromJson(const json& value, pdpb::AllocIdRequest* out) {
+  ObjectReader r(value, "");
+  r.Narrow("count", &out->count);
+  return r.Finish();
+}
+
+Status FromJson(const json& value, pdpb::BootstrapRequest* out) {
+  ObjectReader r(value, "");
+  r.Message("store", &out->store);
+  r.Message("region", &out->region);
+  r.Array("extra_regions", &out->extra_regions, ReadRegion);
+  return r.Finish();
+}
+
+Status FromJson(const json& value, pdpb::GetRegionRequest* out) {
+  ObjectReader r(value, "");
+  r.Bytes("key", &out->key);
+  return r.Finish();
+}
+
+Status FromJson(const json& value, pdpb::UpsertRegionRequest* out) {
+  ObjectReader r(value, "");
+  r.Array("regions", &out->regions, ReadRegion);
+  r.UintArray("removed_region_ids", &out->removed_region_ids);
+  return r.Finish();
+}
+
+Status FromJson(const json& value, pdpb::RegionHeartbeatRequest* out) {
+  ObjectReader r(value, "");
+  r.Uint("store_id", UINT64_MAX, &out->store_id);
+  r.Array("regions", &out->regions,
+          [](const json& v, const std::string& p, pdpb::RegionHeartbeatEntry* entry) {
+            return ObjectReader::Read(v, p, entry);
+          });
+  r.UintArray("region_ids", &out->region_ids);
+  return r.Finish();
+}
+
+Status ParseJsonDocument(const std::string& text, json* out) {
+  // The library reports a syntax error by throwing; this is the boundary
+  // where that becomes a Status. allow_exceptions=false would lose the
+  // position of the error, which is what an operator needs to fix the file.
+  try {
+    *out = json::parse(text);
+  } catch (const json::exception& e) {
+    return Status::InvalidArgument(std::string("bad JSON: ") + e.what());
+  }
+  return Status::OK();
+}
+
+}  // namespace kandb::tools
