@@ -19,3 +19,8 @@ kandb_test(lsm_crash_test
   SOURCES db_crash_test.cc
   LIBS kandb_lsm kandb_lsm_testutil kandb_testutil
   TIMEOUT 300)
+
+# Prints its figures; never run by CTest.
+kandb_benchmark(lsm_bench
+  SOURCES lsm_bench.cc
+  LIBS kandb_lsm)
