@@ -66,7 +66,6 @@ class LsmDb {
   uint64_t TableFileCount();
   uint64_t ImmutableMemTableCount();
 
-
  private:
   friend class LsmDbTestPeer;
 
@@ -74,10 +73,13 @@ class LsmDb {
   // the caller's stack for the duration of the call.
   struct WriterSlot {
     WriterSlot(const WriteBatch* b, Mutex* queue_mutex) : batch(b), mu(queue_mutex), cv(queue_mutex) {}
+    // The caller's batch; the leader reads it while the caller waits.
     const WriteBatch* const batch;
-    // The engine's write_queue_mutex_; named here so that the analysis can
-    // check the two fields below.
+    // Always the engine's write_queue_mutex_. Holding a pointer to it here
+    // lets the analysis check result and done; code that holds the queue
+    // lock says so with mu->AssertHeld().
     Mutex* const mu;
+    // Set by the leader of the slot's group, under mu, before done.
     Status result GUARDED_BY(mu);
     bool done GUARDED_BY(mu) = false;
     // Wakes the caller when its group is done or it has become the head.
@@ -119,6 +121,8 @@ class LsmDb {
   Mutex db_mutex_;
   // Wakes the background thread: a memtable was switched, or stop_ was set.
   CondVar background_cv_{&db_mutex_};
+  // The active memtable: every write group is applied to it. Replaced (and
+  // queued on imm_) by SwitchMemTable.
   std::shared_ptr<MemTable> mem_ GUARDED_BY(db_mutex_);
   // Full memtables waiting for flush, oldest at the front.
   std::deque<std::shared_ptr<MemTable>> imm_ GUARDED_BY(db_mutex_);
@@ -128,15 +132,19 @@ class LsmDb {
   std::vector<uint64_t> live_tables_ GUARDED_BY(db_mutex_);
   // Next number for a log or table file; the two kinds share it.
   uint64_t next_file_ GUARDED_BY(db_mutex_) = 1;
-  // The log that write groups append to.
+  // The log that write groups append to; closed when replaced or with the
+  // engine.
   std::unique_ptr<LogFile> wal_ GUARDED_BY(db_mutex_);
   // The leader's encoding buffer, reused across groups.
   std::string record_ GUARDED_BY(db_mutex_);
+  // Set by the destructor; the background thread ends when it sees it.
   bool stop_ GUARDED_BY(db_mutex_) = false;
 
   // Guards the writer queue and the slots' result fields. Never held while
   // db_mutex_ is taken.
   Mutex write_queue_mutex_;
+  // Slots in arrival order; the front one leads. A group leaves the queue
+  // only when it is done, so the next leader starts after the previous one.
   std::deque<WriterSlot*> writers_ GUARDED_BY(write_queue_mutex_);
 
   // Started at the end of Open, joined by the destructor.
