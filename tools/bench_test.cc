@@ -1,0 +1,117 @@
+// Runs kandb-meta-bench against a live kandb-meta: a two-second mixed load
+// over preloaded regions with every answer checked and no error, a run
+// bounded by its request count, and the command-line and setup failures.
+
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "app/meta_server_test_util.h"
+#include "common/test_util.h"
+#include "pdpb/messages.h"
+
+namespace kandb::tools {
+namespace {
+
+using ::kandb::testing::MakeTempDir;
+using ::kandb::testing::MetaServer;
+using ::kandb::testing::ProgramResult;
+using ::kandb::testing::RemoveTree;
+using ::kandb::testing::RunProgram;
+using nlohmann::json;
+
+int ExitCode(const ProgramResult& r) { return WIFEXITED(r.status) ? WEXITSTATUS(r.status) : -1000 - r.status; }
+
+class BenchTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = MakeTempDir("bench");
+    ASSERT_TRUE(server_.Start(dir_ + "/pd"));
+  }
+  void TearDown() override {
+    server_.Kill();
+    RemoveTree(dir_);
+  }
+  ProgramResult Bench(std::vector<std::string> args) {
+    args.insert(args.begin(), {KANDB_META_BENCH_BINARY, "--addr", server_.target()});
+    return RunProgram(args, 120000);
+  }
+
+  std::string dir_;
+  MetaServer server_;
+};
+
+TEST_F(BenchTest, TwoSecondsOfMixedLoadOverPreloadedRegionsWithoutAnError) {
+  ProgramResult r = Bench({"--method", "mix", "--conns", "4", "--duration", "2s", "--preload-regions", "2500",
+                           "--json"});
+  ASSERT_EQ(ExitCode(r), 0) << r.out << r.err;
+  const json report = json::parse(r.out, nullptr, false);
+  ASSERT_FALSE(report.is_discarded()) << r.out;
+  EXPECT_EQ(report["errors"], 0);
+  EXPECT_EQ(report["wrong_answers"], 0);
+  EXPECT_EQ(report["messages"], json::array());
+  EXPECT_EQ(report["preloaded_regions"], 2500);
+  EXPECT_GE(report["seconds"].get<double>(), 2.0);
+  EXPECT_GT(report["requests"].get<uint64_t>(), 0u);
+  uint64_t sum = 0;
+  for (const char* method : {"tso", "alloc-id", "get-region", "upsert-region", "heartbeat"}) {
+    const json& m = report["per_method"][method];
+    EXPECT_GT(m["requests"].get<uint64_t>(), 0u) << method;
+    EXPECT_EQ(m["errors"], 0) << method;
+    sum += m["requests"].get<uint64_t>();
+  }
+  EXPECT_EQ(sum, report["requests"].get<uint64_t>());
+  const json& latency = report["latency_ms"];
+  EXPECT_LE(latency["p50"].get<double>(), latency["p90"].get<double>());
+  EXPECT_LE(latency["p90"].get<double>(), latency["p99"].get<double>());
+  EXPECT_LE(latency["p99"].get<double>(), latency["p999"].get<double>());
+  EXPECT_LE(latency["p999"].get<double>(), latency["max"].get<double>());
+  // Preload and progress go to standard error, once a second.
+  EXPECT_NE(r.err.find("preloaded 2500 regions (ids "), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("[   1s] "), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("errors 0  wrong answers 0\n"), std::string::npos) << r.err;
+
+  // The preloaded regions route the keys inside them, on a second run too.
+  r = Bench({"--method", "get-region", "--conns", "2", "--requests", "300"});
+  ASSERT_EQ(ExitCode(r), 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("requests       300\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("errors         0\nwrong answers  0\n"), std::string::npos) << r.out;
+}
+
+TEST_F(BenchTest, RequestCountBoundsTheRunAndIdentifierBatchesNeverOverlap) {
+  ProgramResult r = Bench({"--method", "alloc-id", "--conns", "8", "--requests", "400", "--count", "3"});
+  ASSERT_EQ(ExitCode(r), 0) << r.out << r.err;
+  EXPECT_EQ(r.out.rfind("kandb-meta-bench: alloc-id against " + server_.target() + ", 8 connections, ", 0), 0u)
+      << r.out;
+  EXPECT_NE(r.out.find("requests       400\n"), std::string::npos);
+  EXPECT_NE(r.out.find("latency        p50 "), std::string::npos);
+  // An alloc-id run needs no setup: the server handed out exactly 400
+  // batches of 3, from 1024 on.
+  auto client = server_.NewClient();
+  pdpb::AllocIdResponse next;
+  ASSERT_TRUE(client->Call("Pd.AllocId", pdpb::AllocIdRequest{1}, &next).ok());
+  EXPECT_EQ(next.first_id, 1024u + 400 * 3);
+}
+
+TEST_F(BenchTest, BadCommandLinesAndAnUnreachableServerExitTwo) {
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"--method", "scan"}, "kandb-meta-bench: unknown method 'scan'\n(see kandb-meta-bench --help)\n"},
+      {{"--duration", "3h"}, "kandb-meta-bench: --duration: bad duration: '3h'\n(see kandb-meta-bench --help)\n"},
+      {{"--duration", "1s", "--requests", "5"},
+       "kandb-meta-bench: give --duration or --requests, not both\n(see kandb-meta-bench --help)\n"},
+      {{"--conns", "0"}, "kandb-meta-bench: --conns must be at least 1\n(see kandb-meta-bench --help)\n"},
+  };
+  for (const auto& [args, message] : cases) {
+    ProgramResult r = Bench(args);
+    EXPECT_EQ(ExitCode(r), 2) << args[1];
+    EXPECT_EQ(r.err, message);
+  }
+  server_.Kill();
+  ProgramResult r = Bench({"--requests", "1"});
+  EXPECT_EQ(ExitCode(r), 2);
+  EXPECT_EQ(r.err, "kandb-meta-bench: setup failed: cannot connect to " + server_.target() + "\n");
+}
+
+}  // namespace
+}  // namespace kandb::tools

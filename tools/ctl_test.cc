@@ -1,0 +1,211 @@
+// Runs kandb-meta-ctl against a live kandb-meta and checks what each
+// subcommand prints, readable and as JSON, and how it exits.
+
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "app/meta_server_test_util.h"
+#include "common/test_util.h"
+
+namespace kandb::tools {
+namespace {
+
+using ::kandb::testing::MakeTempDir;
+using ::kandb::testing::MetaServer;
+using ::kandb::testing::ProgramResult;
+using ::kandb::testing::RemoveTree;
+using ::kandb::testing::RunProgram;
+using ::kandb::testing::WriteFileOrDie;
+using nlohmann::json;
+
+int ExitCode(const ProgramResult& r) { return WIFEXITED(r.status) ? WEXITSTATUS(r.status) : -1000 - r.status; }
+
+class CtlTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = MakeTempDir("ctl");
+    ASSERT_TRUE(server_.Start(dir_ + "/pd"));
+  }
+  void TearDown() override {
+    server_.Kill();
+    RemoveTree(dir_);
+  }
+
+  ProgramResult Ctl(const std::string& sub, std::vector<std::string> args) {
+    args.insert(args.begin(), {KANDB_META_CTL_BINARY, sub, "--addr", server_.target()});
+    return RunProgram(args);
+  }
+  json CtlJson(const std::string& sub, std::vector<std::string> args) {
+    args.push_back("--json");
+    ProgramResult r = Ctl(sub, args);
+    EXPECT_EQ(ExitCode(r), 0) << sub << ": " << r.err;
+    return json::parse(r.out, nullptr, false);
+  }
+  void Bootstrap() {
+    ProgramResult r = Ctl("bootstrap", {"--store-id", "1", "--store-address", "127.0.0.1:20160", "--region-id",
+                                        "2", "--peer", "3:1"});
+    ASSERT_EQ(ExitCode(r), 0) << r.err;
+    EXPECT_EQ(r.out, "cluster bootstrapped: store 1, region 2 and 0 more regions\n");
+  }
+
+  std::string dir_;
+  MetaServer server_;
+};
+
+TEST_F(CtlTest, RoutingBeforeBootstrapFailsWithTheServersTextAndStatusOne) {
+  for (bool as_json : {false, true}) {
+    std::vector<std::string> args = {"some-key"};
+    if (as_json) args.push_back("--json");
+    ProgramResult r = Ctl("get-region", args);
+    EXPECT_EQ(ExitCode(r), 1);
+    EXPECT_EQ(r.err, "remote: NotFound: cluster not bootstrapped\n");
+    EXPECT_EQ(r.out, "");
+  }
+  // Nobody listens on the port of a killed server.
+  server_.Kill();
+  ProgramResult r = Ctl("tso", {"--attempts", "2"});
+  EXPECT_EQ(ExitCode(r), 1);
+  EXPECT_EQ(r.err, "cannot connect to " + server_.target() + "\n");
+}
+
+TEST_F(CtlTest, TimestampsAndIdentifiersReadableAndJson) {
+  ProgramResult r = Ctl("tso", {"--count", "3"});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  unsigned long long ts = 0, physical = 0, logical = 0;
+  unsigned count = 0;
+  char when[64];
+  ASSERT_EQ(std::sscanf(r.out.c_str(), "timestamp %llu\nphysical  %llu ms (%63[^)])\nlogical   %llu\ncount     %u\n", &ts,
+                        &physical, when, &logical, &count),
+            5)
+      << r.out;
+  EXPECT_EQ(ts, (physical << 18) | logical);
+  EXPECT_EQ(count, 3u);
+  EXPECT_EQ(std::string(when).size(), 24u) << when;  // 2024-01-02T03:04:05.678Z
+
+  json later = CtlJson("tso", {});
+  EXPECT_GT(later["timestamp"].get<uint64_t>(), ts + 2);
+  EXPECT_EQ(later["timestamp"].get<uint64_t>(),
+            (later["physical"].get<uint64_t>() << 18) | later["logical"].get<uint64_t>());
+  EXPECT_EQ(later["count"], 1);
+
+  // A fresh state directory starts identifiers at 1024.
+  r = Ctl("alloc-id", {"--count", "5"});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(r.out, "first_id 1024\ncount    5\nlast_id  1028\n");
+  EXPECT_EQ(CtlJson("alloc-id", {}), json::parse(R"({"first_id": 1029, "count": 1})"));
+  WriteFileOrDie(dir_ + "/alloc.json", R"({"count": 2})");
+  EXPECT_EQ(CtlJson("alloc-id", {"--request", dir_ + "/alloc.json"}),
+            json::parse(R"({"first_id": 1030, "count": 2})"));
+}
+
+TEST_F(CtlTest, BootstrapRouteUpsertAndHeartbeat) {
+  Bootstrap();
+  ProgramResult r = Ctl("bootstrap", {"--store-id", "4", "--store-address", "10.0.0.4:20160", "--region-id", "9"});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(r.out, "cluster already bootstrapped; store 4 registered\n");
+  EXPECT_EQ(CtlJson("bootstrap", {"--store-id", "5", "--region-id", "9"}),
+            json::parse(R"({"already_bootstrapped": true})"));
+
+  r = Ctl("get-region", {"any\\x00key"});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(r.out,
+            "region 2 [-inf, +inf) conf_version 1 version 1 peers 1\n"
+            "  peer 3 store 1 role 0\n"
+            "leader peer 3 store 1 role 0\n"
+            "leader store 1 address \"127.0.0.1:20160\" state 0\n"
+            "store 1 address \"127.0.0.1:20160\" state 0\n");
+
+  // Split region 2 at the byte 0x80: one region by flags, one by document.
+  r = Ctl("upsert-region", {"--region-id", "2", "--end-key", "\\x80", "--version", "2", "--peer", "3:1"});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(r.out, "upserted 1 regions, removed 0\n");
+  WriteFileOrDie(dir_ + "/split.json", R"({"regions": [{"id": 10, "start_key": "\\x80",
+      "epoch": {"conf_version": 1, "version": 2},
+      "peers": [{"id": 11, "store_id": 4}, {"id": 12, "store_id": 1, "role": 1}]}]})");
+  EXPECT_EQ(CtlJson("upsert-region", {"--request", dir_ + "/split.json"}), json::parse(R"({"message": ""})"));
+
+  json routed = CtlJson("get-region", {"\\xff"});
+  EXPECT_EQ(routed["region"]["id"], 10);
+  EXPECT_EQ(routed["region"]["start_key"], "\\x80");
+  EXPECT_EQ(routed["region"]["end_key"], "");
+  EXPECT_EQ(routed["leader"], json::parse(R"({"id": 11, "store_id": 4, "role": 0})"));
+  EXPECT_EQ(routed["leader_store"]["address"], "10.0.0.4:20160");
+  EXPECT_EQ(routed["stores"].size(), 2u);
+  r = Ctl("get-region", {"\\x7f"});
+  EXPECT_EQ(r.out.substr(0, r.out.find('\n')), "region 2 [-inf, \"\\x80\") conf_version 1 version 2 peers 1");
+
+  // Store 1 holds replicas of 2 and 10, and 77 has no record: nothing is stale.
+  r = Ctl("heartbeat", {"--store-id", "1", "--region-id", "10", "--members", "4,1", "--caught-up-learners", "1",
+                        "--check-regions", "2,10,77"});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(r.out, "PromoteLearner region 10 store 1\n");
+  WriteFileOrDie(dir_ + "/hb.json", R"({"store_id": 5, "region_ids": [2, 10]})");
+  EXPECT_EQ(CtlJson("heartbeat", {"--request", dir_ + "/hb.json"}),
+            json::parse(R"({"commands": [
+                {"kind": "DestroyStaleReplica", "region_id": 2, "store_id": 5, "address": ""},
+                {"kind": "DestroyStaleReplica", "region_id": 10, "store_id": 5, "address": ""}]})"));
+  r = Ctl("heartbeat", {"--store-id", "1"});
+  EXPECT_EQ(r.out, "no commands\n");
+
+  r = Ctl("upsert-region", {"--remove", "10"});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(r.out, "upserted 0 regions, removed 1\n");
+  r = Ctl("get-region", {"\\xff"});
+  EXPECT_EQ(ExitCode(r), 1);
+  EXPECT_EQ(r.err, "remote: NotFound: no region covers key\n");
+}
+
+TEST_F(CtlTest, BadCommandLinesAndDocumentsExitTwoWithoutCallingTheServer) {
+  WriteFileOrDie(dir_ + "/bad.json", R"({"regions": [{"id": 1, "peers": [{"store": 1}]}]})");
+  WriteFileOrDie(dir_ + "/broken.json", R"({"regions": [)");
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"tso", "--count", "x"}, "kandb-meta-ctl tso: --count: not a number: 'x'\n"},
+      {{"tso", "--bogus"}, "kandb-meta-ctl tso: unknown option --bogus\n"},
+      {{"get-region"}, "kandb-meta-ctl get-region: missing KEY\n"},
+      {{"get-region", "a\\qb"}, "kandb-meta-ctl get-region: KEY: bad escape at offset 1\n"},
+      {{"bootstrap", "--region-id", "2"}, "kandb-meta-ctl bootstrap: --store-id is required (or --request)\n"},
+      {{"bootstrap", "--store-id", "1", "--region-id", "2", "--peer", "3"},
+       "kandb-meta-ctl bootstrap: --peer: expected ID:STORE[:ROLE], got '3'\n"},
+      {{"upsert-region"}, "kandb-meta-ctl upsert-region: nothing to do: give --region-id, --remove or --request\n"},
+      {{"upsert-region", "--request", dir_ + "/bad.json"},
+       "kandb-meta-ctl upsert-region: " + dir_ + "/bad.json: regions[0].peers[0].store: unknown field\n"},
+      {{"upsert-region", "--request", dir_ + "/bad.json", "--remove", "3"},
+       "kandb-meta-ctl upsert-region: --remove cannot be combined with --request\n"},
+      {{"heartbeat", "--request", dir_ + "/missing.json"},
+       "kandb-meta-ctl heartbeat: cannot read " + dir_ + "/missing.json: No such file or directory\n"},
+  };
+  for (const auto& [args, message] : cases) {
+    ProgramResult r = Ctl(args[0], std::vector<std::string>(args.begin() + 1, args.end()));
+    EXPECT_EQ(ExitCode(r), 2) << args[0];
+    EXPECT_EQ(r.err, message + "(see kandb-meta-ctl " + args[0] + " --help)\n");
+    EXPECT_EQ(r.out, "");
+  }
+  ProgramResult r = Ctl("upsert-region", {"--request", dir_ + "/broken.json"});
+  EXPECT_EQ(ExitCode(r), 2);
+  EXPECT_NE(r.err.find(dir_ + "/broken.json: bad JSON: "), std::string::npos) << r.err;
+
+  r = RunProgram({KANDB_META_CTL_BINARY, "frobnicate"});
+  EXPECT_EQ(ExitCode(r), 2);
+  EXPECT_EQ(r.err, "kandb-meta-ctl: unknown command 'frobnicate'\n(see kandb-meta-ctl --help)\n");
+  // Nothing above reached the server: it was never bootstrapped.
+  EXPECT_EQ(Ctl("get-region", {"a"}).err, "remote: NotFound: cluster not bootstrapped\n");
+}
+
+TEST_F(CtlTest, EverySubcommandHasHelp) {
+  ProgramResult r = RunProgram({KANDB_META_CTL_BINARY, "--help"});
+  EXPECT_EQ(ExitCode(r), 0);
+  for (const char* sub : {"tso", "alloc-id", "bootstrap", "get-region", "upsert-region", "heartbeat"}) {
+    EXPECT_NE(r.out.find(std::string("  ") + sub + " "), std::string::npos) << sub;
+    ProgramResult help = RunProgram({KANDB_META_CTL_BINARY, sub, "--help"});
+    EXPECT_EQ(ExitCode(help), 0) << sub;
+    EXPECT_EQ(help.out.rfind(std::string("usage: kandb-meta-ctl ") + sub + " [options]", 0), 0u) << help.out;
+    EXPECT_NE(help.out.find("--addr VALUE"), std::string::npos) << sub;
+    EXPECT_NE(help.out.find("--json"), std::string::npos) << sub;
+    EXPECT_EQ(help.err, "");
+  }
+}
+
+}  // namespace
+}  // namespace kandb::tools

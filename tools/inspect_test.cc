@@ -1,0 +1,299 @@
+// Runs kandb-meta-inspect on state directories written by the engine
+// itself: a healthy one, damaged copies of it (torn log tail, flipped table
+// bytes, a missing table) and the directory of a running server.
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+
+#include <gtest/gtest.h>
+
+#include "app/meta_server_test_util.h"
+#include "common/coding.h"
+#include "common/test_util.h"
+#include "lsm/db.h"
+#include "lsm/filename.h"
+#include "lsm/log.h"
+#include "lsm/manifest.h"
+#include "lsm/table.h"
+#include "meta/keys.h"
+#include "pdpb/messages.h"
+
+namespace kandb::tools {
+namespace {
+
+using ::kandb::testing::MakeTempDir;
+using ::kandb::testing::MetaServer;
+using ::kandb::testing::ProgramResult;
+using ::kandb::testing::ReadFileOrEmpty;
+using ::kandb::testing::RemoveTree;
+using ::kandb::testing::RunProgram;
+using ::kandb::testing::WriteFileOrDie;
+
+int ExitCode(const ProgramResult& r) { return WIFEXITED(r.status) ? WEXITSTATUS(r.status) : -1000 - r.status; }
+
+ProgramResult Inspect(const std::string& dir, bool verify) {
+  std::vector<std::string> args = {KANDB_META_INSPECT_BINARY, dir};
+  if (verify) args.push_back("--verify");
+  return RunProgram(args);
+}
+
+lsm::Entry Put(const std::string& key, const std::string& value) { return {lsm::kOpPut, key, value}; }
+
+lsm::Entry RegionRecord(uint64_t id, uint64_t version) {
+  pdpb::Region region;
+  region.id = id;
+  region.start_key = "k" + std::to_string(id);
+  region.end_key = "k" + std::to_string(id) + "~";
+  region.epoch = {1, version};
+  region.peers.push_back(pdpb::Peer{id + 1000, 1, 0});
+  return Put(meta::RegionKey(id), pdpb::Encode(region));
+}
+
+lsm::Entry IdMark(uint64_t mark) {
+  std::string value;
+  PutFixed64(&value, mark);
+  return Put(meta::kIdAllocKey, value);
+}
+
+// What the server would leave after a while, through the engine itself
+// with a tiny write buffer: two flushed table files, then a log of two
+// newer records (region 7 rewritten; region 8 deleted and a new mark).
+void WriteState(const std::string& dir) {
+  lsm::LsmDb::Options options;
+  options.write_buffer_size = 2048;
+  options.sync = false;
+  std::unique_ptr<lsm::LsmDb> db;
+  ASSERT_TRUE(lsm::LsmDb::Open(dir, options, &db).ok());
+  lsm::WriteBatch first = {Put(meta::kBootstrappedKey, "1"),
+                           Put(meta::StoreKey(1), pdpb::Encode(pdpb::Store{1, "127.0.0.1:20160", 0})),
+                           IdMark(2025)};
+  for (uint64_t id = 1; id <= 20; ++id) first.push_back(RegionRecord(id, 1));
+  ASSERT_TRUE(db->Write(first).ok());
+  db->WaitForBackgroundIdle();
+  lsm::WriteBatch second;
+  for (uint64_t id = 21; id <= 40; ++id) second.push_back(RegionRecord(id, 1));
+  ASSERT_TRUE(db->Write(second).ok());
+  db->WaitForBackgroundIdle();
+  ASSERT_TRUE(db->Write({RegionRecord(7, 2)}).ok());
+  ASSERT_TRUE(db->Write({{lsm::kOpDelete, meta::RegionKey(8), ""}, IdMark(3026)}).ok());
+  ASSERT_EQ(db->TableFileCount(), 2u);
+}
+
+// Names, sizes and modification times: what must not change under an inspection.
+std::map<std::string, std::string> Fingerprint(const std::string& dir) {
+  std::map<std::string, std::string> out;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    struct stat st;
+    EXPECT_EQ(::stat(entry.path().c_str(), &st), 0);
+    out[entry.path().filename()] = std::to_string(st.st_size) + "@" + std::to_string(st.st_mtim.tv_sec) + "." +
+                                   std::to_string(st.st_mtim.tv_nsec);
+  }
+  return out;
+}
+
+class InspectTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_ = MakeTempDir("inspect");
+    state_ = root_ + "/pd";
+    WriteState(state_);
+    bool exists = false;
+    ASSERT_TRUE(lsm::ReadManifest(state_, &manifest_, &exists).ok());
+    ASSERT_EQ(manifest_.sst_files.size(), 2u);
+    for (const auto& entry : std::filesystem::directory_iterator(state_)) {
+      uint64_t number = 0;
+      if (lsm::ParseFileName(entry.path().filename(), &number) == lsm::FileKind::kLog &&
+          entry.file_size() > 0) {
+        log_ = entry.path();
+      }
+    }
+    ASSERT_FALSE(log_.empty());
+  }
+  void TearDown() override { RemoveTree(root_); }
+
+  // A copy of the state to damage; returns its path.
+  std::string Copy(const std::string& name) {
+    const std::string copy = root_ + "/" + name;
+    std::filesystem::copy(state_, copy);
+    return copy;
+  }
+  std::string InCopy(const std::string& copy, const std::string& path) {
+    return copy + "/" + std::filesystem::path(path).filename().string();
+  }
+  std::string Table(size_t i) const { return lsm::TableFileName(state_, manifest_.sst_files[i]); }
+
+  std::string root_;
+  std::string state_;
+  std::string log_;
+  lsm::ManifestState manifest_;
+};
+
+TEST_F(InspectTest, HealthyStateIsShownMergedAndLeftUntouched) {
+  const auto before = Fingerprint(state_);
+  ProgramResult r = Inspect(state_, true);
+  EXPECT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  const std::string& out = r.out;
+  EXPECT_NE(out.find("manifest: next_file " + std::to_string(manifest_.next_file) + ", 2 live tables (newest first): " +
+                     std::to_string(manifest_.sst_files[0]) + " " + std::to_string(manifest_.sst_files[1])),
+            std::string::npos)
+      << out;
+  const std::string log_name = std::filesystem::path(log_).filename();
+  EXPECT_NE(out.find("  " + log_name + "  2 records, 3 entries; replay stops at offset " +
+                     std::to_string(std::filesystem::file_size(log_)) + ": clean end\n"),
+            std::string::npos)
+      << out;
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_NE(out.find(std::filesystem::path(Table(i)).filename().string() + "  live, footer at "), std::string::npos);
+  }
+  // The newest table holds regions 21..40; the keys sort as text.
+  EXPECT_NE(out.find("    keys \"pd/region/21\" .. \"pd/region/40\"\n"), std::string::npos) << out;
+  // The log's changes win over the tables: region 7 rewritten, 8 deleted, the newer mark.
+  EXPECT_NE(out.find("live records (42: 1 stores, 39 regions, 2 other)\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("  pd/region/7  region 7 [\"k7\", \"k7~\") conf_version 1 version 2 peers 1\n"
+                     "      peer 1007 store 1 role 0\n"),
+            std::string::npos);
+  EXPECT_EQ(out.find("pd/region/8 "), std::string::npos);
+  EXPECT_NE(out.find("  pd/id_alloc  identifier mark 3026"), std::string::npos);
+  EXPECT_NE(out.find("  pd/bootstrapped  bootstrap marker\n"), std::string::npos);
+  EXPECT_NE(out.find("  pd/store/1  store 1 address \"127.0.0.1:20160\" state 0\n"), std::string::npos);
+  EXPECT_NE(out.find("problems: none\nverify: no damage found\n"), std::string::npos);
+  EXPECT_EQ(Fingerprint(state_), before);
+
+  r = RunProgram({KANDB_META_INSPECT_BINARY, "--no-records", state_});
+  EXPECT_EQ(ExitCode(r), 0);
+  EXPECT_EQ(r.out.find("pd/region/7  "), std::string::npos);
+  EXPECT_NE(r.out.find("live records (42:"), std::string::npos);
+}
+
+TEST_F(InspectTest, TornLogTailStopsReplayThereAndVerifyNamesFileAndOffset) {
+  const std::string copy = Copy("torn");
+  const std::string log = InCopy(copy, log_);
+  // Where the second (last) record starts, as the log reader sees it.
+  uint64_t last_offset = 0;
+  {
+    std::unique_ptr<lsm::LogReader> reader;
+    ASSERT_TRUE(lsm::LogReader::Open(log, &reader).ok());
+    lsm::WriteBatch batch;
+    while (reader->Next(&batch)) last_offset = reader->record_offset();
+  }
+  ASSERT_GT(last_offset, 0u);
+  ASSERT_EQ(::truncate(log.c_str(), static_cast<off_t>(std::filesystem::file_size(log) - 1)), 0);
+
+  const std::string where = std::filesystem::path(log).filename().string() + " at offset " + std::to_string(last_offset);
+  ProgramResult r = Inspect(copy, true);
+  EXPECT_EQ(ExitCode(r), 1);
+  EXPECT_NE(r.err.find("kandb-meta-inspect: damage: " + where + ": short payload ("), std::string::npos) << r.err;
+  EXPECT_NE(r.out.find("replay stops at offset " + std::to_string(last_offset) + ": short payload"), std::string::npos);
+  // The torn record (delete of region 8, mark 3026) is not applied.
+  EXPECT_NE(r.out.find("  pd/region/8  region 8 "), std::string::npos);
+  EXPECT_NE(r.out.find("  pd/id_alloc  identifier mark 2025"), std::string::npos);
+
+  // Without --verify the damage is reported and the status stays 0.
+  r = Inspect(copy, false);
+  EXPECT_EQ(ExitCode(r), 0);
+  EXPECT_NE(r.out.find("problems (1)\n  " + where), std::string::npos) << r.out;
+  EXPECT_EQ(r.err, "");
+
+  // A header cut short is a torn header at the same offset.
+  ASSERT_EQ(::truncate(log.c_str(), static_cast<off_t>(last_offset + 5)), 0);
+  r = Inspect(copy, true);
+  EXPECT_EQ(ExitCode(r), 1);
+  EXPECT_NE(r.err.find(where + ": torn header (5 of 8 header bytes)"), std::string::npos) << r.err;
+}
+
+TEST_F(InspectTest, FlippedTableBytesAreFoundAtTheirOffset) {
+  const std::string copy = Copy("flipped");
+  const std::string table = InCopy(copy, Table(0));
+  const std::string name = std::filesystem::path(table).filename();
+  const std::string good = ReadFileOrEmpty(table);
+
+  // The op byte of the first record: records have no checksum, but an op
+  // other than put or delete cannot be read.
+  std::string bytes = good;
+  bytes[0] ^= 0x40;
+  WriteFileOrDie(table, bytes);
+  ProgramResult r = Inspect(copy, true);
+  EXPECT_EQ(ExitCode(r), 1);
+  EXPECT_NE(r.err.find("kandb-meta-inspect: damage: " + name + " at offset 0: sst bad record op\n"), std::string::npos)
+      << r.err;
+  // The damaged table is left out of the merge: regions 21..40 are gone from view.
+  EXPECT_NE(r.out.find("live records (22: 1 stores, 19 regions, 2 other)"), std::string::npos) << r.out;
+
+  // A byte of the footer's index offset: the footer checksum catches it.
+  bytes = good;
+  const size_t footer = good.size() - lsm::kTableFooterSize;
+  bytes[footer] ^= 0x01;
+  WriteFileOrDie(table, bytes);
+  r = Inspect(copy, true);
+  EXPECT_EQ(ExitCode(r), 1);
+  EXPECT_NE(r.err.find(name + " at offset " + std::to_string(footer) + ": sst footer crc mismatch\n"),
+            std::string::npos)
+      << r.err;
+
+  // A key byte that breaks the order: "pd/region/22" becomes "pd/region/02"
+  // after "pd/region/21". Only the key order shows it.
+  bytes = good;
+  const size_t second = good.find("pd/region/22");
+  ASSERT_NE(second, std::string::npos);
+  bytes[second + 10] = '0';
+  WriteFileOrDie(table, bytes);
+  r = Inspect(copy, true);
+  EXPECT_EQ(ExitCode(r), 1);
+  EXPECT_NE(r.err.find(name + " at offset " + std::to_string(second - 5) +
+                       ": key \"pd/region/02\" is not above the previous key \"pd/region/21\""),
+            std::string::npos)
+      << r.err;
+}
+
+TEST_F(InspectTest, MissingTableIsDamageAndAnOrphanIsNot) {
+  const std::string copy = Copy("missing");
+  // An orphan: a table the manifest does not name, deleted at the next open.
+  std::filesystem::copy_file(InCopy(copy, Table(0)), copy + "/sst-000999.sst");
+  ProgramResult r = Inspect(copy, true);
+  EXPECT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_NE(r.out.find("sst-000999.sst  orphan, footer at "), std::string::npos) << r.out;
+
+  const std::string table = InCopy(copy, Table(1));
+  ASSERT_EQ(::unlink(table.c_str()), 0);
+  r = Inspect(copy, true);
+  EXPECT_EQ(ExitCode(r), 1);
+  EXPECT_EQ(r.err, "kandb-meta-inspect: damage: " + std::filesystem::path(table).filename().string() +
+                       " at offset 0: table file named by the manifest is missing\n");
+}
+
+TEST(InspectLiveTest, ReadsTheDirectoryOfARunningServer) {
+  const std::string root = MakeTempDir("inspect-live");
+  MetaServer server;
+  ASSERT_TRUE(server.Start(root + "/pd"));
+  auto client = server.NewClient();
+  pdpb::BootstrapRequest request;
+  request.store = {1, "127.0.0.1:20160", 0};
+  request.region.id = 2;
+  request.region.peers.push_back({3, 1, 0});
+  pdpb::BootstrapResponse response;
+  ASSERT_TRUE(client->Call("Pd.Bootstrap", request, &response).ok());
+
+  ProgramResult r = Inspect(root + "/pd", true);
+  EXPECT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_NE(r.out.find("  pd/region/2  region 2 [-inf, +inf) conf_version 0 version 0 peers 1\n"), std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("verify: no damage found"), std::string::npos);
+  // The server goes on undisturbed.
+  pdpb::GetRegionResponse routed;
+  ASSERT_TRUE(client->Call("Pd.GetRegion", pdpb::GetRegionRequest{"x"}, &routed).ok());
+  EXPECT_EQ(routed.region.id, 2u);
+  server.Kill();
+
+  r = Inspect(root + "/absent", true);
+  EXPECT_EQ(ExitCode(r), 2);
+  EXPECT_EQ(r.err, "kandb-meta-inspect: " + root + "/absent: No such file or directory\n");
+  RemoveTree(root);
+}
+
+}  // namespace
+}  // namespace kandb::tools
