@@ -94,8 +94,6 @@ struct TableReport {
 struct Snapshot {
   bool manifest_exists = false;
   lsm::ManifestState manifest;
-  uint64_t manifest_size = 0;
-  uint64_t manifest_lines = 0;
   std::vector<FileEntry> files;
   std::vector<LogReport> logs;
   std::vector<TableReport> tables;  // live ones in manifest order, then orphans
@@ -143,23 +141,22 @@ void ReadManifestFile(const std::string& dir, Snapshot* snap) {
     return;
   }
   if (!snap->manifest_exists) return;
-  // The manifest reader stops quietly at a line it does not understand and
-  // drops the rest; counting the lines shows whether it dropped any.
+  // The manifest reader skips unknown records and stops quietly at a
+  // malformed line, dropping the rest; more lines than records taken shows
+  // that it skipped or dropped something.
   std::ifstream in(lsm::ManifestFileName(dir), std::ios::binary);
   std::string line;
-  uint64_t offset = 0;
-  uint64_t understood = 0;
-  const uint64_t expected = 1 + snap->manifest.sst_files.size();
+  uint64_t lines = 0;
   while (std::getline(in, line)) {
-    if (!line.empty()) ++snap->manifest_lines;
-    if (!line.empty() && ++understood > expected) {
-      snap->problems.push_back({"MANIFEST", offset, "line not understood, it and the rest are ignored: " +
-                                                        Quote(line)});
-      break;
-    }
-    offset += line.size() + 1;
+    if (!line.empty()) ++lines;
   }
-  snap->manifest_size = offset;
+  const uint64_t taken = 1 + snap->manifest.sst_files.size();
+  if (lines > taken) {
+    snap->problems.push_back({"MANIFEST", 0,
+                              std::to_string(lines) + " lines but only " + std::to_string(taken) +
+                                  " next_file and sst records were taken; the others were skipped or ended "
+                                  "the reading"});
+  }
 }
 
 // Replays every log in ascending number order into snap->mem, as the engine
@@ -327,6 +324,12 @@ Snapshot ReadOnce(const std::string& dir, bool deep) {
     return snap;
   }
   ReadManifestFile(dir, &snap);
+  const size_t tables_listed = NumbersOf(snap.files, lsm::FileKind::kTable).size();
+  if (!snap.manifest_exists && tables_listed > 0) {
+    // Without a manifest no table is live: the next open deletes them all.
+    snap.problems.push_back({"MANIFEST", 0, "missing, but " + std::to_string(tables_listed) +
+                                                " table files are present; the next open deletes them"});
+  }
   ReadLogs(dir, &snap);
   ReadTables(dir, deep, &snap);
   // A flush or compaction that finished meanwhile rewrote the manifest.
@@ -403,7 +406,7 @@ void PrintTables(const Snapshot& snap) {
       continue;
     }
     const lsm::SstReader::Layout& l = t.reader->layout();
-    std::printf("  %s  %s, footer at %llu: %llu entries (%llu deletions read), data 0..%llu, "
+    std::printf("  %s  %s, footer at %llu: %llu entries (%llu deletions), data 0..%llu, "
                 "index %zu entries (%llu bytes at %llu), filter %llu bytes at %llu\n",
                 t.name.c_str(), role, static_cast<unsigned long long>(l.file_size - lsm::kTableFooterSize),
                 static_cast<unsigned long long>(t.reader->entry_count()),

@@ -250,7 +250,7 @@ TEST_F(InspectTest, FlippedTableBytesAreFoundAtTheirOffset) {
       << r.err;
 }
 
-TEST_F(InspectTest, MissingTableIsDamageAndAnOrphanIsNot) {
+TEST_F(InspectTest, MissingTableOrManifestIsDamageAndAnOrphanIsNot) {
   const std::string copy = Copy("missing");
   // An orphan: a table the manifest does not name, deleted at the next open.
   std::filesystem::copy_file(InCopy(copy, Table(0)), copy + "/sst-000999.sst");
@@ -264,6 +264,21 @@ TEST_F(InspectTest, MissingTableIsDamageAndAnOrphanIsNot) {
   EXPECT_EQ(ExitCode(r), 1);
   EXPECT_EQ(r.err, "kandb-meta-inspect: damage: " + std::filesystem::path(table).filename().string() +
                        " at offset 0: table file named by the manifest is missing\n");
+
+  // A line the manifest reader does not take drops the tables after it.
+  const std::string manifest = ReadFileOrEmpty(copy + "/MANIFEST");
+  WriteFileOrDie(copy + "/MANIFEST", "next_file 50\nsst x\n" + manifest.substr(manifest.find("sst ")));
+  r = Inspect(copy, true);
+  EXPECT_EQ(ExitCode(r), 1);
+  EXPECT_NE(r.err.find("MANIFEST at offset 0: 4 lines but only 1 next_file and sst records were taken"),
+            std::string::npos)
+      << r.err;
+
+  ASSERT_EQ(::unlink((copy + "/MANIFEST").c_str()), 0);
+  r = Inspect(copy, true);
+  EXPECT_EQ(ExitCode(r), 1);
+  EXPECT_EQ(r.err, "kandb-meta-inspect: damage: MANIFEST at offset 0: missing, but 2 table files are present; "
+                   "the next open deletes them\n");
 }
 
 TEST(InspectLiveTest, ReadsTheDirectoryOfARunningServer) {
