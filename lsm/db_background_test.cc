@@ -187,50 +187,5 @@ TEST_F(BackgroundTest, FailedFlushIsRetriedUntilItSucceeds) {
   EXPECT_EQ(GetOrAbsent(db_.get(), "k"), std::string(100, 'v'));
 }
 
-TEST_F(BackgroundTest, FailedManifestRewriteKeepsLogsUntilARetrySucceeds) {
-  OpenDb(SmallOptions(100, 8, true));
-  // The first flush publishes its table but not the manifest that names it.
-  io_.on_unlink = [this](const std::string& path) {
-    if (path.find("wal-") != std::string::npos) gate_.Arrive();
-  };
-  io_.FailNth(FileOp::kRename, 1, "MANIFEST");
-  ASSERT_TRUE(db_->Write({Put("k", std::string(100, 'v'))}).ok());
-
-  // The log is unlinked only once a manifest names a table holding its
-  // data: here the retry's table, listed with the first one behind it.
-  ASSERT_TRUE(gate_.WaitArrived());
-  EXPECT_EQ(io_.injected(FileOp::kRename), 1u);
-  EXPECT_EQ(Manifest(), "next_file 5\nsst 4\nsst 3\n");
-  gate_.Open();
-  db_->WaitForBackgroundIdle();
-  EXPECT_EQ(db_->TableFileCount(), 2u);
-  EXPECT_EQ(GetOrAbsent(db_.get(), "k"), std::string(100, 'v'));
-}
-
-TEST_F(BackgroundTest, DestructorWaitsForTheFlushInProgress) {
-  io_.on_rename = [this](const std::string& from, const std::string&) {
-    if (from.find(".sst") != std::string::npos) gate_.Arrive();
-  };
-  OpenDb(SmallOptions(100, 8, true));
-  ASSERT_TRUE(db_->Write({Put("k", std::string(100, 'v'))}).ok());
-  ASSERT_TRUE(gate_.WaitArrived());
-
-  std::atomic<bool> destroyed{false};
-  std::thread closer([&] {
-    db_.reset();
-    destroyed = true;
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_FALSE(destroyed.load());
-  gate_.Open();
-  closer.join();
-
-  // The flush ran to its end: table named, log deleted.
-  EXPECT_EQ(Manifest(), "next_file 4\nsst 3\n");
-  EXPECT_FALSE(FileExists(LogFileName(dir_.path(), 1)));
-  OpenDb(SmallOptions(100, 8, true));
-  EXPECT_EQ(GetOrAbsent(db_.get(), "k"), std::string(100, 'v'));
-}
-
 }  // namespace
 }  // namespace kandb::lsm

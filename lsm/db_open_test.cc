@@ -98,48 +98,12 @@ TEST_F(OpenTest, LogsReplayInOrderIntoOneMemTable) {
   EXPECT_EQ(db_->TableFileCount(), 0u);
 }
 
-TEST_F(OpenTest, MissingLiveTableFailsAndMissingLogsReplayEmpty) {
+TEST_F(OpenTest, MissingLiveTableFailsTheOpen) {
   testing::WriteFileOrDie(dir_.File("MANIFEST"), "next_file 3\nsst 2\n");
   Status s = OpenDb();
   EXPECT_EQ(s.code(), Status::kCorruption);
   EXPECT_EQ(s.message(), "sst open " + TableFileName(dir_.path(), 2) + ": No such file or directory");
   EXPECT_EQ(db_, nullptr);
-
-  // A log whose record is torn keeps what came before it.
-  testing::WriteFileOrDie(dir_.File("MANIFEST"), "next_file 3\n");
-  AppendToLog(LogFileName(dir_.path(), 4), {Put("whole", "1")});
-  AppendToLog(LogFileName(dir_.path(), 4), {Put("torn", "2")});
-  const std::string bytes = testing::ReadFileOrEmpty(LogFileName(dir_.path(), 4));
-  testing::WriteFileOrDie(LogFileName(dir_.path(), 4), bytes.substr(0, bytes.size() - 1));
-  ASSERT_TRUE(OpenDb().ok());
-  EXPECT_EQ(GetOrAbsent(db_.get(), "whole"), "1");
-  EXPECT_EQ(GetOrAbsent(db_.get(), "torn"), "<absent>");
-}
-
-TEST_F(OpenTest, ReopeningRecoversWritesAndAddsOneEmptyLogEachTime) {
-  ASSERT_TRUE(OpenDb().ok());
-  ASSERT_TRUE(db_->Write({Put("a", "1")}).ok());
-  db_.reset();
-  ASSERT_TRUE(OpenDb().ok());
-  db_.reset();
-  ASSERT_TRUE(OpenDb().ok());
-  EXPECT_EQ(GetOrAbsent(db_.get(), "a"), "1");
-  EXPECT_EQ(ListNames(dir_.path()),
-            (std::vector<std::string>{"MANIFEST", "wal-000001.log", "wal-000002.log", "wal-000003.log"}));
-  db_.reset();
-
-  // A replayed memtable over the buffer size is switched by the first
-  // write group, and its flush then deletes every replayed log.
-  ASSERT_TRUE(LsmDb::Open(dir_.path(), SmallOptions(30, 8, false), &db_).ok());
-  EXPECT_EQ(db_->ImmutableMemTableCount(), 0u);
-  EXPECT_EQ(db_->TableFileCount(), 0u);
-  ASSERT_TRUE(db_->Write({Put("b", "2")}).ok());
-  db_->WaitForBackgroundIdle();
-  EXPECT_EQ(db_->TableFileCount(), 1u);
-  ASSERT_TRUE(Eventually([&] { return ListNames(dir_.path()).size() == 3; }));
-  EXPECT_EQ(ListNames(dir_.path()), (std::vector<std::string>{"MANIFEST", "sst-000006.sst", "wal-000005.log"}));
-  EXPECT_EQ(GetOrAbsent(db_.get(), "a"), "1");
-  EXPECT_EQ(GetOrAbsent(db_.get(), "b"), "2");
 }
 
 }  // namespace

@@ -51,10 +51,6 @@ class LsmDbTestPeer {
     for (const auto& reader : db_->table_readers_) counts.push_back(reader->entry_count());
     return counts;
   }
-  uint64_t ActiveMemTableBytes() {
-    MutexLock lock(&db_->db_mutex_);
-    return db_->mem_->ApproximateBytes();
-  }
   // Retires the active memtable as a full write group would.
   Status SwitchMemTable() {
     MutexLock lock(&db_->db_mutex_);
