@@ -91,7 +91,23 @@ std::unique_ptr<LsmDb> OpenOrDie(const std::string& dir, const LsmDb::Options& o
   return db;
 }
 
-void RawSyncedAppends(const std::string& dir, double seconds) {
+// Operations done in a measured stretch of time, with the engine's
+// fdatasync calls during it.
+struct Run {
+  uint64_t ops = 0;
+  double seconds = 0;
+  uint64_t syncs = 0;
+  double sync_ms = 0;  // summed
+  void Add(const Run& r) {
+    ops += r.ops;
+    seconds += r.seconds;
+    syncs += r.syncs;
+    sync_ms += r.sync_ms;
+  }
+  double rate() const { return ops / seconds; }
+};
+
+Run RawSyncedAppends(const std::string& dir, double seconds) {
   const std::string path = dir + "/raw-appends";
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   if (fd < 0) {
@@ -100,28 +116,30 @@ void RawSyncedAppends(const std::string& dir, double seconds) {
   }
   char record[100];
   std::memset(record, 'r', sizeof(record));
-  uint64_t n = 0;
+  Run run;
   const auto start = Clock::now();
   while (Seconds(start) < seconds) {
     if (::write(fd, record, sizeof(record)) != static_cast<ssize_t>(sizeof(record)) || ::fdatasync(fd) != 0) {
       std::perror("raw append");
       std::exit(1);
     }
-    ++n;
+    ++run.ops;
   }
-  const double elapsed = Seconds(start);
+  run.seconds = Seconds(start);
   ::close(fd);
   ::unlink(path.c_str());
-  std::printf("raw 100-byte append + fdatasync     %10.0f /s\n", n / elapsed);
+  return run;
 }
 
-double SyncedWrites(const std::string& dir, int threads, double seconds) {
+Run SyncedWrites(const std::string& dir, int threads, double seconds) {
   std::filesystem::remove_all(dir);
   std::unique_ptr<LsmDb> db = OpenOrDie(dir, LsmDb::Options());  // 64 MiB buffer, sync on
   std::atomic<bool> stop{false};
   std::atomic<uint64_t> total{0};
   std::vector<std::thread> workers;
   const std::string value(kValueSize, 'v');
+  sync_counter.Reset();
+  const auto start = Clock::now();
   for (int t = 0; t < threads; ++t) {
     workers.emplace_back([&, t] {
       uint64_t n = 0;
@@ -134,16 +152,21 @@ double SyncedWrites(const std::string& dir, int threads, double seconds) {
       total += n;
     });
   }
-  const auto start = Clock::now();
-  sync_counter.Reset();
   std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
   stop = true;
   for (std::thread& w : workers) w.join();
-  const double rate = total / Seconds(start);
+  Run run;
+  run.seconds = Seconds(start);
+  run.ops = total;
+  run.syncs = sync_counter.syncs();
+  run.sync_ms = sync_counter.average_ms() * run.syncs;
+  return run;
+}
+
+void PrintWrites(int threads, const Run& run) {
   std::printf("synced Write, %3d writer thread%s     %10.0f /s   (%.1f writes per fdatasync, %.2f ms each)\n",
-              threads, threads == 1 ? " " : "s", rate, sync_counter.syncs() ? double(total) / sync_counter.syncs() : 0.0,
-              sync_counter.average_ms());
-  return rate;
+              threads, threads == 1 ? " " : "s", run.rate(), run.syncs ? double(run.ops) / run.syncs : 0.0,
+              run.syncs ? run.sync_ms / run.syncs : 0.0);
 }
 
 // Loads `keys` entries into the database at `dir`; with `to_tables` the
@@ -303,9 +326,25 @@ int main(int argc, char** argv) {
     return rc == 0 ? 0 : 1;
   }
 
-  RawSyncedAppends(dir, seconds);
-  ScopedFileIo counting(&sync_counter);
-  for (int threads : {1, 8, 32, 128}) SyncedWrites(dir + "/writes", threads, seconds);
+  {
+    // The host's sync latency drifts, so the raw rate and the one-writer
+    // rate it is compared with are measured in alternating slices.
+    ScopedFileIo counting(&sync_counter);
+    Run raw;
+    Run one;
+    for (int slice = 0; slice < 4; ++slice) {
+      raw.Add(RawSyncedAppends(dir, seconds / 4));
+      one.Add(SyncedWrites(dir + "/writes", 1, seconds / 4));
+    }
+    std::printf("raw 100-byte append + fdatasync     %10.0f /s\n", raw.rate());
+    PrintWrites(1, one);
+    std::printf("  one writer / raw                  %10.2f\n", one.rate() / raw.rate());
+    for (int threads : {8, 32, 128}) {
+      const Run run = SyncedWrites(dir + "/writes", threads, seconds);
+      PrintWrites(threads, run);
+      if (threads == 32) std::printf("  32 writers / one writer           %10.2f\n", run.rate() / one.rate());
+    }
+  }
 
   constexpr uint64_t kKeys = 200000;
   {
