@@ -81,9 +81,12 @@ WriteBatch CrashBatch(int cycle, uint32_t writer, uint32_t seq) {
   _exit(6);
 }
 
-// Runs one child until a random moment, kills it, and returns the last
+// Runs one child for `life`, counted from its start or, with
+// `after_first_ack`, from its first acknowledgement (a sanitized child can
+// take longer than a whole life to open); kills it; and returns the last
 // acknowledged sequence number of each writer (0 for none).
-std::vector<uint32_t> RunAndKill(const std::string& dir, int cycle, std::chrono::microseconds life) {
+std::vector<uint32_t> RunAndKill(const std::string& dir, int cycle, std::chrono::microseconds life,
+                                 bool after_first_ack) {
   int fds[2];
   EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
   pid_t pid = fork();
@@ -96,12 +99,16 @@ std::vector<uint32_t> RunAndKill(const std::string& dir, int cycle, std::chrono:
 
   std::vector<uint32_t> last(kWriters, 0);
   std::string pending;
+  bool eof = false;  // the child is gone
   auto drain = [&](int timeout_ms) {
     pollfd p{fds[0], POLLIN, 0};
     if (poll(&p, 1, timeout_ms) <= 0) return false;
     char buf[4096];
     ssize_t n = read(fds[0], buf, sizeof(buf));
-    if (n <= 0) return false;
+    if (n <= 0) {
+      eof = true;
+      return false;
+    }
     pending.append(buf, static_cast<size_t>(n));
     size_t used = 0;
     for (; pending.size() - used >= sizeof(Ack); used += sizeof(Ack)) {
@@ -114,8 +121,15 @@ std::vector<uint32_t> RunAndKill(const std::string& dir, int cycle, std::chrono:
     pending.erase(0, used);
     return true;
   };
-  const auto deadline = std::chrono::steady_clock::now() + life;
-  while (std::chrono::steady_clock::now() < deadline) drain(1);
+  auto deadline = std::chrono::steady_clock::now() + life;
+  if (after_first_ack) {
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!eof && last == std::vector<uint32_t>(kWriters, 0) && std::chrono::steady_clock::now() < give_up) {
+      drain(1);
+    }
+    deadline = std::chrono::steady_clock::now() + life;
+  }
+  while (!eof && std::chrono::steady_clock::now() < deadline) drain(1);
   kill(pid, SIGKILL);
   int status = 0;
   EXPECT_EQ(waitpid(pid, &status, 0), pid);
@@ -143,10 +157,12 @@ TEST(CrashTest, KilledWritersLoseNothingAcknowledgedAndApplyBatchesWhole) {
   uint64_t acknowledged = 0;
 
   for (int cycle = 1; cycle <= cycles; ++cycle) {
-    // From 2 ms (often still recovering) to 80 ms (flushes and compactions
-    // under way).
-    const auto life = std::chrono::microseconds(2000 + rng() % 78000);
-    const std::vector<uint32_t> last = RunAndKill(dir.path(), cycle, life);
+    // One kill in four lands anywhere in the first 30 ms, often while the
+    // child is still recovering; the others up to 60 ms into its writing,
+    // with flushes and compactions under way.
+    const bool after_first_ack = rng() % 4 != 0;
+    const auto life = std::chrono::microseconds(rng() % (after_first_ack ? 60000 : 30000));
+    const std::vector<uint32_t> last = RunAndKill(dir.path(), cycle, life, after_first_ack);
     if (::testing::Test::HasFailure()) return;
 
     std::unique_ptr<LsmDb> db;
