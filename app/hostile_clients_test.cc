@@ -62,7 +62,6 @@ constexpr int kHostileThreads = 4;
 constexpr size_t kStalledPayloadSent = 64 * 1024;
 // Every wait of a well-behaved call; generous for a loaded machine.
 constexpr int kCallTimeoutMs = 60000;
-constexpr int64_t kMiB = 1024 * 1024;
 // A generous ceiling on the server's resident memory at its peak. The
 // largest legal request alone costs a few times 64 MiB while it is read and
 // decoded; the thousands of connections cost their stacks' touched pages
