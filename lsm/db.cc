@@ -158,11 +158,6 @@ LsmDb::~LsmDb() {
   // flushed or synced: the logs hold what the memtables held.
 }
 
-void LsmDb::WaitOn(CondVar* cv, Mutex* mu) NO_THREAD_SAFETY_ANALYSIS {
-  (void)mu;
-  cv->Wait();
-}
-
 void LsmDb::WaitForBackgroundIdle() {
   for (;;) {
     {

@@ -107,10 +107,6 @@ class LsmDb {
   Status CompactAllTables() EXCLUDES(db_mutex_);
   Status WriteManifestLocked() REQUIRES(db_mutex_);
 
-  // Waits on `cv`, whose mutex is `mu`. The analysis cannot tie a
-  // condition variable to the mutex it was built with, so this says it.
-  static void WaitOn(CondVar* cv, Mutex* mu) REQUIRES(mu);
-
   const std::string dir_;
   const Options options_;
 

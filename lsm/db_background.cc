@@ -35,7 +35,7 @@ void LsmDb::BackgroundLoop() {
       FlushOldestMemTable();
       db_mutex_.Lock();
     } else if (table_readers_.size() <= options_.max_table_files) {
-      WaitOn(&background_cv_, &db_mutex_);
+      background_cv_.Wait();
     } else {
       db_mutex_.Unlock();
       CompactAllTables();

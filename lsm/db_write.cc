@@ -23,7 +23,7 @@ Status LsmDb::Write(const WriteBatch& batch) {
     for (;;) {
       if (slot.done) return slot.result;
       if (writers_.front() == &slot) break;
-      WaitOn(&slot.cv, &write_queue_mutex_);
+      slot.cv.Wait();
     }
     // The group is the whole queue as it stands, with no size limit.
     group.assign(writers_.begin(), writers_.end());
