@@ -76,7 +76,9 @@ std::string FormatUtcMillis(uint64_t millis) {
 }
 
 Status ParseUint(std::string_view text, uint64_t max, uint64_t* out) {
-  const std::string quoted = "'" + std::string(text) + "'";
+  std::string quoted(1, '\'');
+  quoted.append(text);
+  quoted += '\'';
   if (text.empty()) return Status::InvalidArgument("not a number: " + quoted);
   uint64_t value = 0;
   for (char c : text) {
