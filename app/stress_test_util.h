@@ -97,7 +97,8 @@ inline int64_t RaiseOpenFileLimit(int64_t wanted) {
 struct StateFiles {
   std::set<uint64_t> tables;
   std::set<uint64_t> logs;
-  int temporary = 0;  // "*.tmp": a publication that a kill interrupted
+  // "*.tmp" names: publications that a kill interrupted.
+  std::set<std::string> temporary;
 };
 
 inline StateFiles ListStateFiles(const std::string& dir) {
@@ -108,7 +109,7 @@ inline StateFiles ListStateFiles(const std::string& dir) {
       const std::string suffix = lsm::TempFileName("");
       if (name.size() > suffix.size() &&
           name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
-        files.temporary++;
+        files.temporary.insert(name);
         continue;
       }
       uint64_t number = 0;
