@@ -19,7 +19,8 @@
 // killed in the middle of that too. The volume acknowledged between two
 // kills is drawn at random, so kills land at any point of the engine's
 // cycle, also right after a restart, while the replayed logs are still the
-// only copy of the data.
+// only copy of the data; and one kill in four waits for the engine to start
+// publishing a table file or its manifest, and lands in the middle of it.
 //
 // KANDB_TORTURE_CYCLES (default 10) sets the number of kills;
 // KANDB_TORTURE_MIB (default 80, 24 under sanitizers) the mean volume of
@@ -477,12 +478,16 @@ TEST(CrashTortureTest, AcknowledgedStateSurvivesKillsAtRandomMoments) {
 
   for (int64_t cycle = 0; cycle < cycles; cycle++) {
     SCOPED_TRACE("cycle " + std::to_string(cycle));
-    // One kill in five comes early, right after a restart; the others after
-    // a volume around the mean.
-    const uint64_t budget = rng() % 5 == 0
-                                ? rng() % (2 * kMiB)
-                                : static_cast<uint64_t>(mean_mib) * kMiB / 2 +
-                                      rng() % (static_cast<uint64_t>(mean_mib) * kMiB + 1);
+    // A kill in four waits for the engine to publish a file (a flush, a
+    // compaction or a manifest rewrite) and lands while it does; of the
+    // others, one in five comes early, right after a restart, and the rest
+    // after a volume around the mean.
+    const uint64_t mean = static_cast<uint64_t>(mean_mib) * kMiB;
+    const bool at_publication = rng() % 4 == 0;
+    const uint64_t budget = at_publication ? 3 * mean
+                            : rng() % 5 == 0 ? rng() % (2 * kMiB)
+                                             : mean / 2 + rng() % (mean + 1);
+    const std::set<std::string> old_temporary = testing::ListStateFiles(state).temporary;
     std::atomic<uint64_t> acknowledged{0};
     std::atomic<int> running{kWriters};
     std::vector<std::thread> threads;
@@ -495,10 +500,19 @@ TEST(CrashTortureTest, AcknowledgedStateSurvivesKillsAtRandomMoments) {
     const auto deadline = std::chrono::steady_clock::now() + kMaxCycleTime;
     while (acknowledged.load() < budget && running.load() == kWriters &&
            std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      if (at_publication) {
+        bool publishing = false;
+        for (const std::string& name : testing::ListStateFiles(state).temporary) {
+          publishing |= old_temporary.count(name) == 0;
+        }
+        if (publishing) break;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+      } else {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
     }
+    if (!at_publication) std::this_thread::sleep_for(std::chrono::microseconds(rng() % 5000));
     EXPECT_EQ(running.load(), kWriters) << "a client failed before the kill";
-    std::this_thread::sleep_for(std::chrono::microseconds(rng() % 5000));
     EXPECT_EQ(server->child()->Stderr(), "");
     server->Kill();
     for (std::thread& t : threads) t.join();
