@@ -14,5 +14,5 @@ add_library(kandb_lsm_testutil STATIC fault_injection.cc)
 target_link_libraries(kandb_lsm_testutil PUBLIC kandb_lsm_format PRIVATE kandb_warnings)
 
 kandb_test(lsm_format_test
-  SOURCES filename_test.cc fault_injection_test.cc log_test.cc manifest_test.cc table_test.cc
+  SOURCES format_test.cc
   LIBS kandb_lsm_format kandb_lsm_testutil kandb_testutil)

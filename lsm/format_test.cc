@@ -1,0 +1,540 @@
+// The engine's file formats byte for byte, and where reading stops when a
+// file is damaged.
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include <gtest/gtest.h>
+
+#include "common/coding.h"
+#include "common/test_util.h"
+#include "crypto/bloom.h"
+#include "crypto/crc32c.h"
+#include "lsm/fault_injection.h"
+#include "lsm/filename.h"
+#include "lsm/log.h"
+#include "lsm/manifest.h"
+#include "lsm/table.h"
+
+namespace kandb::lsm {
+namespace {
+
+using kandb::testing::ReadFileOrEmpty;
+using kandb::testing::WriteFileOrDie;
+
+Entry Put(std::string key, std::string value) { return Entry{kOpPut, std::move(key), std::move(value)}; }
+Entry Del(std::string key) { return Entry{kOpDelete, std::move(key), ""}; }
+
+std::string Bytes(std::initializer_list<int> bytes) {
+  std::string s;
+  for (int b : bytes) s.push_back(static_cast<char>(b));
+  return s;
+}
+std::string Encoded(const WriteBatch& batch) {
+  std::string s;
+  EncodeBatch(batch, &s);
+  return s;
+}
+// A log record as the log frames it, built independently of LogFile.
+std::string Frame(const std::string& payload) {
+  std::string s;
+  PutFixed32(&s, crypto::Crc32c(payload.data(), payload.size()));
+  PutFixed32(&s, static_cast<uint32_t>(payload.size()));
+  return s + payload;
+}
+std::string Record(uint8_t op, const std::string& key, const std::string& value) {
+  std::string s(1, static_cast<char>(op));
+  PutFixed32(&s, static_cast<uint32_t>(key.size()));
+  s += key;
+  PutFixed32(&s, static_cast<uint32_t>(value.size()));
+  return s + value;
+}
+std::string IndexEntry(const std::string& key, uint64_t offset) {
+  std::string s;
+  PutFixed32(&s, static_cast<uint32_t>(key.size()));
+  s += key;
+  PutFixed64(&s, offset);
+  return s;
+}
+// A table footer with a right CRC and magic.
+std::string Footer(uint64_t index_offset, uint64_t index_size, uint64_t filter_offset, uint64_t filter_size,
+                   uint64_t entry_count) {
+  std::string s;
+  for (uint64_t v : {index_offset, index_size, filter_offset, filter_size, entry_count}) PutFixed64(&s, v);
+  PutFixed32(&s, crypto::Crc32c(s.data(), 40));
+  return s + "\x37\x37\x27\x46\xe6\x16\xb6\x06";  // 0x6B616E646273737
+}
+
+// Keys "k" + byte(i) + "x" (bytes above 0x7f sort last); every seventh
+// entry a deletion, every fiftieth value larger than small read buffers.
+std::vector<Entry> MakeEntries(int n) {
+  std::vector<Entry> entries;
+  for (int i = 0; i < n; ++i) {
+    const std::string key = std::string("k") + static_cast<char>(i) + "x";
+    if (i % 7 == 3) {
+      entries.push_back(Del(key));
+    } else {
+      entries.push_back(Put(key, i % 50 == 0 ? std::string(10000, static_cast<char>('a' + i % 26)) : "v" + std::to_string(i)));
+    }
+  }
+  return entries;
+}
+
+// Moves a few bytes per call and interrupts every third call.
+class ChoppyFileIo : public FileIo {
+ public:
+  ssize_t Write(int fd, const void* buf, size_t count) override {
+    return Interrupt() ? -1 : FileIo::Write(fd, buf, std::min<size_t>(count, 3));
+  }
+  ssize_t Read(int fd, void* buf, size_t count) override {
+    return Interrupt() ? -1 : FileIo::Read(fd, buf, std::min<size_t>(count, 5));
+  }
+  ssize_t Pread(int fd, void* buf, size_t count, off_t offset) override {
+    return Interrupt() ? -1 : FileIo::Pread(fd, buf, std::min<size_t>(count, 7), offset);
+  }
+
+ private:
+  bool Interrupt() {
+    if (++calls_ % 3 != 0) return false;
+    errno = EINTR;
+    return true;
+  }
+  int calls_ = 0;
+};
+
+class FormatTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = kandb::testing::MakeTempDir("format");
+    log_ = LogFileName(dir_, 1);
+    sst_ = TableFileName(dir_, 7);
+  }
+  void TearDown() override { kandb::testing::RemoveTree(dir_); }
+
+  void AppendBatches(const std::vector<WriteBatch>& batches) {
+    std::unique_ptr<LogFile> log;
+    ASSERT_TRUE(OpenLogForAppend(log_, &log).ok());
+    for (const WriteBatch& b : batches) {
+      const std::string payload = Encoded(b);
+      ASSERT_TRUE(log->Append(payload.data(), payload.size()).ok());
+    }
+  }
+  std::vector<WriteBatch> Replay() {
+    std::vector<WriteBatch> out;
+    Status s = ReplayLog(log_, [&out](WriteBatch&& b) { out.push_back(std::move(b)); });
+    EXPECT_TRUE(s.ok()) << s.ToString();
+    return out;
+  }
+  Status OpenTable(std::shared_ptr<SstReader>* reader) {
+    Status s = SstReader::Open(sst_, reader);
+    EXPECT_EQ(*reader == nullptr, !s.ok());
+    return s;
+  }
+  std::shared_ptr<SstReader> OpenTableOrDie() {
+    std::shared_ptr<SstReader> reader;
+    Status s = OpenTable(&reader);
+    EXPECT_TRUE(s.ok()) << s.ToString();
+    return reader;
+  }
+  // Every entry from the first, or the error that stopped the iteration.
+  static std::vector<Entry> ReadAll(const SstReader& reader, size_t buffer, std::string* error = nullptr) {
+    std::vector<Entry> out;
+    auto it = reader.NewIterator(buffer);
+    Status s = it->Seek("");
+    for (; s.ok() && it->Valid(); s = it->Next()) out.push_back(Entry{it->op(), it->key(), it->value()});
+    if (error != nullptr) *error = s.message();
+    EXPECT_TRUE(s.ok() || error != nullptr) << s.ToString();
+    EXPECT_TRUE(s.ok() || !it->Valid());
+    return out;
+  }
+  // Get's outcome as text: "absent", "op:value", or the error.
+  static std::string Lookup(const SstReader& reader, const std::string& key) {
+    bool found = false;
+    uint8_t op = 0;
+    std::string value;
+    Status s = reader.Get(key, &found, &op, &value);
+    if (!s.ok()) return s.message();
+    return found ? std::to_string(op) + ":" + value : "absent";
+  }
+
+  std::string dir_, log_, sst_;
+};
+
+TEST(FileNameTest, NamesAndPrefixOnlyParsing) {
+  EXPECT_EQ(TableFileName("/d", 5), "/d/sst-000005.sst");
+  EXPECT_EQ(TableFileName("/d", 1234567), "/d/sst-1234567.sst");
+  EXPECT_EQ(LogFileName("/d", 42), "/d/wal-000042.log");
+  EXPECT_EQ(TempFileName(ManifestFileName("/d")), "/d/MANIFEST.tmp");
+  const struct {
+    const char* name;
+    FileKind kind;
+    uint64_t number;
+  } cases[] = {
+      {"wal-000003.log", FileKind::kLog, 3}, {"sst-1234567.sst", FileKind::kTable, 1234567},
+      // Whatever follows the digits is not compared.
+      {"wal-7.tmp", FileKind::kLog, 7},      {"sst-000009.sst.tmp", FileKind::kTable, 9},
+      {"MANIFEST", FileKind::kOther, 99},    {"wal-.log", FileKind::kOther, 99},
+      {"sst-x.sst", FileKind::kOther, 99},   {"xwal-1.log", FileKind::kOther, 99},
+  };
+  for (const auto& c : cases) {
+    uint64_t n = 99;
+    EXPECT_EQ(ParseFileName(c.name, &n), c.kind) << c.name;
+    EXPECT_EQ(n, c.number) << c.name;
+  }
+}
+
+TEST(BatchTest, LayoutAndDecodeErrors) {
+  EXPECT_EQ(Encoded({Put("k", "vv"), Del("ab")}),
+            Bytes({2, 0, 0, 0,                                // count
+                   1, 1, 0, 0, 0, 'k', 2, 0, 0, 0, 'v', 'v',  // put k -> vv
+                   2, 2, 0, 0, 0, 'a', 'b', 0, 0, 0, 0}));    // delete ab, value length 0
+  const WriteBatch batch = {Put("", ""), Put(std::string("\0\xff", 2), std::string(70000, 'z')), Del("k")};
+  const std::string enc = Encoded(batch);
+  WriteBatch out = {Put("stale", "")};
+  ASSERT_TRUE(DecodeBatch(enc.data(), enc.size(), &out).ok());
+  EXPECT_EQ(out, batch);
+
+  // Count 2 with three entries encoded: the third is ignored.
+  std::string three = Encoded({Put("a", "1"), Put("b", "2"), Put("c", "3")});
+  EncodeFixed32(three.data(), 2);
+  ASSERT_TRUE(DecodeBatch(three.data(), three.size(), &out).ok());
+  EXPECT_EQ(out, (WriteBatch{Put("a", "1"), Put("b", "2")}));
+
+  const struct {
+    std::string bytes;
+    const char* message;
+  } cases[] = {
+      {Bytes({1, 0, 0}), "batch: too short"},
+      {Bytes({1, 0, 0, 0, 1, 0, 0, 0}), "batch: truncated entry"},
+      {Bytes({1, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0}), "batch: bad op"},
+      {Bytes({1, 0, 0, 0, 1, 3, 0, 0, 0, 'a', 'b'}), "batch: truncated key"},
+      {Bytes({1, 0, 0, 0, 1, 1, 0, 0, 0, 'a', 0, 0}), "batch: truncated key"},  // value length cut
+      {Bytes({1, 0, 0, 0, 1, 0xff, 0xff, 0xff, 0xff, 'a', 'b', 'c', 'd'}), "batch: truncated key"},  // no wrap
+      {Bytes({1, 0, 0, 0, 1, 1, 0, 0, 0, 'a', 2, 0, 0, 0, 'v'}), "batch: truncated value"},
+      {Bytes({2, 0, 0, 0, 1, 1, 0, 0, 0, 'a', 0, 0, 0, 0, 9}), "batch: truncated entry"},
+  };
+  for (const auto& c : cases) {
+    Status s = DecodeBatch(c.bytes.data(), c.bytes.size(), &out);
+    EXPECT_TRUE(s.IsCorruption()) << c.message;
+    EXPECT_EQ(s.message(), c.message);
+  }
+}
+
+TEST_F(FormatTest, LogRecordIsCrcLengthPayloadAndReopenAppends) {
+  const std::string check = "123456789";  // CRC-32C 0xE3069283
+  for (const std::string& payload : {check, std::string()}) {
+    std::unique_ptr<LogFile> log;
+    ASSERT_TRUE(OpenLogForAppend(log_, &log).ok());
+    ASSERT_TRUE(log->Append(payload.data(), payload.size()).ok());
+  }
+  EXPECT_EQ(ReadFileOrEmpty(log_), Bytes({0x83, 0x92, 0x06, 0xe3, 9, 0, 0, 0}) + check + std::string(8, '\0'));
+}
+
+// Each damaged record sits between good ones: reading stops at it, and
+// nothing after it is applied. ReplayLog and the inspector's LogReader agree.
+TEST_F(FormatTest, LogReadingStopsAtTheFirstDamagedRecord) {
+  AppendBatches({{Put("a", "1")}});
+  const std::string good = ReadFileOrEmpty(log_);
+  const uint64_t g = good.size();
+  std::string flipped = good;
+  flipped[g - 1] ^= 0x10;
+  const struct {
+    std::string bytes;
+    size_t records;
+    LogEnd end;
+    uint64_t offset;
+    std::string detail;
+  } cases[] = {
+      {"", 0, LogEnd::kCleanEnd, 0, ""},
+      {good + good, 2, LogEnd::kCleanEnd, 2 * g, ""},
+      {good + good.substr(0, 3), 1, LogEnd::kTornHeader, g, "3 of 8 header bytes"},
+      {good + good.substr(0, g - 1), 1, LogEnd::kShortPayload, g,
+       std::to_string(g - 9) + " of " + std::to_string(g - 8) + " payload bytes"},
+      {good + flipped + good, 1, LogEnd::kChecksumMismatch, g, "stored 0x"},
+      // One over 64 MiB, followed by enough bytes not to look torn.
+      {good + Bytes({0, 0, 0, 0, 0x01, 0x00, 0x00, 0x04}) + std::string(64, 'x') + good, 1, LogEnd::kOversized, g,
+       "length 67108865"},
+      {good + Frame("") + good, 1, LogEnd::kBadBatch, g, "batch: too short"},
+      {good + Frame(Bytes({1, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0})) + good, 1, LogEnd::kBadBatch, g,
+       "batch: bad op"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(LogEndName(c.end));
+    WriteFileOrDie(log_, c.bytes);
+    EXPECT_EQ(Replay(), std::vector<WriteBatch>(c.records, WriteBatch{Put("a", "1")}));
+    std::unique_ptr<LogReader> reader;
+    ASSERT_TRUE(LogReader::Open(log_, &reader).ok());
+    WriteBatch batch;
+    for (size_t i = 0; i < c.records; ++i) {
+      ASSERT_TRUE(reader->Next(&batch));
+      EXPECT_EQ(reader->record_offset(), i * g);
+      EXPECT_EQ(reader->record_length(), g - kLogRecordHeaderSize);
+    }
+    EXPECT_FALSE(reader->Next(&batch));
+    EXPECT_FALSE(reader->Next(&batch)) << "a reader that ended stays ended";
+    EXPECT_EQ(reader->end(), c.end) << LogEndName(reader->end());
+    EXPECT_EQ(reader->end_offset(), c.offset);
+    const bool prefix = c.end == LogEnd::kChecksumMismatch;
+    EXPECT_EQ(prefix ? reader->end_detail().substr(0, c.detail.size()) : reader->end_detail(), c.detail);
+  }
+  EXPECT_STREQ(LogEndName(LogEnd::kOversized), "length over 64 MiB");
+
+  // Exactly 64 MiB is accepted: zeros (a sparse file) decode as count 0.
+  const std::string zeros(kMaxLogRecordPayload, '\0');
+  std::string header;
+  PutFixed32(&header, crypto::Crc32c(zeros.data(), zeros.size()));
+  PutFixed32(&header, kMaxLogRecordPayload);
+  WriteFileOrDie(log_, header);
+  ASSERT_EQ(::truncate(log_.c_str(), kLogRecordHeaderSize + kMaxLogRecordPayload), 0);
+  EXPECT_EQ(Replay(), std::vector<WriteBatch>(1));
+}
+
+TEST_F(FormatTest, LogFailuresCarryThePathOrSystemError) {
+  int calls = 0;
+  EXPECT_TRUE(ReplayLog(log_, [&calls](WriteBatch&&) { ++calls; }).ok());  // missing: nothing to replay
+  EXPECT_EQ(calls, 0);
+  std::unique_ptr<LogReader> reader;
+  EXPECT_EQ(LogReader::Open(log_, &reader).message(), "wal open " + log_ + ": No such file or directory");
+  WriteFileOrDie(dir_ + "/plain", "x");
+  const std::string bad = dir_ + "/plain/wal-000001.log";
+  Status s = ReplayLog(bad, [](WriteBatch&&) {});
+  EXPECT_TRUE(s.IsCorruption());
+  EXPECT_EQ(s.message(), "wal open " + bad + ": Not a directory");
+
+  FaultInjectingFileIo io;
+  ScopedFileIo install(&io);
+  std::unique_ptr<LogFile> log;
+  ASSERT_TRUE(OpenLogForAppend(log_, &log).ok());
+  const std::string payload = Encoded({Put("a", "1")});
+  ASSERT_TRUE(log->Append(payload.data(), payload.size()).ok());
+  ASSERT_TRUE(log->Sync().ok());
+  EXPECT_EQ(io.count(FileOp::kWrite), 1u);  // one write per record
+  EXPECT_EQ(io.count(FileOp::kFdatasync), 1u);
+  io.FailNth(FileOp::kWrite, 1);
+  EXPECT_EQ(log->Append(payload.data(), payload.size()).message(), "wal write: Input/output error");
+  io.FailNth(FileOp::kFdatasync, 1);
+  EXPECT_EQ(log->Sync().message(), "wal fdatasync: Input/output error");
+  ASSERT_TRUE(log->Append(payload.data(), payload.size()).ok());  // still usable
+  log.reset();
+  EXPECT_EQ(Replay().size(), 2u);
+
+  io.FailNth(FileOp::kRead, 2);
+  ASSERT_TRUE(LogReader::Open(log_, &reader).ok());
+  WriteBatch batch;
+  EXPECT_FALSE(reader->Next(&batch));
+  EXPECT_EQ(reader->end(), LogEnd::kReadError);
+  EXPECT_EQ(reader->end_detail(), "Input/output error");
+}
+
+TEST_F(FormatTest, TableLayoutIsRecordsIndexFilterFooter) {
+  // Seventeen entries: records 0 and 16 are indexed.
+  const std::vector<Entry> entries = MakeEntries(17);
+  ASSERT_TRUE(WriteTable(sst_, entries).ok());
+  std::string data, index;
+  crypto::BloomFilter bloom(17, 10);
+  for (size_t i = 0; i < entries.size(); ++i) {
+    if (i == 0 || i == 16) index += IndexEntry(entries[i].key, data.size());
+    data += Record(entries[i].op, entries[i].key, entries[i].value);
+    bloom.Add(entries[i].key);
+  }
+  const std::string filter = bloom.Serialize();
+  // 170 bits round up to 22 bytes; 10 bits per key give 6 probes.
+  EXPECT_EQ(filter.substr(0, 5), Bytes({0xb0, 0, 0, 0, 6}));
+  ASSERT_EQ(filter.size(), 5u + 22u);
+  EXPECT_EQ(ReadFileOrEmpty(sst_),
+            data + index + filter + Footer(data.size(), index.size(), data.size() + index.size(), filter.size(), 17));
+  EXPECT_NE(::access(TempFileName(sst_).c_str(), F_OK), 0);
+  auto reader = OpenTableOrDie();
+  EXPECT_EQ(reader->entry_count(), 17u);
+  EXPECT_EQ(reader->index_entries(), 2u);
+
+  // The smallest table: a 52-byte footer alone.
+  WriteFileOrDie(sst_, Footer(0, 0, 0, 0, 0));
+  reader = OpenTableOrDie();
+  EXPECT_EQ(reader->entry_count(), 0u);
+  EXPECT_TRUE(ReadAll(*reader, 4096).empty());
+  EXPECT_EQ(Lookup(*reader, "k"), "absent");
+}
+
+TEST_F(FormatTest, TableGetAndSeekAcrossIndexIntervals) {
+  const std::vector<Entry> entries = MakeEntries(200);
+  ASSERT_TRUE(WriteTable(sst_, entries).ok());
+  auto reader = OpenTableOrDie();
+  for (size_t buffer : {size_t{1}, size_t{64}, kCompactionReadBuffer}) {
+    EXPECT_EQ(ReadAll(*reader, buffer), entries) << "buffer " << buffer;
+  }
+  auto it = reader->NewIterator(32);
+  for (size_t i = 0; i < entries.size(); ++i) {
+    const Entry& e = entries[i];
+    EXPECT_EQ(Lookup(*reader, e.key), std::to_string(e.op) + ":" + e.value) << i;  // deletions too
+    EXPECT_EQ(Lookup(*reader, e.key.substr(0, 2)), "absent");
+    ASSERT_TRUE(it->Seek(e.key.substr(0, 2)).ok());  // just below
+    ASSERT_TRUE(it->Valid());
+    EXPECT_EQ(it->key(), e.key);
+    ASSERT_TRUE(it->Seek(e.key + '\0').ok());  // just above
+    ASSERT_EQ(it->Valid(), i + 1 < entries.size());
+    if (it->Valid()) {
+      EXPECT_EQ(it->key(), entries[i + 1].key);
+    }
+  }
+  ASSERT_TRUE(it->Seek("a").ok());  // below the first key
+  EXPECT_EQ(it->key(), entries[0].key);
+  ASSERT_TRUE(it->Seek("l").ok());  // above the last key
+  EXPECT_FALSE(it->Valid());
+
+  // A hit reads one stretch; the filter spares most absent keys any read.
+  FaultInjectingFileIo io;
+  ScopedFileIo install(&io);
+  EXPECT_EQ(Lookup(*reader, entries[37].key), "1:v37");
+  EXPECT_EQ(io.count(FileOp::kPread), 1u);
+  for (int i = 0; i < 200; ++i) EXPECT_EQ(Lookup(*reader, "absent" + std::to_string(i)), "absent");
+  EXPECT_LT(io.count(FileOp::kPread), 20u);
+}
+
+TEST_F(FormatTest, DamagedTablesAreRefusedWithTheExactReason) {
+  std::shared_ptr<SstReader> reader;
+  EXPECT_EQ(OpenTable(&reader).message(), "sst open " + sst_ + ": No such file or directory");
+  ASSERT_TRUE(WriteTable(sst_, MakeEntries(20)).ok());
+  const std::string good = ReadFileOrEmpty(sst_);
+  auto flip = [&good](size_t footer_byte) {
+    std::string bad = good;
+    bad[good.size() - 52 + footer_byte] ^= 0x04;
+    return bad;
+  };
+  const std::string data = Record(kOpPut, "abc", "1");
+  const std::string entry = IndexEntry("abc", 0);
+  const struct {
+    std::string file;
+    std::string message;
+  } cases[] = {
+      {std::string(51, '\0'), "sst too small: " + sst_},
+      {flip(0), "sst footer crc mismatch"},
+      {flip(39), "sst footer crc mismatch"},
+      {flip(43), "sst footer crc mismatch"},
+      {flip(44), "sst bad magic"},
+      {flip(51), "sst bad magic"},
+      {Footer(0, 1ull << 40, 0, 0, 0), "sst: unexpected EOF"},
+      // Fewer than 4 bytes left in the index; then fewer than key + 12.
+      {data + entry + "\x01\x00\x00" + Footer(data.size(), entry.size() + 3, 0, 0, 1), "sst index truncated"},
+      {data + entry.substr(0, entry.size() - 1) + Footer(data.size(), entry.size() - 1, 0, 0, 1), "sst index truncated"},
+  };
+  for (const auto& c : cases) {
+    WriteFileOrDie(sst_, c.file);
+    Status s = OpenTable(&reader);
+    EXPECT_TRUE(s.IsCorruption()) << c.message;
+    EXPECT_EQ(s.message().substr(0, c.message.size()), c.message);
+  }
+
+  // Records: a bad op fails the read that meets it; a data region that ends
+  // inside the second record's header, key or value is truncated.
+  std::string file = good;
+  const std::vector<Entry> entries = MakeEntries(20);
+  file[Record(entries[0].op, entries[0].key, entries[0].value).size()] = 3;
+  WriteFileOrDie(sst_, file);
+  reader = OpenTableOrDie();
+  std::string error;
+  EXPECT_EQ(ReadAll(*reader, 4096, &error).size(), 1u);
+  EXPECT_EQ(error, "sst bad record op");
+  EXPECT_EQ(Lookup(*reader, entries[1].key), "sst bad record op");
+  const std::string first = Record(kOpPut, "a", "1");
+  const std::string last = Record(kOpPut, "b", "22");
+  for (size_t cut : {size_t{1}, size_t{4}, last.size() - 2}) {
+    const std::string region = first + last.substr(0, last.size() - cut);
+    const std::string index = IndexEntry("a", 0);
+    WriteFileOrDie(sst_, region + index + Footer(region.size(), index.size(), 0, 0, 2));
+    reader = OpenTableOrDie();
+    EXPECT_EQ(ReadAll(*reader, 4096, &error).size(), 1u);
+    EXPECT_EQ(error, "sst record truncated") << cut;
+  }
+}
+
+TEST_F(FormatTest, TableWriteFailuresLeaveNoFileBehind) {
+  FaultInjectingFileIo io;
+  ScopedFileIo install(&io);
+  const std::vector<Entry> entries = MakeEntries(40);
+  const std::string tmp = TempFileName(sst_);
+  const struct {
+    FileOp op;
+    std::string message;
+  } cases[] = {
+      {FileOp::kOpen, "sst create: " + tmp},
+      {FileOp::kWrite, "sst write: Input/output error"},
+      {FileOp::kFsync, "sst fsync failed"},
+      {FileOp::kRename, "sst rename failed"},
+  };
+  for (const auto& c : cases) {
+    io.FailNth(c.op, 1);
+    EXPECT_EQ(WriteTable(sst_, entries).message(), c.message);
+    EXPECT_NE(::access(tmp.c_str(), F_OK), 0) << c.message;
+    EXPECT_NE(::access(sst_.c_str(), F_OK), 0) << c.message;
+  }
+  ASSERT_TRUE(WriteTable(sst_, entries).ok());
+  auto reader = OpenTableOrDie();
+  io.FailNth(FileOp::kPread, 1);
+  EXPECT_EQ(Lookup(*reader, entries[5].key), "sst pread: Input/output error");
+}
+
+TEST_F(FormatTest, PartialAndInterruptedCallsAreContinued) {
+  ChoppyFileIo io;
+  ScopedFileIo install(&io);
+  const std::vector<WriteBatch> batches = {{Put("a", "1")}, {Put("b", std::string(300, 'x')), Del("a")}};
+  AppendBatches(batches);
+  EXPECT_EQ(Replay(), batches);
+  const std::vector<Entry> entries = MakeEntries(60);
+  ASSERT_TRUE(WriteTable(sst_, entries).ok());
+  EXPECT_EQ(ReadAll(*OpenTableOrDie(), 4096), entries);
+}
+
+TEST_F(FormatTest, ManifestLinesAndWhereReadingStops) {
+  const std::string path = ManifestFileName(dir_);
+  WriteFileOrDie(TempFileName(path), std::string(500, '#'));  // a longer leftover is truncated
+  ASSERT_TRUE(WriteManifest(dir_, ManifestState{42, {9, 3, 1234567}}).ok());
+  EXPECT_EQ(ReadFileOrEmpty(path), "next_file 42\nsst 9\nsst 3\nsst 1234567\n");
+
+  // Each read starts from next_file 77 and table 1, to show what it keeps.
+  const struct {
+    const char* text;  // null: no manifest
+    uint64_t next_file;
+    std::vector<uint64_t> tables;
+  } cases[] = {
+      {"next_file 42\nsst 9\nsst 3\nsst 1234567\n", 42, {9, 3, 1234567}},
+      {nullptr, 77, {1}},
+      {"", 77, {}},
+      {"next_file 9\nsst 4\nfoo 7\nsst 2\n", 9, {4, 2}},  // unknown words skipped
+      {"next_file 9\nsst 4\nsst abc\nsst 2\nnext_file 30\n", 9, {4}},
+      {"next_file 9 sst 4\nnext_file 12\n", 12, {4}},  // the last next_file wins
+      {"sst 4\nwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwww 5\nsst 6\n", 77, {4}},  // words over 31 derail
+  };
+  for (const auto& c : cases) {
+    if (c.text == nullptr) {
+      ASSERT_EQ(::unlink(path.c_str()), 0);
+    } else {
+      WriteFileOrDie(path, c.text);
+    }
+    ManifestState state{77, {1}};
+    bool exists = c.text == nullptr;
+    ASSERT_TRUE(ReadManifest(dir_, &state, &exists).ok());
+    EXPECT_EQ(exists, c.text != nullptr);
+    EXPECT_EQ(state.next_file, c.next_file) << (c.text ? c.text : "missing");
+    EXPECT_EQ(state.sst_files, c.tables) << (c.text ? c.text : "missing");
+  }
+
+  WriteFileOrDie(path, "next_file 3\nsst 2\n");
+  FaultInjectingFileIo io;
+  ScopedFileIo install(&io);
+  io.FailNth(FileOp::kRename, 1, "MANIFEST");
+  EXPECT_EQ(WriteManifest(dir_, ManifestState{8, {7, 2}}).message(), "manifest rename failed");
+  EXPECT_EQ(ReadFileOrEmpty(path), "next_file 3\nsst 2\n");
+  EXPECT_EQ(ReadFileOrEmpty(TempFileName(path)), "next_file 8\nsst 7\nsst 2\n");
+  EXPECT_EQ(io.count(FileOp::kFsync), 1u);
+  io.FailNth(FileOp::kOpen, 1, "MANIFEST.tmp");
+  EXPECT_EQ(WriteManifest(dir_, ManifestState{9, {}}).message(), "manifest create: Input/output error");
+  ManifestState state;
+  bool exists = false;
+  EXPECT_EQ(ReadManifest(path, &state, &exists).message(), "manifest open: Not a directory");
+}
+
+}  // namespace
+}  // namespace kandb::lsm
