@@ -33,7 +33,8 @@ TEST(Crc32cTest, PublishedValuesOnEveryPath) {
     const std::string buf = RandomBytes(100, 3);
     const uint32_t whole = extend(0, buf.data(), buf.size());
     for (size_t split = 0; split <= buf.size(); ++split) {
-      ASSERT_EQ(extend(extend(0, buf.data(), split), buf.data() + split, buf.size() - split), whole);
+      ASSERT_EQ(extend(extend(0, buf.data(), split), buf.data() + split, buf.size() - split),
+                whole);
     }
   }
 }
