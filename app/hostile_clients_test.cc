@@ -435,8 +435,8 @@ TEST(HostileClientsTest, WellBehavedClientsKeepGettingAnswersWithBoundedMemory) 
     EXPECT_EQ(why, "the server kept the connection open");
   }
 
-  // When they all go, their threads go too.
-  // (The probe's own connection goes with it.)
+  // Once every client has gone, the probe included, so have the server's
+  // connection threads.
   probe->Stop();
   const int64_t probe_calls = probe->calls();
   const int64_t probe_failures = probe->failures();
