@@ -1,9 +1,8 @@
 #ifndef KANDB_LSM_DB_TEST_UTIL_H_
 #define KANDB_LSM_DB_TEST_UTIL_H_
 
-// Helpers shared by the engine's tests: a peer that reaches the engine's
-// private state, a FileIo that runs a test's hooks before chosen calls, a
-// one-shot gate to hold a thread at such a hook, and directory helpers.
+// Shared by the engine's tests: a peer into the engine's private state, a
+// FileIo that runs hooks before chosen calls, a one-shot gate, helpers.
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -28,11 +27,9 @@
 
 namespace kandb::lsm {
 
-// Reaches into LsmDb for what the public surface does not show.
 class LsmDbTestPeer {
  public:
   explicit LsmDbTestPeer(LsmDb* db) : db_(db) {}
-
   size_t QueuedWriters() {
     MutexLock lock(&db_->write_queue_mutex_);
     return db_->writers_.size();
@@ -56,15 +53,15 @@ class LsmDbTestPeer {
     MutexLock lock(&db_->db_mutex_);
     return db_->SwitchMemTable();
   }
-  // Runs one flush on the calling thread, as the background thread would.
+  // One flush on the calling thread, as the background thread would run it.
   Status FlushOldestMemTable() { return db_->FlushOldestMemTable(); }
 
  private:
   LsmDb* const db_;
 };
 
-// A FaultInjectingFileIo that first runs the test's hook, if one is set.
-// Set the hooks before the engine is opened and leave them until it is gone.
+// Runs the test's hook, if set, before the call. Set hooks before the
+// engine opens and leave them until it is gone.
 class HookedFileIo : public FaultInjectingFileIo {
  public:
   std::function<void(const std::string& from, const std::string& to)> on_rename;
@@ -85,11 +82,9 @@ class HookedFileIo : public FaultInjectingFileIo {
   }
 };
 
-// Holds the first thread that arrives until the test opens the gate; later
-// arrivals pass straight through.
+// Holds the first thread that arrives until Open; later ones pass through.
 class Gate {
  public:
-  // Returns at once for every caller after the first.
   void Arrive() {
     std::unique_lock<std::mutex> lock(mu_);
     if (taken_) return;
@@ -97,9 +92,9 @@ class Gate {
     cv_.notify_all();
     cv_.wait(lock, [this] { return opened_; });
   }
-  bool WaitArrived(std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+  bool WaitArrived() {
     std::unique_lock<std::mutex> lock(mu_);
-    return cv_.wait_for(lock, timeout, [this] { return taken_; });
+    return cv_.wait_for(lock, std::chrono::seconds(20), [this] { return taken_; });
   }
   void Open() {
     std::lock_guard<std::mutex> lock(mu_);
@@ -113,11 +108,6 @@ class Gate {
   bool taken_ = false;
   bool opened_ = false;
 };
-
-inline std::string Basename(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
 
 // Names in `dir`, sorted, without "." and "..".
 inline std::vector<std::string> ListNames(const std::string& dir) {
@@ -138,10 +128,9 @@ inline bool FileExists(const std::string& path) {
   return stat(path.c_str(), &st) == 0;
 }
 
-// Polls `condition` every millisecond for up to `timeout`.
-inline bool Eventually(const std::function<bool()>& condition,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
+// Polls `condition` every millisecond for up to 20 seconds.
+inline bool Eventually(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -149,11 +138,9 @@ inline bool Eventually(const std::function<bool()>& condition,
   return true;
 }
 
-// Readable failure output for entries.
 inline void PrintTo(const Entry& e, std::ostream* os) {
   *os << (e.op == kOpPut ? "put " : "del ") << e.key << "=" << e.value;
 }
-
 inline Entry Put(std::string key, std::string value) { return Entry{kOpPut, std::move(key), std::move(value)}; }
 inline Entry Del(std::string key) { return Entry{kOpDelete, std::move(key), std::string()}; }
 
@@ -165,7 +152,7 @@ inline LsmDb::Options SmallOptions(uint64_t write_buffer_size, uint64_t max_tabl
   return options;
 }
 
-// The value of `key`, "<absent>" when not found, or the failure rendered.
+// The value of `key`, "<absent>", or the failure rendered.
 inline std::string GetOrAbsent(LsmDb* db, const std::string& key) {
   std::string value;
   bool found = false;

@@ -10,8 +10,7 @@ add_library(kandb_lsm STATIC
 target_link_libraries(kandb_lsm PUBLIC kandb_lsm_format Threads::Threads PRIVATE kandb_warnings)
 
 kandb_test(lsm_engine_test
-  SOURCES memtable_test.cc db_write_test.cc db_read_test.cc db_background_test.cc db_open_test.cc
-          db_fault_test.cc db_stress_test.cc
+  SOURCES db_test.cc db_stress_test.cc
   LIBS kandb_lsm kandb_lsm_testutil kandb_testutil
   TIMEOUT 300)
 

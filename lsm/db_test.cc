@@ -1,0 +1,368 @@
+// The engine: group commit, memtable switch, reads, flush and compaction,
+// and the rules of open.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <thread>
+
+#include "lsm/db.h"
+#include "lsm/db_test_util.h"
+#include "lsm/filename.h"
+#include "lsm/log.h"
+
+namespace kandb::lsm {
+namespace {
+
+std::string Key(int i) {
+  char buf[16];
+  std::snprintf(buf, sizeof(buf), "k%05d", i);
+  return buf;
+}
+
+class DbTest : public ::testing::Test {
+ protected:
+  // The gate opens first, so that a failed test whose background thread is
+  // held can still close the engine.
+  void TearDown() override {
+    gate_.Open();
+    db_.reset();
+  }
+  Status OpenDb(const LsmDb::Options& options) { return LsmDb::Open(dir_.path(), options, &db_); }
+  std::string Manifest() { return testing::ReadFileOrEmpty(dir_.File("MANIFEST")); }
+  bool Exists(const std::string& name) { return FileExists(dir_.File(name)); }
+  // Makes everything written so far a table file of its own.
+  void FlushAll() {
+    ASSERT_TRUE(LsmDbTestPeer(db_.get()).SwitchMemTable().ok());
+    db_->WaitForBackgroundIdle();
+  }
+  std::vector<std::string> Scan(const std::string& start, const std::string& end, uint32_t limit) {
+    std::vector<Entry> out;
+    Status s = db_->Scan(start, end, limit, &out);
+    EXPECT_TRUE(s.ok()) << s.ToString();
+    std::vector<std::string> kv;
+    for (const Entry& e : out) kv.push_back(e.key + "=" + e.value);
+    return kv;
+  }
+  void AppendToLog(uint64_t number, const WriteBatch& batch, const std::string& name = "") {
+    std::unique_ptr<LogFile> log;
+    ASSERT_TRUE(OpenLogForAppend(name.empty() ? LogFileName(dir_.path(), number) : dir_.File(name), &log).ok());
+    std::string record;
+    EncodeBatch(batch, &record);
+    ASSERT_TRUE(log->Append(record.data(), record.size()).ok());
+  }
+
+  ScratchDir dir_;
+  // What the hooks use lives here, so that it outlives the engine's thread.
+  Gate gate_;
+  std::mutex steps_mu_;
+  std::vector<std::string> steps_;
+  HookedFileIo io_;
+  ScopedFileIo install_{&io_};
+  std::unique_ptr<LsmDb> db_;
+};
+
+// The first group is held in its fdatasync until seven writers queue behind
+// it; they go out as one group with one sync. When that sync fails, every
+// writer of the group hears so and none of its data is applied.
+TEST_F(DbTest, QueuedWritersShareOneSyncAndItsFailure) {
+  ASSERT_TRUE(OpenDb(SmallOptions(1 << 20, 8, true)).ok());
+  constexpr int kFollowers = 7;
+  for (bool fail : {false, true}) {
+    SCOPED_TRACE(fail ? "failing sync" : "good sync");
+    const std::string p = fail ? "bad" : "good";
+    Gate gate;
+    io_.on_fdatasync = [&gate](int) { gate.Arrive(); };
+    io_.ResetCounts();
+    Status first;
+    std::thread leader([&] { first = db_->Write({Put(p + "leader", "L")}); });
+    EXPECT_TRUE(gate.WaitArrived());
+    std::vector<Status> results(kFollowers);
+    std::vector<std::thread> followers;
+    for (int i = 0; i < kFollowers; ++i) {
+      followers.emplace_back(
+          [&, i] { results[i] = db_->Write({Put(p + "f" + std::to_string(i), "a"), Put(p + "g", "b")}); });
+    }
+    EXPECT_TRUE(Eventually([&] { return LsmDbTestPeer(db_.get()).QueuedWriters() == 1 + kFollowers; }));
+    if (fail) io_.FailNth(FileOp::kFdatasync, 2);
+    gate.Open();
+    leader.join();
+    for (std::thread& t : followers) t.join();
+    io_.on_fdatasync = nullptr;
+
+    EXPECT_TRUE(first.ok()) << first.ToString();
+    EXPECT_EQ(io_.count(FileOp::kFdatasync), 2u);
+    EXPECT_EQ(io_.count(FileOp::kWrite), 1u + kFollowers);  // one record per writer
+    for (int i = 0; i < kFollowers; ++i) {
+      EXPECT_EQ(results[i].ToString(), fail ? "Corruption: wal fdatasync: Input/output error" : "OK");
+      EXPECT_EQ(GetOrAbsent(db_.get(), p + "f" + std::to_string(i)), fail ? "<absent>" : "a");
+    }
+    EXPECT_EQ(GetOrAbsent(db_.get(), p + "g"), fail ? "<absent>" : "b");
+  }
+  ASSERT_TRUE(db_->Write({Put("after", "1")}).ok());  // the engine goes on
+
+  db_.reset();
+  ASSERT_TRUE(OpenDb(SmallOptions(1 << 20, 8, /*sync=*/false)).ok());
+  io_.ResetCounts();
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(db_->Write({Put("k", "w")}).ok());
+  EXPECT_EQ(io_.count(FileOp::kFdatasync), 0u);
+  EXPECT_EQ(GetOrAbsent(db_.get(), "after"), "1");
+}
+
+TEST_F(DbTest, SwitchesAtExactlyTheWriteBufferSizeWithSharedNumbers) {
+  // 99 bytes stay below the 132-byte buffer; 33 more reach it exactly.
+  ASSERT_TRUE(OpenDb(SmallOptions(132, 8, true)).ok());
+  ASSERT_EQ(LsmDbTestPeer(db_.get()).NextFile(), 2u);  // wal-000001.log is current
+  ASSERT_TRUE(db_->Write({Put("a", std::string(66, 'x'))}).ok());
+  EXPECT_FALSE(Exists("wal-000002.log"));
+  ASSERT_TRUE(db_->Write({Put("b", "")}).ok());
+  EXPECT_TRUE(Exists("wal-000002.log"));
+  // The flush takes the next number from the same counter, the next switch
+  // the one after.
+  db_->WaitForBackgroundIdle();
+  EXPECT_TRUE(Exists("sst-000003.sst"));
+  EXPECT_TRUE(Eventually([&] { return !Exists("wal-000001.log"); }));
+  ASSERT_TRUE(db_->Write({Put("c", std::string(200, 'y'))}).ok());
+  EXPECT_TRUE(Exists("wal-000004.log"));
+  db_->WaitForBackgroundIdle();
+  EXPECT_EQ(LsmDbTestPeer(db_.get()).LiveTables(), (std::vector<uint64_t>{5, 3}));
+  EXPECT_EQ(GetOrAbsent(db_.get(), "a"), std::string(66, 'x'));
+}
+
+TEST_F(DbTest, FailedSwitchReportsButKeepsTheData) {
+  ASSERT_TRUE(OpenDb(SmallOptions(100, 8, true)).ok());
+  io_.FailNth(FileOp::kOpen, 1, "wal-");
+  Status s = db_->Write({Put("big", std::string(100, 'z'))});
+  EXPECT_EQ(s.ToString(), "Corruption: wal open " + dir_.File("wal-000002.log") + ": Input/output error");
+  EXPECT_EQ(GetOrAbsent(db_.get(), "big"), std::string(100, 'z'));  // logged and applied
+  db_->WaitForBackgroundIdle();
+  EXPECT_EQ(db_->TableFileCount(), 1u);  // the full memtable was flushed anyway
+  ASSERT_TRUE(db_->Write({Put("next", std::string(100, 'n'))}).ok());
+  EXPECT_TRUE(Exists("wal-000004.log"));
+}
+
+TEST_F(DbTest, NewestVersionWinsAndScansAreHalfOpen) {
+  ASSERT_TRUE(OpenDb(SmallOptions(64 << 20, 100, false)).ok());
+  ASSERT_TRUE(db_->Write({Put("twice", "old"), Put("gone", "was"), Put("c", "3")}).ok());
+  FlushAll();
+  ASSERT_TRUE(db_->Write({Put("twice", "new")}).ok());
+  FlushAll();
+  EXPECT_EQ(GetOrAbsent(db_.get(), "twice"), "new");  // newer table first
+  // A deletion in the memtable hides the flushed value, before and after
+  // its own flush; a put over a deletion in a table brings it back.
+  ASSERT_TRUE(db_->Write({Del("gone"), Put("b", "2"), Put("\xff", "ff")}).ok());
+  EXPECT_EQ(GetOrAbsent(db_.get(), "gone"), "<absent>");
+  const std::vector<std::string> all = {"b=2", "c=3", "twice=new", "\xff=ff"};  // bytes compare unsigned
+  EXPECT_EQ(Scan("", "", 100), all);
+  FlushAll();
+  EXPECT_EQ(GetOrAbsent(db_.get(), "gone"), "<absent>");
+  EXPECT_EQ(Scan("", "", 100), all);
+  ASSERT_TRUE(db_->Write({Put("gone", "back")}).ok());
+  EXPECT_EQ(GetOrAbsent(db_.get(), "gone"), "back");
+
+  EXPECT_EQ(Scan("b", "gone", 100), (std::vector<std::string>{"b=2", "c=3"}));  // end exclusive
+  EXPECT_EQ(Scan("bb", "", 2), (std::vector<std::string>{"c=3", "gone=back"}));  // limit
+  EXPECT_TRUE(Scan("", "", 0).empty());
+  std::vector<Entry> out = {Put("stale", "entry")};
+  ASSERT_TRUE(db_->Scan("c", "", 1, &out).ok());
+  EXPECT_EQ(out, (std::vector<Entry>{Put("c", "3")}));
+}
+
+TEST_F(DbTest, LongScanCrossesMemTableChunksOnceEach) {
+  // 10000 keys in a table, all rewritten in the memtable with every seventh
+  // deleted: the scan refills its memtable chunk while merging the table.
+  ASSERT_TRUE(OpenDb(SmallOptions(64 << 20, 100, false)).ok());
+  constexpr int kKeys = 10000;
+  for (int pass = 0; pass < 2; ++pass) {
+    WriteBatch batch;
+    for (int i = 0; i < kKeys; ++i) {
+      batch.push_back(pass == 0 ? Put(Key(i), "old") : i % 7 != 0 ? Put(Key(i), "new") : Del(Key(i)));
+    }
+    ASSERT_TRUE(db_->Write(batch).ok());
+    if (pass == 0) FlushAll();
+  }
+  std::vector<Entry> out, expected;
+  ASSERT_TRUE(db_->Scan("", "", 1u << 30, &out).ok());
+  for (int i = 0; i < kKeys; ++i) {
+    if (i % 7 != 0) expected.push_back(Put(Key(i), "new"));
+  }
+  EXPECT_EQ(out.size(), expected.size());
+  EXPECT_TRUE(out == expected);
+}
+
+TEST_F(DbTest, FlushPublishesTableThenManifestThenDeletesLogs) {
+  io_.on_rename = [this](const std::string&, const std::string& to) {
+    std::lock_guard<std::mutex> lock(steps_mu_);
+    steps_.push_back("rename " + to.substr(to.rfind('/') + 1));
+  };
+  io_.on_unlink = [this](const std::string& path) {
+    std::lock_guard<std::mutex> lock(steps_mu_);
+    steps_.push_back("unlink " + path.substr(path.rfind('/') + 1) + " with manifest [" + Manifest() + "]");
+  };
+  ASSERT_TRUE(OpenDb(SmallOptions(100, 8, true)).ok());
+  ASSERT_TRUE(db_->Write({Put("k", std::string(100, 'v'))}).ok());
+  db_->WaitForBackgroundIdle();
+  ASSERT_TRUE(Eventually([&] { return !Exists("wal-000001.log"); }));
+  std::lock_guard<std::mutex> lock(steps_mu_);  // the engine is idle now
+  EXPECT_EQ(steps_, (std::vector<std::string>{"rename MANIFEST",  // by Open
+                                              "rename sst-000003.sst", "rename MANIFEST",
+                                              "unlink wal-000001.log with manifest [next_file 4\nsst 3\n]"}));
+  EXPECT_TRUE(Exists("wal-000002.log"));
+}
+
+TEST_F(DbTest, CompactionDropsDeletionsAndOverwrittenVersions) {
+  // Every write fills its memtable and becomes one table file.
+  ASSERT_TRUE(OpenDb(SmallOptions(1, 2, false)).ok());
+  LsmDbTestPeer peer(db_.get());
+  for (const Entry& e : {Put("a", "1"), Put("b", "1"), Del("b")}) {
+    ASSERT_TRUE(db_->Write({e}).ok());
+    db_->WaitForBackgroundIdle();
+  }
+  EXPECT_EQ(peer.TableEntryCounts(), (std::vector<uint64_t>{1}));  // the third went over two: only a=1 left
+  for (const Entry& e : {Put("a", "2"), Put("c", "3")}) {
+    ASSERT_TRUE(db_->Write({e}).ok());
+    db_->WaitForBackgroundIdle();
+  }
+  EXPECT_EQ(peer.TableEntryCounts(), (std::vector<uint64_t>{2}));
+  const std::vector<uint64_t> live = peer.LiveTables();
+  ASSERT_EQ(live.size(), 1u);
+  EXPECT_TRUE(Eventually([&] {  // the inputs are gone from disk
+    for (uint64_t n = 1; n < peer.NextFile(); ++n) {
+      if (FileExists(TableFileName(dir_.path(), n)) != (n == live[0])) return false;
+    }
+    return true;
+  }));
+  EXPECT_EQ(Manifest(), "next_file " + std::to_string(peer.NextFile()) + "\nsst " + std::to_string(live[0]) + "\n");
+  db_.reset();
+  ASSERT_TRUE(OpenDb(SmallOptions(1, 2, false)).ok());
+  EXPECT_EQ(GetOrAbsent(db_.get(), "a"), "2");
+  EXPECT_EQ(GetOrAbsent(db_.get(), "b"), "<absent>");
+}
+
+TEST_F(DbTest, TableFlushedDuringCompactionSurvivesIt) {
+  // The compaction is held just before it publishes its output (the second
+  // table rename after arming); meanwhile the test flushes a newer memtable.
+  std::atomic<int> countdown{-1};
+  io_.on_rename = [this, &countdown](const std::string& from, const std::string&) {
+    if (from.find(".sst") != std::string::npos && countdown.load() >= 0 && countdown.fetch_sub(1) == 0) gate_.Arrive();
+  };
+  ASSERT_TRUE(OpenDb(SmallOptions(1, 2, false)).ok());
+  LsmDbTestPeer peer(db_.get());
+  ASSERT_TRUE(db_->Write({Put("a", "1"), Put("x", "old")}).ok());
+  db_->WaitForBackgroundIdle();
+  ASSERT_TRUE(db_->Write({Put("b", "1")}).ok());
+  db_->WaitForBackgroundIdle();
+  countdown = 1;
+  ASSERT_TRUE(db_->Write({Put("c", "1")}).ok());
+  ASSERT_TRUE(gate_.WaitArrived());
+  ASSERT_TRUE(db_->Write({Put("x", "new"), Del("a")}).ok());
+  ASSERT_TRUE(peer.FlushOldestMemTable().ok());
+  const std::vector<uint64_t> before = peer.LiveTables();
+  ASSERT_EQ(before.size(), 4u);
+
+  gate_.Open();
+  db_->WaitForBackgroundIdle();
+  const std::vector<uint64_t> live = peer.LiveTables();
+  ASSERT_EQ(live.size(), 2u);
+  EXPECT_EQ(live[0], before[0]);  // the flushed table, in front of the merged one
+  EXPECT_EQ(std::count(before.begin(), before.end(), live[1]), 0);
+  EXPECT_EQ(Manifest(), "next_file " + std::to_string(peer.NextFile()) + "\nsst " + std::to_string(live[0]) +
+                            "\nsst " + std::to_string(live[1]) + "\n");
+  db_.reset();
+  ASSERT_TRUE(OpenDb(SmallOptions(1, 2, false)).ok());
+  EXPECT_EQ(LsmDbTestPeer(db_.get()).LiveTables(), live);
+  EXPECT_EQ(Scan("", "", 100), (std::vector<std::string>{"b=1", "c=1", "x=new"}));
+}
+
+TEST_F(DbTest, FailedFlushIsRetriedUntilItSucceeds) {
+  ASSERT_TRUE(OpenDb(SmallOptions(100, 8, true)).ok());
+  io_.FailFrom(FileOp::kRename, 1, ".sst");
+  ASSERT_TRUE(db_->Write({Put("k", std::string(100, 'v'))}).ok());
+  ASSERT_TRUE(Eventually([&] { return io_.injected(FileOp::kRename) >= 5; }));
+  EXPECT_EQ(db_->ImmutableMemTableCount(), 1u);
+  EXPECT_TRUE(Exists("wal-000001.log"));
+  io_.Clear(FileOp::kRename);
+  db_->WaitForBackgroundIdle();
+  EXPECT_EQ(db_->TableFileCount(), 1u);
+  EXPECT_TRUE(Eventually([&] { return !Exists("wal-000001.log"); }));
+  EXPECT_EQ(GetOrAbsent(db_.get(), "k"), std::string(100, 'v'));
+}
+
+TEST_F(DbTest, DamagedTableRecordFailsReads) {
+  ASSERT_TRUE(OpenDb(SmallOptions(64 << 20, 100, false)).ok());
+  ASSERT_TRUE(db_->Write({Put("k", "v")}).ok());
+  FlushAll();
+  db_.reset();
+  std::fstream(dir_.File("sst-000003.sst"), std::ios::in | std::ios::out | std::ios::binary).put('\x03');
+  ASSERT_TRUE(OpenDb(SmallOptions(64 << 20, 100, false)).ok());
+  EXPECT_EQ(GetOrAbsent(db_.get(), "k"), "Corruption: sst bad record op");
+  std::vector<Entry> out;
+  EXPECT_EQ(db_->Scan("", "", 10, &out).message(), "sst bad record op");
+}
+
+TEST_F(DbTest, OpenCreatesTheDirectoryOrRefusesWhatIsNotOne) {
+  const std::string fresh = dir_.File("fresh");
+  const mode_t old_mask = umask(0);
+  Status s = LsmDb::Open(fresh, LsmDb::Options(), &db_);
+  umask(old_mask);
+  ASSERT_TRUE(s.ok()) << s.ToString();
+  struct stat st;
+  ASSERT_EQ(stat(fresh.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & (S_IFMT | 07777), S_IFDIR | 0755u);
+  EXPECT_EQ(ListNames(fresh), (std::vector<std::string>{"MANIFEST", "wal-000001.log"}));
+  EXPECT_EQ(testing::ReadFileOrEmpty(fresh + "/MANIFEST"), "next_file 2\n");
+  db_.reset();
+
+  testing::WriteFileOrDie(dir_.File("plain"), "x");
+  s = LsmDb::Open(dir_.File("plain"), LsmDb::Options(), &db_);
+  EXPECT_EQ(s.code(), Status::kInvalidArgument);
+  EXPECT_EQ(s.message(), dir_.File("plain") + " exists and is not a directory");
+  EXPECT_EQ(db_, nullptr);
+  s = LsmDb::Open(dir_.File("no/such"), LsmDb::Options(), &db_);  // one level only
+  EXPECT_EQ(s.ToString(), "Corruption: mkdir " + dir_.File("no/such") + ": No such file or directory");
+}
+
+TEST_F(DbTest, OpenDirectoryRules) {
+  // Live table 5, orphan table 7, a leftover temporary of table 9, and a
+  // log under the non-canonical name wal-1.log.
+  ASSERT_TRUE(WriteTable(dir_.File("sst-000005.sst"), {Put("live", "5")}).ok());
+  ASSERT_TRUE(WriteTable(dir_.File("sst-000007.sst"), {Put("orphan", "7")}).ok());
+  testing::WriteFileOrDie(dir_.File("sst-000009.sst.tmp"), "half written");
+  AppendToLog(1, {Put("ghost", "1")}, "wal-1.log");
+  testing::WriteFileOrDie(dir_.File("MANIFEST"), "next_file 2\nsst 5\n");
+  ASSERT_TRUE(OpenDb(SmallOptions(64 << 20, 8, false)).ok());
+  EXPECT_EQ(GetOrAbsent(db_.get(), "live"), "5");
+  EXPECT_EQ(GetOrAbsent(db_.get(), "orphan"), "<absent>");
+  // wal-1.log counts as log 1, is replayed under its six-digit name (which
+  // does not exist), and never deleted. The orphan goes; the temporary file
+  // stays, and its number, the largest listed, places the new log at 10.
+  EXPECT_EQ(GetOrAbsent(db_.get(), "ghost"), "<absent>");
+  EXPECT_EQ(ListNames(dir_.path()), (std::vector<std::string>{"MANIFEST", "sst-000005.sst", "sst-000009.sst.tmp",
+                                                              "wal-000010.log", "wal-1.log"}));
+  EXPECT_EQ(Manifest(), "next_file 11\nsst 5\n");
+}
+
+TEST_F(DbTest, OpenReplaysLogsInOrderAndNeedsEveryListedTable) {
+  // Two logs replay in order into one memtable and stay until it is flushed.
+  AppendToLog(1, {Put("k", "1"), Put("only1", "a")});
+  AppendToLog(2, {Put("k", "2"), Del("only1")});
+  testing::WriteFileOrDie(dir_.File("MANIFEST"), "next_file 1\n");
+  ASSERT_TRUE(OpenDb(SmallOptions(64 << 20, 8, false)).ok());
+  EXPECT_EQ(GetOrAbsent(db_.get(), "k"), "2");
+  EXPECT_EQ(GetOrAbsent(db_.get(), "only1"), "<absent>");
+  EXPECT_EQ(Manifest(), "next_file 4\n");
+  EXPECT_EQ(ListNames(dir_.path()),
+            (std::vector<std::string>{"MANIFEST", "wal-000001.log", "wal-000002.log", "wal-000003.log"}));
+  db_.reset();
+
+  testing::WriteFileOrDie(dir_.File("MANIFEST"), "next_file 3\nsst 2\n");
+  EXPECT_EQ(OpenDb(SmallOptions(64 << 20, 8, false)).ToString(),
+            "Corruption: sst open " + dir_.File("sst-000002.sst") + ": No such file or directory");
+  EXPECT_EQ(db_, nullptr);
+}
+
+}  // namespace
+}  // namespace kandb::lsm
