@@ -3,9 +3,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-
 #include <gtest/gtest.h>
 
 #include "common/coding.h"
@@ -81,28 +78,6 @@ std::vector<Entry> MakeEntries(int n) {
   }
   return entries;
 }
-
-// Moves a few bytes per call and interrupts every third call.
-class ChoppyFileIo : public FileIo {
- public:
-  ssize_t Write(int fd, const void* buf, size_t count) override {
-    return Interrupt() ? -1 : FileIo::Write(fd, buf, std::min<size_t>(count, 3));
-  }
-  ssize_t Read(int fd, void* buf, size_t count) override {
-    return Interrupt() ? -1 : FileIo::Read(fd, buf, std::min<size_t>(count, 5));
-  }
-  ssize_t Pread(int fd, void* buf, size_t count, off_t offset) override {
-    return Interrupt() ? -1 : FileIo::Pread(fd, buf, std::min<size_t>(count, 7), offset);
-  }
-
- private:
-  bool Interrupt() {
-    if (++calls_ % 3 != 0) return false;
-    errno = EINTR;
-    return true;
-  }
-  int calls_ = 0;
-};
 
 class FormatTest : public ::testing::Test {
  protected:
@@ -384,13 +359,6 @@ TEST_F(FormatTest, TableGetAndSeekAcrossIndexIntervals) {
   ASSERT_TRUE(it->Seek("l").ok());  // above the last key
   EXPECT_FALSE(it->Valid());
 
-  // A hit reads one stretch; the filter spares most absent keys any read.
-  FaultInjectingFileIo io;
-  ScopedFileIo install(&io);
-  EXPECT_EQ(Lookup(*reader, entries[37].key), "1:v37");
-  EXPECT_EQ(io.count(FileOp::kPread), 1u);
-  for (int i = 0; i < 200; ++i) EXPECT_EQ(Lookup(*reader, "absent" + std::to_string(i)), "absent");
-  EXPECT_LT(io.count(FileOp::kPread), 20u);
 }
 
 TEST_F(FormatTest, DamagedTablesAreRefusedWithTheExactReason) {
@@ -474,17 +442,6 @@ TEST_F(FormatTest, TableWriteFailuresLeaveNoFileBehind) {
   auto reader = OpenTableOrDie();
   io.FailNth(FileOp::kPread, 1);
   EXPECT_EQ(Lookup(*reader, entries[5].key), "sst pread: Input/output error");
-}
-
-TEST_F(FormatTest, PartialAndInterruptedCallsAreContinued) {
-  ChoppyFileIo io;
-  ScopedFileIo install(&io);
-  const std::vector<WriteBatch> batches = {{Put("a", "1")}, {Put("b", std::string(300, 'x')), Del("a")}};
-  AppendBatches(batches);
-  EXPECT_EQ(Replay(), batches);
-  const std::vector<Entry> entries = MakeEntries(60);
-  ASSERT_TRUE(WriteTable(sst_, entries).ok());
-  EXPECT_EQ(ReadAll(*OpenTableOrDie(), 4096), entries);
 }
 
 TEST_F(FormatTest, ManifestLinesAndWhereReadingStops) {
