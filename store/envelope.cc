@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <utility>
 
 #include "common/coding.h"
 #include "crypto/sm3.h"
@@ -76,6 +77,14 @@ Status OpenValue(const StoreCrypto& crypto, const std::string& stored, std::stri
   uint8_t iv[kIvSize];
   for (size_t i = 0; i < kIvSize; i++) iv[i] = static_cast<uint8_t>(stored[i]);
   return crypto::Sm4CbcDecrypt(stored.substr(kIvSize), crypto.key.data(), iv, plaintext);
+}
+
+Status OpenValue(const StoreCrypto& crypto, std::string&& stored, std::string* plaintext) {
+  if (!crypto.encrypted) {
+    *plaintext = std::move(stored);
+    return Status::OK();
+  }
+  return OpenValue(crypto, static_cast<const std::string&>(stored), plaintext);
 }
 
 }  // namespace kandb::store

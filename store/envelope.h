@@ -42,6 +42,9 @@ std::string SealValue(const StoreCrypto& crypto, const std::string& plaintext);
 // ("sm4: ciphertext not block-aligned", "sm4: bad padding", the latter
 // usually meaning a wrong key) unchanged. *plaintext is untouched on failure.
 Status OpenValue(const StoreCrypto& crypto, const std::string& stored, std::string* plaintext);
+// The same for a stored value the caller no longer needs: a plain value is
+// moved rather than copied, which matters for scans over every region.
+Status OpenValue(const StoreCrypto& crypto, std::string&& stored, std::string* plaintext);
 
 }  // namespace kandb::store
 

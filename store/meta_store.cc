@@ -1,5 +1,7 @@
 #include "store/meta_store.h"
 
+#include <utility>
+
 namespace kandb::store {
 
 Status MetaStore::Open(const std::string& dir, const std::string& passphrase, int sync,
@@ -24,7 +26,7 @@ Status MetaStore::Get(const std::string& key, std::string* value, bool* found) {
     *found = false;
     return Status::OK();
   }
-  s = OpenValue(crypto_, stored, value);
+  s = OpenValue(crypto_, std::move(stored), value);
   if (!s.ok()) return s;
   *found = true;
   return Status::OK();
@@ -55,7 +57,7 @@ Status MetaStore::Scan(const std::string& start, const std::string& end, uint32_
   out->reserve(entries.size());
   for (lsm::Entry& e : entries) {
     std::string value;
-    s = OpenValue(crypto_, e.value, &value);
+    s = OpenValue(crypto_, std::move(e.value), &value);
     if (!s.ok()) return s;
     out->emplace_back(std::move(e.key), std::move(value));
   }
@@ -69,8 +71,8 @@ Status MetaStore::ForEach(
   Status s = db_->Scan(start, end, limit, &entries);
   if (!s.ok()) return s;
   std::string value;
-  for (const lsm::Entry& e : entries) {
-    s = OpenValue(crypto_, e.value, &value);
+  for (lsm::Entry& e : entries) {
+    s = OpenValue(crypto_, std::move(e.value), &value);
     if (!s.ok()) return s;
     if (!visit(e.key, value)) break;
   }
