@@ -1,49 +1,48 @@
 #ifndef KANDB_RPC_RPC_TEST_UTIL_H_
 #define KANDB_RPC_RPC_TEST_UTIL_H_
 
-// Loopback sockets for the rpc tests: connected pairs, plain connections to a
-// port, and a listener for fake servers.
+// Loopback sockets and shared checks for the rpc tests. The helpers abort
+// when the loopback cannot be set up; only ConnectTo reports a refusal.
+
+#include <gtest/gtest.h>
 
 #include <string>
 
+#include "common/status.h"
+
 namespace kandb::kanrpc::testing {
 
-// A socket that closes itself.
+// A socket descriptor that closes itself.
 class Socket {
  public:
-  Socket() = default;
-  explicit Socket(int fd) : fd_(fd) {}
-  ~Socket() { Close(); }
+  explicit Socket(int fd = -1) : fd_(fd) {}
   Socket(Socket&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-  Socket& operator=(Socket&& other) noexcept;
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-
+  ~Socket() { Close(); }
   int fd() const { return fd_; }
   bool valid() const { return fd_ >= 0; }
   void Close();
 
  private:
-  int fd_ = -1;
+  int fd_;
 };
-
-// A connected TCP pair on 127.0.0.1. Aborts the test process when the
-// loopback cannot be set up.
-struct SocketPair {
-  Socket a;
-  Socket b;
-};
-SocketPair MakeSocketPair();
 
 // A listening socket on 127.0.0.1 with a kernel-chosen port.
 Socket Listen(int* port);
 // Connects to 127.0.0.1:port; an invalid Socket when refused.
 Socket ConnectTo(int port);
-// Sends all of `bytes` (blocking) and aborts on failure.
+// A connected pair: a is the connecting side, b the accepted one.
+struct SocketPair {
+  Socket a, b;
+};
+SocketPair MakeSocketPair();
 void SendAllOrDie(int fd, const std::string& bytes);
-// True when the peer of `fd` has closed and nothing is left to read, waiting
-// at most timeout_ms for it.
+// True when the peer of `fd` closed with nothing left to read, within timeout_ms.
 bool PeerClosed(int fd, int timeout_ms);
+
+inline void ExpectStatus(const Status& s, uint32_t code, const std::string& message) {
+  EXPECT_EQ(s.code(), code) << s.ToString();
+  EXPECT_EQ(s.message(), message);
+}
 
 }  // namespace kandb::kanrpc::testing
 
