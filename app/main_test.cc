@@ -36,9 +36,7 @@ const char kUsage[] =
     "  --target_replicas      auto-heal: schedule adding replicas until each region reaches "
     "this member count (0 = off; promotion of caught-up learners is always on) (default: 0)\n";
 
-int ExitCode(const ProgramResult& r) {
-  return WIFEXITED(r.status) ? WEXITSTATUS(r.status) : -1000 - r.status;
-}
+using ::kandb::testing::ExitCode;
 
 ProgramResult RunMeta(std::vector<std::string> args) {
   args.insert(args.begin(), KANDB_META_BINARY);

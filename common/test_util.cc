@@ -144,4 +144,8 @@ ProgramResult RunProgram(const std::vector<std::string>& argv, int timeout_ms) {
   return result;
 }
 
+int ExitCode(const ProgramResult& result) {
+  return WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1000 - result.status;
+}
+
 }  // namespace kandb::testing

@@ -58,6 +58,10 @@ struct ProgramResult {
 };
 ProgramResult RunProgram(const std::vector<std::string>& argv, int timeout_ms = 30000);
 
+// The exit status of a finished program; a negative number when it was
+// killed by a signal or timed out, so it never equals a real status.
+int ExitCode(const ProgramResult& result);
+
 }  // namespace kandb::testing
 
 #endif  // KANDB_COMMON_TEST_UTIL_H_

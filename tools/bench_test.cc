@@ -21,7 +21,7 @@ using ::kandb::testing::RemoveTree;
 using ::kandb::testing::RunProgram;
 using nlohmann::json;
 
-int ExitCode(const ProgramResult& r) { return WIFEXITED(r.status) ? WEXITSTATUS(r.status) : -1000 - r.status; }
+using ::kandb::testing::ExitCode;
 
 class BenchTest : public ::testing::Test {
  protected:

@@ -20,7 +20,7 @@ using ::kandb::testing::RunProgram;
 using ::kandb::testing::WriteFileOrDie;
 using nlohmann::json;
 
-int ExitCode(const ProgramResult& r) { return WIFEXITED(r.status) ? WEXITSTATUS(r.status) : -1000 - r.status; }
+using ::kandb::testing::ExitCode;
 
 class CtlTest : public ::testing::Test {
  protected:

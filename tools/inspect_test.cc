@@ -33,7 +33,7 @@ using ::kandb::testing::RemoveTree;
 using ::kandb::testing::RunProgram;
 using ::kandb::testing::WriteFileOrDie;
 
-int ExitCode(const ProgramResult& r) { return WIFEXITED(r.status) ? WEXITSTATUS(r.status) : -1000 - r.status; }
+using ::kandb::testing::ExitCode;
 
 ProgramResult Inspect(const std::string& dir, bool verify) {
   std::vector<std::string> args = {KANDB_META_INSPECT_BINARY, dir};
