@@ -86,6 +86,10 @@ bool ChildProcess::Start(const std::vector<std::string>& argv) {
     dup2(in, 0);
     dup2(out, 1);
     dup2(err, 2);
+    // The originals would otherwise stay open in the program under test.
+    for (int fd : {in, out, err}) {
+      if (fd > 2) close(fd);
+    }
     execv(args[0], args.data());
     _exit(127);
   }
