@@ -13,8 +13,14 @@ Status MetaStore::Open(const std::string& dir, const std::string& passphrase, in
   std::unique_ptr<lsm::LsmDb> db;
   Status s = lsm::LsmDb::Open(dir, options, &db);
   if (!s.ok()) return s;
-  out->reset(new MetaStore(std::move(db), StoreCryptoFromPassphrase(passphrase)));
+  *out = OnBackend(std::make_unique<LsmBackend>(std::move(db)), passphrase);
   return Status::OK();
+}
+
+std::unique_ptr<MetaStore> MetaStore::OnBackend(std::unique_ptr<MetaBackend> backend,
+                                                const std::string& passphrase) {
+  return std::unique_ptr<MetaStore>(
+      new MetaStore(std::move(backend), StoreCryptoFromPassphrase(passphrase)));
 }
 
 Status MetaStore::Get(const std::string& key, std::string* value, bool* found) {
