@@ -65,10 +65,23 @@ Status PdService::Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) {
     tso_physical_ = ++physical;
     tso_logical_ = logical = 0;
   }
+  if (tso_admit_) {
+    Status s = tso_admit_(physical);
+    if (!s.ok()) return s;
+  }
   resp->timestamp = physical << kLogicalBits | logical;
   resp->count = static_cast<uint32_t>(n);
   tso_logical_ += n;
   return Status::OK();
+}
+
+void PdService::SetTsoCeiling(uint64_t floor, TsoAdmit admit) {
+  MutexLock lock(&tso_mutex_);
+  if (tso_physical_ < floor) {
+    tso_physical_ = floor;
+    tso_logical_ = 0;
+  }
+  tso_admit_ = std::move(admit);
 }
 
 Status PdService::AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp) {

@@ -57,7 +57,8 @@ class PdService {
 
   // Each handler fills *resp only when it returns OK.
 
-  // A batch of `count` (0 read as 1) consecutive timestamps. Always OK.
+  // A batch of `count` (0 read as 1) consecutive timestamps. Always OK,
+  // unless a timestamp ceiling (SetTsoCeiling) refuses the batch.
   Status Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) EXCLUDES(tso_mutex_);
   // A batch of `count` (0 read as 1) identifiers never handed out before,
   // across restarts too. Fails only when the high-water mark cannot be written.
@@ -74,6 +75,16 @@ class PdService {
   // Scheduling commands for the regions the reporting store leads.
   Status RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
                          pdpb::RegionHeartbeatResponse* resp) EXCLUDES(heartbeat_mutex_);
+
+  // The replicated server's timestamp ceiling. `admit` is consulted under
+  // tso_mutex_ with the physical part of each batch before it is answered,
+  // and fails the batch when no ceiling above that part could be persisted;
+  // `floor` is where the physical part starts (the ceiling a previous leader
+  // persisted), so timestamps never repeat across leaders. Set once, before
+  // the methods are registered. Unset, as on the embedded server, Tso is
+  // unchanged.
+  using TsoAdmit = std::function<Status(uint64_t physical)>;
+  void SetTsoCeiling(uint64_t floor, TsoAdmit admit) EXCLUDES(tso_mutex_);
 
   // Registers the six methods ("Pd.Tso", "Pd.AllocId", "Pd.Bootstrap",
   // "Pd.GetRegion", "Pd.UpsertRegion", "Pd.RegionHeartbeat") on `server`,
@@ -102,6 +113,7 @@ class PdService {
   Mutex tso_mutex_;
   uint64_t tso_physical_ GUARDED_BY(tso_mutex_) = 0;  // ms of the last batch
   uint64_t tso_logical_ GUARDED_BY(tso_mutex_) = 0;   // next free logical value in it
+  TsoAdmit tso_admit_ GUARDED_BY(tso_mutex_);         // null: no ceiling
 
   // Per region id, the store that reported it last: the load figure that
   // leader balancing compares. Only the heartbeat handler touches it.
