@@ -294,9 +294,10 @@ TEST_F(HaTest, PausedLeaderAnswersNothingAndWritesNothing) {
   EXPECT_NE(servers.Stderr(old).find("stepped down"), std::string::npos) << servers.Stderr(old);
 }
 
-// The leader's lease revoked in etcd (etcdctl lease revoke): an upsert sent
-// at once fails its fence, and nothing of it is stored.
-TEST_F(HaTest, RevokedLeaseFencesTheNextWrite) {
+// A batch over etcd's operation limit fails whole with etcd's own reason.
+// Then the leader's lease is revoked in etcd (etcdctl lease revoke): an
+// upsert sent at once fails its fence, and nothing of it is stored.
+TEST_F(HaTest, OversizedBatchAndRevokedLease) {
   testing::EtcdCluster etcd(dir_);
   ASSERT_TRUE(etcd.Start(1));
   testing::HaServers servers(KANDB_META_HA_BINARY, etcd.UrlList(), "revoke", kLeaseMs);
@@ -313,6 +314,14 @@ TEST_F(HaTest, RevokedLeaseFencesTheNextWrite) {
   // The connection is open before the revocation, so the upsert follows it
   // within a few milliseconds.
   kanrpc::RpcClient c(servers.Address(0), Options(1));
+  pdpb::UpsertRegionRequest oversized;
+  for (uint64_t i = 0; i <= testing::EtcdCluster::kMaxTxnOps; ++i) {
+    oversized.regions.push_back(RegionAt(100000 + i, "u/o/" + std::to_string(i)));
+  }
+  pdpb::UpsertRegionResponse ignored;
+  EXPECT_EQ(c.Call("Pd.UpsertRegion", oversized, &ignored).message(),
+            "remote: InvalidArgument: etcd: etcdserver: too many operations in txn request");
+  EXPECT_EQ(StoredRegions(&client, servers.prefix()).count(RegionKey(servers.prefix(), 100000)), 0u);
   pdpb::TsoResponse tso;
   ASSERT_TRUE(c.Call("Pd.Tso", pdpb::TsoRequest{1}, &tso).ok());
   const testing::ProgramResult revoked =

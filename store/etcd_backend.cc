@@ -31,20 +31,67 @@ Status EtcdBackend::Get(const std::string& key, std::string* value, bool* found)
 }
 
 Status EtcdBackend::Write(const lsm::WriteBatch& batch) {
-  // etcd refuses a transaction that names one key twice; the engine applies
-  // a batch in order, so only the last operation on each key counts.
-  std::map<std::string, size_t> last;
-  for (size_t i = 0; i < batch.size(); ++i) last[batch[i].key] = i;
+  Writer self(&batch);
+  MutexLock lock(&queue_mu_);
+  queue_.push_back(&self);
+  while (!self.done && queue_.front() != &self) queue_cv_.Wait();
+  if (self.done) return self.result;
+
+  // This writer leads: it takes the batches queued behind it, up to the
+  // group limits (its own batch always goes, whatever its size).
+  std::vector<Writer*> group;
+  size_t ops = 0, bytes = 0;
+  for (Writer* w : queue_) {
+    size_t batch_bytes = 0;
+    for (const lsm::Entry& e : *w->batch) batch_bytes += prefix_.size() + e.key.size() + e.value.size();
+    if (!group.empty() &&
+        (ops + w->batch->size() > kGroupMaxOps || bytes + batch_bytes > kGroupMaxBytes)) {
+      break;
+    }
+    group.push_back(w);
+    ops += w->batch->size();
+    bytes += batch_bytes;
+  }
+  std::vector<Status> results(group.size());
+  queue_mu_.Unlock();
+  std::vector<const lsm::WriteBatch*> batches;
+  for (Writer* w : group) batches.push_back(w->batch);
+  Status s = Apply(batches);
+  if (s.IsInvalidArgument() && group.size() > 1) {
+    // Refused as a whole: each batch alone gets its own answer.
+    for (size_t i = 0; i < group.size(); ++i) results[i] = Apply({group[i]->batch});
+  } else {
+    for (Status& r : results) r = s;
+  }
+  queue_mu_.Lock();
+  for (size_t i = 0; i < group.size(); ++i) {
+    queue_.pop_front();
+    group[i]->result = results[i];
+    group[i]->done = true;
+  }
+  queue_cv_.SignalAll();
+  return self.result;
+}
+
+Status EtcdBackend::Apply(const std::vector<const lsm::WriteBatch*>& batches) {
+  // etcd refuses a transaction that names one key twice; batches apply in
+  // order, so only the last operation on each key counts.
+  std::map<std::string, std::pair<size_t, size_t>> last;
+  for (size_t b = 0; b < batches.size(); ++b) {
+    for (size_t i = 0; i < batches[b]->size(); ++i) last[(*batches[b])[i].key] = {b, i};
+  }
   std::vector<EtcdOp> ops;
   ops.reserve(last.size());
-  for (size_t i = 0; i < batch.size(); ++i) {
-    const lsm::Entry& e = batch[i];
-    if (last[e.key] != i) continue;
-    EtcdOp op;
-    op.kind = e.op == lsm::kOpPut ? EtcdOp::Kind::kPut : EtcdOp::Kind::kDelete;
-    op.key = prefix_ + e.key;
-    if (e.op == lsm::kOpPut) op.value = e.value;
-    ops.push_back(std::move(op));
+  for (size_t b = 0; b < batches.size(); ++b) {
+    for (size_t i = 0; i < batches[b]->size(); ++i) {
+      const lsm::Entry& e = (*batches[b])[i];
+      if (last[e.key] != std::make_pair(b, i)) continue;
+      EtcdOp op;
+      op.kind = e.op == lsm::kOpPut ? EtcdOp::Kind::kPut : EtcdOp::Kind::kDelete;
+      op.key = prefix_ + e.key;
+      if (e.op == lsm::kOpPut) op.value = e.value;
+      ops.push_back(std::move(op));
+    }
   }
   std::vector<EtcdCompare> compares;
   if (fence_.create_revision != 0) {

@@ -12,14 +12,23 @@
 // creation revision that this server's leadership created: once another
 // server has taken over, a late write of the old leader changes nothing
 // and fails with code 4 "not leader; leadership lost".
+//
+// Concurrent writes are grouped: the first writer in line sends its batch
+// and those queued behind it as one transaction (each batch stays atomic,
+// and they apply in queue order), so that etcd sees one request where it
+// would see many. A group that etcd refuses as too large is sent again one
+// batch at a time, so that each batch gets its own answer.
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "common/mutex.h"
 #include "common/status.h"
+#include "common/thread_annotations.h"
 #include "store/etcd_client.h"
 #include "store/meta_backend.h"
 #include "store/meta_store.h"
@@ -37,6 +46,11 @@ class EtcdBackend final : public MetaBackend {
   // Scans read in pages of this many records, all at the revision of the
   // first page, so a long scan is still one moment's view.
   static constexpr int64_t kScanPage = 10000;
+  // A group takes no more batches once it holds this many operations or
+  // bytes, inside etcd's default limits (128 operations, 1.5 MiB), so that
+  // grouping alone never makes a transaction too large.
+  static constexpr size_t kGroupMaxOps = 128;
+  static constexpr size_t kGroupMaxBytes = 1 << 20;
 
   // `client` is not owned and must outlive the backend. A `fence` with
   // create_revision 0 writes unfenced (tools and tests). `on_fenced_out`,
@@ -45,15 +59,31 @@ class EtcdBackend final : public MetaBackend {
               std::function<void()> on_fenced_out = nullptr);
 
   Status Get(const std::string& key, std::string* value, bool* found) override;
-  Status Write(const lsm::WriteBatch& batch) override;
+  Status Write(const lsm::WriteBatch& batch) override EXCLUDES(queue_mu_);
   Status Scan(const std::string& start, const std::string& end, uint32_t limit,
               std::vector<lsm::Entry>* out) override;
 
  private:
+  // One Write call waiting in, or leading, the queue; on the caller's stack.
+  struct Writer {
+    explicit Writer(const lsm::WriteBatch* b) : batch(b) {}
+    const lsm::WriteBatch* const batch;
+    Status result;      // set by the group's leader, under queue_mu_
+    bool done = false;  // under queue_mu_
+  };
+
+  // One fenced transaction of the given batches, applied in order.
+  Status Apply(const std::vector<const lsm::WriteBatch*>& batches);
+
   EtcdClient* const client_;
   const std::string prefix_;
   const EtcdFence fence_;
   const std::function<void()> on_fenced_out_;
+
+  // The writers in line; the front one leads the next group.
+  Mutex queue_mu_;
+  CondVar queue_cv_{&queue_mu_};
+  std::deque<Writer*> queue_ GUARDED_BY(queue_mu_);
 };
 
 // The etcd key prefix of a cluster's records.
