@@ -27,8 +27,8 @@ std::string* const FLAGS_bind_addr =
     kandb::DefineStringFlag("bind_addr", "0.0.0.0", "pd service IPv4 listen address");
 std::string* const FLAGS_advertise_addr = kandb::DefineStringFlag(
     "advertise_addr", "",
-    "HOST:PORT that clients and the other servers use to reach this one (default: "
-    "bind_addr:port, or this machine's host name:port when bind_addr is 0.0.0.0)");
+    "HOST:PORT that clients and the other servers use to reach this one; empty means "
+    "bind_addr:port, or this machine's host name:port when bind_addr is 0.0.0.0");
 std::string* const FLAGS_etcd = kandb::DefineStringFlag(
     "etcd", "", "comma-separated client URLs of the etcd cluster (required)");
 std::string* const FLAGS_cluster = kandb::DefineStringFlag(

@@ -85,6 +85,14 @@ class HaTest : public ::testing::Test {
   std::string dir_;
 };
 
+// No default for --etcd: etcd's own client port is this server's port too.
+TEST(HaMainTest, EtcdIsRequired) {
+  const testing::ProgramResult r = testing::RunProgram({KANDB_META_HA_BINARY, "--port=0"});
+  EXPECT_EQ(testing::ExitCode(r), 2);
+  EXPECT_EQ(r.err, "--etcd is required (comma-separated etcd client URLs)\n");
+  EXPECT_EQ(r.out, "");
+}
+
 // What the load threads of the failover run saw.
 struct Observed {
   std::atomic<bool> stop{false};
