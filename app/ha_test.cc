@@ -93,6 +93,70 @@ TEST(HaMainTest, EtcdIsRequired) {
   EXPECT_EQ(r.out, "");
 }
 
+// The etcd backend keeps the engine's meaning: batches apply in order (the
+// last operation on a key wins, also across batches grouped into one
+// transaction), and a scan is [start, end) in key order up to its limit,
+// across pages, without the cluster prefix.
+TEST(EtcdBackendTest, BatchOrderAndScanPages) {
+  const std::string dir = testing::MakeTempDir("kandb-etcd-backend");
+  {
+    testing::EtcdCluster etcd(dir);
+    ASSERT_TRUE(etcd.Start(1));
+    store::EtcdClient client(etcd.Endpoints(), 2000);
+    store::EtcdBackend backend(&client, "kandb/t/", store::EtcdFence{});
+    const auto put = [](const std::string& k, const std::string& v) {
+      return lsm::Entry{lsm::kOpPut, k, v};
+    };
+    const auto del = [](const std::string& k) { return lsm::Entry{lsm::kOpDelete, k, ""}; };
+    // Concurrent writers land in one group; each thread's batches in order.
+    std::vector<std::thread> writers;
+    for (int t = 0; t < 8; ++t) {
+      writers.emplace_back([&backend, &put, &del, t] {
+        const std::string k = "w/" + std::to_string(t);
+        EXPECT_TRUE(backend.Write({put(k, "1"), del(k), put(k, "2")}).ok());
+        EXPECT_TRUE(backend.Write({put(k + "x", "gone")}).ok());
+        EXPECT_TRUE(backend.Write({del(k + "x")}).ok());
+      });
+    }
+    for (std::thread& w : writers) w.join();
+    std::vector<lsm::Entry> got;
+    ASSERT_TRUE(backend.Scan("w/", "w0", 100, &got).ok());
+    ASSERT_EQ(got.size(), 8u);
+    for (int t = 0; t < 8; ++t) EXPECT_EQ(got[t], put("w/" + std::to_string(t), "2"));
+
+    // More records than one page holds, written in two transactions.
+    const int64_t total = store::EtcdBackend::kScanPage + 5;
+    for (int64_t from = 0; from < total; from += testing::EtcdCluster::kMaxTxnOps) {
+      lsm::WriteBatch batch;
+      for (int64_t i = from; i < std::min(total, from + testing::EtcdCluster::kMaxTxnOps); ++i) {
+        char key[16];
+        std::snprintf(key, sizeof(key), "p/%06lld", static_cast<long long>(i));
+        batch.push_back(put(key, std::to_string(i)));
+      }
+      ASSERT_TRUE(backend.Write(batch).ok());
+    }
+    ASSERT_TRUE(backend.Scan("p/", "p0", static_cast<uint32_t>(total + 100), &got).ok());
+    ASSERT_EQ(got.size(), static_cast<size_t>(total));
+    for (int64_t i = 0; i < total; ++i) ASSERT_EQ(got[i].value, std::to_string(i));
+    ASSERT_TRUE(backend.Scan("p/000003", "p/010003", static_cast<uint32_t>(total), &got).ok());
+    ASSERT_EQ(got.size(), 10000u);
+    EXPECT_EQ(got.front().key, "p/000003");
+    EXPECT_EQ(got.back().key, "p/010002");
+    ASSERT_TRUE(backend.Scan("p/", "", 10001, &got).ok());
+    EXPECT_EQ(got.size(), 10001u);
+    ASSERT_TRUE(backend.Scan("", "", 100000, &got).ok());  // everything of the cluster
+    EXPECT_EQ(got.size(), static_cast<size_t>(total) + 8);
+    ASSERT_TRUE(backend.Scan("p/", "", 0, &got).ok());
+    EXPECT_TRUE(got.empty());
+    std::string value = "kept";
+    bool found = true;
+    ASSERT_TRUE(backend.Get("w/0x", &value, &found).ok());
+    EXPECT_FALSE(found);
+    EXPECT_EQ(value, "kept");
+  }
+  testing::RemoveTree(dir);
+}
+
 // What the load threads of the failover run saw.
 struct Observed {
   std::atomic<bool> stop{false};
