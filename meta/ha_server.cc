@@ -179,11 +179,21 @@ Status HaServer::NotLeader() {
   return Status::Unavailable("not leader; leader at " + leader_);
 }
 
-std::shared_ptr<HaServer::Term> HaServer::Serving(Status* refusal) {
-  {
+HaServer::Term* HaServer::Serving(Status* refusal) {
+  struct Kept {
+    const HaServer* server = nullptr;
+    uint64_t generation = 0;
+    std::shared_ptr<Term> term;
+  };
+  thread_local Kept kept;
+  if (kept.server != this || kept.generation != generation_.load(std::memory_order_acquire)) {
     MutexLock lock(&mu_);
-    if (term_ != nullptr && term_->Valid()) return term_;
+    kept.server = this;
+    kept.generation = generation_.load(std::memory_order_relaxed);
+    kept.term = term_;
   }
+  Term* term = kept.term.get();
+  if (term != nullptr && term->Valid()) return term;
   *refusal = NotLeader();
   return nullptr;
 }
@@ -193,7 +203,7 @@ void HaServer::Bind(kanrpc::RpcServer* server, const char* method,
                     Status (PdService::*handler)(const Req&, Resp*)) {
   server->Register<Req, Resp>(method, [this, handler](const Req& req, Resp* resp) {
     Status refusal;
-    std::shared_ptr<Term> term = Serving(&refusal);
+    Term* const term = Serving(&refusal);
     if (term == nullptr) return refusal;
     Resp answer;
     Status s = (term->service()->*handler)(req, &answer);
@@ -298,6 +308,7 @@ void HaServer::Campaign() {
   {
     MutexLock lock(&mu_);
     term_ = term;
+    generation_.fetch_add(1, std::memory_order_release);
     leader_ = options_.advertise;
   }
   last_leader_seen_ = options_.advertise;
@@ -339,6 +350,7 @@ void HaServer::EndTerm(const char* why) {
     MutexLock lock(&mu_);
     if (term_ != nullptr) term_->Lose();
     term_.reset();
+    generation_.fetch_add(1, std::memory_order_release);
     leader_.clear();
   }
   last_leader_seen_.clear();

@@ -84,8 +84,11 @@ class HaServer {
   void Bind(kanrpc::RpcServer* server, const char* method,
             Status (PdService::*handler)(const Req&, Resp*));
 
-  // The term to serve a request with, or null with *refusal set.
-  std::shared_ptr<Term> Serving(Status* refusal) EXCLUDES(mu_);
+  // The term to serve a request with, or null with *refusal set. The term
+  // stays alive until this thread asks again: each connection thread keeps
+  // the term it last served with, and takes mu_ only when terms changed,
+  // so that a request costs no lock and no shared count of its own.
+  Term* Serving(Status* refusal) EXCLUDES(mu_);
   Status NotLeader() EXCLUDES(mu_);
 
   void Run();
@@ -116,6 +119,9 @@ class HaServer {
   // that followers name. Held only to copy or replace them.
   Mutex mu_;
   std::shared_ptr<Term> term_ GUARDED_BY(mu_);  // null while not leading
+  // Changes (under mu_) whenever term_ does; read without it to tell a
+  // thread's kept term from the current one.
+  std::atomic<uint64_t> generation_{0};
   std::string leader_ GUARDED_BY(mu_);          // empty: no leader known
 };
 
