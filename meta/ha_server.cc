@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "common/coding.h"
-#include "meta/keys.h"
 #include "rpc/server.h"
 #include "store/etcd_backend.h"
 
@@ -50,9 +49,12 @@ class HaServer::Term {
        int64_t create_revision, int64_t deadline_ns)
       : create_revision_(create_revision),
         deadline_ns_(deadline_ns),
-        raw_(etcd, prefix, store::EtcdFence{leader_key, create_revision}, [this] { Lose(); }),
-        store_(store::OpenEtcdMetaStore(etcd, prefix, store::EtcdFence{leader_key, create_revision},
-                                        "", [this] { Lose(); })) {}
+        raw_(etcd, prefix, store::EtcdFence{leader_key, create_revision}, [this] { Lose(); }) {
+    // Without a passphrase the store cannot fail to open.
+    Status s = store::OpenEtcdMetaStore(etcd, prefix, store::EtcdFence{leader_key, create_revision},
+                                        "", [this] { Lose(); }, &store_);
+    (void)s;
+  }
 
   // Whether requests may still be answered in this term.
   bool Valid() const {
@@ -76,13 +78,12 @@ class HaServer::Term {
       if (stored.size() != 8) return Status::Corruption("bad timestamp ceiling record");
       floor = DecodeFixed64(stored.data());
     }
-    // The service loads the identifier counter itself, treating an
-    // unreadable mark as absent; make sure etcd answers it now.
-    s = store_->Get(kIdAllocKey, &stored, &found);
-    if (!s.ok()) return s;
     s = RaiseCeiling(std::max(floor, WallMs()));
     if (!s.ok()) return s;
-    service_ = std::make_unique<PdService>(store_.get(), target_replicas);
+    // The service loads the identifier counter from etcd, and fails when
+    // the mark cannot be read.
+    s = PdService::Create(store_.get(), target_replicas, &service_);
+    if (!s.ok()) return s;
     service_->SetTsoCeiling(floor, [this](uint64_t physical) { return Admit(physical); });
     return Status::OK();
   }
@@ -124,7 +125,7 @@ class HaServer::Term {
   // The term's own records beside the service's (the timestamp ceiling),
   // written with the same fence, without the service's key space.
   store::EtcdBackend raw_;
-  const std::unique_ptr<store::MetaStore> store_;
+  std::unique_ptr<store::MetaStore> store_;  // set by the constructor
   std::unique_ptr<PdService> service_;  // set by Begin, before the term is published
 
   // Serialises ceiling writes; the persisted ceiling only grows. Taken

@@ -132,12 +132,12 @@ Status EtcdBackend::Scan(const std::string& start, const std::string& end, uint3
   return Status::OK();
 }
 
-std::unique_ptr<MetaStore> OpenEtcdMetaStore(EtcdClient* client, const std::string& prefix,
-                                             EtcdFence fence, const std::string& passphrase,
-                                             std::function<void()> on_fenced_out) {
+Status OpenEtcdMetaStore(EtcdClient* client, const std::string& prefix, EtcdFence fence,
+                         const std::string& passphrase, std::function<void()> on_fenced_out,
+                         std::unique_ptr<MetaStore>* out) {
   return MetaStore::OnBackend(
       std::make_unique<EtcdBackend>(client, prefix, std::move(fence), std::move(on_fenced_out)),
-      passphrase);
+      passphrase, out);
 }
 
 }  // namespace kandb::store

@@ -89,10 +89,11 @@ class EtcdBackend final : public MetaBackend {
 // The etcd key prefix of a cluster's records.
 std::string EtcdClusterPrefix(const std::string& cluster);
 
-// A MetaStore over etcd: the second factory beside MetaStore::Open.
-std::unique_ptr<MetaStore> OpenEtcdMetaStore(EtcdClient* client, const std::string& prefix,
-                                             EtcdFence fence, const std::string& passphrase,
-                                             std::function<void()> on_fenced_out = nullptr);
+// A MetaStore over etcd: the second factory beside MetaStore::Open. On
+// success replaces *out.
+Status OpenEtcdMetaStore(EtcdClient* client, const std::string& prefix, EtcdFence fence,
+                         const std::string& passphrase, std::function<void()> on_fenced_out,
+                         std::unique_ptr<MetaStore>* out);
 
 }  // namespace kandb::store
 

@@ -6,21 +6,36 @@ namespace kandb::store {
 
 Status MetaStore::Open(const std::string& dir, const std::string& passphrase, int sync,
                        std::unique_ptr<MetaStore>* out) {
+  return Open(dir, passphrase, sync, lsm::DefaultFileIo(), out);
+}
+
+Status MetaStore::Open(const std::string& dir, const std::string& passphrase, int sync, lsm::FileIo* io,
+                       std::unique_ptr<MetaStore>* out) {
+  if (!passphrase.empty()) {
+    Status s = PrepareSealing();
+    if (!s.ok()) return s;
+  }
   lsm::LsmDb::Options options;
   options.write_buffer_size = kWriteBufferSize;
   options.max_table_files = kMaxTableFiles;
   options.sync = sync != 0;
+  options.io = io;
   std::unique_ptr<lsm::LsmDb> db;
   Status s = lsm::LsmDb::Open(dir, options, &db);
   if (!s.ok()) return s;
-  *out = OnBackend(std::make_unique<LsmBackend>(std::move(db)), passphrase);
+  out->reset(new MetaStore(std::make_unique<LsmBackend>(std::move(db)),
+                           StoreCryptoFromPassphrase(passphrase)));
   return Status::OK();
 }
 
-std::unique_ptr<MetaStore> MetaStore::OnBackend(std::unique_ptr<MetaBackend> backend,
-                                                const std::string& passphrase) {
-  return std::unique_ptr<MetaStore>(
-      new MetaStore(std::move(backend), StoreCryptoFromPassphrase(passphrase)));
+Status MetaStore::OnBackend(std::unique_ptr<MetaBackend> backend, const std::string& passphrase,
+                            std::unique_ptr<MetaStore>* out) {
+  if (!passphrase.empty()) {
+    Status s = PrepareSealing();
+    if (!s.ok()) return s;
+  }
+  out->reset(new MetaStore(std::move(backend), StoreCryptoFromPassphrase(passphrase)));
+  return Status::OK();
 }
 
 Status MetaStore::Get(const std::string& key, std::string* value, bool* found) {
