@@ -86,6 +86,11 @@ Status PdService::Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) {
     tso_physical_ = ++physical;
     tso_logical_ = logical = 0;
   }
+  if (tso_admit_) {
+    // A large batch runs on into later milliseconds: its last one counts.
+    Status s = tso_admit_(((physical << kLogicalBits | logical) + n - 1) >> kLogicalBits);
+    if (!s.ok()) return s;
+  }
   resp->timestamp = physical << kLogicalBits | logical;
   resp->count = static_cast<uint32_t>(n);
   // The next batch starts after this one's end. A batch of more than
@@ -96,6 +101,15 @@ Status PdService::Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) {
   tso_physical_ = end >> kLogicalBits;
   tso_logical_ = end & kMaxLogical;
   return Status::OK();
+}
+
+void PdService::SetTsoCeiling(uint64_t floor, TsoAdmit admit) {
+  MutexLock lock(&tso_mutex_);
+  if (tso_physical_ < floor) {
+    tso_physical_ = floor;
+    tso_logical_ = 0;
+  }
+  tso_admit_ = std::move(admit);
 }
 
 Status PdService::AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp) {

@@ -61,7 +61,8 @@ class PdService {
 
   // Each handler fills *resp only when it returns OK.
 
-  // A batch of `count` (0 read as 1) consecutive timestamps. Always OK.
+  // A batch of `count` (0 read as 1) consecutive timestamps. Always OK,
+  // unless a timestamp ceiling (SetTsoCeiling) refuses the batch.
   // Batches never overlap, also when a count runs past the logical part:
   // the next batch starts after its end.
   Status Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) EXCLUDES(tso_mutex_);
@@ -82,6 +83,17 @@ class PdService {
   // Scheduling commands for the regions the reporting store leads.
   Status RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
                          pdpb::RegionHeartbeatResponse* resp) EXCLUDES(heartbeat_mutex_);
+
+  // The replicated server's timestamp ceiling. `admit` is consulted under
+  // tso_mutex_ with the physical part of each batch's last timestamp before
+  // the batch is answered,
+  // and fails the batch when no ceiling above that part could be persisted;
+  // `floor` is where the physical part starts (the ceiling a previous leader
+  // persisted), so timestamps never repeat across leaders. Set once, before
+  // the methods are registered. Unset, as on the embedded server, Tso is
+  // unchanged.
+  using TsoAdmit = std::function<Status(uint64_t physical)>;
+  void SetTsoCeiling(uint64_t floor, TsoAdmit admit) EXCLUDES(tso_mutex_);
 
   // Registers the six methods ("Pd.Tso", "Pd.AllocId", "Pd.Bootstrap",
   // "Pd.GetRegion", "Pd.UpsertRegion", "Pd.RegionHeartbeat") on `server`,
@@ -113,6 +125,7 @@ class PdService {
   Mutex tso_mutex_;
   uint64_t tso_physical_ GUARDED_BY(tso_mutex_) = 0;  // ms of the last batch
   uint64_t tso_logical_ GUARDED_BY(tso_mutex_) = 0;   // next free logical value in it
+  TsoAdmit tso_admit_ GUARDED_BY(tso_mutex_);         // null: no ceiling
 
   // Per region id, the store that reported it last: the load figure that
   // leader balancing compares. Only the heartbeat handler touches it.

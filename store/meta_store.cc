@@ -23,7 +23,18 @@ Status MetaStore::Open(const std::string& dir, const std::string& passphrase, in
   std::unique_ptr<lsm::LsmDb> db;
   Status s = lsm::LsmDb::Open(dir, options, &db);
   if (!s.ok()) return s;
-  out->reset(new MetaStore(std::move(db), StoreCryptoFromPassphrase(passphrase)));
+  out->reset(new MetaStore(std::make_unique<LsmBackend>(std::move(db)),
+                           StoreCryptoFromPassphrase(passphrase)));
+  return Status::OK();
+}
+
+Status MetaStore::OnBackend(std::unique_ptr<MetaBackend> backend, const std::string& passphrase,
+                            std::unique_ptr<MetaStore>* out) {
+  if (!passphrase.empty()) {
+    Status s = PrepareSealing();
+    if (!s.ok()) return s;
+  }
+  out->reset(new MetaStore(std::move(backend), StoreCryptoFromPassphrase(passphrase)));
   return Status::OK();
 }
 

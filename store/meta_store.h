@@ -2,14 +2,15 @@
 #define KANDB_STORE_META_STORE_H_
 
 // MetaStore: the persistent home of the placement driver's records. It owns
-// one storage engine over the state directory, fixes the engine's options,
-// and seals every value on the way in and opens it on the way out (see
-// envelope.h); keys stay in plain so that range scans keep working.
+// one backend (the storage engine over the state directory, or an etcd
+// cluster, see meta_backend.h), and seals every value on the way in and
+// opens it on the way out (see envelope.h); keys stay in plain so that range
+// scans keep working.
 //
 // The store adds no lock of its own: every operation may be called from any
-// thread and relies on the engine's locking and the envelope's atomic IV
-// counter. Each multi-entry operation is one engine write batch, applied
-// and logged as one unit, so a crash leaves all of it or none.
+// thread and relies on the backend's locking and the envelope's atomic IV
+// counter. Each multi-entry operation is one backend write batch, applied
+// as one unit, so a crash leaves all of it or none.
 
 #include <cstdint>
 #include <functional>
@@ -21,6 +22,7 @@
 #include "common/status.h"
 #include "lsm/db.h"
 #include "store/envelope.h"
+#include "store/meta_backend.h"
 
 namespace kandb::store {
 
@@ -45,6 +47,10 @@ class MetaStore {
   // owned; it must outlive the store), so that tests can inject faults.
   static Status Open(const std::string& dir, const std::string& passphrase, int sync, lsm::FileIo* io,
                      std::unique_ptr<MetaStore>* out);
+  // A store over another backend, sealing as Open does (and failing as it
+  // does when sealing cannot be prepared). On success replaces *out.
+  static Status OnBackend(std::unique_ptr<MetaBackend> backend, const std::string& passphrase,
+                          std::unique_ptr<MetaStore>* out);
 
   MetaStore(const MetaStore&) = delete;
   MetaStore& operator=(const MetaStore&) = delete;
@@ -75,10 +81,10 @@ class MetaStore {
                  const std::function<bool(const std::string& key, const std::string& value)>& visit);
 
  private:
-  MetaStore(std::unique_ptr<lsm::LsmDb> db, const StoreCrypto& crypto)
-      : db_(std::move(db)), crypto_(crypto) {}
+  MetaStore(std::unique_ptr<MetaBackend> backend, const StoreCrypto& crypto)
+      : db_(std::move(backend)), crypto_(crypto) {}
 
-  const std::unique_ptr<lsm::LsmDb> db_;
+  const std::unique_ptr<MetaBackend> db_;
   const StoreCrypto crypto_;
 };
 
