@@ -22,6 +22,7 @@
 #include "common/mutex.h"
 #include "common/status.h"
 #include "common/thread_annotations.h"
+#include "meta/region_index.h"
 #include "pdpb/messages.h"
 #include "store/meta_store.h"
 
@@ -76,8 +77,15 @@ class PdService {
   // caller's store record. Fails when the write fails, in both cases.
   Status Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapResponse* resp);
   // The first region in key order of its record that covers `key`, its
-  // first peer as leader, and the store records of its peers.
+  // first peer as leader, and the store records of its peers. Answered by
+  // the routing index when the records form a clean partition of the key
+  // space, else by RouteByWalk.
   Status GetRegion(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp);
+  // The same answer from a walk over the region records in key order, up to
+  // the first that covers the key: the reference the index must match.
+  Status RouteByWalk(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp);
+  // The routing index, or null when the service was built without it.
+  const RegionIndex* routing_index() const { return index_.get(); }
   // Writes and deletes region records as one batch, unconditionally.
   Status UpsertRegion(const pdpb::UpsertRegionRequest& req, pdpb::UpsertRegionResponse* resp);
   // Scheduling commands for the regions the reporting store leads.
@@ -115,6 +123,8 @@ class PdService {
   store::MetaStore* const store_;
   const uint32_t target_replicas_;
   const ClockMs clock_ms_;
+  // Built by Create; follows the store's writes on its own.
+  std::unique_ptr<RegionIndex> index_;
 
   // Serialises identifier batches, including their read and write of the
   // persisted mark; no other handler takes it.

@@ -64,6 +64,11 @@ Status EtcdBackend::Write(const lsm::WriteBatch& batch) {
     for (Status& r : results) r = s;
   }
   queue_mu_.Lock();
+  // Still the only leader: the next group waits for this one to leave the
+  // queue, so batches reach the hook in the order etcd committed them.
+  for (size_t i = 0; i < group.size(); ++i) {
+    if (hook_ && results[i].ok()) hook_(*group[i]->batch);
+  }
   for (size_t i = 0; i < group.size(); ++i) {
     queue_.pop_front();
     group[i]->result = results[i];
@@ -71,6 +76,11 @@ Status EtcdBackend::Write(const lsm::WriteBatch& batch) {
   }
   queue_cv_.SignalAll();
   return self.result;
+}
+
+void EtcdBackend::SetApplyHook(ApplyHook hook) {
+  MutexLock lock(&queue_mu_);
+  hook_ = std::move(hook);
 }
 
 Status EtcdBackend::Apply(const std::vector<const lsm::WriteBatch*>& batches) {
@@ -107,28 +117,28 @@ Status EtcdBackend::Apply(const std::vector<const lsm::WriteBatch*>& batches) {
   return Status::OK();
 }
 
-Status EtcdBackend::Scan(const std::string& start, const std::string& end, uint32_t limit,
-                         std::vector<lsm::Entry>* out) {
-  std::vector<lsm::Entry> entries;
+Status EtcdBackend::ForEach(const std::string& start, const std::string& end, uint32_t limit,
+                            const RangeVisitor& visit) {
   std::string from = prefix_ + start;
   const std::string to = end.empty() ? PrefixEnd(prefix_) : prefix_ + end;
   int64_t revision = 0;  // pinned by the first page
-  while (entries.size() < limit && from < to) {
-    const int64_t want = std::min<int64_t>(kScanPage, limit - entries.size());
+  uint32_t visited = 0;
+  while (visited < limit && from < to) {
+    const int64_t want = std::min<int64_t>(kScanPage, limit - visited);
     std::vector<EtcdKv> kvs;
     bool more = false;
     int64_t seen = 0;
     Status s = client_->Range(from, to, want, revision, &kvs, &more, &seen);
     if (!s.ok()) return s;
     if (revision == 0) revision = seen;
-    for (EtcdKv& kv : kvs) {
-      entries.push_back(lsm::Entry{lsm::kOpPut, kv.key.substr(prefix_.size()), std::move(kv.value)});
+    for (const EtcdKv& kv : kvs) {
+      ++visited;
+      if (!visit(std::string_view(kv.key).substr(prefix_.size()), kv.value)) return Status::OK();
     }
     if (!more || kvs.empty()) break;
     // The next page starts just after the last key read.
     from = kvs.back().key + '\0';
   }
-  *out = std::move(entries);
   return Status::OK();
 }
 

@@ -60,8 +60,9 @@ class EtcdBackend final : public MetaBackend {
 
   Status Get(const std::string& key, std::string* value, bool* found) override;
   Status Write(const lsm::WriteBatch& batch) override EXCLUDES(queue_mu_);
-  Status Scan(const std::string& start, const std::string& end, uint32_t limit,
-              std::vector<lsm::Entry>* out) override;
+  Status ForEach(const std::string& start, const std::string& end, uint32_t limit,
+                 const RangeVisitor& visit) override;
+  void SetApplyHook(ApplyHook hook) override EXCLUDES(queue_mu_);
 
  private:
   // One Write call waiting in, or leading, the queue; on the caller's stack.
@@ -84,6 +85,9 @@ class EtcdBackend final : public MetaBackend {
   Mutex queue_mu_;
   CondVar queue_cv_{&queue_mu_};
   std::deque<Writer*> queue_ GUARDED_BY(queue_mu_);
+  // Called by a group's leader, for each batch etcd committed, in order;
+  // one group commits at a time, so the hook sees the commit order.
+  ApplyHook hook_ GUARDED_BY(queue_mu_);
 };
 
 // The etcd key prefix of a cluster's records.

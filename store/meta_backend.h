@@ -10,15 +10,25 @@
 // Every operation may be called from any thread at once.
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "common/mutex.h"
 #include "common/status.h"
+#include "common/thread_annotations.h"
 #include "lsm/db.h"
 #include "lsm/entry.h"
 
 namespace kandb::store {
+
+// Sees each batch that became visible, in the order they became visible.
+using ApplyHook = std::function<void(const lsm::WriteBatch&)>;
+// Sees one live pair of a range walk; returns false to end the walk. The
+// views are valid during the call only.
+using RangeVisitor = std::function<bool(std::string_view key, std::string_view value)>;
 
 class MetaBackend {
  public:
@@ -30,29 +40,42 @@ class MetaBackend {
   // Applies `batch` (puts and deletes, in order) as one unit: all of it or
   // none becomes visible, and none of it is lost once this returned OK.
   virtual Status Write(const lsm::WriteBatch& batch) = 0;
-  // Clears *out and fills it with the live pairs of [start, end) in key
-  // order (an empty `end` means no upper bound), at most `limit` of them,
-  // all as of one moment.
-  virtual Status Scan(const std::string& start, const std::string& end, uint32_t limit,
-                      std::vector<lsm::Entry>* out) = 0;
+  // Hands the live pairs of [start, end) to `visit` in key order (an empty
+  // `end` means no upper bound), at most `limit` of them, as they are read.
+  virtual Status ForEach(const std::string& start, const std::string& end, uint32_t limit,
+                         const RangeVisitor& visit) = 0;
+  // Calls `hook` with every batch this backend makes visible, right after
+  // it does and in that order (one at a time); an empty hook stops it. The
+  // hook runs while writes wait: it must be quick and must not call back.
+  virtual void SetApplyHook(ApplyHook hook) = 0;
 };
 
 // The embedded engine as a backend: each call is the engine's own.
 class LsmBackend final : public MetaBackend {
  public:
-  explicit LsmBackend(std::unique_ptr<lsm::LsmDb> db) : db_(std::move(db)) {}
+  // Opens the engine in `dir` with `options` (its apply hook is the
+  // backend's). On success replaces *out.
+  static Status Open(const std::string& dir, lsm::LsmDb::Options options, std::unique_ptr<LsmBackend>* out);
 
   Status Get(const std::string& key, std::string* value, bool* found) override {
     return db_->Get(key, value, found);
   }
   Status Write(const lsm::WriteBatch& batch) override { return db_->Write(batch); }
-  Status Scan(const std::string& start, const std::string& end, uint32_t limit,
-              std::vector<lsm::Entry>* out) override {
-    return db_->Scan(start, end, limit, out);
+  Status ForEach(const std::string& start, const std::string& end, uint32_t limit,
+                 const RangeVisitor& visit) override {
+    return db_->ForEach(start, end, limit, visit);
   }
+  void SetApplyHook(ApplyHook hook) override EXCLUDES(hook_mu_);
 
  private:
-  const std::unique_ptr<lsm::LsmDb> db_;
+  LsmBackend() = default;
+  void OnApply(const lsm::WriteBatch& batch) EXCLUDES(hook_mu_);
+
+  // Guards hook_; taken by the engine's write leader for each batch.
+  Mutex hook_mu_;
+  ApplyHook hook_ GUARDED_BY(hook_mu_);
+  // Declared last so that it goes first: its write leader calls OnApply.
+  std::unique_ptr<lsm::LsmDb> db_;
 };
 
 }  // namespace kandb::store

@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -74,11 +75,29 @@ class MetaStore {
   Status Scan(const std::string& start, const std::string& end, uint32_t limit,
               std::vector<KeyValue>* out);
 
-  // The same range read as Scan, handing each opened pair to `visit` in key
-  // order. `visit` returns false to end the walk early (ForEach then returns
-  // OK). Fails like Scan, after the pairs before the failing one were visited.
+  // The same range read as Scan, streamed: each opened pair goes to
+  // `visit` in key order as it is read, without collecting the range, and
+  // for a store without a passphrase without copying the bytes (the views
+  // are valid during the call only). `visit` returns false to end the walk
+  // early (ForEach then returns OK). Fails like Scan, after the pairs before
+  // the failing one were visited.
   Status ForEach(const std::string& start, const std::string& end, uint32_t limit,
-                 const std::function<bool(const std::string& key, const std::string& value)>& visit);
+                 const std::function<bool(std::string_view key, std::string_view value)>& visit);
+
+  // The same walk over the values as stored (sealed, when the store seals),
+  // for a reader that must see every record, also one that cannot be
+  // opened; OpenStored opens one of them.
+  Status ForEachStored(const std::string& start, const std::string& end, uint32_t limit,
+                       const std::function<bool(std::string_view key, std::string_view stored)>& visit);
+  Status OpenStored(std::string_view stored, std::string* value) const;
+
+  // Hands every batch this store writes, values opened, to `observer`, in
+  // the order the backend makes the batches visible (for the engine, the
+  // log's order), right after each becomes visible; an empty function stops
+  // it. For a cache of the records beside the store. Set it before the
+  // writes it must see; the observer runs while writes wait, so it must be
+  // quick and must not call into the store.
+  void SetApplyObserver(std::function<void(const lsm::WriteBatch&)> observer);
 
  private:
   MetaStore(std::unique_ptr<MetaBackend> backend, const StoreCrypto& crypto)
