@@ -142,7 +142,7 @@ int CommandLine::Parse(const std::vector<std::string>& args, std::FILE* out, std
 }
 
 Status SplitSharedOptions(const std::vector<std::string>& args, std::span<const SharedOption> shared,
-                          std::string* command, std::vector<std::string>* command_args) {
+                          std::optional<std::string>* command, std::vector<std::string>* command_args) {
   std::vector<std::string> hoisted;
   size_t i = 0;
   for (; i < args.size(); ++i) {
@@ -161,8 +161,11 @@ Status SplitSharedOptions(const std::vector<std::string>& args, std::span<const 
       hoisted.push_back(args[++i]);
     }
   }
-  *command = i < args.size() ? args[i] : std::string();
-  if (i < args.size()) hoisted.insert(hoisted.end(), args.begin() + static_cast<ptrdiff_t>(i) + 1, args.end());
+  command->reset();
+  if (i < args.size()) {
+    *command = args[i];
+    hoisted.insert(hoisted.end(), args.begin() + static_cast<ptrdiff_t>(i) + 1, args.end());
+  }
   *command_args = std::move(hoisted);
   return Status::OK();
 }

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -85,14 +86,14 @@ struct SharedOption {
 };
 
 // Splits "[shared options] COMMAND [options]": *command becomes the first
-// argument that is not a shared option (empty when there is none), and
+// argument that is not a shared option (nullopt when there is none), and
 // *command_args the shared options found before it followed by everything
 // after it, so that the command's own parser checks them (values, repeats)
 // exactly as when they are typed after the command. Fails only when the
 // last argument is a shared option that lacks its value; the message is
 // "--NAME needs a value", as the command's parser words it.
 Status SplitSharedOptions(const std::vector<std::string>& args, std::span<const SharedOption> shared,
-                          std::string* command, std::vector<std::string>* command_args);
+                          std::optional<std::string>* command, std::vector<std::string>* command_args);
 
 }  // namespace kandb::tools
 

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -476,17 +477,18 @@ constexpr SharedOption kSharedOptions[] = {
     {"addr", true}, {"timeout-ms", true}, {"attempts", true}, {"json", false}};
 
 int Main(int argc, char** argv) {
-  std::string name;
+  std::optional<std::string> command;
   std::vector<std::string> args;
-  Status s = SplitSharedOptions(std::vector<std::string>(argv + 1, argv + argc), kSharedOptions, &name, &args);
+  Status s = SplitSharedOptions(std::vector<std::string>(argv + 1, argv + argc), kSharedOptions, &command, &args);
   if (!s.ok()) {
     std::fprintf(stderr, "%s: %s\n(see %s --help)\n", kProgram, s.message().c_str(), kProgram);
     return kExitUsage;
   }
-  if (name.empty()) {
+  if (!command) {
     std::fputs(TopUsage().c_str(), stderr);
     return kExitUsage;
   }
+  const std::string& name = *command;
   if (name == "--help" || name == "help") {
     std::fputs(TopUsage().c_str(), stdout);
     return kExitOk;
