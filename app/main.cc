@@ -4,8 +4,12 @@
 // command: every change is durable before it is answered, so a kill at any
 // moment loses nothing that was acknowledged.
 
+#include <sys/resource.h>
+
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -32,10 +36,23 @@ int64_t* const FLAGS_target_replicas = kandb::DefineInt64Flag(
 constexpr char kNoPassphrase[] = "";
 constexpr int kSyncEveryWrite = 1;
 
+// Every connection holds a descriptor, so the common soft limit of 1024 is
+// a ceiling on clients that the operator never chose; the hard limit is
+// what the system allows this process.
+void RaiseDescriptorLimit() {
+  struct rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    std::fprintf(stderr, "kandb-meta: cannot raise the descriptor limit: %s\n", std::strerror(errno));
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   kandb::ParseFlags(argc, argv);
+  RaiseDescriptorLimit();
   const std::string& data_dir = *FLAGS_data_dir;
   const std::string& bind_addr = *FLAGS_bind_addr;
 
@@ -46,8 +63,14 @@ int main(int argc, char** argv) {
                  s.ToString().c_str());
     return 1;
   }
-  auto service = std::make_unique<kandb::meta::PdService>(
-      store.get(), static_cast<uint32_t>(*FLAGS_target_replicas));
+  // The service loads the identifier mark; a mark that cannot be read or
+  // is damaged is part of a state that cannot be opened.
+  std::unique_ptr<kandb::meta::PdService> service;
+  s = kandb::meta::PdService::Create(store.get(), static_cast<uint32_t>(*FLAGS_target_replicas), &service);
+  if (!s.ok()) {
+    std::fprintf(stderr, "failed to open pd state at %s: %s\n", data_dir.c_str(), s.ToString().c_str());
+    return 1;
+  }
   auto server = std::make_unique<kandb::kanrpc::RpcServer>();
   service->RegisterTo(server.get());
 
@@ -68,10 +91,12 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
 
   // Nothing stops the accept loop in normal operation: the process runs
-  // until it is killed.
+  // until it is killed. Should the wait ever return, the server stopped
+  // serving without being asked to, and a supervisor must see a failure.
   server->Wait();
+  std::fprintf(stderr, "kandb-meta: the server stopped accepting connections\n");
   server.reset();
   service.reset();
   store.reset();
-  return 0;
+  return 1;
 }

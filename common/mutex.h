@@ -5,6 +5,7 @@
 // analysis can check which lock guards which member. Failures of the standard
 // library's locks stay system errors; they are not turned into Status.
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <shared_mutex>
@@ -54,6 +55,13 @@ class CondVar {
   void Wait() {
     std::unique_lock<std::mutex> lock(mu_->mu_, std::adopt_lock);
     cv_.wait(lock);
+    lock.release();
+  }
+  // Waits at most `timeout`; a wake-up may also come early or spuriously,
+  // so callers test their condition again either way.
+  void WaitFor(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mu_->mu_, std::adopt_lock);
+    cv_.wait_for(lock, timeout);
     lock.release();
   }
   void Signal() { cv_.notify_one(); }

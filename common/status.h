@@ -10,7 +10,7 @@ namespace kandb {
 // The result of every fallible operation: a numeric kind and a message.
 // A default-constructed Status is success. Failures are values, never
 // exceptions; callers test ok() before using any output argument.
-class Status {
+class [[nodiscard]] Status {
  public:
   enum Code : uint32_t {
     kOk = 0,

@@ -18,6 +18,7 @@
 #include "common/status.h"
 #include "common/thread_annotations.h"
 #include "lsm/entry.h"
+#include "lsm/file_io.h"
 
 namespace kandb::lsm {
 
@@ -36,6 +37,9 @@ class LsmDb {
     uint64_t max_table_files = 8;
     // fdatasync the log once per write group before the memtable is touched.
     bool sync = true;
+    // Every file-system call of the engine goes through this seam; tests
+    // pass one that injects faults. Not owned; must outlive the engine.
+    FileIo* io = DefaultFileIo();
   };
 
   // Opens (creating the directory if needed) and recovers the engine in
@@ -96,7 +100,17 @@ class LsmDb {
   // Write path: the leader logs, syncs and applies its whole group.
   Status WriteGroup(const std::vector<WriterSlot*>& group) EXCLUDES(db_mutex_, write_queue_mutex_);
   // Queues the active memtable for flush and starts a new memtable and log.
+  // When the new log cannot be made, nothing is retired: the active
+  // memtable and its log stay, and the next full group tries again.
   Status SwitchMemTable() REQUIRES(db_mutex_);
+  // Creates log file number next_file_ and syncs the directory, so that
+  // the log's name survives a crash before anything is written to it.
+  Status CreateLog(std::unique_ptr<LogFile>* log) REQUIRES(db_mutex_);
+  // Drops the current log after a failed append or sync: it is never
+  // written again (a failed fdatasync may have lost its dirty pages, and a
+  // failed append may have left a torn record that must stay its tail). A
+  // log that holds no acknowledged record is deleted at once.
+  void AbandonLog() REQUIRES(db_mutex_);
 
   // The memtables and tables a read consults, newest first.
   ReadView CaptureReadView() EXCLUDES(db_mutex_);
@@ -105,10 +119,24 @@ class LsmDb {
   void BackgroundLoop() EXCLUDES(db_mutex_);
   Status FlushOldestMemTable() EXCLUDES(db_mutex_);
   Status CompactAllTables() EXCLUDES(db_mutex_);
-  Status WriteManifestLocked() REQUIRES(db_mutex_);
+  // Whether the table files are many enough to merge; never for fewer than
+  // two, so that a limit of 0 cannot make the background thread spin.
+  bool NeedsCompaction() const REQUIRES(db_mutex_);
+  // Publishes a manifest naming `tables` (and next_file_). *published
+  // tells whether it was put in place, even when the directory sync after
+  // it failed.
+  Status PublishManifest(const std::vector<uint64_t>& tables, bool* published) REQUIRES(db_mutex_);
+  // After a flush or compaction published its manifest: deletes the files
+  // it replaced once that manifest is durable, or keeps them, with the
+  // manifest marked for rewriting, until one is.
+  void RetireFiles(std::vector<std::string> replaced, const Status& manifest_sync) REQUIRES(db_mutex_);
+  // Rewrites the manifest whose directory sync failed, and then deletes
+  // the files that waited for it.
+  Status RewriteManifest() REQUIRES(db_mutex_);
 
   const std::string dir_;
   const Options options_;
+  FileIo* const io_;
 
   // Guards every engine member below except the writer queue. Held by the
   // write leader across its log writes and sync; never held during table
@@ -129,8 +157,17 @@ class LsmDb {
   // Next number for a log or table file; the two kinds share it.
   uint64_t next_file_ GUARDED_BY(db_mutex_) = 1;
   // The log that write groups append to; closed when replaced or with the
-  // engine.
+  // engine. Null after a failed append or sync: the next group starts a
+  // fresh log before it writes.
   std::unique_ptr<LogFile> wal_ GUARDED_BY(db_mutex_);
+  // Whether wal_ holds a record that was acknowledged to its writers.
+  bool wal_acknowledged_ GUARDED_BY(db_mutex_) = false;
+  // A manifest was put in place but the directory sync after it failed:
+  // the background thread rewrites it. Until then the files it replaced
+  // wait in obsolete_files_, since a crash could bring back the manifest
+  // before it, which still names them.
+  bool manifest_unsynced_ GUARDED_BY(db_mutex_) = false;
+  std::vector<std::string> obsolete_files_ GUARDED_BY(db_mutex_);
   // The leader's encoding buffer, reused across groups.
   std::string record_ GUARDED_BY(db_mutex_);
   // Set by the destructor; the background thread ends when it sees it.

@@ -3,19 +3,26 @@
 // take it only to reserve a file number and to install the result.
 //
 // Crash-safety order of both: the new table file is synced and renamed into
-// place, then the manifest is rewritten to name it, and only then are the
-// files it replaces (logs, older tables) unlinked. A crash before the
-// manifest rewrite leaves an orphan table, which the next Open deletes, and
-// the old files, which it reads again; a crash after it leaves old files
-// whose data is also in the new table, which is harmless.
+// place (and the directory synced), then a manifest naming it is published,
+// and only once that manifest is durable are the files it replaces (logs,
+// older tables) unlinked. A crash before the manifest leaves an orphan
+// table, which the next Open deletes, and the old files, which it reads
+// again; a crash after it leaves old files whose data is also in the new
+// table, which is harmless.
+//
+// A step that fails changes nothing: what it wrote is deleted, the lists
+// and the manifest stay as they were, and the loop tries again after a
+// pause that grows while the failures go on (a full disk, say), so that a
+// fault neither spins the thread nor floods the log.
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <utility>
 #include <vector>
 
+#include "common/fault_log.h"
 #include "lsm/db.h"
-#include "lsm/file_io.h"
 #include "lsm/filename.h"
 #include "lsm/manifest.h"
 #include "lsm/memtable.h"
@@ -23,33 +30,78 @@
 
 namespace kandb::lsm {
 
+namespace {
+
+constexpr std::chrono::milliseconds kFirstRetryPause{50};
+constexpr std::chrono::milliseconds kLongestRetryPause{5000};
+
+}  // namespace
+
 void LsmDb::BackgroundLoop() {
+  std::chrono::milliseconds pause{0};
   db_mutex_.Lock();
   // The state is examined again after every step, so a compaction follows
   // a flush without a notification, and stop_ is seen between steps.
   while (!stop_) {
+    Status s;
+    const char* step = nullptr;
     if (!imm_.empty()) {
+      step = "flush";
       db_mutex_.Unlock();
-      // A failed flush is retried at once and without end: the memtable and
-      // its logs stay as they are until a flush of it succeeds.
-      FlushOldestMemTable();
+      s = FlushOldestMemTable();
       db_mutex_.Lock();
-    } else if (table_readers_.size() <= options_.max_table_files) {
-      background_cv_.Wait();
+    } else if (manifest_unsynced_) {
+      step = "manifest rewrite";
+      s = RewriteManifest();
+    } else if (NeedsCompaction()) {
+      step = "compaction";
+      db_mutex_.Unlock();
+      s = CompactAllTables();
+      db_mutex_.Lock();
     } else {
-      db_mutex_.Unlock();
-      CompactAllTables();
-      db_mutex_.Lock();
+      background_cv_.Wait();
+      continue;
     }
+    if (s.ok()) {
+      pause = std::chrono::milliseconds(0);
+      continue;
+    }
+    pause = pause.count() == 0 ? kFirstRetryPause : std::min(pause * 2, kLongestRetryPause);
+    ReportFault("storage", std::string(step) + " failed: " + s.ToString() + " (retrying in " +
+                               std::to_string(pause.count()) + " ms)");
+    // A switch or the destructor wakes the pause early; either way the loop
+    // looks at the state again.
+    if (!stop_) background_cv_.WaitFor(pause);
   }
   db_mutex_.Unlock();
 }
 
-Status LsmDb::WriteManifestLocked() {
+bool LsmDb::NeedsCompaction() const {
+  return table_readers_.size() > std::max<uint64_t>(options_.max_table_files, 1);
+}
+
+Status LsmDb::PublishManifest(const std::vector<uint64_t>& tables, bool* published) {
   ManifestState state;
   state.next_file = next_file_;
-  state.sst_files = live_tables_;
-  return WriteManifest(dir_, state);
+  state.sst_files = tables;
+  return WriteManifest(io_, dir_, state, published);
+}
+
+void LsmDb::RetireFiles(std::vector<std::string> replaced, const Status& manifest_sync) {
+  obsolete_files_.insert(obsolete_files_.end(), replaced.begin(), replaced.end());
+  manifest_unsynced_ = !manifest_sync.ok();
+  if (manifest_unsynced_) return;
+  // Readers that captured a memtable or table keep their own references
+  // (and open descriptors); recovery no longer needs these files.
+  for (const std::string& path : obsolete_files_) io_->Unlink(path.c_str());
+  obsolete_files_.clear();
+}
+
+Status LsmDb::RewriteManifest() {
+  bool published = false;
+  Status s = PublishManifest(live_tables_, &published);
+  if (published) RetireFiles({}, s);
+  return s;
 }
 
 Status LsmDb::FlushOldestMemTable() {
@@ -66,29 +118,31 @@ Status LsmDb::FlushOldestMemTable() {
   // must go on hiding older versions in older tables.
   const std::vector<Entry> entries = mem->Dump(std::string(), std::string(), 0);
   const std::string path = TableFileName(dir_, number);
-  Status s = WriteTable(path, entries);
-  if (!s.ok()) return s;
+  Status s = WriteTable(io_, path, entries);
   std::shared_ptr<SstReader> reader;
-  s = SstReader::Open(path, &reader);
-  if (!s.ok()) return s;
-
-  {
-    MutexLock lock(&db_mutex_);
-    table_readers_.insert(table_readers_.begin(), std::move(reader));
-    live_tables_.insert(live_tables_.begin(), number);
-    s = WriteManifestLocked();
-    // On failure the reader stays installed (its data is right, merely
-    // duplicated) and the memtable stays queued: the retry flushes it again
-    // under a new number, and its logs survive until a manifest names a
-    // table that holds their data.
-    if (!s.ok()) return s;
-    imm_.pop_front();
+  if (s.ok()) s = SstReader::Open(io_, path, &reader);
+  if (!s.ok()) {
+    io_->Unlink(path.c_str());
+    return s;
   }
 
-  // Readers that captured the memtable keep it; its logs are no longer
-  // needed by recovery.
-  for (const std::string& log : mem->WalFiles()) CurrentFileIo()->Unlink(log.c_str());
-  return Status::OK();
+  MutexLock lock(&db_mutex_);
+  std::vector<uint64_t> tables = live_tables_;
+  tables.insert(tables.begin(), number);
+  bool published = false;
+  s = PublishManifest(tables, &published);
+  if (!published) {
+    // Nothing names the new table: it goes, and the memtable stays queued
+    // with its logs for the next try.
+    reader.reset();
+    io_->Unlink(path.c_str());
+    return s;
+  }
+  table_readers_.insert(table_readers_.begin(), std::move(reader));
+  live_tables_ = std::move(tables);
+  imm_.pop_front();
+  RetireFiles(mem->WalFiles(), s);
+  return s;
 }
 
 namespace {
@@ -149,41 +203,44 @@ Status LsmDb::CompactAllTables() {
   if (!s.ok()) return s;
   // Written even when empty, so that the inputs can be dropped.
   const std::string path = TableFileName(dir_, number);
-  s = WriteTable(path, merged);
-  if (!s.ok()) return s;
+  s = WriteTable(io_, path, merged);
+  merged = std::vector<Entry>();
   std::shared_ptr<SstReader> reader;
-  s = SstReader::Open(path, &reader);
-  if (!s.ok()) return s;
-
-  {
-    MutexLock lock(&db_mutex_);
-    // Tables installed after the inputs were copied are newer than all of
-    // them: they keep their place in front, and the merged table, holding
-    // the oldest data, goes to the back.
-    std::vector<std::shared_ptr<SstReader>> readers;
-    std::vector<uint64_t> numbers;
-    for (size_t i = 0; i < live_tables_.size(); ++i) {
-      if (std::find(input_numbers.begin(), input_numbers.end(), live_tables_[i]) != input_numbers.end()) {
-        continue;
-      }
-      readers.push_back(table_readers_[i]);
-      numbers.push_back(live_tables_[i]);
-    }
-    readers.push_back(std::move(reader));
-    numbers.push_back(number);
-    table_readers_ = std::move(readers);
-    live_tables_ = std::move(numbers);
-    // On failure the inputs are no longer in the lists but the manifest on
-    // disk still names them; they stay on disk until an Open deletes them
-    // as orphans or reads them again.
-    s = WriteManifestLocked();
-    if (!s.ok()) return s;
+  if (s.ok()) s = SstReader::Open(io_, path, &reader);
+  if (!s.ok()) {
+    io_->Unlink(path.c_str());
+    return s;
   }
 
-  // Reads in flight keep their readers, and with them open descriptors, to
-  // the unlinked files.
-  for (uint64_t input : input_numbers) CurrentFileIo()->Unlink(TableFileName(dir_, input).c_str());
-  return Status::OK();
+  MutexLock lock(&db_mutex_);
+  // Tables installed after the inputs were copied are newer than all of
+  // them: they keep their place in front, and the merged table, holding
+  // the oldest data, goes to the back.
+  std::vector<std::shared_ptr<SstReader>> readers;
+  std::vector<uint64_t> numbers;
+  for (size_t i = 0; i < live_tables_.size(); ++i) {
+    if (std::find(input_numbers.begin(), input_numbers.end(), live_tables_[i]) != input_numbers.end()) {
+      continue;
+    }
+    readers.push_back(table_readers_[i]);
+    numbers.push_back(live_tables_[i]);
+  }
+  readers.push_back(std::move(reader));
+  numbers.push_back(number);
+  bool published = false;
+  s = PublishManifest(numbers, &published);
+  if (!published) {
+    // The inputs stay in force, in memory and on disk; the merged table goes.
+    readers.back().reset();
+    io_->Unlink(path.c_str());
+    return s;
+  }
+  table_readers_ = std::move(readers);
+  live_tables_ = std::move(numbers);
+  std::vector<std::string> replaced;
+  for (uint64_t input : input_numbers) replaced.push_back(TableFileName(dir_, input));
+  RetireFiles(std::move(replaced), s);
+  return s;
 }
 
 }  // namespace kandb::lsm

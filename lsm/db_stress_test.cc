@@ -23,8 +23,7 @@ namespace {
 TEST(StressTest, InjectedFailuresLoseNothingAcknowledged) {
   ScratchDir dir;
   FaultInjectingFileIo io;
-  ScopedFileIo install(&io);
-  const LsmDb::Options options = SmallOptions(2048, 2, true);
+  const LsmDb::Options options = SmallOptions(2048, 2, true, &io);
   std::unique_ptr<LsmDb> db;
   ASSERT_TRUE(LsmDb::Open(dir.path(), options, &db).ok());
 

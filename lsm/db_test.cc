@@ -29,7 +29,10 @@ class DbTest : public ::testing::Test {
     gate_.Open();
     db_.reset();
   }
-  Status OpenDb(const LsmDb::Options& options) { return LsmDb::Open(dir_.path(), options, &db_); }
+  Status OpenDb(LsmDb::Options options) {
+    options.io = &io_;
+    return LsmDb::Open(dir_.path(), options, &db_);
+  }
   std::string Manifest() { return testing::ReadFileOrEmpty(dir_.File("MANIFEST")); }
   bool Exists(const std::string& name) { return FileExists(dir_.File(name)); }
   // Makes everything written so far a table file of its own.
@@ -47,7 +50,7 @@ class DbTest : public ::testing::Test {
   }
   void AppendToLog(uint64_t number, const WriteBatch& batch, const std::string& name = "") {
     std::unique_ptr<LogFile> log;
-    ASSERT_TRUE(OpenLogForAppend(name.empty() ? LogFileName(dir_.path(), number) : dir_.File(name), &log).ok());
+    ASSERT_TRUE(OpenLogForAppend(&io_, name.empty() ? LogFileName(dir_.path(), number) : dir_.File(name), &log).ok());
     std::string record;
     EncodeBatch(batch, &record);
     ASSERT_TRUE(log->Append(record.data(), record.size()).ok());
@@ -59,7 +62,6 @@ class DbTest : public ::testing::Test {
   std::mutex steps_mu_;
   std::vector<std::string> steps_;
   HookedFileIo io_;
-  ScopedFileIo install_{&io_};
   std::unique_ptr<LsmDb> db_;
 };
 
@@ -295,8 +297,8 @@ TEST_F(DbTest, OpenCreatesTheDirectoryOrRefusesWhatIsNotOne) {
 TEST_F(DbTest, OpenDirectoryRules) {
   // Live table 5, orphan table 7, a leftover temporary of table 9, and a
   // log under the non-canonical name wal-1.log.
-  ASSERT_TRUE(WriteTable(dir_.File("sst-000005.sst"), {Put("live", "5")}).ok());
-  ASSERT_TRUE(WriteTable(dir_.File("sst-000007.sst"), {Put("orphan", "7")}).ok());
+  ASSERT_TRUE(WriteTable(&io_, dir_.File("sst-000005.sst"), {Put("live", "5")}).ok());
+  ASSERT_TRUE(WriteTable(&io_, dir_.File("sst-000007.sst"), {Put("orphan", "7")}).ok());
   testing::WriteFileOrDie(dir_.File("sst-000009.sst.tmp"), "half written");
   AppendToLog(1, {Put("ghost", "1")}, "wal-1.log");
   testing::WriteFileOrDie(dir_.File("MANIFEST"), "next_file 2\nsst 5\n");

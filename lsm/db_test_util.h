@@ -144,11 +144,13 @@ inline void PrintTo(const Entry& e, std::ostream* os) {
 inline Entry Put(std::string key, std::string value) { return Entry{kOpPut, std::move(key), std::move(value)}; }
 inline Entry Del(std::string key) { return Entry{kOpDelete, std::move(key), std::string()}; }
 
-inline LsmDb::Options SmallOptions(uint64_t write_buffer_size, uint64_t max_table_files, bool sync) {
+inline LsmDb::Options SmallOptions(uint64_t write_buffer_size, uint64_t max_table_files, bool sync,
+                                   FileIo* io = DefaultFileIo()) {
   LsmDb::Options options;
   options.write_buffer_size = write_buffer_size;
   options.max_table_files = max_table_files;
   options.sync = sync;
+  options.io = io;
   return options;
 }
 

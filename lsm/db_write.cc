@@ -4,7 +4,9 @@
 #include <utility>
 #include <vector>
 
+#include "common/fault_log.h"
 #include "lsm/db.h"
+#include "lsm/file_io.h"
 #include "lsm/filename.h"
 #include "lsm/log.h"
 #include "lsm/memtable.h"
@@ -52,6 +54,17 @@ Status LsmDb::Write(const WriteBatch& batch) {
 
 Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {
   MutexLock lock(&db_mutex_);
+  // A group never writes to a log that failed before: it starts a fresh
+  // one, and fails (writing nothing) while none can be made.
+  if (wal_ == nullptr) {
+    Status s = CreateLog(&wal_);
+    if (!s.ok()) {
+      ReportFault("storage", "write failed: " + s.ToString());
+      return s;
+    }
+    wal_acknowledged_ = false;
+    mem_->AddWalFile(wal_->path());
+  }
   // One record per batch, so that replay applies each batch whole or not at
   // all. The first failed append ends the group: the batches after it are
   // not written, and the memtable is not touched.
@@ -63,7 +76,12 @@ Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {
     if (!status.ok()) break;
   }
   if (status.ok() && options_.sync) status = wal_->Sync();
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    ReportFault("storage", "write failed: " + status.ToString());
+    AbandonLog();
+    return status;
+  }
+  wal_acknowledged_ = true;
 
   // Logged (and synced) before visible: the memtable's application order is
   // the log's record order, because only the leader does either.
@@ -72,26 +90,49 @@ Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {
     // The group's data is already logged and applied; a failed switch is
     // still reported to all its writers.
     status = SwitchMemTable();
+    if (!status.ok()) ReportFault("storage", "memtable switch failed: " + status.ToString());
   }
   return status;
 }
 
-Status LsmDb::SwitchMemTable() {
-  imm_.push_back(mem_);
-  mem_ = std::make_shared<MemTable>();
-
+Status LsmDb::CreateLog(std::unique_ptr<LogFile>* log) {
   const std::string path = LogFileName(dir_, next_file_++);
-  std::unique_ptr<LogFile> log;
-  Status s = OpenLogForAppend(path, &log);
+  std::unique_ptr<LogFile> created;
+  Status s = OpenLogForAppend(io_, path, &created);
+  if (!s.ok()) return s;
+  s = SyncDirectory(io_, dir_);
   if (!s.ok()) {
-    // The full memtable stays queued and the new empty one stays active;
-    // groups keep appending to the old log until the next switch.
+    created.reset();
+    io_->Unlink(path.c_str());
     return s;
   }
+  *log = std::move(created);
+  return Status::OK();
+}
+
+void LsmDb::AbandonLog() {
+  // A log without an acknowledged record holds nothing anyone was promised,
+  // so it need not wait for a flush; it still names the active memtable,
+  // whose flush then finds it gone.
+  if (!wal_acknowledged_) io_->Unlink(wal_->path().c_str());
+  wal_.reset();
+  wal_acknowledged_ = false;
+}
+
+Status LsmDb::SwitchMemTable() {
+  // The new log is made first: a switch that cannot make it retires
+  // nothing, so no acknowledged group is ever left in a memtable whose log
+  // is gone.
+  std::unique_ptr<LogFile> log;
+  Status s = CreateLog(&log);
+  if (!s.ok()) return s;
+  imm_.push_back(mem_);
+  mem_ = std::make_shared<MemTable>();
   // Replacing the writer closes the old descriptor without a sync: the old
   // file holds only what earlier groups wrote and, under sync, synced.
   wal_ = std::move(log);
-  mem_->AddWalFile(path);
+  wal_acknowledged_ = false;
+  mem_->AddWalFile(wal_->path());
   background_cv_.Signal();
   return Status::OK();
 }

@@ -5,7 +5,8 @@ add_library(kandb_lsm_format STATIC
   filename.cc
   log.cc
   table.cc
-  manifest.cc)
+  manifest.cc
+  state_dir.cc)
 target_link_libraries(kandb_lsm_format PUBLIC kandb_common kandb_crypto PRIVATE kandb_warnings)
 
 # A FileIo that fails chosen calls and counts them; for the tests of the

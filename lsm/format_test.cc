@@ -90,7 +90,7 @@ class FormatTest : public ::testing::Test {
 
   void AppendBatches(const std::vector<WriteBatch>& batches) {
     std::unique_ptr<LogFile> log;
-    ASSERT_TRUE(OpenLogForAppend(log_, &log).ok());
+    ASSERT_TRUE(OpenLogForAppend(&io_, log_, &log).ok());
     for (const WriteBatch& b : batches) {
       const std::string payload = Encoded(b);
       ASSERT_TRUE(log->Append(payload.data(), payload.size()).ok());
@@ -98,12 +98,12 @@ class FormatTest : public ::testing::Test {
   }
   std::vector<WriteBatch> Replay() {
     std::vector<WriteBatch> out;
-    Status s = ReplayLog(log_, [&out](WriteBatch&& b) { out.push_back(std::move(b)); });
+    Status s = ReplayLog(&io_, log_, [&out](WriteBatch&& b) { out.push_back(std::move(b)); });
     EXPECT_TRUE(s.ok()) << s.ToString();
     return out;
   }
   Status OpenTable(std::shared_ptr<SstReader>* reader) {
-    Status s = SstReader::Open(sst_, reader);
+    Status s = SstReader::Open(&io_, sst_, reader);
     EXPECT_EQ(*reader == nullptr, !s.ok());
     return s;
   }
@@ -135,6 +135,7 @@ class FormatTest : public ::testing::Test {
   }
 
   std::string dir_, log_, sst_;
+  FaultInjectingFileIo io_;
 };
 
 TEST(FileNameTest, NamesAndPrefixOnlyParsing) {
@@ -201,7 +202,7 @@ TEST_F(FormatTest, LogRecordIsCrcLengthPayloadAndReopenAppends) {
   const std::string check = "123456789";  // CRC-32C 0xE3069283
   for (const std::string& payload : {check, std::string()}) {
     std::unique_ptr<LogFile> log;
-    ASSERT_TRUE(OpenLogForAppend(log_, &log).ok());
+    ASSERT_TRUE(OpenLogForAppend(&io_, log_, &log).ok());
     ASSERT_TRUE(log->Append(payload.data(), payload.size()).ok());
   }
   EXPECT_EQ(ReadFileOrEmpty(log_), Bytes({0x83, 0x92, 0x06, 0xe3, 9, 0, 0, 0}) + check + std::string(8, '\0'));
@@ -240,7 +241,7 @@ TEST_F(FormatTest, LogReadingStopsAtTheFirstDamagedRecord) {
     WriteFileOrDie(log_, c.bytes);
     EXPECT_EQ(Replay(), std::vector<WriteBatch>(c.records, WriteBatch{Put("a", "1")}));
     std::unique_ptr<LogReader> reader;
-    ASSERT_TRUE(LogReader::Open(log_, &reader).ok());
+    ASSERT_TRUE(LogReader::Open(&io_, log_, &reader).ok());
     WriteBatch batch;
     for (size_t i = 0; i < c.records; ++i) {
       ASSERT_TRUE(reader->Next(&batch));
@@ -268,45 +269,47 @@ TEST_F(FormatTest, LogReadingStopsAtTheFirstDamagedRecord) {
 
 TEST_F(FormatTest, LogFailuresCarryThePathOrSystemError) {
   int calls = 0;
-  EXPECT_TRUE(ReplayLog(log_, [&calls](WriteBatch&&) { ++calls; }).ok());  // missing: nothing to replay
+  EXPECT_TRUE(ReplayLog(&io_, log_, [&calls](WriteBatch&&) { ++calls; }).ok());  // missing: nothing to replay
   EXPECT_EQ(calls, 0);
   std::unique_ptr<LogReader> reader;
-  EXPECT_EQ(LogReader::Open(log_, &reader).message(), "wal open " + log_ + ": No such file or directory");
+  EXPECT_EQ(LogReader::Open(&io_, log_, &reader).message(), "wal open " + log_ + ": No such file or directory");
   WriteFileOrDie(dir_ + "/plain", "x");
   const std::string bad = dir_ + "/plain/wal-000001.log";
-  Status s = ReplayLog(bad, [](WriteBatch&&) {});
+  Status s = ReplayLog(&io_, bad, [](WriteBatch&&) {});
   EXPECT_TRUE(s.IsCorruption());
   EXPECT_EQ(s.message(), "wal open " + bad + ": Not a directory");
 
-  FaultInjectingFileIo io;
-  ScopedFileIo install(&io);
   std::unique_ptr<LogFile> log;
-  ASSERT_TRUE(OpenLogForAppend(log_, &log).ok());
+  ASSERT_TRUE(OpenLogForAppend(&io_, log_, &log).ok());
   const std::string payload = Encoded({Put("a", "1")});
   ASSERT_TRUE(log->Append(payload.data(), payload.size()).ok());
   ASSERT_TRUE(log->Sync().ok());
-  EXPECT_EQ(io.count(FileOp::kWrite), 1u);  // one write per record
-  EXPECT_EQ(io.count(FileOp::kFdatasync), 1u);
-  io.FailNth(FileOp::kWrite, 1);
+  EXPECT_EQ(io_.count(FileOp::kWrite), 1u);  // one write per record
+  EXPECT_EQ(io_.count(FileOp::kFdatasync), 1u);
+  io_.FailNth(FileOp::kWrite, 1);
   EXPECT_EQ(log->Append(payload.data(), payload.size()).message(), "wal write: Input/output error");
-  io.FailNth(FileOp::kFdatasync, 1);
+  io_.FailNth(FileOp::kFdatasync, 1);
   EXPECT_EQ(log->Sync().message(), "wal fdatasync: Input/output error");
-  ASSERT_TRUE(log->Append(payload.data(), payload.size()).ok());  // still usable
   log.reset();
-  EXPECT_EQ(Replay().size(), 2u);
 
-  io.FailNth(FileOp::kRead, 2);
-  ASSERT_TRUE(LogReader::Open(log_, &reader).ok());
+  // A read that fails is not the end of the log: what it could not read
+  // may be acknowledged, so replay fails rather than stopping quietly.
+  io_.FailNth(FileOp::kRead, 2);
+  ASSERT_TRUE(LogReader::Open(&io_, log_, &reader).ok());
   WriteBatch batch;
   EXPECT_FALSE(reader->Next(&batch));
   EXPECT_EQ(reader->end(), LogEnd::kReadError);
   EXPECT_EQ(reader->end_detail(), "Input/output error");
+  io_.FailNth(FileOp::kRead, 3);
+  EXPECT_EQ(ReplayLog(&io_, log_, [](WriteBatch&&) {}).ToString(),
+            "Corruption: wal read " + log_ + ": Input/output error");
+  EXPECT_EQ(Replay().size(), 1u);
 }
 
 TEST_F(FormatTest, TableLayoutIsRecordsIndexFilterFooter) {
   // Seventeen entries: records 0 and 16 are indexed.
   const std::vector<Entry> entries = MakeEntries(17);
-  ASSERT_TRUE(WriteTable(sst_, entries).ok());
+  ASSERT_TRUE(WriteTable(&io_, sst_, entries).ok());
   std::string data, index;
   crypto::BloomFilter bloom(17, 10);
   for (size_t i = 0; i < entries.size(); ++i) {
@@ -335,7 +338,7 @@ TEST_F(FormatTest, TableLayoutIsRecordsIndexFilterFooter) {
 
 TEST_F(FormatTest, TableGetAndSeekAcrossIndexIntervals) {
   const std::vector<Entry> entries = MakeEntries(200);
-  ASSERT_TRUE(WriteTable(sst_, entries).ok());
+  ASSERT_TRUE(WriteTable(&io_, sst_, entries).ok());
   auto reader = OpenTableOrDie();
   for (size_t buffer : {size_t{1}, size_t{64}, kCompactionReadBuffer}) {
     EXPECT_EQ(ReadAll(*reader, buffer), entries) << "buffer " << buffer;
@@ -364,7 +367,7 @@ TEST_F(FormatTest, TableGetAndSeekAcrossIndexIntervals) {
 TEST_F(FormatTest, DamagedTablesAreRefusedWithTheExactReason) {
   std::shared_ptr<SstReader> reader;
   EXPECT_EQ(OpenTable(&reader).message(), "sst open " + sst_ + ": No such file or directory");
-  ASSERT_TRUE(WriteTable(sst_, MakeEntries(20)).ok());
+  ASSERT_TRUE(WriteTable(&io_, sst_, MakeEntries(20)).ok());
   const std::string good = ReadFileOrEmpty(sst_);
   auto flip = [&good](size_t footer_byte) {
     std::string bad = good;
@@ -419,8 +422,6 @@ TEST_F(FormatTest, DamagedTablesAreRefusedWithTheExactReason) {
 }
 
 TEST_F(FormatTest, TableWriteFailuresLeaveNoFileBehind) {
-  FaultInjectingFileIo io;
-  ScopedFileIo install(&io);
   const std::vector<Entry> entries = MakeEntries(40);
   const std::string tmp = TempFileName(sst_);
   const struct {
@@ -430,24 +431,29 @@ TEST_F(FormatTest, TableWriteFailuresLeaveNoFileBehind) {
       {FileOp::kOpen, "sst create: " + tmp},
       {FileOp::kWrite, "sst write: Input/output error"},
       {FileOp::kFsync, "sst fsync failed"},
+      {FileOp::kClose, "sst close: Input/output error"},
       {FileOp::kRename, "sst rename failed"},
   };
   for (const auto& c : cases) {
-    io.FailNth(c.op, 1);
-    EXPECT_EQ(WriteTable(sst_, entries).message(), c.message);
+    io_.FailNth(c.op, 1);
+    EXPECT_EQ(WriteTable(&io_, sst_, entries).message(), c.message);
     EXPECT_NE(::access(tmp.c_str(), F_OK), 0) << c.message;
     EXPECT_NE(::access(sst_.c_str(), F_OK), 0) << c.message;
   }
-  ASSERT_TRUE(WriteTable(sst_, entries).ok());
+  // The table is in place once renamed; a failed directory sync is still
+  // reported, since a crash could lose the name.
+  io_.FailNth(FileOp::kFsync, 2);
+  EXPECT_EQ(WriteTable(&io_, sst_, entries).message(), "dir sync " + dir_ + ": Input/output error");
+  ASSERT_TRUE(WriteTable(&io_, sst_, entries).ok());
   auto reader = OpenTableOrDie();
-  io.FailNth(FileOp::kPread, 1);
+  io_.FailNth(FileOp::kPread, 1);
   EXPECT_EQ(Lookup(*reader, entries[5].key), "sst pread: Input/output error");
 }
 
 TEST_F(FormatTest, ManifestLinesAndWhereReadingStops) {
   const std::string path = ManifestFileName(dir_);
   WriteFileOrDie(TempFileName(path), std::string(500, '#'));  // a longer leftover is truncated
-  ASSERT_TRUE(WriteManifest(dir_, ManifestState{42, {9, 3, 1234567}}).ok());
+  ASSERT_TRUE(WriteManifest(&io_, dir_, ManifestState{42, {9, 3, 1234567}}).ok());
   EXPECT_EQ(ReadFileOrEmpty(path), "next_file 42\nsst 9\nsst 3\nsst 1234567\n");
 
   // Each read starts from next_file 77 and table 1, to show what it keeps.
@@ -472,25 +478,47 @@ TEST_F(FormatTest, ManifestLinesAndWhereReadingStops) {
     }
     ManifestState state{77, {1}};
     bool exists = c.text == nullptr;
-    ASSERT_TRUE(ReadManifest(dir_, &state, &exists).ok());
+    ASSERT_TRUE(ReadManifest(&io_, dir_, &state, &exists).ok());
     EXPECT_EQ(exists, c.text != nullptr);
     EXPECT_EQ(state.next_file, c.next_file) << (c.text ? c.text : "missing");
     EXPECT_EQ(state.sst_files, c.tables) << (c.text ? c.text : "missing");
   }
 
-  WriteFileOrDie(path, "next_file 3\nsst 2\n");
-  FaultInjectingFileIo io;
-  ScopedFileIo install(&io);
-  io.FailNth(FileOp::kRename, 1, "MANIFEST");
-  EXPECT_EQ(WriteManifest(dir_, ManifestState{8, {7, 2}}).message(), "manifest rename failed");
-  EXPECT_EQ(ReadFileOrEmpty(path), "next_file 3\nsst 2\n");
-  EXPECT_EQ(ReadFileOrEmpty(TempFileName(path)), "next_file 8\nsst 7\nsst 2\n");
-  EXPECT_EQ(io.count(FileOp::kFsync), 1u);
-  io.FailNth(FileOp::kOpen, 1, "MANIFEST.tmp");
-  EXPECT_EQ(WriteManifest(dir_, ManifestState{9, {}}).message(), "manifest create: Input/output error");
+  // Whatever step fails, the manifest in force stays as it was: a manifest
+  // that is not whole and on disk is never renamed into place.
+  const struct {
+    FileOp op;
+    uint64_t nth;
+    std::string message;
+    const char* in_force;
+  } failures[] = {
+      {FileOp::kOpen, 1, "manifest create: No space left on device", "next_file 3\nsst 2\n"},
+      {FileOp::kWrite, 1, "manifest write: No space left on device", "next_file 3\nsst 2\n"},
+      {FileOp::kFsync, 1, "manifest fsync: No space left on device", "next_file 3\nsst 2\n"},
+      {FileOp::kClose, 1, "manifest close: No space left on device", "next_file 3\nsst 2\n"},
+      {FileOp::kRename, 1, "manifest rename failed", "next_file 3\nsst 2\n"},
+      // The rename happened; only its durability is in doubt.
+      {FileOp::kFsync, 2, "dir sync " + dir_ + ": No space left on device", "next_file 8\nsst 7\nsst 2\n"},
+  };
+  for (const auto& f : failures) {
+    WriteFileOrDie(path, "next_file 3\nsst 2\n");
+    io_.FailNth(f.op, f.nth, "", ENOSPC);
+    bool published = true;
+    EXPECT_EQ(WriteManifest(&io_, dir_, ManifestState{8, {7, 2}}, &published).message(), f.message);
+    EXPECT_EQ(published, f.nth == 2);
+    EXPECT_EQ(ReadFileOrEmpty(path), f.in_force) << f.message;
+    io_.ClearAll();
+  }
+  io_.ResetCounts();
+  ASSERT_TRUE(WriteManifest(&io_, dir_, ManifestState{8, {7, 2}}).ok());
+  EXPECT_EQ(io_.count(FileOp::kFsync), 2u);  // the file, then the directory
+  io_.FailNth(FileOp::kRead, 1);
+  ManifestState unread;
+  bool unread_exists = false;
+  EXPECT_EQ(ReadManifest(&io_, dir_, &unread, &unread_exists).message(), "manifest read: Input/output error");
   ManifestState state;
   bool exists = false;
-  EXPECT_EQ(ReadManifest(path, &state, &exists).message(), "manifest open: Not a directory");
+  EXPECT_EQ(ReadManifest(&io_, path, &state, &exists).message(), "manifest open: Not a directory");
 }
 
 }  // namespace

@@ -19,11 +19,11 @@ Status WalError(const char* what) { return Status::Corruption(std::string(what) 
 // Reads up to n bytes, repeating short reads; returns how many arrived
 // before end of file or an error. *error is set to the errno of a failed
 // read, and stays 0 at end of file.
-size_t ReadFully(int fd, char* dst, size_t n, int* error) {
+size_t ReadFully(FileIo* io, int fd, char* dst, size_t n, int* error) {
   size_t got = 0;
   *error = 0;
   while (got < n) {
-    ssize_t r = CurrentFileIo()->Read(fd, dst + got, n - got);
+    ssize_t r = io->Read(fd, dst + got, n - got);
     if (r < 0 && errno == EINTR) continue;
     if (r < 0) *error = errno;
     if (r <= 0) break;
@@ -85,7 +85,7 @@ Status DecodeBatch(const char* data, size_t size, WriteBatch* out) {
 }
 
 LogFile::~LogFile() {
-  if (fd_ >= 0) CurrentFileIo()->Close(fd_);
+  if (fd_ >= 0) io_->Close(fd_);
 }
 
 Status LogFile::Append(const char* payload, size_t size) {
@@ -96,31 +96,21 @@ Status LogFile::Append(const char* payload, size_t size) {
   EncodeFixed32(record_.data() + 4, static_cast<uint32_t>(size));
   if (size > 0) std::memcpy(record_.data() + kLogRecordHeaderSize, payload, size);
 
-  const char* p = record_.data();
-  size_t left = record_.size();
-  while (left > 0) {
-    ssize_t n = CurrentFileIo()->Write(fd_, p, left);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return WalError("wal write: ");
-    }
-    p += n;
-    left -= static_cast<size_t>(n);
-  }
+  Status s = WriteFully(io_, fd_, record_.data(), record_.size(), "wal write: ");
   // A large batch must not pin its size in memory for the log's lifetime.
   if (record_.capacity() > (1u << 20)) std::string().swap(record_);
-  return Status::OK();
+  return s;
 }
 
 Status LogFile::Sync() {
-  if (CurrentFileIo()->Fdatasync(fd_) != 0) return WalError("wal fdatasync: ");
+  if (io_->Fdatasync(fd_) != 0) return WalError("wal fdatasync: ");
   return Status::OK();
 }
 
-Status OpenLogForAppend(const std::string& path, std::unique_ptr<LogFile>* out) {
-  int fd = CurrentFileIo()->Open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+Status OpenLogForAppend(FileIo* io, const std::string& path, std::unique_ptr<LogFile>* out) {
+  int fd = io->Open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   if (fd < 0) return Status::Corruption("wal open " + path + ": " + std::strerror(errno));
-  *out = std::make_unique<LogFile>(fd, path);
+  *out = std::make_unique<LogFile>(io, fd, path);
   return Status::OK();
 }
 
@@ -144,19 +134,19 @@ const char* LogEndName(LogEnd end) {
   return "unknown";
 }
 
-Status LogReader::Open(const std::string& path, std::unique_ptr<LogReader>* out) {
-  int fd = CurrentFileIo()->Open(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
+Status LogReader::Open(FileIo* io, const std::string& path, std::unique_ptr<LogReader>* out) {
+  int fd = io->Open(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
   if (fd < 0) {
     const int error = errno;
     std::string message = "wal open " + path + ": " + std::strerror(error);
     if (error == ENOENT) return Status::NotFound(std::move(message));
     return Status::Corruption(std::move(message));
   }
-  out->reset(new LogReader(fd));
+  out->reset(new LogReader(io, fd));
   return Status::OK();
 }
 
-LogReader::~LogReader() { CurrentFileIo()->Close(fd_); }
+LogReader::~LogReader() { io_->Close(fd_); }
 
 bool LogReader::Stop(LogEnd end, std::string detail) {
   ended_ = true;
@@ -174,7 +164,7 @@ bool LogReader::Next(WriteBatch* batch) {
   // of a crash, or the log cannot be trusted past it. Nothing is repaired.
   char header[kLogRecordHeaderSize];
   int error = 0;
-  const size_t got = ReadFully(fd_, header, sizeof(header), &error);
+  const size_t got = ReadFully(io_, fd_, header, sizeof(header), &error);
   if (error != 0) return Stop(LogEnd::kReadError, std::strerror(error));
   if (got == 0) return Stop(LogEnd::kCleanEnd, "");
   if (got < sizeof(header)) return Stop(LogEnd::kTornHeader, OfBytes(got, sizeof(header), "header"));
@@ -183,7 +173,7 @@ bool LogReader::Next(WriteBatch* batch) {
   if (length > kMaxLogRecordPayload) return Stop(LogEnd::kOversized, "length " + std::to_string(length));
   // Bounded by the check above, so a garbled length never asks for more.
   payload_.resize(length);
-  const size_t payload_got = ReadFully(fd_, payload_.data(), length, &error);
+  const size_t payload_got = ReadFully(io_, fd_, payload_.data(), length, &error);
   if (error != 0) return Stop(LogEnd::kReadError, std::strerror(error));
   if (payload_got != length) return Stop(LogEnd::kShortPayload, OfBytes(payload_got, length, "payload"));
   const uint32_t actual = crypto::Crc32c(payload_.data(), length);
@@ -200,9 +190,9 @@ bool LogReader::Next(WriteBatch* batch) {
   return true;
 }
 
-Status ReplayLog(const std::string& path, const std::function<void(WriteBatch&&)>& apply) {
+Status ReplayLog(FileIo* io, const std::string& path, const std::function<void(WriteBatch&&)>& apply) {
   std::unique_ptr<LogReader> reader;
-  Status s = LogReader::Open(path, &reader);
+  Status s = LogReader::Open(io, path, &reader);
   // A missing log has nothing to replay.
   if (s.IsNotFound()) return Status::OK();
   if (!s.ok()) return s;
@@ -210,6 +200,9 @@ Status ReplayLog(const std::string& path, const std::function<void(WriteBatch&&)
   while (reader->Next(&batch)) {
     apply(std::move(batch));
     batch = WriteBatch();
+  }
+  if (reader->end() == LogEnd::kReadError) {
+    return Status::Corruption("wal read " + path + ": " + reader->end_detail());
   }
   return Status::OK();
 }

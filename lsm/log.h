@@ -16,6 +16,7 @@
 
 #include "common/status.h"
 #include "lsm/entry.h"
+#include "lsm/file_io.h"
 
 namespace kandb::lsm {
 
@@ -33,7 +34,7 @@ Status DecodeBatch(const char* data, size_t size, WriteBatch* out);
 // Closes its descriptor on destruction.
 class LogFile {
  public:
-  LogFile(int fd, std::string path) : fd_(fd), path_(std::move(path)) {}
+  LogFile(FileIo* io, int fd, std::string path) : io_(io), fd_(fd), path_(std::move(path)) {}
   ~LogFile();
   LogFile(const LogFile&) = delete;
   LogFile& operator=(const LogFile&) = delete;
@@ -47,6 +48,7 @@ class LogFile {
   Status Sync();
 
  private:
+  FileIo* const io_;
   const int fd_;
   const std::string path_;
   std::string record_;  // reused framing buffer
@@ -54,7 +56,7 @@ class LogFile {
 
 // Opens (creating, appending, mode 0644) the log at `path`.
 // Failure: "wal open " + path + ": " + strerror.
-Status OpenLogForAppend(const std::string& path, std::unique_ptr<LogFile>* out);
+Status OpenLogForAppend(FileIo* io, const std::string& path, std::unique_ptr<LogFile>* out);
 
 // Why reading a log came to an end. Only kCleanEnd means the file ended
 // exactly after its last record; every other reason is a torn tail or
@@ -80,7 +82,7 @@ class LogReader {
  public:
   // Opens `path` read-only. A missing file fails with code 3 (NotFound),
   // any other failure with code 2; both "wal open " + path + ": " + strerror.
-  static Status Open(const std::string& path, std::unique_ptr<LogReader>* out);
+  static Status Open(FileIo* io, const std::string& path, std::unique_ptr<LogReader>* out);
   ~LogReader();
   LogReader(const LogReader&) = delete;
   LogReader& operator=(const LogReader&) = delete;
@@ -102,10 +104,11 @@ class LogReader {
   const std::string& end_detail() const { return end_detail_; }
 
  private:
-  explicit LogReader(int fd) : fd_(fd) {}
+  LogReader(FileIo* io, int fd) : io_(io), fd_(fd) {}
   // Records why reading ended at `offset_`; later Next calls return false.
   bool Stop(LogEnd end, std::string detail);
 
+  FileIo* const io_;
   const int fd_;
   uint64_t offset_ = 0;  // start of the next record
   uint64_t record_offset_ = 0;
@@ -120,9 +123,11 @@ class LogReader {
 // Replays the log at `path` from the start with a LogReader, handing each
 // decoded batch to `apply`. A missing file is an empty log. The first short,
 // oversized, checksum-failing or undecodable record ends the replay
-// silently. Fails only when the file exists and cannot be opened
-// ("wal open ...").
-Status ReplayLog(const std::string& path, const std::function<void(WriteBatch&&)>& apply);
+// silently: it is the torn tail of a crash. Fails when the file exists and
+// cannot be opened ("wal open ..."), and when a read fails ("wal read " +
+// path + ": " + strerror): what could not be read may hold acknowledged
+// batches, so it must not pass for the end of the log.
+Status ReplayLog(FileIo* io, const std::string& path, const std::function<void(WriteBatch&&)>& apply);
 
 }  // namespace kandb::lsm
 

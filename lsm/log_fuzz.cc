@@ -81,7 +81,7 @@ void FuzzReplay(const char* data, size_t size) {
   const std::string path = kandb::fuzzing::ScratchDir() + "/replayed.log";
   kandb::fuzzing::WriteInputFile(path, reinterpret_cast<const uint8_t*>(data), size);
   size_t applied_bytes = 0;
-  Status s = kandb::lsm::ReplayLog(path, [&](WriteBatch&& batch) {
+  Status s = kandb::lsm::ReplayLog(kandb::lsm::DefaultFileIo(), path, [&](WriteBatch&& batch) {
     for (const Entry& e : batch) applied_bytes += 9 + e.key.size() + e.value.size();
     CheckRoundTrip(batch);
   });
@@ -116,7 +116,7 @@ std::vector<std::string> MakeSeeds() {
   for (int records = 1; records <= 3; records++) {
     kandb::testing::RemoveTree(path);
     std::unique_ptr<kandb::lsm::LogFile> log;
-    if (!kandb::lsm::OpenLogForAppend(path, &log).ok()) std::abort();
+    if (!kandb::lsm::OpenLogForAppend(kandb::lsm::DefaultFileIo(), path, &log).ok()) std::abort();
     for (int i = 0; i < records; i++) {
       std::string payload;
       kandb::lsm::EncodeBatch(i % 2 == 0 ? one : mixed, &payload);

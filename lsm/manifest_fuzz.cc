@@ -45,7 +45,7 @@ std::vector<std::string> MakeSeeds() {
   states[2].sst_files = {1234567, 999999, 42, 5};
   std::vector<std::string> seeds;
   for (const ManifestState& state : states) {
-    if (!kandb::lsm::WriteManifest(dir, state).ok()) std::abort();
+    if (!kandb::lsm::WriteManifest(kandb::lsm::DefaultFileIo(), dir, state).ok()) std::abort();
     seeds.push_back(kandb::testing::ReadFileOrEmpty(kandb::lsm::ManifestFileName(dir)));
   }
   // A record of a later version between two tables is skipped.
@@ -64,17 +64,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   kandb::fuzzing::WriteInputFile(kandb::lsm::ManifestFileName(InputDir()), data, size);
   ManifestState state;
   bool exists = false;
-  KANDB_FUZZ_CHECK(kandb::lsm::ReadManifest(InputDir(), &state, &exists).ok());
+  KANDB_FUZZ_CHECK(kandb::lsm::ReadManifest(kandb::lsm::DefaultFileIo(), InputDir(), &state, &exists).ok());
   KANDB_FUZZ_CHECK(exists);
   // Each table takes at least "sst 0": the number may run straight into the
   // next word, but the word needs white space before its number.
   KANDB_FUZZ_CHECK(state.sst_files.size() <= size / 5);
 
-  KANDB_FUZZ_CHECK(kandb::lsm::WriteManifest(RewriteDir(), state).ok());
+  KANDB_FUZZ_CHECK(kandb::lsm::WriteManifest(kandb::lsm::DefaultFileIo(), RewriteDir(), state).ok());
   ManifestState again;
   again.next_file = 0;
   bool again_exists = false;
-  KANDB_FUZZ_CHECK(kandb::lsm::ReadManifest(RewriteDir(), &again, &again_exists).ok());
+  KANDB_FUZZ_CHECK(kandb::lsm::ReadManifest(kandb::lsm::DefaultFileIo(), RewriteDir(), &again, &again_exists).ok());
   KANDB_FUZZ_CHECK(again_exists);
   KANDB_FUZZ_CHECK(again.next_file == state.next_file);
   KANDB_FUZZ_CHECK(again.sst_files == state.sst_files);

@@ -72,61 +72,37 @@ std::string SerializeTable(const std::vector<Entry>& entries) {
   return file;
 }
 
-Status WriteAll(FileIo* io, int fd, const std::string& data) {
-  const char* p = data.data();
-  size_t left = data.size();
-  while (left > 0) {
-    ssize_t n = io->Write(fd, p, left);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return Status::Corruption(std::string("sst write: ") + std::strerror(errno));
-    }
-    p += n;
-    left -= static_cast<size_t>(n);
-  }
-  return Status::OK();
-}
-
 }  // namespace
 
-Status WriteTable(const std::string& path, const std::vector<Entry>& entries) {
+Status WriteTable(FileIo* io, const std::string& path, const std::vector<Entry>& entries) {
   const std::string file = SerializeTable(entries);
   const std::string tmp = TempFileName(path);
-  FileIo* io = CurrentFileIo();
 
   // The final name is never written in place: until the rename, a crash
   // leaves at worst a stray ".tmp" file beside the tables in force.
   int fd = io->Open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return Status::Corruption("sst create: " + tmp);
-  Status s = WriteAll(io, fd, file);
+  Status s = WriteFully(io, fd, file.data(), file.size(), "sst write: ");
+  // Synced before the rename, so that the name never points at a table
+  // whose bytes a crash could still lose.
+  if (s.ok() && io->Fsync(fd) != 0) s = Status::Corruption("sst fsync failed");
+  if (io->Close(fd) != 0 && s.ok()) s = Status::Corruption(std::string("sst close: ") + std::strerror(errno));
+  if (s.ok() && io->Rename(tmp.c_str(), path.c_str()) != 0) s = Status::Corruption("sst rename failed");
   if (!s.ok()) {
-    io->Close(fd);
     io->Unlink(tmp.c_str());
     return s;
   }
-  // Synced before the rename, so that the name never points at a table
-  // whose bytes a crash could still lose.
-  if (io->Fsync(fd) != 0) {
-    io->Close(fd);
-    io->Unlink(tmp.c_str());
-    return Status::Corruption("sst fsync failed");
-  }
-  io->Close(fd);
-  if (io->Rename(tmp.c_str(), path.c_str()) != 0) {
-    io->Unlink(tmp.c_str());
-    return Status::Corruption("sst rename failed");
-  }
-  return Status::OK();
+  return SyncDirectory(io, path.substr(0, path.rfind('/') == std::string::npos ? 0 : path.rfind('/')));
 }
 
-SstReader::SstReader(std::string path, int fd) : path_(std::move(path)), fd_(fd) {}
+SstReader::SstReader(FileIo* io, std::string path, int fd) : io_(io), path_(std::move(path)), fd_(fd) {}
 
-SstReader::~SstReader() { CurrentFileIo()->Close(fd_); }
+SstReader::~SstReader() { io_->Close(fd_); }
 
 Status SstReader::ReadAt(uint64_t offset, size_t n, char* dst) const {
   size_t got = 0;
   while (got < n) {
-    ssize_t r = CurrentFileIo()->Pread(fd_, dst + got, n - got, static_cast<off_t>(offset + got));
+    ssize_t r = io_->Pread(fd_, dst + got, n - got, static_cast<off_t>(offset + got));
     if (r < 0) {
       if (errno == EINTR) continue;
       return Status::Corruption(std::string("sst pread: ") + std::strerror(errno));
@@ -137,15 +113,15 @@ Status SstReader::ReadAt(uint64_t offset, size_t n, char* dst) const {
   return Status::OK();
 }
 
-Status SstReader::Open(const std::string& path, std::shared_ptr<SstReader>* out) {
-  int fd = CurrentFileIo()->Open(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
+Status SstReader::Open(FileIo* io, const std::string& path, std::shared_ptr<SstReader>* out) {
+  int fd = io->Open(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
   if (fd < 0) return Status::Corruption("sst open " + path + ": " + std::strerror(errno));
   // Owns the descriptor from here on, so every failure below closes it.
-  std::shared_ptr<SstReader> reader(new SstReader(path, fd));
+  std::shared_ptr<SstReader> reader(new SstReader(io, path, fd));
 
-  const off_t end = ::lseek(fd, 0, SEEK_END);
-  if (end < 0) return Status::Corruption("sst seek " + path + ": " + std::strerror(errno));
-  const uint64_t file_size = static_cast<uint64_t>(end);
+  struct stat st;
+  if (io->Fstat(fd, &st) != 0) return Status::Corruption("sst stat " + path + ": " + std::strerror(errno));
+  const uint64_t file_size = static_cast<uint64_t>(st.st_size);
   if (file_size < kTableFooterSize) {
     return Status::Corruption("sst too small: " + path + " has " + std::to_string(file_size) + " bytes");
   }

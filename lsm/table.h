@@ -19,6 +19,7 @@
 #include "common/status.h"
 #include "crypto/bloom.h"
 #include "lsm/entry.h"
+#include "lsm/file_io.h"
 
 namespace kandb::lsm {
 
@@ -30,9 +31,13 @@ inline constexpr int kTableBloomBitsPerKey = 10;
 inline constexpr size_t kCompactionReadBuffer = 262144;
 
 // Writes `entries` (sorted, unique keys) as a table file at `path`, through
-// path + ".tmp", fsync and rename. Failures: "sst create: " + tmp path,
-// "sst write: " + strerror, "sst fsync failed", "sst rename failed".
-Status WriteTable(const std::string& path, const std::vector<Entry>& entries);
+// path + ".tmp", fsync, rename and a sync of the directory, so that a
+// manifest written afterwards never names a table a crash could lose. On
+// failure nothing is left behind but, when only the directory sync failed,
+// the table under its final name. Failures: "sst create: " + tmp path,
+// "sst write: " + strerror, "sst fsync failed", "sst close: " + strerror,
+// "sst rename failed", "dir sync ...".
+Status WriteTable(FileIo* io, const std::string& path, const std::vector<Entry>& entries);
 
 class SstIterator;
 
@@ -44,7 +49,7 @@ class SstReader : public std::enable_shared_from_this<SstReader> {
   // Failures: "sst open " + path + ": " + strerror, "sst too small: " + path,
   // "sst bad magic", "sst footer crc mismatch", "sst index truncated",
   // positioned-read failures.
-  static Status Open(const std::string& path, std::shared_ptr<SstReader>* out);
+  static Status Open(FileIo* io, const std::string& path, std::shared_ptr<SstReader>* out);
   ~SstReader();
   SstReader(const SstReader&) = delete;
   SstReader& operator=(const SstReader&) = delete;
@@ -77,13 +82,14 @@ class SstReader : public std::enable_shared_from_this<SstReader> {
 
  private:
   friend class SstIterator;
-  SstReader(std::string path, int fd);
+  SstReader(FileIo* io, std::string path, int fd);
 
   // Offset of the record to start a seek for `target` from.
   uint64_t IndexSearch(const std::string& target) const;
   // Reads exactly n bytes at offset: "sst: unexpected EOF", "sst pread: " + strerror.
   Status ReadAt(uint64_t offset, size_t n, char* dst) const;
 
+  FileIo* const io_;
   const std::string path_;
   const int fd_;
   std::vector<std::pair<std::string, uint64_t>> index_;

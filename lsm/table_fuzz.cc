@@ -53,7 +53,7 @@ std::vector<std::string> MakeSeeds() {
   const std::string path = kandb::fuzzing::ScratchDir() + "/seed.sst";
   std::vector<std::string> seeds;
   for (const auto& entries : tables) {
-    if (!kandb::lsm::WriteTable(path, entries).ok()) std::abort();
+    if (!kandb::lsm::WriteTable(kandb::lsm::DefaultFileIo(), path, entries).ok()) std::abort();
     seeds.push_back(kandb::testing::ReadFileOrEmpty(path));
   }
   return seeds;
@@ -70,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string path = kandb::fuzzing::ScratchDir() + "/input.sst";
   kandb::fuzzing::WriteInputFile(path, data, size);
   std::shared_ptr<SstReader> reader;
-  if (!SstReader::Open(path, &reader).ok()) return 0;
+  if (!SstReader::Open(kandb::lsm::DefaultFileIo(), path, &reader).ok()) return 0;
 
   // A full iteration. Every record takes at least 9 bytes, so a table that
   // yields more records than that is walking in circles.

@@ -27,24 +27,45 @@ bool Covers(const pdpb::Region& region, const std::string& key) {
 
 }  // namespace
 
-PdService::PdService(store::MetaStore* store, uint32_t target_replicas)
-    : PdService(store, target_replicas, WallClockMs) {}
+Status PdService::Create(store::MetaStore* store, uint32_t target_replicas, std::unique_ptr<PdService>* out) {
+  return Create(store, target_replicas, WallClockMs, out);
+}
+
+Status PdService::Create(store::MetaStore* store, uint32_t target_replicas, ClockMs clock_ms,
+                         std::unique_ptr<PdService>* out) {
+  uint64_t mark = 0;
+  Status s = ReadIdMark(store, &mark);
+  if (!s.ok()) return s;
+  std::unique_ptr<PdService> service(new PdService(store, target_replicas, std::move(clock_ms)));
+  {
+    MutexLock lock(&service->id_mutex_);
+    service->next_id_ = mark;
+  }
+  *out = std::move(service);
+  return Status::OK();
+}
 
 PdService::PdService(store::MetaStore* store, uint32_t target_replicas, ClockMs clock_ms)
-    : store_(store),
-      target_replicas_(target_replicas),
-      clock_ms_(std::move(clock_ms)),
-      next_id_(LoadNextId(store)) {}
+    : store_(store), target_replicas_(target_replicas), clock_ms_(std::move(clock_ms)) {}
 
-uint64_t PdService::LoadNextId(store::MetaStore* store) {
+Status PdService::ReadIdMark(store::MetaStore* store, uint64_t* mark) {
   std::string value;
   bool found = false;
-  if (!store->Get(kIdAllocKey, &value, &found).ok() || !found) return kFirstId;
-  // A mark of any other length is damaged. Numbering then restarts at 0,
-  // deliberately unlike the absent case: the record existed, so ids were
-  // handed out, and nothing better than 0 is known about where they ended.
-  if (value.size() != 8) return 0;
-  return DecodeFixed64(value.data());
+  Status s = store->Get(kIdAllocKey, &value, &found);
+  // Neither a failed read nor a damaged mark is taken for "no identifier
+  // was ever handed out": either would make numbering start again below
+  // identifiers that are in use.
+  if (!s.ok()) return Status(s.code(), std::string("identifier mark ") + kIdAllocKey + ": " + s.message());
+  if (!found) {
+    *mark = kFirstId;
+    return Status::OK();
+  }
+  if (value.size() != 8) {
+    return Status::Corruption(std::string("identifier mark ") + kIdAllocKey + " has " +
+                              std::to_string(value.size()) + " bytes, not 8");
+  }
+  *mark = DecodeFixed64(value.data());
+  return Status::OK();
 }
 
 Status PdService::Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) {
@@ -67,19 +88,32 @@ Status PdService::Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) {
   }
   resp->timestamp = physical << kLogicalBits | logical;
   resp->count = static_cast<uint32_t>(n);
-  tso_logical_ += n;
+  // The next batch starts after this one's end. A batch of more than
+  // kMaxLogical runs on into the following milliseconds, and the state
+  // follows it there: keeping the physical part and only adding to the
+  // logical one would let the next batch start inside this one.
+  const uint64_t end = resp->timestamp + n;
+  tso_physical_ = end >> kLogicalBits;
+  tso_logical_ = end & kMaxLogical;
   return Status::OK();
 }
 
 Status PdService::AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp) {
   const uint64_t n = req.count == 0 ? 1 : req.count;
   MutexLock lock(&id_mutex_);
-  // Re-read the mark each time rather than trusting memory; an unreadable
-  // or damaged mark counts as 0, which only forces a fresh write.
+  // Re-read the mark each time rather than trusting memory. A mark that
+  // cannot be read, or is damaged, fails the batch: writing over it from
+  // memory could lower a mark that someone else raised.
   uint64_t persisted = 0;
   std::string value;
   bool found = false;
-  if (store_->Get(kIdAllocKey, &value, &found).ok() && found && value.size() == 8) {
+  Status s = store_->Get(kIdAllocKey, &value, &found);
+  if (!s.ok()) return s;
+  if (found) {
+    if (value.size() != 8) {
+      return Status::Corruption(std::string("identifier mark ") + kIdAllocKey + " has " +
+                                std::to_string(value.size()) + " bytes, not 8");
+    }
     persisted = DecodeFixed64(value.data());
   }
   const uint64_t end = next_id_ + n;
@@ -88,7 +122,7 @@ Status PdService::AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse
     // a crash numbering resumes at the mark, skipping but never reusing ids.
     std::string mark;
     PutFixed64(&mark, end + kIdMargin);
-    Status s = store_->Put({{kIdAllocKey, mark}});
+    s = store_->Put({{kIdAllocKey, mark}});
     if (!s.ok()) return s;
   }
   resp->first_id = next_id_;
@@ -98,10 +132,13 @@ Status PdService::AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse
 }
 
 Status PdService::Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapResponse* resp) {
-  // Only the marker's presence counts; an unreadable marker is taken as absent.
+  // Only the marker's presence counts. A marker that cannot be read fails
+  // the call: taking it for absent would bootstrap again over a live
+  // cluster and replace its region records.
   std::string marker;
   bool bootstrapped = false;
-  if (!store_->Get(kBootstrappedKey, &marker, &bootstrapped).ok()) bootstrapped = false;
+  Status s = store_->Get(kBootstrappedKey, &marker, &bootstrapped);
+  if (!s.ok()) return s;
 
   if (bootstrapped) {
     // A store registering on an existing cluster. The answer is OK even when
@@ -123,7 +160,7 @@ Status PdService::Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapRe
   for (const pdpb::Region& region : req.extra_regions) {
     batch.emplace_back(RegionKey(region.id), pdpb::Encode(region));
   }
-  Status s = store_->Put(batch);
+  s = store_->Put(batch);
   if (!s.ok()) return s;
   resp->already_bootstrapped = false;
   return Status::OK();

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 
 #include "common/mutex.h"
 #include "common/status.h"
@@ -45,12 +46,15 @@ class PdService {
   // handed out, so that most allocations need no write.
   static constexpr uint64_t kIdMargin = 1000;
 
-  // `store` is not owned and must outlive the service. `target_replicas` 0
-  // turns auto-heal off. Loads the identifier counter from the store; never
-  // fails. Uses the wall clock.
-  PdService(store::MetaStore* store, uint32_t target_replicas);
+  // Builds the service on `store` (not owned; it must outlive the service)
+  // with the wall clock. `target_replicas` 0 turns auto-heal off. Loads the
+  // identifier counter from the persisted high-water mark, and fails,
+  // naming it, when the mark cannot be read or is damaged: numbering again
+  // from a guess could hand out identifiers twice.
+  static Status Create(store::MetaStore* store, uint32_t target_replicas, std::unique_ptr<PdService>* out);
   // The same with another clock, so tests can stand time still.
-  PdService(store::MetaStore* store, uint32_t target_replicas, ClockMs clock_ms);
+  static Status Create(store::MetaStore* store, uint32_t target_replicas, ClockMs clock_ms,
+                       std::unique_ptr<PdService>* out);
 
   PdService(const PdService&) = delete;
   PdService& operator=(const PdService&) = delete;
@@ -58,9 +62,12 @@ class PdService {
   // Each handler fills *resp only when it returns OK.
 
   // A batch of `count` (0 read as 1) consecutive timestamps. Always OK.
+  // Batches never overlap, also when a count runs past the logical part:
+  // the next batch starts after its end.
   Status Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) EXCLUDES(tso_mutex_);
   // A batch of `count` (0 read as 1) identifiers never handed out before,
-  // across restarts too. Fails only when the high-water mark cannot be written.
+  // across restarts too. Fails when the high-water mark cannot be read or
+  // written, or is damaged.
   Status AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp)
       EXCLUDES(id_mutex_);
   // Records the first store and regions, or on an existing cluster only the
@@ -81,8 +88,11 @@ class PdService {
   void RegisterTo(kanrpc::RpcServer* server);
 
  private:
-  // The identifier counter at start, from the persisted high-water mark.
-  static uint64_t LoadNextId(store::MetaStore* store);
+  PdService(store::MetaStore* store, uint32_t target_replicas, ClockMs clock_ms);
+
+  // The persisted identifier high-water mark, or kFirstId when none was
+  // ever written. Fails when it cannot be read or is not 8 bytes long.
+  static Status ReadIdMark(store::MetaStore* store, uint64_t* mark);
 
   // The leadership transfers of one heartbeat (appended to *resp), after
   // recording the reporter as the last reporter of each entry's region.

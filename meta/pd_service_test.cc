@@ -65,13 +65,18 @@ class PdTest : public ::testing::Test {
     kandb::testing::RemoveTree(dir_);
   }
 
-  void Reopen(uint32_t target_replicas = 0) {
+  void Reopen(uint32_t target_replicas = 0, lsm::FileIo* io = lsm::DefaultFileIo(),
+              const std::string& passphrase = "") {
+    ASSERT_TRUE(TryReopen(target_replicas, io, passphrase).ok());
+  }
+  // The service's own start-up failure, or OK.
+  Status TryReopen(uint32_t target_replicas = 0, lsm::FileIo* io = lsm::DefaultFileIo(),
+                   const std::string& passphrase = "") {
     service_.reset();
     store_.reset();
-    Status s = store::MetaStore::Open(dir_, "", 0, &store_);
-    ASSERT_TRUE(s.ok()) << s.ToString();
-    service_ = std::make_unique<PdService>(store_.get(), target_replicas,
-                                           [this] { return now_.load(); });
+    Status s = store::MetaStore::Open(dir_, passphrase, 0, io, &store_);
+    EXPECT_TRUE(s.ok()) << s.ToString();
+    return PdService::Create(store_.get(), target_replicas, [this] { return now_.load(); }, &service_);
   }
   void Put(const std::string& key, const std::string& value) {
     ASSERT_TRUE(store_->Put({{key, value}}).ok());
@@ -145,6 +150,10 @@ TEST_F(PdTest, StoppedClockOverflowsIntoNextMillisecondNeverUsingMaxLogical) {
   EXPECT_EQ(Tso(5), ((t0 + 2) << 18) | 2);
   now_ = t0 + 10;  // a newer millisecond restarts the logical part
   EXPECT_EQ(Tso(0), (t0 + 10) << 18);
+  // A batch longer than a millisecond's logical part runs into the next
+  // ones, and the batch after it starts past its end.
+  EXPECT_EQ(Tso(600000), (t0 + 11) << 18);
+  EXPECT_EQ(Tso(1), ((t0 + 11) << 18) + 600000);
 }
 
 TEST_F(PdTest, ConcurrentBatchesNeverOverlap) {
@@ -200,26 +209,44 @@ TEST_F(PdTest, IdentifierMarkKeepsAMarginOf1000) {
   Reopen();  // a restart resumes at the mark
   EXPECT_EQ(Alloc(1), 8026u);
 
-  // A mark of the wrong size reads as 0, at start-up and while running; one
-  // far ahead of memory is left alone.
-  Put(kIdAllocKey, std::string("\x10\x00\x00\x00", 4));
-  Reopen();
-  EXPECT_EQ(Alloc(1), 0u);
-  EXPECT_EQ(Get(kIdAllocKey), Mark(1001));
-  Put(kIdAllocKey, "junk");
-  EXPECT_EQ(Alloc(2), 1u);
-  EXPECT_EQ(Get(kIdAllocKey), Mark(1003));
+  // A mark far ahead of memory is left alone.
   Put(kIdAllocKey, Mark(50000));
-  EXPECT_EQ(Alloc(1), 3u);
+  EXPECT_EQ(Alloc(1), 8027u);
   EXPECT_EQ(Get(kIdAllocKey), Mark(50000));
+
+  // A damaged mark is never taken for "nothing handed out yet": it fails
+  // the batch while running and the start after it, and so does a mark
+  // that cannot be read (a store reopened with another passphrase).
+  Put(kIdAllocKey, std::string("\x10\x00\x00\x00", 4));
+  pdpb::AllocIdResponse resp;
+  EXPECT_EQ(service_->AllocId(pdpb::AllocIdRequest{1}, &resp).ToString(),
+            "Corruption: identifier mark pd/id_alloc has 4 bytes, not 8");
+  EXPECT_EQ(TryReopen().ToString(), "Corruption: identifier mark pd/id_alloc has 4 bytes, not 8");
+  Put(kIdAllocKey, Mark(9000));
+  EXPECT_EQ(TryReopen(0, lsm::DefaultFileIo(), "secret").ToString(),
+            "Corruption: identifier mark pd/id_alloc: tde: ciphertext too short");
+  Put(kIdAllocKey, Mark(9000));  // sealed under "secret" now
+  Put(kBootstrappedKey, "1");
+  EXPECT_EQ(TryReopen(0, lsm::DefaultFileIo(), "other").ToString(),
+            "InvalidArgument: identifier mark pd/id_alloc: sm4: bad padding");
+
+  // An unreadable bootstrap marker fails the bootstrap instead of writing
+  // a first cluster over a live one.
+  Put(kIdAllocKey, Mark(9000));  // readable under "other"
+  Reopen(0, lsm::DefaultFileIo(), "other");
+  pdpb::BootstrapRequest boot;
+  boot.region.id = 2;
+  pdpb::BootstrapResponse boot_resp;
+  EXPECT_EQ(service_->Bootstrap(boot, &boot_resp).ToString(), "InvalidArgument: sm4: bad padding");
+  EXPECT_EQ(RouteId(""), "NotFound: cluster not bootstrapped");
 }
 
 TEST(PdFaultTest, FailedMarkWriteHandsOutNothing) {
   lsm::FaultInjectingFileIo io;
-  lsm::ScopedFileIo install(&io);
   struct Fixture : PdTest {
     void TestBody() override {}
   } f;
+  f.Reopen(0, &io);
   EXPECT_EQ(f.Alloc(1), 1024u);
   io.FailFrom(lsm::FileOp::kWrite, 1, "wal-");
   pdpb::AllocIdResponse resp;

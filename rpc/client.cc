@@ -1,12 +1,15 @@
 #include "rpc/client.h"
 
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <thread>
 #include <utility>
@@ -43,6 +46,31 @@ void RpcClient::SetPauseForTesting(std::function<void(int64_t micros)> pause) {
   pause_ = std::move(pause);
 }
 
+namespace {
+
+// connect bounded by the call's time-out (none when negative): a target
+// that drops SYNs would otherwise hold the caller for the kernel's minutes
+// of retries. The socket is left blocking, as the frame I/O expects.
+bool ConnectWithin(int fd, const struct sockaddr* addr, socklen_t length, int timeout_ms) {
+  if (timeout_ms < 0) return connect(fd, addr, length) == 0;
+  const int flags = fcntl(fd, F_GETFL);
+  if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) return false;
+  bool connected = connect(fd, addr, length) == 0;
+  if (!connected && errno == EINPROGRESS) {
+    struct pollfd p = {fd, POLLOUT, 0};
+    int ready;
+    do {
+      ready = poll(&p, 1, timeout_ms);
+    } while (ready < 0 && errno == EINTR);
+    int error = 0;
+    socklen_t error_length = sizeof(error);
+    connected = ready == 1 && getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &error_length) == 0 && error == 0;
+  }
+  return connected && fcntl(fd, F_SETFL, flags) == 0;
+}
+
+}  // namespace
+
 Status RpcClient::Connect() {
   const Status failed = Status::Corruption("cannot connect to " + target_);
   std::string host, port;
@@ -57,7 +85,7 @@ Status RpcClient::Connect() {
   for (struct addrinfo* ai = list; ai != nullptr; ai = ai->ai_next) {
     const int fd = socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC, ai->ai_protocol);
     if (fd < 0) continue;
-    if (connect(fd, ai->ai_addr, ai->ai_addrlen) == 0) {
+    if (ConnectWithin(fd, ai->ai_addr, ai->ai_addrlen, options_.timeout_ms)) {
       const int one = 1;
       setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
       fd_ = fd;

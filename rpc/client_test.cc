@@ -69,7 +69,7 @@ TEST(ClientTest, RequestIdMismatchThenReconnect) {
       if (!ReadFrame(conn.fd(), &req, 10000).ok()) return;
       testing::SendAllOrDie(conn.fd(), BuildFrame(FrameType::kResponse, req.request_id + shift,
                                                   req.method, req.payload));
-      ReadFrame(conn.fd(), &req, 10000);  // until the client drops the connection
+      (void)ReadFrame(conn.fd(), &req, 10000);  // until the client drops the connection
     }
   });
   {

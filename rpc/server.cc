@@ -6,8 +6,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <system_error>
 #include <utility>
+
+#include "common/fault_log.h"
 
 #include "rpc/frame.h"
 #include "rpc/sys_error.h"
@@ -63,21 +68,85 @@ Status RpcServer::Start(int port, const std::string& bind_addr) {
   return Status::OK();
 }
 
+namespace {
+
+// Accept failures that say the process or the system is short of something
+// for a while (descriptors, buffers, memory) or that a client gave up
+// before we took its connection. None of them is a reason to stop serving.
+bool TransientAcceptError(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM || error == ECONNABORTED ||
+         error == EPROTO || error == EPERM;
+}
+
+}  // namespace
+
 void RpcServer::AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd) {
+  // The pause after a failed accept grows from 10 to 100 ms while failures
+  // go on: short enough to serve again soon after descriptors free up,
+  // long enough not to spin on a listening socket that stays readable.
+  int pause_ms = 0;
   while (!shared->stopping.load(std::memory_order_acquire)) {
     const int conn = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
     if (conn < 0) {
-      if (errno == EINTR) continue;
+      const int error = errno;
+      if (error == EINTR) continue;
       // Stop shuts the listening socket down, which lands here.
-      break;
+      if (shared->stopping.load(std::memory_order_acquire)) break;
+      pause_ms = pause_ms == 0 ? 10 : std::min(pause_ms * 2, 100);
+      ReportFault("accept", std::string(TransientAcceptError(error) ? "" : "unexpected: ") +
+                                "accept failed: " + ErrnoText(error) + " (retrying in " +
+                                std::to_string(pause_ms) + " ms)");
+      std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms));
+      continue;
     }
+    pause_ms = 0;
     const int one = 1;
     setsockopt(conn, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-    std::thread(&RpcServer::ServeConnection, shared, conn).detach();
+    {
+      MutexLock lock(&shared->mu);
+      shared->connections.insert(conn);
+    }
+    // Thread creation reports its failure by exception; it is caught here,
+    // as a connection refused for want of resources, not a server failure.
+    try {
+      std::thread(&RpcServer::ServeConnection, shared, conn).detach();
+    } catch (const std::system_error& e) {
+      {
+        MutexLock lock(&shared->mu);
+        shared->connections.erase(conn);
+      }
+      close(conn);
+      ReportFault("accept", std::string("cannot start a connection thread: ") + e.what());
+    }
   }
 }
 
-void RpcServer::ServeConnection(std::shared_ptr<const Shared> shared, int fd) {
+bool RpcServer::Dispatch(Shared* shared, const std::string& method, const std::string& payload,
+                         FrameType* type, std::string* response) {
+  auto it = shared->methods.find(method);
+  if (it == shared->methods.end()) {
+    *type = FrameType::kError;
+    response->append("unknown method: ").append(method);
+    return true;
+  }
+  {
+    MutexLock lock(&shared->mu);
+    if (shared->stopping.load(std::memory_order_acquire)) return false;
+    ++shared->running_handlers;
+  }
+  Status s = it->second(payload, response);
+  {
+    MutexLock lock(&shared->mu);
+    if (--shared->running_handlers == 0) shared->handlers_done.SignalAll();
+  }
+  if (!s.ok()) {
+    *type = FrameType::kError;
+    *response = s.ToString();
+  }
+  return true;
+}
+
+void RpcServer::ServeConnection(std::shared_ptr<Shared> shared, int fd) {
   FrameReader reader(fd);
   // Reused across requests so that a steady stream of small calls does not
   // allocate for its frames.
@@ -92,21 +161,15 @@ void RpcServer::ServeConnection(std::shared_ptr<const Shared> shared, int fd) {
 
     FrameType type = FrameType::kResponse;
     response.clear();
-    auto it = shared->methods.find(request.method);
-    if (it == shared->methods.end()) {
-      type = FrameType::kError;
-      response.append("unknown method: ").append(request.method);
-    } else {
-      Status s = it->second(request.payload, &response);
-      if (!s.ok()) {
-        type = FrameType::kError;
-        response = s.ToString();
-      }
-    }
+    if (!Dispatch(shared.get(), request.method, request.payload, &type, &response)) break;
 
     out.clear();
     AppendFrame(&out, type, request.request_id, request.method, response);
     if (!WriteAll(fd, out.data(), out.size(), kWriteTimeoutMs).ok()) break;
+  }
+  {
+    MutexLock lock(&shared->mu);
+    shared->connections.erase(fd);
   }
   close(fd);
 }
@@ -118,7 +181,12 @@ void RpcServer::Wait() {
 
 void RpcServer::Stop() {
   bool expected = false;
-  if (!shared_->stopping.compare_exchange_strong(expected, true)) return;
+  {
+    // Set under the lock that handler calls start under, so that no call
+    // starts after the wait below has begun.
+    MutexLock lock(&shared_->mu);
+    if (!shared_->stopping.compare_exchange_strong(expected, true)) return;
+  }
   const int fd = listen_fd_.load();
   // Shutting the listening socket down fails the blocked accept, which ends
   // the accept loop. The socket is closed only after the join, so that its
@@ -132,6 +200,13 @@ void RpcServer::Stop() {
     close(fd);
     listen_fd_.store(-1);
   }
+  // Wakes every connection blocked in a read; each then ends on its own.
+  // Only reading is shut down, so a call in flight still sends its answer.
+  // Handlers still running finish their call before Stop returns, so that
+  // the service and store they use may be torn down right after.
+  MutexLock lock(&shared_->mu);
+  for (int conn : shared_->connections) shutdown(conn, SHUT_RD);
+  while (shared_->running_handlers > 0) shared_->handlers_done.Wait();
 }
 
 }  // namespace kandb::kanrpc

@@ -9,12 +9,14 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 
 #include "common/mutex.h"
 #include "common/status.h"
 #include "common/thread_annotations.h"
+#include "rpc/frame.h"
 
 namespace kandb::kanrpc {
 
@@ -30,8 +32,8 @@ class RpcServer {
   static constexpr int kListenBacklog = 256;
 
   RpcServer();
-  // Runs Stop. Connection threads still serving keep the method table alive
-  // on their own; they never touch the destroyed server.
+  // Runs Stop. Connection threads still draining keep the method table
+  // alive on their own; they never call a handler after Stop returned.
   ~RpcServer();
   RpcServer(const RpcServer&) = delete;
   RpcServer& operator=(const RpcServer&) = delete;
@@ -62,14 +64,16 @@ class RpcServer {
   // the system chose when Start was given port 0.
   int port() const { return bound_port_; }
 
-  // Blocks until the accept thread has ended (after Stop, or after accept
-  // failed). Returns at once when the server never started. May be called
-  // from another thread than Stop.
+  // Blocks until the accept thread has ended, which happens only after Stop:
+  // the accept loop survives every failure of accept (descriptors or
+  // memory running out) by pausing and trying again. Returns at once when
+  // the server never started. May be called from another thread than Stop.
   void Wait() EXCLUDES(join_mu_);
 
-  // Stops accepting and joins the accept thread. Connections already open
-  // are not interrupted: each ends when its peer closes, or after answering
-  // the next request it receives. A second call does nothing.
+  // Stops accepting, joins the accept thread, shuts every open connection
+  // down and waits until no handler runs any more, so that what handlers
+  // use may be destroyed as soon as Stop returns. A second call does
+  // nothing.
   void Stop() EXCLUDES(join_mu_);
 
  private:
@@ -82,10 +86,24 @@ class RpcServer {
     std::map<std::string, RawHandler, std::less<>> methods;
     // False until the first Stop; loops check it before blocking again.
     std::atomic<bool> stopping{false};
+    // Guards the two members below; never held while a handler runs.
+    Mutex mu;
+    // The sockets of the connections being served, so that Stop can shut
+    // them down. A connection thread removes its socket before closing it,
+    // so Stop never touches a descriptor number that was reused.
+    std::set<int> connections GUARDED_BY(mu);
+    // Handler calls in progress; Stop waits for it to reach 0. A call
+    // starts only while stopping is false, tested under mu.
+    int running_handlers GUARDED_BY(mu) = 0;
+    CondVar handlers_done{&mu};
   };
 
   static void AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd);
-  static void ServeConnection(std::shared_ptr<const Shared> shared, int fd);
+  static void ServeConnection(std::shared_ptr<Shared> shared, int fd);
+  // Runs the handler of `method`; false when the server is stopping and
+  // the call was not made.
+  static bool Dispatch(Shared* shared, const std::string& method, const std::string& payload,
+                       FrameType* type, std::string* response);
 
   const std::shared_ptr<Shared> shared_;
   // The listening socket, -1 when closed. Set by Start; Stop shuts it down,

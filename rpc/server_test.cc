@@ -133,35 +133,54 @@ TEST(ServerTest, FiveHundredConnectionsAtOnce) {
 
 // A request held in its handler across Stop (or the destructor) is still
 // answered, then its connection closes. Stop twice is harmless.
-TEST(ServerTest, StopTwiceAndDestructorJoin) {
+// Stop (and the destructor) return only once no handler runs, so that what
+// handlers use can be torn down right after; the call in flight still gets
+// its answer, and the connection is closed after it.
+TEST(ServerTest, StopWaitsForRunningHandlers) {
   for (bool destroy : {false, true}) {
     auto server = std::make_unique<RpcServer>();
     Counter entered = std::make_shared<std::atomic<int>>(0);
     Counter release = std::make_shared<std::atomic<int>>(0);
-    server->RegisterRaw("Hold", [entered, release](const std::string& req, std::string* resp) {
+    Counter finished = std::make_shared<std::atomic<int>>(0);
+    server->RegisterRaw("Hold", [entered, release, finished](const std::string& req, std::string* resp) {
       entered->store(1);
       while (release->load() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
       *resp = req;
+      finished->store(1);
       return Status::OK();
     });
     ASSERT_TRUE(server->Start(0, "127.0.0.1").ok());
     const int port = server->port();
     Socket conn = ConnectTo(port);
+    Socket idle = ConnectTo(port);
     SendAllOrDie(conn.fd(), BuildFrame(FrameType::kRequest, 2, "Hold", "held"));
     while (entered->load() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    if (destroy) {
-      server.reset();
-    } else {
-      std::thread waiter([&server] { server->Wait(); });
-      server->Stop();
-      waiter.join();
+    std::atomic<int> stopped{0};
+    std::atomic<int> finished_at_stop{0};
+    std::thread stopper([&] {
+      if (destroy) {
+        server.reset();
+      } else {
+        std::thread waiter([&server] { server->Wait(); });
+        server->Stop();
+        waiter.join();
+      }
+      finished_at_stop = finished->load();
+      stopped = 1;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(stopped.load(), 0) << "returned while a handler was running";
+    release->store(1);
+    stopper.join();
+    EXPECT_EQ(finished_at_stop.load(), 1);
+    if (!destroy) {
       server->Stop();
       EXPECT_EQ(server->Start(0, "127.0.0.1").message(), "kanrpc: server stopped");
     }
     EXPECT_FALSE(ConnectTo(port).valid());
-    release->store(1);
     EXPECT_EQ(ReadOrFail(conn.fd()).payload, "held");
     EXPECT_TRUE(PeerClosed(conn.fd(), 10000));
+    EXPECT_TRUE(PeerClosed(idle.fd(), 10000));  // woken from its wait for a request
   }
   RpcServer never_started;
   never_started.Wait();

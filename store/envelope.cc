@@ -1,7 +1,11 @@
 #include "store/envelope.h"
 
+#include <sys/random.h>
+
 #include <atomic>
-#include <cstdio>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
 #include <utility>
 
 #include "common/coding.h"
@@ -17,17 +21,20 @@ namespace {
 // from those of earlier processes over the same state directory.
 class IvSource {
  public:
-  IvSource() {
-    // Sealing must never fail for want of randomness: when /dev/urandom
-    // cannot be opened the prefix stays 0, and a short read keeps whatever
-    // bytes arrived. IVs are then predictable, but still distinct.
-    char raw[8] = {};
-    if (std::FILE* f = std::fopen("/dev/urandom", "rb"); f != nullptr) {
-      size_t got = std::fread(raw, 1, sizeof(raw), f);
-      (void)got;
-      std::fclose(f);
+  // Draws the prefix from the kernel. getrandom blocks only until the
+  // kernel's pool is first ready; it fails only where the kernel has no
+  // such call, and then sealing is refused rather than made predictable.
+  Status Init() {
+    char raw[8];
+    size_t got = 0;
+    while (got < sizeof(raw)) {
+      const ssize_t n = ::getrandom(raw + got, sizeof(raw) - got, 0);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return Status::Corruption(std::string("tde: no randomness: ") + std::strerror(errno));
+      got += static_cast<size_t>(n);
     }
     random_prefix_ = DecodeFixed64(raw);
+    return Status::OK();
   }
 
   void Next(uint8_t iv[kIvSize]) {
@@ -41,14 +48,20 @@ class IvSource {
   std::atomic<uint64_t> counter_{0};
 };
 
-IvSource& TheIvSource() {
-  // Created on the first seal, thread-safely. Trivially destructible, so a
-  // seal racing with process exit never meets a destroyed source.
-  static IvSource source;
-  return source;
-}
+// Trivially destructible, so a seal racing with process exit never meets a
+// destroyed source.
+IvSource the_iv_source;
+std::once_flag iv_once;
+Status iv_status;  // written once under iv_once
 
 }  // namespace
+
+Status PrepareSealing() {
+  // A failed draw is not retried within the process: the kernel that has no
+  // randomness to give now will not have it later either.
+  std::call_once(iv_once, [] { iv_status = the_iv_source.Init(); });
+  return iv_status;
+}
 
 StoreCrypto StoreCryptoFromPassphrase(const std::string& passphrase) {
   StoreCrypto crypto;
@@ -62,7 +75,7 @@ StoreCrypto StoreCryptoFromPassphrase(const std::string& passphrase) {
 std::string SealValue(const StoreCrypto& crypto, const std::string& plaintext) {
   if (!crypto.encrypted) return plaintext;
   uint8_t iv[kIvSize];
-  TheIvSource().Next(iv);
+  the_iv_source.Next(iv);
   std::string sealed(reinterpret_cast<const char*>(iv), kIvSize);
   sealed += crypto::Sm4CbcEncrypt(plaintext, crypto.key.data(), iv);
   return sealed;

@@ -32,9 +32,19 @@ struct StoreCrypto {
 // digest. An empty passphrase turns encryption off.
 StoreCrypto StoreCryptoFromPassphrase(const std::string& passphrase);
 
-// Returns the sealed form of `plaintext`: a fresh IV (a per-process random
+// Makes sure the process's IV source exists: 8 random bytes from the
+// kernel (getrandom), fixed for the life of the process, in front of a
+// counter. Fails ("tde: no randomness: " + strerror) when the kernel gives
+// none; a store that seals is not opened then, since IVs made without
+// randomness could repeat those of an earlier process over the same state.
+// Safe from any thread; once it succeeded it is not tried again.
+Status PrepareSealing();
+
+// Returns the sealed form of `plaintext`: a fresh IV (the process's random
 // prefix and a process-wide counter, so no two seals of one process share
-// an IV), then the ciphertext. Cannot fail. Safe from any thread.
+// an IV, and a restart does not repeat the IVs of an earlier process), then
+// the ciphertext. PrepareSealing must have succeeded before. Cannot fail.
+// Safe from any thread.
 std::string SealValue(const StoreCrypto& crypto, const std::string& plaintext);
 
 // Opens a sealed value into *plaintext. Failures: Corruption "tde:

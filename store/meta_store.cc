@@ -6,10 +6,20 @@ namespace kandb::store {
 
 Status MetaStore::Open(const std::string& dir, const std::string& passphrase, int sync,
                        std::unique_ptr<MetaStore>* out) {
+  return Open(dir, passphrase, sync, lsm::DefaultFileIo(), out);
+}
+
+Status MetaStore::Open(const std::string& dir, const std::string& passphrase, int sync, lsm::FileIo* io,
+                       std::unique_ptr<MetaStore>* out) {
+  if (!passphrase.empty()) {
+    Status s = PrepareSealing();
+    if (!s.ok()) return s;
+  }
   lsm::LsmDb::Options options;
   options.write_buffer_size = kWriteBufferSize;
   options.max_table_files = kMaxTableFiles;
   options.sync = sync != 0;
+  options.io = io;
   std::unique_ptr<lsm::LsmDb> db;
   Status s = lsm::LsmDb::Open(dir, options, &db);
   if (!s.ok()) return s;

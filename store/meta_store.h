@@ -37,7 +37,13 @@ class MetaStore {
   // itself is not kept. `sync` non-zero makes every write reach the disk
   // before it is acknowledged. On success replaces *out; on failure returns
   // the engine's status unchanged and leaves *out alone.
+  // A store with a passphrase fails to open when the system has no
+  // randomness to give (see PrepareSealing).
   static Status Open(const std::string& dir, const std::string& passphrase, int sync,
+                     std::unique_ptr<MetaStore>* out);
+  // The same, with the engine's file-system calls going through `io` (not
+  // owned; it must outlive the store), so that tests can inject faults.
+  static Status Open(const std::string& dir, const std::string& passphrase, int sync, lsm::FileIo* io,
                      std::unique_ptr<MetaStore>* out);
 
   MetaStore(const MetaStore&) = delete;

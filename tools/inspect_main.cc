@@ -29,6 +29,7 @@
 #include "lsm/manifest.h"
 #include "lsm/memtable.h"
 #include "lsm/scan_iterator.h"
+#include "lsm/state_dir.h"
 #include "lsm/table.h"
 #include "meta/keys.h"
 #include "pdpb/messages.h"
@@ -57,13 +58,6 @@ struct Problem {
 };
 
 std::string Base(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
-struct FileEntry {
-  std::string name;
-  uint64_t size = 0;
-  lsm::FileKind kind = lsm::FileKind::kOther;
-  uint64_t number = 0;
-};
 
 struct LogReport {
   std::string name;
@@ -94,7 +88,7 @@ struct TableReport {
 struct Snapshot {
   bool manifest_exists = false;
   lsm::ManifestState manifest;
-  std::vector<FileEntry> files;
+  lsm::StateDirectory listing;
   std::vector<LogReport> logs;
   std::vector<TableReport> tables;  // live ones in manifest order, then orphans
   std::shared_ptr<lsm::MemTable> mem;
@@ -103,39 +97,8 @@ struct Snapshot {
   bool changed = false;
 };
 
-Status ListDirectory(const std::string& dir, std::vector<FileEntry>* files) {
-  DIR* d = ::opendir(dir.c_str());
-  if (d == nullptr) return Status::Corruption(dir + ": " + std::strerror(errno));
-  while (const struct dirent* entry = ::readdir(d)) {
-    FileEntry file;
-    file.name = entry->d_name;
-    if (file.name == "." || file.name == "..") continue;
-    struct stat st;
-    // A file deleted between readdir and stat is simply not listed.
-    if (::stat((dir + "/" + file.name).c_str(), &st) != 0) continue;
-    file.size = static_cast<uint64_t>(st.st_size);
-    file.kind = lsm::ParseFileName(file.name, &file.number);
-    files->push_back(std::move(file));
-  }
-  ::closedir(d);
-  std::sort(files->begin(), files->end(), [](const FileEntry& a, const FileEntry& b) { return a.name < b.name; });
-  return Status::OK();
-}
-
-// The numbers of one kind, ascending and unique, as the engine collects them
-// when it opens the directory.
-std::vector<uint64_t> NumbersOf(const std::vector<FileEntry>& files, lsm::FileKind kind) {
-  std::vector<uint64_t> numbers;
-  for (const FileEntry& f : files) {
-    if (f.kind == kind) numbers.push_back(f.number);
-  }
-  std::sort(numbers.begin(), numbers.end());
-  numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
-  return numbers;
-}
-
 void ReadManifestFile(const std::string& dir, Snapshot* snap) {
-  Status s = lsm::ReadManifest(dir, &snap->manifest, &snap->manifest_exists);
+  Status s = lsm::ReadManifest(lsm::DefaultFileIo(), dir, &snap->manifest, &snap->manifest_exists);
   if (!s.ok()) {
     snap->problems.push_back({"MANIFEST", 0, s.message()});
     return;
@@ -162,18 +125,20 @@ void ReadManifestFile(const std::string& dir, Snapshot* snap) {
 // Replays every log in ascending number order into snap->mem, as the engine
 // does at open, and records where each replay stops.
 void ReadLogs(const std::string& dir, Snapshot* snap) {
-  for (uint64_t number : NumbersOf(snap->files, lsm::FileKind::kLog)) {
+  for (uint64_t number : snap->listing.Numbers(lsm::FileKind::kLog)) {
     LogReport report;
     const std::string path = lsm::LogFileName(dir, number);
     report.name = Base(path);
     std::unique_ptr<lsm::LogReader> reader;
-    Status s = lsm::LogReader::Open(path, &reader);
+    Status s = lsm::LogReader::Open(lsm::DefaultFileIo(), path, &reader);
     if (s.IsNotFound()) {
       // Listed but gone: a flush of the running server deleted it, or only
       // a non-canonical name carries the number (the engine reads nothing then).
       report.vanished = true;
       bool canonical_listed = false;
-      for (const FileEntry& f : snap->files) canonical_listed = canonical_listed || f.name == report.name;
+      for (const lsm::StateFile& f : snap->listing.files()) {
+        canonical_listed = canonical_listed || f.name == report.name;
+      }
       if (canonical_listed) snap->changed = true;
       snap->logs.push_back(std::move(report));
       continue;
@@ -272,12 +237,7 @@ void CheckTable(TableReport* table, bool deep, std::vector<Problem>* problems) {
 void ReadTables(const std::string& dir, bool deep, Snapshot* snap) {
   std::vector<std::pair<uint64_t, bool>> order;  // number, live
   for (uint64_t number : snap->manifest.sst_files) order.push_back({number, true});
-  for (uint64_t number : NumbersOf(snap->files, lsm::FileKind::kTable)) {
-    if (std::find(snap->manifest.sst_files.begin(), snap->manifest.sst_files.end(), number) ==
-        snap->manifest.sst_files.end()) {
-      order.push_back({number, false});
-    }
-  }
+  for (uint64_t number : snap->listing.OrphanTables(snap->manifest)) order.push_back({number, false});
   for (const auto& [number, live] : order) {
     TableReport table;
     table.number = number;
@@ -295,7 +255,7 @@ void ReadTables(const std::string& dir, bool deep, Snapshot* snap) {
       snap->tables.push_back(std::move(table));
       continue;
     }
-    Status s = lsm::SstReader::Open(path, &table.reader);
+    Status s = lsm::SstReader::Open(lsm::DefaultFileIo(), path, &table.reader);
     if (!s.ok()) {
       table.open_error = s.message();
       table.damaged = true;
@@ -318,13 +278,13 @@ void ReadTables(const std::string& dir, bool deep, Snapshot* snap) {
 Snapshot ReadOnce(const std::string& dir, bool deep) {
   Snapshot snap;
   snap.mem = std::make_shared<lsm::MemTable>();
-  Status s = ListDirectory(dir, &snap.files);
+  Status s = lsm::StateDirectory::List(lsm::DefaultFileIo(), dir, &snap.listing);
   if (!s.ok()) {
     snap.problems.push_back({"", 0, s.message()});
     return snap;
   }
   ReadManifestFile(dir, &snap);
-  const size_t tables_listed = NumbersOf(snap.files, lsm::FileKind::kTable).size();
+  const size_t tables_listed = snap.listing.Numbers(lsm::FileKind::kTable).size();
   if (!snap.manifest_exists && tables_listed > 0) {
     // Without a manifest no table is live: the next open deletes them all.
     snap.problems.push_back({"MANIFEST", 0, "missing, but " + std::to_string(tables_listed) +
@@ -336,7 +296,7 @@ Snapshot ReadOnce(const std::string& dir, bool deep) {
   lsm::ManifestState again;
   again.next_file = snap.manifest.next_file;
   bool exists = false;
-  if (lsm::ReadManifest(dir, &again, &exists).ok() &&
+  if (lsm::ReadManifest(lsm::DefaultFileIo(), dir, &again, &exists).ok() &&
       (exists != snap.manifest_exists || again.sst_files != snap.manifest.sst_files ||
        again.next_file != snap.manifest.next_file)) {
     snap.changed = true;
@@ -347,10 +307,10 @@ Snapshot ReadOnce(const std::string& dir, bool deep) {
 std::string U(uint64_t v) { return std::to_string(v); }
 
 void PrintFiles(const Snapshot& snap) {
-  std::printf("files (%zu)\n", snap.files.size());
+  std::printf("files (%zu)\n", snap.listing.files().size());
   size_t width = 0;
-  for (const FileEntry& f : snap.files) width = std::max(width, f.name.size());
-  for (const FileEntry& f : snap.files) {
+  for (const lsm::StateFile& f : snap.listing.files()) width = std::max(width, f.name.size());
+  for (const lsm::StateFile& f : snap.listing.files()) {
     std::string what;
     if (f.name == "MANIFEST") {
       what = "manifest";
@@ -527,7 +487,7 @@ int Main(int argc, char** argv) {
     snap = ReadOnce(options.dir, options.verify);
     if (!snap.changed || ++attempt >= kAttempts) break;
   }
-  if (!snap.problems.empty() && snap.problems[0].file.empty() && snap.files.empty()) {
+  if (!snap.problems.empty() && snap.problems[0].file.empty() && snap.listing.files().empty()) {
     std::fprintf(stderr, "%s: %s\n", kProgram, snap.problems[0].what.c_str());
     return kExitUsage;
   }

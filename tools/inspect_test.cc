@@ -102,7 +102,7 @@ class InspectTest : public ::testing::Test {
     state_ = root_ + "/pd";
     WriteState(state_);
     bool exists = false;
-    ASSERT_TRUE(lsm::ReadManifest(state_, &manifest_, &exists).ok());
+    ASSERT_TRUE(lsm::ReadManifest(lsm::DefaultFileIo(), state_, &manifest_, &exists).ok());
     ASSERT_EQ(manifest_.sst_files.size(), 2u);
     for (const auto& entry : std::filesystem::directory_iterator(state_)) {
       uint64_t number = 0;
@@ -171,7 +171,7 @@ TEST_F(InspectTest, TornLogTailStopsReplayThereAndVerifyNamesFileAndOffset) {
   uint64_t last_offset = 0;
   {
     std::unique_ptr<lsm::LogReader> reader;
-    ASSERT_TRUE(lsm::LogReader::Open(log, &reader).ok());
+    ASSERT_TRUE(lsm::LogReader::Open(lsm::DefaultFileIo(), log, &reader).ok());
     lsm::WriteBatch batch;
     while (reader->Next(&batch)) last_offset = reader->record_offset();
   }
