@@ -130,7 +130,7 @@ void LsmDb::WaitForBackgroundIdle() {
   for (;;) {
     {
       MutexLock lock(&db_mutex_);
-      if (imm_.empty() && !NeedsCompaction() && !manifest_unsynced_) return;
+      if (imm_.empty() && !NeedsCompaction() && !manifest_unsynced_ && obsolete_files_.empty()) return;
     }
     background_cv_.Signal();
     struct timespec request = {0, 1000000};

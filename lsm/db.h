@@ -128,8 +128,11 @@ class LsmDb {
   Status PublishManifest(const std::vector<uint64_t>& tables, bool* published) REQUIRES(db_mutex_);
   // After a flush or compaction published its manifest: deletes the files
   // it replaced once that manifest is durable, or keeps them, with the
-  // manifest marked for rewriting, until one is.
-  void RetireFiles(std::vector<std::string> replaced, const Status& manifest_sync) REQUIRES(db_mutex_);
+  // manifest marked for rewriting, until one is. Returns the first failure.
+  Status RetireFiles(std::vector<std::string> replaced, const Status& manifest_sync) REQUIRES(db_mutex_);
+  // Deletes obsolete_files_ in order, stopping at the first that cannot be
+  // deleted (it and the rest wait for the next try).
+  Status DeleteObsoleteFiles() REQUIRES(db_mutex_);
   // Rewrites the manifest whose directory sync failed, and then deletes
   // the files that waited for it.
   Status RewriteManifest() REQUIRES(db_mutex_);
@@ -167,6 +170,10 @@ class LsmDb {
   // wait in obsolete_files_, since a crash could bring back the manifest
   // before it, which still names them.
   bool manifest_unsynced_ GUARDED_BY(db_mutex_) = false;
+  // Files replaced by a flush or compaction and not yet deleted, logs in
+  // ascending number. Logs are deleted strictly in that order, so the logs
+  // left on disk are always the newest ones: a flushed log that outlived a
+  // newer one would be replayed at open over the newer data in the tables.
   std::vector<std::string> obsolete_files_ GUARDED_BY(db_mutex_);
   // The leader's encoding buffer, reused across groups.
   std::string record_ GUARDED_BY(db_mutex_);

@@ -113,7 +113,8 @@ Status LsmDb::CreateLog(std::unique_ptr<LogFile>* log) {
 void LsmDb::AbandonLog() {
   // A log without an acknowledged record holds nothing anyone was promised,
   // so it need not wait for a flush; it still names the active memtable,
-  // whose flush then finds it gone.
+  // whose flush then finds it gone. Should the unlink fail, the log waits
+  // for that flush and is deleted in order with the others.
   if (!wal_acknowledged_) io_->Unlink(wal_->path().c_str());
   wal_.reset();
   wal_acknowledged_ = false;

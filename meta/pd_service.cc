@@ -141,10 +141,11 @@ Status PdService::Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapRe
   if (!s.ok()) return s;
 
   if (bootstrapped) {
-    // A store registering on an existing cluster. The answer is OK even when
-    // this write fails: the store re-registers on its next start.
-    Status ignored = store_->Put({{StoreKey(req.store.id), pdpb::Encode(req.store)}});
-    (void)ignored;
+    // A store registering on an existing cluster. The answer waits for the
+    // write like every other: a registration acknowledged but never written
+    // would be lost at the next restart, with the store believing it done.
+    s = store_->Put({{StoreKey(req.store.id), pdpb::Encode(req.store)}});
+    if (!s.ok()) return s;
     resp->already_bootstrapped = true;
     return Status::OK();
   }

@@ -70,8 +70,9 @@ class PdService {
   // written, or is damaged.
   Status AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp)
       EXCLUDES(id_mutex_);
+
   // Records the first store and regions, or on an existing cluster only the
-  // caller's store record.
+  // caller's store record. Fails when the write fails, in both cases.
   Status Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapResponse* resp);
   // The first region in key order of its record that covers `key`, its
   // first peer as leader, and the store records of its peers.
