@@ -152,7 +152,7 @@ TEST(FullDiskTest, RestartsAndWritesOnAFullDiskLoseNothing) {
   ASSERT_TRUE(store::MetaStore::Open(state, "", 1, &store).ok());
   uint64_t records = 0;
   ASSERT_TRUE(store->ForEach(meta::kRegionPrefix, meta::kRegionScanEnd, meta::kRegionScanLimit,
-                             [&records](const std::string&, const std::string&) {
+                             [&records](std::string_view, std::string_view) {
                                records++;
                                return true;
                              })

@@ -96,7 +96,10 @@ Status LsmDb::Recover() {
   if (!s.ok()) return s;
   mem_->AddWalFile(wal_->path());
   bool published = false;
-  return PublishManifest(live_tables_, &published);
+  s = PublishManifest(live_tables_, &published);
+  if (!s.ok()) return s;
+  PublishView();
+  return Status::OK();
 }
 
 Status LsmDb::ReplayLogs(const std::vector<uint64_t>& log_numbers) {

@@ -159,6 +159,7 @@ Status LsmDb::FlushOldestMemTable() {
   table_readers_.insert(table_readers_.begin(), std::move(reader));
   live_tables_ = std::move(tables);
   imm_.pop_front();
+  PublishView();
   return RetireFiles(mem->WalFiles(), s);
 }
 
@@ -254,6 +255,7 @@ Status LsmDb::CompactAllTables() {
   }
   table_readers_ = std::move(readers);
   live_tables_ = std::move(numbers);
+  PublishView();
   std::vector<std::string> replaced;
   for (uint64_t input : input_numbers) replaced.push_back(TableFileName(dir_, input));
   return RetireFiles(std::move(replaced), s);

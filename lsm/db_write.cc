@@ -84,8 +84,12 @@ Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {
   wal_acknowledged_ = true;
 
   // Logged (and synced) before visible: the memtable's application order is
-  // the log's record order, because only the leader does either.
-  for (WriterSlot* member : group) mem_->Apply(*member->batch);
+  // the log's record order, because only the leader does either. Whoever
+  // watches the applied batches sees them in that same order.
+  for (WriterSlot* member : group) {
+    mem_->Apply(*member->batch);
+    if (options_.on_apply) options_.on_apply(*member->batch);
+  }
   if (mem_->ApproximateBytes() >= options_.write_buffer_size) {
     // The group's data is already logged and applied; a failed switch is
     // still reported to all its writers.
@@ -134,6 +138,7 @@ Status LsmDb::SwitchMemTable() {
   wal_ = std::move(log);
   wal_acknowledged_ = false;
   mem_->AddWalFile(wal_->path());
+  PublishView();
   background_cv_.Signal();
   return Status::OK();
 }

@@ -29,6 +29,9 @@ inline constexpr size_t kTableIndexInterval = 16;
 inline constexpr int kTableBloomBitsPerKey = 10;
 // Read buffer of the iterators that compaction merges with.
 inline constexpr size_t kCompactionReadBuffer = 262144;
+// Read buffer of the iterators of a range scan: scans of the region records
+// run over whole tables.
+inline constexpr size_t kScanReadBuffer = 65536;
 
 // Writes `entries` (sorted, unique keys) as a table file at `path`, through
 // path + ".tmp", fsync, rename and a sync of the directory, so that a

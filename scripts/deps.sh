@@ -28,6 +28,9 @@ test_packages=(
   libgtest-dev
   libgmock-dev
   libbenchmark-dev
+  libcurl4-openssl-dev       # kandb-meta-ha's etcd client (built where found)
+  etcd-server                # real etcd members for the replicated server's tests
+  etcd-client
   util-linux                 # prlimit, for tests that lower resource limits
   python3-prometheus-client  # parses the Prometheus text output in tests
 )
