@@ -160,7 +160,7 @@ TEST_F(RoutingTest, IndexAnswersAsTheWalkInEveryState) {
       boundaries.push_back(r.end_key);
     }
     if (!encoded.empty() || !deletes.empty()) {
-      ASSERT_TRUE(store_->Write(encoded, deletes).ok());
+      ASSERT_TRUE(store_->Write(std::move(encoded), std::move(deletes)).ok());
     }
     if (boundaries.size() > 200) boundaries.erase(boundaries.begin(), boundaries.begin() + 100);
 
