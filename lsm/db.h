@@ -211,6 +211,9 @@ class LsmDb {
   // Slots in arrival order; the front one leads. A group leaves the queue
   // only when it is done, so the next leader starts after the previous one.
   std::deque<WriterSlot*> writers_ GUARDED_BY(write_queue_mutex_);
+  // A leader is writing groups; the slot at the front, woken for any
+  // reason, does not lead while it is set.
+  bool leading_ GUARDED_BY(write_queue_mutex_) = false;
 
   // Started at the end of Open, joined by the destructor.
   std::thread background_thread_;

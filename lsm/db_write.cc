@@ -13,43 +13,62 @@
 
 namespace kandb::lsm {
 
+namespace {
+
+// How many groups one leader writes in a row before it hands the lead on
+// and returns to its own caller.
+constexpr int kMaxGroupsPerLeader = 8;
+
+}  // namespace
+
 Status LsmDb::Write(const WriteBatch& batch) {
   WriterSlot slot(&batch, &write_queue_mutex_);
   std::vector<WriterSlot*> group;
-  {
-    MutexLock lock(&write_queue_mutex_);
-    slot.mu->AssertHeld();
-    writers_.push_back(&slot);
-    // A follower never runs a step itself: it sleeps until the leader of its
-    // group has finished it, or until it is woken as the new head.
-    for (;;) {
-      if (slot.done) return slot.result;
-      if (writers_.front() == &slot) break;
-      slot.cv.Wait();
-    }
-    // The group is the whole queue as it stands, with no size limit.
-    group.assign(writers_.begin(), writers_.end());
-  }
-
-  // The queue lock is released before db_mutex_ is taken: writers keep
-  // queueing behind this group while it is logged and synced.
-  const Status status = WriteGroup(group);
-
   MutexLock lock(&write_queue_mutex_);
-  for (WriterSlot* member : group) {
-    writers_.pop_front();
-    if (member == &slot) continue;
-    member->mu->AssertHeld();
-    member->result = status;
-    member->done = true;
-    // Signalled with the lock held: once it is released the follower may
-    // return and its slot, this condition variable included, is gone.
-    member->cv.Signal();
+  slot.mu->AssertHeld();
+  writers_.push_back(&slot);
+  // A follower never runs a step itself: it sleeps until a leader has
+  // written its group, or until it is woken as the new head while no
+  // leader runs.
+  for (;;) {
+    if (slot.done) return slot.result;
+    if (writers_.front() == &slot && !leading_) break;
+    slot.cv.Wait();
   }
-  // The next leader is woken only now that this group has left the queue,
-  // so two leaders never run at once.
+  leading_ = true;
+  // Each group is the whole queue as it stands, with no size limit. The
+  // leader goes on with the group that queued behind its own while it ran:
+  // handing the lead to a sleeping thread would leave the disk idle until
+  // that thread got a processor, which at many connections takes longer
+  // than a sync. After a few groups it hands on, so that its own caller is
+  // not kept waiting long.
+  Status own;
+  for (int led = 0; led < kMaxGroupsPerLeader && !writers_.empty(); ++led) {
+    group.assign(writers_.begin(), writers_.end());
+    // The queue lock is released before db_mutex_ is taken: writers keep
+    // queueing behind this group while it is logged and synced.
+    write_queue_mutex_.Unlock();
+    const Status status = WriteGroup(group);
+    write_queue_mutex_.Lock();
+    for (WriterSlot* member : group) {
+      writers_.pop_front();
+      if (member == &slot) {
+        own = status;
+        continue;
+      }
+      member->mu->AssertHeld();
+      member->result = status;
+      member->done = true;
+      // Signalled with the lock held: once it is released the follower may
+      // return and its slot, this condition variable included, is gone.
+      member->cv.Signal();
+    }
+  }
+  leading_ = false;
+  // The next leader is woken only now that every group led here has left
+  // the queue, so two leaders never run at once.
   if (!writers_.empty()) writers_.front()->cv.Signal();
-  return status;
+  return own;
 }
 
 Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {
