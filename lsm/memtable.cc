@@ -44,6 +44,21 @@ std::vector<Entry> MemTable::Dump(const std::string& start, const std::string& e
   return out;
 }
 
+Status MemTable::ForEach(
+    const std::function<Status(uint8_t op, const std::string& key, const std::string& value)>& fn) const {
+  ReaderLock lock(&mu_);
+  for (const auto& [key, stored] : table_) {
+    Status s = fn(stored.first, key, stored.second);
+    if (!s.ok()) return s;
+  }
+  return Status::OK();
+}
+
+size_t MemTable::EntryCount() const {
+  ReaderLock lock(&mu_);
+  return table_.size();
+}
+
 uint64_t MemTable::ApproximateBytes() const {
   ReaderLock lock(&mu_);
   return approximate_bytes_;

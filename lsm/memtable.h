@@ -8,12 +8,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "common/mutex.h"
+#include "common/status.h"
 #include "common/thread_annotations.h"
 #include "lsm/entry.h"
 
@@ -39,6 +41,14 @@ class MemTable {
   // has no upper bound, and a `limit` of 0 means no limit.
   std::vector<Entry> Dump(const std::string& start, const std::string& end, size_t limit) const
       EXCLUDES(mu_);
+
+  // Calls fn(op, key, value) for every entry in key order, deletion
+  // markers included, under the shared lock; stops at the first failure
+  // and returns it. Copies nothing: the flush streams an immutable memtable
+  // to its table file this way. fn must not call back into this memtable.
+  Status ForEach(const std::function<Status(uint8_t op, const std::string& key, const std::string& value)>& fn)
+      const EXCLUDES(mu_);
+  size_t EntryCount() const EXCLUDES(mu_);
 
   // Grow-only size estimate compared with the write buffer size.
   uint64_t ApproximateBytes() const EXCLUDES(mu_);

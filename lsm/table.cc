@@ -6,94 +6,21 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "common/coding.h"
 #include "crypto/crc32c.h"
 #include "lsm/file_io.h"
-#include "lsm/filename.h"
 
 namespace kandb::lsm {
 
 namespace {
 
-// Footer field offsets.
-constexpr size_t kFooterIndexOffset = 0;
-constexpr size_t kFooterIndexSize = 8;
-constexpr size_t kFooterFilterOffset = 16;
-constexpr size_t kFooterFilterSize = 24;
-constexpr size_t kFooterEntryCount = 32;
-constexpr size_t kFooterCrc = 40;
-constexpr size_t kFooterMagic = 44;
-constexpr size_t kRecordHeaderSize = 9;  // op, key_length, value_length
-// A point lookup reads one index interval in one go, but no more than this.
+// A point lookup reads one index interval in one go, but no more than this
+// (in a checked table it reads the whole run, whatever its size).
 constexpr size_t kMaxLookupRead = kCompactionReadBuffer;
 
-// The whole file as it will be written: records, index, filter, footer.
-std::string SerializeTable(const std::vector<Entry>& entries) {
-  crypto::BloomFilter filter(entries.size(), kTableBloomBitsPerKey);
-  size_t data_size = 0;
-  for (const Entry& e : entries) {
-    filter.Add(e.key);
-    data_size += kRecordHeaderSize + e.key.size() + e.value.size();
-  }
-
-  std::string file;
-  std::string index;
-  file.reserve(data_size);
-  for (size_t i = 0; i < entries.size(); ++i) {
-    const Entry& e = entries[i];
-    if (i % kTableIndexInterval == 0) {
-      PutFixed32(&index, static_cast<uint32_t>(e.key.size()));
-      index.append(e.key);
-      PutFixed64(&index, file.size());
-    }
-    file.push_back(static_cast<char>(e.op));
-    PutFixed32(&file, static_cast<uint32_t>(e.key.size()));
-    file.append(e.key);
-    PutFixed32(&file, static_cast<uint32_t>(e.value.size()));
-    file.append(e.value);
-  }
-
-  const uint64_t index_offset = file.size();
-  file.append(index);
-  const uint64_t filter_offset = file.size();
-  file.append(filter.Serialize());
-  const uint64_t filter_size = file.size() - filter_offset;
-
-  char footer[kTableFooterSize];
-  EncodeFixed64(footer + kFooterIndexOffset, index_offset);
-  EncodeFixed64(footer + kFooterIndexSize, index.size());
-  EncodeFixed64(footer + kFooterFilterOffset, filter_offset);
-  EncodeFixed64(footer + kFooterFilterSize, filter_size);
-  EncodeFixed64(footer + kFooterEntryCount, entries.size());
-  EncodeFixed32(footer + kFooterCrc, crypto::Crc32c(footer, kFooterCrc));
-  EncodeFixed64(footer + kFooterMagic, kTableMagic);
-  file.append(footer, sizeof(footer));
-  return file;
-}
-
 }  // namespace
-
-Status WriteTable(FileIo* io, const std::string& path, const std::vector<Entry>& entries) {
-  const std::string file = SerializeTable(entries);
-  const std::string tmp = TempFileName(path);
-
-  // The final name is never written in place: until the rename, a crash
-  // leaves at worst a stray ".tmp" file beside the tables in force.
-  int fd = io->Open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return Status::Corruption("sst create: " + tmp);
-  Status s = WriteFully(io, fd, file.data(), file.size(), "sst write: ");
-  // Synced before the rename, so that the name never points at a table
-  // whose bytes a crash could still lose.
-  if (s.ok() && io->Fsync(fd) != 0) s = Status::Corruption("sst fsync failed");
-  if (io->Close(fd) != 0 && s.ok()) s = Status::Corruption(std::string("sst close: ") + std::strerror(errno));
-  if (s.ok() && io->Rename(tmp.c_str(), path.c_str()) != 0) s = Status::Corruption("sst rename failed");
-  if (!s.ok()) {
-    io->Unlink(tmp.c_str());
-    return s;
-  }
-  return SyncDirectory(io, path.substr(0, path.rfind('/') == std::string::npos ? 0 : path.rfind('/')));
-}
 
 SstReader::SstReader(FileIo* io, std::string path, int fd) : io_(io), path_(std::move(path)), fd_(fd) {}
 
@@ -151,6 +78,23 @@ Status SstReader::Open(FileIo* io, const std::string& path, std::shared_ptr<SstR
   std::string index(index_size, '\0');
   s = reader->ReadAt(index_offset, index.size(), index.data());
   if (!s.ok()) return s;
+  std::string filter(filter_size, '\0');
+  s = reader->ReadAt(filter_offset, filter.size(), filter.data());
+  if (!s.ok()) return s;
+  reader->data_end_ = index_offset;
+  reader->entry_count_ = DecodeFixed64(footer + kFooterEntryCount);
+  reader->layout_ = SstReader::Layout{file_size, index_offset, index_size, filter_offset, filter_size, 0, 0};
+
+  // Bytes between the last block and the footer can only be a checksum
+  // block. It is checked before the index is parsed, so that a damaged
+  // index is reported as damage rather than as whatever it now decodes to.
+  const uint64_t footer_start = file_size - kTableFooterSize;
+  const uint64_t blocks_end = std::max(index_offset + index_size, filter_offset + filter_size);
+  if (blocks_end < footer_start) {
+    s = reader->LoadChecksums(footer_start, index, filter);
+    if (!s.ok()) return s;
+  }
+
   size_t pos = 0;
   while (pos < index.size()) {
     const size_t left = index.size() - pos;
@@ -162,16 +106,70 @@ Status SstReader::Open(FileIo* io, const std::string& path, std::shared_ptr<SstR
     reader->index_.emplace_back(std::move(key), offset);
     pos += 12 + key_length;
   }
-
-  std::string filter(filter_size, '\0');
-  s = reader->ReadAt(filter_offset, filter.size(), filter.data());
-  if (!s.ok()) return s;
   reader->filter_ = crypto::BloomFilterView(std::move(filter));
 
-  reader->layout_ = SstReader::Layout{file_size, index_offset, index_size, filter_offset, filter_size};
-  reader->data_end_ = index_offset;
-  reader->entry_count_ = DecodeFixed64(footer + kFooterEntryCount);
+  if (reader->has_checksums_) {
+    // Run boundaries come from the index: they must start at 0 and rise
+    // inside the data region, one run per index entry, or the runs checked
+    // would not be the records read.
+    const auto& idx = reader->index_;
+    bool match = reader->run_crcs_.size() == idx.size() && (idx.empty() ? reader->data_end_ == 0
+                                                                      : idx[0].second == 0 &&
+                                                                            idx.back().second < reader->data_end_);
+    for (size_t i = 1; match && i < idx.size(); ++i) match = idx[i - 1].second < idx[i].second;
+    if (!match) return Status::Corruption("sst runs do not match the index: " + path);
+  }
   *out = std::move(reader);
+  return Status::OK();
+}
+
+Status SstReader::LoadChecksums(uint64_t footer_start, const std::string& index, const std::string& filter) {
+  const uint64_t blocks_end =
+      std::max(layout_.index_offset + layout_.index_size, layout_.filter_offset + layout_.filter_size);
+  const uint64_t gap = footer_start - blocks_end;
+  const Status bad_trailer = Status::Corruption("sst bad checksum trailer: " + path_);
+  if (gap < kTableChecksumTrailerSize) return bad_trailer;
+  char trailer[kTableChecksumTrailerSize];
+  Status s = ReadAt(footer_start - kTableChecksumTrailerSize, sizeof(trailer), trailer);
+  if (!s.ok()) return s;
+  const uint64_t runs = DecodeFixed64(trailer + kTrailerRunCount);
+  const uint64_t block_size = DecodeFixed64(trailer + kTrailerBlockSize);
+  if (DecodeFixed64(trailer + kTrailerMagic) != kTableChecksumMagic || block_size != gap - sizeof(trailer) ||
+      runs > block_size / 4 || block_size != runs * 4) {
+    return bad_trailer;
+  }
+  std::string block(block_size, '\0');
+  s = ReadAt(blocks_end, block.size(), block.data());
+  if (!s.ok()) return s;
+  const uint32_t block_crc = crypto::Crc32cExtend(crypto::Crc32c(block.data(), block.size()), trailer, kTrailerCrc);
+  if (block_crc != DecodeFixed32(trailer + kTrailerCrc)) {
+    return Status::Corruption("sst checksum block mismatch: " + path_);
+  }
+  if (crypto::Crc32c(index.data(), index.size()) != DecodeFixed32(trailer + kTrailerIndexCrc)) {
+    return Status::Corruption("sst index checksum mismatch: " + path_);
+  }
+  if (crypto::Crc32c(filter.data(), filter.size()) != DecodeFixed32(trailer + kTrailerFilterCrc)) {
+    return Status::Corruption("sst filter checksum mismatch: " + path_);
+  }
+  run_crcs_.resize(runs);
+  for (uint64_t i = 0; i < runs; ++i) run_crcs_[i] = DecodeFixed32(block.data() + 4 * i);
+  has_checksums_ = true;
+  layout_.checksum_offset = blocks_end;
+  layout_.checksum_size = block_size;
+  return Status::OK();
+}
+
+size_t SstReader::RunOf(uint64_t offset) const {
+  auto it = std::upper_bound(index_.begin(), index_.end(), offset,
+                             [](uint64_t o, const auto& entry) { return o < entry.second; });
+  return it == index_.begin() ? 0 : static_cast<size_t>(std::prev(it) - index_.begin());
+}
+
+Status SstReader::CheckRun(size_t run, const char* data) const {
+  const uint64_t start = RunStart(run);
+  if (crypto::Crc32c(data, static_cast<size_t>(RunEnd(run) - start)) != run_crcs_[run]) {
+    return Status::Corruption("sst checksum mismatch: " + path_ + " at offset " + std::to_string(start));
+  }
   return Status::OK();
 }
 
@@ -200,7 +198,7 @@ Status SstReader::Get(const std::string& key, bool* found, uint8_t* op, std::str
                                [](uint64_t offset, const auto& entry) { return offset < entry.second; });
   if (next != index_.end() && next->second < stop) stop = next->second;
   const size_t stretch = stop > start ? static_cast<size_t>(std::min<uint64_t>(stop - start, kMaxLookupRead))
-                                      : kRecordHeaderSize;
+                                      : kTableRecordHeaderSize;
 
   SstIterator it(shared_from_this(), stretch);
   Status s = it.Seek(key);
@@ -217,9 +215,11 @@ SstIterator::SstIterator(std::shared_ptr<const SstReader> reader, size_t buffer_
     : reader_(std::move(reader)), buffer_size_(buffer_size) {}
 
 Status SstIterator::Fill(uint64_t offset, size_t n) {
-  if (offset >= buffer_offset_ && offset + n <= buffer_offset_ + buffered_) return Status::OK();
+  const bool buffered = offset >= buffer_offset_ && offset + n <= buffer_offset_ + buffered_;
+  if (buffered && !reader_->has_checksums_) return Status::OK();
   const uint64_t data_end = reader_->data_end_;
   if (offset > data_end || n > data_end - offset) return Status::Corruption("sst record truncated");
+  if (reader_->has_checksums_) return FillRuns(offset, n);
   // Read ahead up to the buffer size, never past the data region.
   const size_t length = static_cast<size_t>(std::max<uint64_t>(n, std::min<uint64_t>(buffer_size_, data_end - offset)));
   if (buffer_.size() < length) buffer_.resize(length);
@@ -228,6 +228,36 @@ Status SstIterator::Fill(uint64_t offset, size_t n) {
   if (!s.ok()) return s;
   buffer_offset_ = offset;
   buffered_ = length;
+  return Status::OK();
+}
+
+Status SstIterator::FillRuns(uint64_t offset, size_t n) {
+  const SstReader& r = *reader_;
+  const uint64_t last = offset + n - 1;
+  if (offset < buffer_offset_ || offset + n > buffer_offset_ + buffered_) {
+    // Whole runs only, so that each can be checked as a whole: the ones the
+    // bytes lie in, then as many following ones as the buffer size allows.
+    const size_t first = r.RunOf(offset);
+    size_t end = r.RunOf(last) + 1;
+    while (end < r.run_count() && r.RunEnd(end) - r.RunStart(first) <= buffer_size_) ++end;
+    const uint64_t start = r.RunStart(first);
+    const size_t length = static_cast<size_t>(r.RunEnd(end - 1) - start);
+    if (buffer_.size() < length) buffer_.resize(length);
+    buffered_ = 0;
+    Status s = r.ReadAt(start, length, buffer_.data());
+    if (!s.ok()) return s;
+    buffer_offset_ = start;
+    buffered_ = length;
+    end_run_ = end;
+    checked_end_run_ = first;
+  }
+  // A run is checked when its first byte is about to be used, so damage in
+  // a run read ahead fails only the reads that reach it.
+  while (checked_end_run_ < end_run_ && r.RunStart(checked_end_run_) <= last) {
+    Status s = r.CheckRun(checked_end_run_, buffer_.data() + (r.RunStart(checked_end_run_) - buffer_offset_));
+    if (!s.ok()) return s;
+    ++checked_end_run_;
+  }
   return Status::OK();
 }
 
@@ -244,18 +274,18 @@ Status SstIterator::ReadRecord() {
   if (op != kOpPut && op != kOpDelete) return Status::Corruption("sst bad record op");
   const uint32_t key_length = DecodeFixed32(p + 1);
 
-  s = Fill(offset, kRecordHeaderSize + key_length);
+  s = Fill(offset, kTableRecordHeaderSize + key_length);
   if (!s.ok()) return s;
   p = buffer_.data() + (offset - buffer_offset_);
   const uint32_t value_length = DecodeFixed32(p + 5 + key_length);
-  const size_t record_size = kRecordHeaderSize + static_cast<size_t>(key_length) + value_length;
+  const size_t record_size = kTableRecordHeaderSize + static_cast<size_t>(key_length) + value_length;
 
   s = Fill(offset, record_size);
   if (!s.ok()) return s;
   p = buffer_.data() + (offset - buffer_offset_);
   op_ = op;
   key_.assign(p + 5, key_length);
-  value_.assign(p + kRecordHeaderSize + key_length, value_length);
+  value_.assign(p + kTableRecordHeaderSize + key_length, value_length);
   next_offset_ = offset + record_size;
   valid_ = true;
   return Status::OK();

@@ -13,6 +13,7 @@
 
 #include "common/fuzz_util.h"
 #include "lsm/table.h"
+#include "lsm/table_builder.h"
 
 namespace {
 
