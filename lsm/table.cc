@@ -96,16 +96,22 @@ Status SstReader::Open(FileIo* io, const std::string& path, std::shared_ptr<SstR
   }
 
   size_t pos = 0;
+  // Reserved from what the block can hold, and trimmed once parsed, so
+  // that growth by doubling leaves no slack in what stays in memory.
+  reader->index_keys_.reserve(index.size());
+  reader->index_.reserve(std::min<uint64_t>(index.size() / 12, (reader->entry_count_ + 15) / 16));
   while (pos < index.size()) {
     const size_t left = index.size() - pos;
     if (left < 4) return Status::Corruption("sst index truncated");
     const uint32_t key_length = DecodeFixed32(index.data() + pos);
     if (left < static_cast<uint64_t>(key_length) + 12) return Status::Corruption("sst index truncated");
-    std::string key(index.data() + pos + 4, key_length);
+    reader->index_keys_.append(index.data() + pos + 4, key_length);
     const uint64_t offset = DecodeFixed64(index.data() + pos + 4 + key_length);
-    reader->index_.emplace_back(std::move(key), offset);
+    reader->index_.push_back(IndexEntry{reader->index_keys_.size(), offset});
     pos += 12 + key_length;
   }
+  reader->index_keys_.shrink_to_fit();
+  reader->index_.shrink_to_fit();
   reader->filter_ = crypto::BloomFilterView(std::move(filter));
 
   if (reader->has_checksums_) {
@@ -114,9 +120,9 @@ Status SstReader::Open(FileIo* io, const std::string& path, std::shared_ptr<SstR
     // would not be the records read.
     const auto& idx = reader->index_;
     bool match = reader->run_crcs_.size() == idx.size() && (idx.empty() ? reader->data_end_ == 0
-                                                                      : idx[0].second == 0 &&
-                                                                            idx.back().second < reader->data_end_);
-    for (size_t i = 1; match && i < idx.size(); ++i) match = idx[i - 1].second < idx[i].second;
+                                                                      : idx[0].offset == 0 &&
+                                                                            idx.back().offset < reader->data_end_);
+    for (size_t i = 1; match && i < idx.size(); ++i) match = idx[i - 1].offset < idx[i].offset;
     if (!match) return Status::Corruption("sst runs do not match the index: " + path);
   }
   *out = std::move(reader);
@@ -159,9 +165,16 @@ Status SstReader::LoadChecksums(uint64_t footer_start, const std::string& index,
   return Status::OK();
 }
 
+std::vector<std::pair<std::string, uint64_t>> SstReader::index() const {
+  std::vector<std::pair<std::string, uint64_t>> out;
+  out.reserve(index_.size());
+  for (size_t i = 0; i < index_.size(); ++i) out.emplace_back(std::string(IndexKey(i)), index_[i].offset);
+  return out;
+}
+
 size_t SstReader::RunOf(uint64_t offset) const {
   auto it = std::upper_bound(index_.begin(), index_.end(), offset,
-                             [](uint64_t o, const auto& entry) { return o < entry.second; });
+                             [](uint64_t o, const IndexEntry& entry) { return o < entry.offset; });
   return it == index_.begin() ? 0 : static_cast<size_t>(std::prev(it) - index_.begin());
 }
 
@@ -177,9 +190,17 @@ uint64_t SstReader::IndexSearch(const std::string& target) const {
   if (target.empty()) return 0;
   // The last indexed key not greater than the target: the record sought
   // lies in the interval that starts there.
-  auto it = std::upper_bound(index_.begin(), index_.end(), target,
-                             [](const std::string& t, const auto& entry) { return t < entry.first; });
-  return it == index_.begin() ? 0 : std::prev(it)->second;
+  size_t lo = 0;
+  size_t hi = index_.size();
+  while (lo < hi) {
+    const size_t mid = lo + (hi - lo) / 2;
+    if (std::string_view(target) < IndexKey(mid)) {
+      hi = mid;
+    } else {
+      lo = mid + 1;
+    }
+  }
+  return lo == 0 ? 0 : index_[lo - 1].offset;
 }
 
 std::unique_ptr<SstIterator> SstReader::NewIterator(size_t buffer_size) const {
@@ -195,8 +216,8 @@ Status SstReader::Get(const std::string& key, bool* found, uint8_t* op, std::str
   const uint64_t start = IndexSearch(key);
   uint64_t stop = data_end_;
   auto next = std::upper_bound(index_.begin(), index_.end(), start,
-                               [](uint64_t offset, const auto& entry) { return offset < entry.second; });
-  if (next != index_.end() && next->second < stop) stop = next->second;
+                               [](uint64_t offset, const IndexEntry& entry) { return offset < entry.offset; });
+  if (next != index_.end() && next->offset < stop) stop = next->offset;
   const size_t stretch = stop > start ? static_cast<size_t>(std::min<uint64_t>(stop - start, kMaxLookupRead))
                                       : kTableRecordHeaderSize;
 

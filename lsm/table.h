@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -110,7 +111,8 @@ class SstReader : public std::enable_shared_from_this<SstReader> {
     uint64_t checksum_size = 0;
   };
   const Layout& layout() const { return layout_; }
-  const std::vector<std::pair<std::string, uint64_t>>& index() const { return index_; }
+  // A copy, made on each call.
+  std::vector<std::pair<std::string, uint64_t>> index() const;
   bool FilterMayContain(const std::string& key) const { return filter_.MayContain(key); }
 
  private:
@@ -128,8 +130,12 @@ class SstReader : public std::enable_shared_from_this<SstReader> {
   // Runs of a checked table: run r holds the records from index_[r] up to
   // the next run or the end of the data region.
   size_t run_count() const { return run_crcs_.size(); }
-  uint64_t RunStart(size_t run) const { return index_[run].second; }
-  uint64_t RunEnd(size_t run) const { return run + 1 < index_.size() ? index_[run + 1].second : data_end_; }
+  uint64_t RunStart(size_t run) const { return index_[run].offset; }
+  uint64_t RunEnd(size_t run) const { return run + 1 < index_.size() ? index_[run + 1].offset : data_end_; }
+  std::string_view IndexKey(size_t i) const {
+    const uint64_t begin = i == 0 ? 0 : index_[i - 1].key_end;
+    return std::string_view(index_keys_.data() + begin, index_[i].key_end - begin);
+  }
   // The run holding the byte at `offset` (which lies in the data region).
   size_t RunOf(uint64_t offset) const;
   // Checks the bytes of run `run`, held at `data`.
@@ -138,7 +144,15 @@ class SstReader : public std::enable_shared_from_this<SstReader> {
   FileIo* const io_;
   const std::string path_;
   const int fd_;
-  std::vector<std::pair<std::string, uint64_t>> index_;
+  // The sparse index, kept compact since every table's stays in memory: the
+  // indexed keys back to back in index_keys_, and for each entry where its
+  // key ends there and the file offset of its record.
+  struct IndexEntry {
+    uint64_t key_end;
+    uint64_t offset;
+  };
+  std::string index_keys_;
+  std::vector<IndexEntry> index_;
   crypto::BloomFilterView filter_;
   Layout layout_;
   uint64_t data_end_ = 0;
