@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -122,7 +123,7 @@ Status LsmDb::FlushOldestMemTable() {
   std::unique_ptr<TableBuilder> builder;
   Status s = TableBuilder::Open(io_, path, mem->EntryCount(), &builder);
   if (s.ok()) {
-    s = mem->ForEach([&builder](uint8_t op, const std::string& key, const std::string& value) {
+    s = mem->ForEach([&builder](uint8_t op, std::string_view key, std::string_view value) {
       return builder->Add(op, key, value);
     });
   }
@@ -161,7 +162,10 @@ namespace {
 // the merge covers every table file and every memtable is newer than every
 // table. Every run of a checked table is checked as it is read, so a
 // damaged table fails the merge instead of being copied into the output.
-Status MergeTables(const std::vector<std::shared_ptr<SstReader>>& tables, TableBuilder* out) {
+// `between_steps` runs after every kMergeStepKeys keys.
+constexpr uint64_t kMergeStepKeys = 4096;
+Status MergeTables(const std::vector<std::shared_ptr<SstReader>>& tables, TableBuilder* out,
+                   const std::function<void()>& between_steps) {
   std::vector<std::unique_ptr<SstIterator>> iters;
   iters.reserve(tables.size());
   for (const std::shared_ptr<SstReader>& table : tables) {
@@ -172,7 +176,8 @@ Status MergeTables(const std::vector<std::shared_ptr<SstReader>>& tables, TableB
   }
 
   std::string key;
-  for (;;) {
+  for (uint64_t merged = 1;; ++merged) {
+    if (merged % kMergeStepKeys == 0) between_steps();
     // Smallest key first; on a tie the newest table (earliest in the list)
     // wins because the comparison is strict.
     SstIterator* winner = nullptr;
@@ -216,7 +221,26 @@ Status LsmDb::CompactAllTables() {
   const std::string path = TableFileName(dir_, number);
   std::unique_ptr<TableBuilder> builder;
   Status s = TableBuilder::Open(io_, path, TableBuilder::kUnknownCount, &builder);
-  if (s.ok()) s = MergeTables(inputs, builder.get());
+  // Writers never wait for the background thread, so every memtable they
+  // fill during a long merge would stay in memory until it ends, and a
+  // merge takes longer the more data there is. Full memtables are flushed
+  // between merge steps instead: such a table is newer than every input and
+  // keeps its place in front of the merged one. A failed flush is reported
+  // and left to the loop's retry once the merge is done.
+  bool flushes_failing = false;
+  auto flush_waiting = [this, &flushes_failing] {
+    if (flushes_failing) return;
+    {
+      MutexLock lock(&db_mutex_);
+      if (imm_.empty() || stop_) return;
+    }
+    Status flushed = FlushOldestMemTable();
+    if (!flushed.ok()) {
+      flushes_failing = true;
+      ReportFault("storage", "flush during compaction failed: " + flushed.ToString());
+    }
+  };
+  if (s.ok()) s = MergeTables(inputs, builder.get(), flush_waiting);
   if (s.ok()) s = builder->Finish();
   builder.reset();
   std::shared_ptr<SstReader> reader;

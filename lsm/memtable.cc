@@ -1,54 +1,95 @@
 #include "lsm/memtable.h"
 
+#include <cstring>
+
+#include "common/coding.h"
+
 namespace kandb::lsm {
 
 namespace {
 
 // Fixed per-entry overhead counted by the size estimate.
 constexpr uint64_t kEntryOverhead = 32;
+// Arena blocks; a record over a quarter of this gets a block of its own,
+// so that at most a quarter of a block is left unused when one fills.
+constexpr size_t kArenaBlock = 1 << 20;
+constexpr size_t kRecordHeader = 9;  // op, key_length, value_length
 
 }  // namespace
+
+std::string_view MemTable::KeyOf(const char* record) {
+  return std::string_view(record + 5, DecodeFixed32(record + 1));
+}
+
+std::string_view MemTable::ValueOf(const char* record) {
+  const uint32_t key_length = DecodeFixed32(record + 1);
+  return std::string_view(record + kRecordHeader + key_length, DecodeFixed32(record + 5 + key_length));
+}
+
+const char* MemTable::Store(const Entry& e) {
+  const size_t size = kRecordHeader + e.key.size() + e.value.size();
+  char* record;
+  if (size > kArenaBlock / 4) {
+    blocks_.push_back(std::make_unique<char[]>(size));
+    record = blocks_.back().get();
+  } else {
+    if (size > block_left_) {
+      blocks_.push_back(std::make_unique<char[]>(kArenaBlock));
+      block_next_ = blocks_.back().get();
+      block_left_ = kArenaBlock;
+    }
+    record = block_next_;
+    block_next_ += size;
+    block_left_ -= size;
+  }
+  record[0] = static_cast<char>(e.op);
+  EncodeFixed32(record + 1, static_cast<uint32_t>(e.key.size()));
+  std::memcpy(record + 5, e.key.data(), e.key.size());
+  EncodeFixed32(record + 5 + e.key.size(), static_cast<uint32_t>(e.value.size()));
+  std::memcpy(record + kRecordHeader + e.key.size(), e.value.data(), e.value.size());
+  return record;
+}
 
 void MemTable::Apply(const WriteBatch& batch) {
   WriterLock lock(&mu_);
   for (const Entry& e : batch) {
     approximate_bytes_ += kEntryOverhead + e.key.size() + e.value.size();
-    auto it = table_.lower_bound(e.key);
-    if (it != table_.end() && it->first == e.key) {
-      it->second.first = e.op;
-      it->second.second = e.value;
+    const char* record = Store(e);
+    auto it = table_.lower_bound(std::string_view(e.key));
+    if (it != table_.end() && KeyOf(it->record) == e.key) {
+      it->record = record;
     } else {
-      table_.emplace_hint(it, e.key, std::make_pair(e.op, e.value));
+      table_.insert(it, Slot{record});
     }
   }
 }
 
 bool MemTable::Lookup(const std::string& key, uint8_t* op, std::string* value) const {
   ReaderLock lock(&mu_);
-  auto it = table_.find(key);
+  auto it = table_.find(std::string_view(key));
   if (it == table_.end()) return false;
-  *op = it->second.first;
-  *value = it->second.second;
+  *op = static_cast<uint8_t>(it->record[0]);
+  *value = ValueOf(it->record);
   return true;
 }
 
 std::vector<Entry> MemTable::Dump(const std::string& start, const std::string& end, size_t limit) const {
   std::vector<Entry> out;
   ReaderLock lock(&mu_);
-  auto it = start.empty() ? table_.begin() : table_.lower_bound(start);
+  auto it = start.empty() ? table_.begin() : table_.lower_bound(std::string_view(start));
   for (; it != table_.end(); ++it) {
-    if (!end.empty() && it->first >= end) break;
+    const std::string_view key = KeyOf(it->record);
+    if (!end.empty() && key >= end) break;
     if (limit != 0 && out.size() >= limit) break;
-    out.push_back(Entry{it->second.first, it->first, it->second.second});
+    out.push_back(Entry{static_cast<uint8_t>(it->record[0]), std::string(key), std::string(ValueOf(it->record))});
   }
   return out;
 }
 
-Status MemTable::ForEach(
-    const std::function<Status(uint8_t op, const std::string& key, const std::string& value)>& fn) const {
+Status MemTable::ForEach(const std::function<Status(uint8_t op, std::string_view key, std::string_view value)>& fn) const {
   ReaderLock lock(&mu_);
-  for (const auto& [key, stored] : table_) {
-    Status s = fn(stored.first, key, stored.second);
+  for (const Slot& slot : table_) {
+    Status s = fn(static_cast<uint8_t>(slot.record[0]), KeyOf(slot.record), ValueOf(slot.record));
     if (!s.ok()) return s;
   }
   return Status::OK();

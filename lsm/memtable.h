@@ -9,8 +9,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
+#include <memory>
+#include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -46,8 +48,8 @@ class MemTable {
   // markers included, under the shared lock; stops at the first failure
   // and returns it. Copies nothing: the flush streams an immutable memtable
   // to its table file this way. fn must not call back into this memtable.
-  Status ForEach(const std::function<Status(uint8_t op, const std::string& key, const std::string& value)>& fn)
-      const EXCLUDES(mu_);
+  Status ForEach(const std::function<Status(uint8_t op, std::string_view key, std::string_view value)>& fn) const
+      EXCLUDES(mu_);
   size_t EntryCount() const EXCLUDES(mu_);
 
   // Grow-only size estimate compared with the write buffer size.
@@ -66,8 +68,34 @@ class MemTable {
   // engine's db mutex appends; the lock makes the later read by the
   // background thread safe without reasoning about that hand-over.
   std::vector<std::string> wal_files_ GUARDED_BY(mu_);
-  // Key -> (op, value); std::string orders bytewise, as the engine requires.
-  std::map<std::string, std::pair<uint8_t, std::string>> table_ GUARDED_BY(mu_);
+  // An entry is one record in the arena, laid out as in a table file: op
+  // (u8), key_length (u32), key, value_length (u32), value. One allocation
+  // per entry, and none for most, keeps a full memtable's real size close
+  // to the size estimate, which is what bounds the engine's memory.
+  struct Slot {
+    // Replaced in place by a newer version of the same key, which leaves
+    // the set's order as it is.
+    mutable const char* record;
+  };
+  // Orders slots by key, bytewise (std::string_view compares as unsigned
+  // chars, as the engine requires); lookups go by key without a copy.
+  struct SlotLess {
+    using is_transparent = void;
+    bool operator()(Slot a, Slot b) const { return KeyOf(a.record) < KeyOf(b.record); }
+    bool operator()(Slot a, std::string_view b) const { return KeyOf(a.record) < b; }
+    bool operator()(std::string_view a, Slot b) const { return a < KeyOf(b.record); }
+  };
+  static std::string_view KeyOf(const char* record);
+  static std::string_view ValueOf(const char* record);
+  // Copies `e` into the arena as a record.
+  const char* Store(const Entry& e) REQUIRES(mu_);
+
+  std::set<Slot, SlotLess> table_ GUARDED_BY(mu_);
+  // The arena: records are never freed before the memtable is. An
+  // overwritten version stays, as its size stays in the estimate.
+  std::vector<std::unique_ptr<char[]>> blocks_ GUARDED_BY(mu_);
+  char* block_next_ GUARDED_BY(mu_) = nullptr;
+  size_t block_left_ GUARDED_BY(mu_) = 0;
   // Never decreases: overwrites and deletions add their size too, so a
   // memtable that keeps rewriting one key still fills up and is switched.
   uint64_t approximate_bytes_ GUARDED_BY(mu_) = 0;

@@ -54,7 +54,7 @@ Status TableBuilder::FlushBuffer() {
   return Status::OK();
 }
 
-Status TableBuilder::Add(uint8_t op, const std::string& key, const std::string& value) {
+Status TableBuilder::Add(uint8_t op, std::string_view key, std::string_view value) {
   if (!status_.ok()) return status_;
   const uint64_t offset = file_size();
   if (entries_ % kTableIndexInterval == 0) {
@@ -72,7 +72,7 @@ Status TableBuilder::Add(uint8_t op, const std::string& key, const std::string& 
   PutFixed32(&buffer_, static_cast<uint32_t>(value.size()));
   buffer_.append(value);
   run_crc_ = crypto::Crc32cExtend(run_crc_, buffer_.data() + at, buffer_.size() - at);
-  if (filter_) filter_->Add(key);
+  if (filter_) filter_->Add(key.data(), key.size());
   ++entries_;
   if (buffer_.size() >= kTableWriteBuffer) status_ = FlushBuffer();
   return status_;

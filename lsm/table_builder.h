@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/status.h"
@@ -44,7 +45,7 @@ class TableBuilder {
   // Appends one record; keys must come in strictly ascending order (not
   // checked).
   // Failure: "sst write: " + strerror (the builder is then only abandoned).
-  Status Add(uint8_t op, const std::string& key, const std::string& value);
+  Status Add(uint8_t op, std::string_view key, std::string_view value);
 
   // Writes the index, filter, checksum block, trailer and footer, fsyncs,
   // closes, renames the temporary file to `path` and syncs the directory,
