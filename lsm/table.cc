@@ -75,43 +75,41 @@ Status SstReader::Open(FileIo* io, const std::string& path, std::shared_ptr<SstR
     return Status::Corruption("sst: unexpected EOF");
   }
 
-  std::string index(index_size, '\0');
-  s = reader->ReadAt(index_offset, index.size(), index.data());
-  if (!s.ok()) return s;
-  std::string filter(filter_size, '\0');
-  s = reader->ReadAt(filter_offset, filter.size(), filter.data());
-  if (!s.ok()) return s;
   reader->data_end_ = index_offset;
   reader->entry_count_ = DecodeFixed64(footer + kFooterEntryCount);
   reader->layout_ = SstReader::Layout{file_size, index_offset, index_size, filter_offset, filter_size, 0, 0};
 
   // Bytes between the last block and the footer can only be a checksum
-  // block. It is checked before the index is parsed, so that a damaged
-  // index is reported as damage rather than as whatever it now decodes to.
+  // block. It is loaded first, so that the index and the filter are checked
+  // before they are used: a damaged index is reported as damage rather than
+  // as whatever it now decodes to.
   const uint64_t footer_start = file_size - kTableFooterSize;
   const uint64_t blocks_end = std::max(index_offset + index_size, filter_offset + filter_size);
+  uint32_t index_crc = 0;
+  uint32_t filter_crc = 0;
   if (blocks_end < footer_start) {
-    s = reader->LoadChecksums(footer_start, index, filter);
+    s = reader->LoadChecksums(footer_start, &index_crc, &filter_crc);
     if (!s.ok()) return s;
   }
 
-  size_t pos = 0;
-  // Reserved from what the block can hold, and trimmed once parsed, so
-  // that growth by doubling leaves no slack in what stays in memory.
-  reader->index_keys_.reserve(index.size());
-  reader->index_.reserve(std::min<uint64_t>(index.size() / 12, (reader->entry_count_ + 15) / 16));
-  while (pos < index.size()) {
-    const size_t left = index.size() - pos;
-    if (left < 4) return Status::Corruption("sst index truncated");
-    const uint32_t key_length = DecodeFixed32(index.data() + pos);
-    if (left < static_cast<uint64_t>(key_length) + 12) return Status::Corruption("sst index truncated");
-    reader->index_keys_.append(index.data() + pos + 4, key_length);
-    const uint64_t offset = DecodeFixed64(index.data() + pos + 4 + key_length);
-    reader->index_.push_back(IndexEntry{reader->index_keys_.size(), offset});
-    pos += 12 + key_length;
+  // Each block is read, checked and parsed in turn, so that no more than
+  // one raw block is held beside what stays in memory.
+  {
+    std::string index(index_size, '\0');
+    s = reader->ReadAt(index_offset, index.size(), index.data());
+    if (!s.ok()) return s;
+    if (reader->has_checksums_ && crypto::Crc32c(index.data(), index.size()) != index_crc) {
+      return Status::Corruption("sst index checksum mismatch: " + path);
+    }
+    s = reader->ParseIndex(index);
+    if (!s.ok()) return s;
   }
-  reader->index_keys_.shrink_to_fit();
-  reader->index_.shrink_to_fit();
+  std::string filter(filter_size, '\0');
+  s = reader->ReadAt(filter_offset, filter.size(), filter.data());
+  if (!s.ok()) return s;
+  if (reader->has_checksums_ && crypto::Crc32c(filter.data(), filter.size()) != filter_crc) {
+    return Status::Corruption("sst filter checksum mismatch: " + path);
+  }
   reader->filter_ = crypto::BloomFilterView(std::move(filter));
 
   if (reader->has_checksums_) {
@@ -129,7 +127,31 @@ Status SstReader::Open(FileIo* io, const std::string& path, std::shared_ptr<SstR
   return Status::OK();
 }
 
-Status SstReader::LoadChecksums(uint64_t footer_start, const std::string& index, const std::string& filter) {
+Status SstReader::ParseIndex(const std::string& index) {
+  // Two passes: the first checks the entries and counts them, so that what
+  // stays in memory is allocated once at its exact size.
+  size_t entries = 0;
+  size_t key_bytes = 0;
+  for (size_t pos = 0; pos < index.size(); ++entries) {
+    const size_t left = index.size() - pos;
+    if (left < 4) return Status::Corruption("sst index truncated");
+    const uint32_t key_length = DecodeFixed32(index.data() + pos);
+    if (left < static_cast<uint64_t>(key_length) + 12) return Status::Corruption("sst index truncated");
+    key_bytes += key_length;
+    pos += 12 + key_length;
+  }
+  index_keys_.reserve(key_bytes);
+  index_.reserve(entries);
+  for (size_t pos = 0; pos < index.size();) {
+    const uint32_t key_length = DecodeFixed32(index.data() + pos);
+    index_keys_.append(index.data() + pos + 4, key_length);
+    index_.push_back(IndexEntry{index_keys_.size(), DecodeFixed64(index.data() + pos + 4 + key_length)});
+    pos += 12 + key_length;
+  }
+  return Status::OK();
+}
+
+Status SstReader::LoadChecksums(uint64_t footer_start, uint32_t* index_crc, uint32_t* filter_crc) {
   const uint64_t blocks_end =
       std::max(layout_.index_offset + layout_.index_size, layout_.filter_offset + layout_.filter_size);
   const uint64_t gap = footer_start - blocks_end;
@@ -151,12 +173,8 @@ Status SstReader::LoadChecksums(uint64_t footer_start, const std::string& index,
   if (block_crc != DecodeFixed32(trailer + kTrailerCrc)) {
     return Status::Corruption("sst checksum block mismatch: " + path_);
   }
-  if (crypto::Crc32c(index.data(), index.size()) != DecodeFixed32(trailer + kTrailerIndexCrc)) {
-    return Status::Corruption("sst index checksum mismatch: " + path_);
-  }
-  if (crypto::Crc32c(filter.data(), filter.size()) != DecodeFixed32(trailer + kTrailerFilterCrc)) {
-    return Status::Corruption("sst filter checksum mismatch: " + path_);
-  }
+  *index_crc = DecodeFixed32(trailer + kTrailerIndexCrc);
+  *filter_crc = DecodeFixed32(trailer + kTrailerFilterCrc);
   run_crcs_.resize(runs);
   for (uint64_t i = 0; i < runs; ++i) run_crcs_[i] = DecodeFixed32(block.data() + 4 * i);
   has_checksums_ = true;
@@ -186,10 +204,7 @@ Status SstReader::CheckRun(size_t run, const char* data) const {
   return Status::OK();
 }
 
-uint64_t SstReader::IndexSearch(const std::string& target) const {
-  if (target.empty()) return 0;
-  // The last indexed key not greater than the target: the record sought
-  // lies in the interval that starts there.
+size_t SstReader::IndexSlot(const std::string& target) const {
   size_t lo = 0;
   size_t hi = index_.size();
   while (lo < hi) {
@@ -200,7 +215,15 @@ uint64_t SstReader::IndexSearch(const std::string& target) const {
       lo = mid + 1;
     }
   }
-  return lo == 0 ? 0 : index_[lo - 1].offset;
+  return lo;
+}
+
+uint64_t SstReader::IndexSearch(const std::string& target) const {
+  if (target.empty()) return 0;
+  // The last indexed key not greater than the target: the record sought
+  // lies in the interval that starts there.
+  const size_t slot = IndexSlot(target);
+  return slot == 0 ? 0 : index_[slot - 1].offset;
 }
 
 std::unique_ptr<SstIterator> SstReader::NewIterator(size_t buffer_size) const {
@@ -210,6 +233,7 @@ std::unique_ptr<SstIterator> SstReader::NewIterator(size_t buffer_size) const {
 Status SstReader::Get(const std::string& key, bool* found, uint8_t* op, std::string* value) const {
   *found = false;
   if (!filter_.MayContain(key)) return Status::OK();
+  if (has_checksums_) return GetFromRun(key, found, op, value);
 
   // Size the read to the index interval holding the key, so that a lookup
   // costs one pread in the usual case.
@@ -232,17 +256,68 @@ Status SstReader::Get(const std::string& key, bool* found, uint8_t* op, std::str
   return Status::OK();
 }
 
+Status SstReader::GetFromRun(const std::string& key, bool* found, uint8_t* op, std::string* value) const {
+  // The run the index names for the key is read whole and checked, then
+  // searched in place: the records passed over are never copied out.
+  const size_t slot = IndexSlot(key);
+  if (slot == 0) return Status::OK();  // below the first key
+  const size_t run = slot - 1;
+  const uint64_t start = RunStart(run);
+  const size_t size = static_cast<size_t>(RunEnd(run) - start);
+  std::string buffer(size, '\0');
+  Status s = ReadAt(start, size, buffer.data());
+  if (!s.ok()) return s;
+  s = CheckRun(run, buffer.data());
+  if (!s.ok()) return s;
+  for (size_t pos = 0; pos < size;) {
+    const char* p = buffer.data() + pos;
+    const size_t left = size - pos;
+    if (left < 5) return Status::Corruption("sst record truncated");
+    const uint8_t record_op = static_cast<uint8_t>(p[0]);
+    if (record_op != kOpPut && record_op != kOpDelete) return Status::Corruption("sst bad record op");
+    const uint64_t key_length = DecodeFixed32(p + 1);
+    if (left < kTableRecordHeaderSize + key_length) return Status::Corruption("sst record truncated");
+    const uint64_t value_length = DecodeFixed32(p + 5 + key_length);
+    if (left - kTableRecordHeaderSize - key_length < value_length) return Status::Corruption("sst record truncated");
+    const int order = std::string_view(p + 5, key_length).compare(key);
+    if (order > 0) return Status::OK();
+    if (order == 0) {
+      *found = true;
+      *op = record_op;
+      value->assign(p + kTableRecordHeaderSize + key_length, value_length);
+      return Status::OK();
+    }
+    pos += kTableRecordHeaderSize + key_length + value_length;
+  }
+  return Status::OK();
+}
+
 SstIterator::SstIterator(std::shared_ptr<const SstReader> reader, size_t buffer_size)
-    : reader_(std::move(reader)), buffer_size_(buffer_size) {}
+    : reader_(std::move(reader)), buffer_size_(buffer_size), read_ahead_(buffer_size) {}
+
+void SstIterator::GrowReadAhead(uint64_t offset) {
+  // A read that starts where the buffer ended continues a walk: read twice
+  // as far next time, so a long scan makes few large reads while a short
+  // one reads no more than it was given.
+  if (buffered_ != 0 && offset == buffer_offset_ + buffered_) {
+    read_ahead_ = std::min(std::max(read_ahead_ * 2, buffer_size_), std::max(buffer_size_, kMaxReadAhead));
+  } else {
+    read_ahead_ = buffer_size_;
+  }
+}
 
 Status SstIterator::Fill(uint64_t offset, size_t n) {
-  const bool buffered = offset >= buffer_offset_ && offset + n <= buffer_offset_ + buffered_;
-  if (buffered && !reader_->has_checksums_) return Status::OK();
+  // In a checked table, bytes below checked_end_ were checked when they
+  // were buffered; anything else goes through FillRuns.
+  if (offset >= buffer_offset_ && offset + n <= (reader_->has_checksums_ ? checked_end_ : buffer_offset_ + buffered_)) {
+    return Status::OK();
+  }
   const uint64_t data_end = reader_->data_end_;
   if (offset > data_end || n > data_end - offset) return Status::Corruption("sst record truncated");
   if (reader_->has_checksums_) return FillRuns(offset, n);
   // Read ahead up to the buffer size, never past the data region.
-  const size_t length = static_cast<size_t>(std::max<uint64_t>(n, std::min<uint64_t>(buffer_size_, data_end - offset)));
+  GrowReadAhead(offset);
+  const size_t length = static_cast<size_t>(std::max<uint64_t>(n, std::min<uint64_t>(read_ahead_, data_end - offset)));
   if (buffer_.size() < length) buffer_.resize(length);
   buffered_ = 0;
   Status s = reader_->ReadAt(offset, length, buffer_.data());
@@ -260,11 +335,13 @@ Status SstIterator::FillRuns(uint64_t offset, size_t n) {
     // bytes lie in, then as many following ones as the buffer size allows.
     const size_t first = r.RunOf(offset);
     size_t end = r.RunOf(last) + 1;
-    while (end < r.run_count() && r.RunEnd(end) - r.RunStart(first) <= buffer_size_) ++end;
+    GrowReadAhead(r.RunStart(first));
+    while (end < r.run_count() && r.RunEnd(end) - r.RunStart(first) <= read_ahead_) ++end;
     const uint64_t start = r.RunStart(first);
     const size_t length = static_cast<size_t>(r.RunEnd(end - 1) - start);
     if (buffer_.size() < length) buffer_.resize(length);
     buffered_ = 0;
+    checked_end_ = 0;
     Status s = r.ReadAt(start, length, buffer_.data());
     if (!s.ok()) return s;
     buffer_offset_ = start;
@@ -277,6 +354,7 @@ Status SstIterator::FillRuns(uint64_t offset, size_t n) {
   while (checked_end_run_ < end_run_ && r.RunStart(checked_end_run_) <= last) {
     Status s = r.CheckRun(checked_end_run_, buffer_.data() + (r.RunStart(checked_end_run_) - buffer_offset_));
     if (!s.ok()) return s;
+    checked_end_ = r.RunEnd(checked_end_run_);
     ++checked_end_run_;
   }
   return Status::OK();

@@ -86,8 +86,9 @@ class SstReader : public std::enable_shared_from_this<SstReader> {
   // " at offset " + the run's offset.
   Status Get(const std::string& key, bool* found, uint8_t* op, std::string* value) const;
 
-  // A new iterator, not yet positioned (call Seek). `buffer_size` bounds
-  // each positioned read of the iterator.
+  // A new iterator, not yet positioned (call Seek). Each positioned read of
+  // the iterator reads ahead `buffer_size` bytes, twice as many on each
+  // refill of a sequential walk, up to 64 KiB (or `buffer_size` if larger).
   std::unique_ptr<SstIterator> NewIterator(size_t buffer_size = 4096) const;
 
   uint64_t entry_count() const { return entry_count_; }
@@ -119,13 +120,19 @@ class SstReader : public std::enable_shared_from_this<SstReader> {
   friend class SstIterator;
   SstReader(FileIo* io, std::string path, int fd);
 
+  // The number of index entries whose key is not greater than `target`.
+  size_t IndexSlot(const std::string& target) const;
   // Offset of the record to start a seek for `target` from.
   uint64_t IndexSearch(const std::string& target) const;
+  // Get in a checked table.
+  Status GetFromRun(const std::string& key, bool* found, uint8_t* op, std::string* value) const;
   // Reads exactly n bytes at offset: "sst: unexpected EOF", "sst pread: " + strerror.
   Status ReadAt(uint64_t offset, size_t n, char* dst) const;
-  // Loads and checks the checksum block that lies in [block_end - its size
-  // - trailer, block_end); called once the index and filter are loaded.
-  Status LoadChecksums(uint64_t block_end, const std::string& index, const std::string& filter);
+  // Loads and checks the checksum block and trailer that end at
+  // `footer_start`, and hands out the checksums of the index and filter.
+  Status LoadChecksums(uint64_t footer_start, uint32_t* index_crc, uint32_t* filter_crc);
+  // Parses the index block into index_keys_ and index_.
+  Status ParseIndex(const std::string& index);
 
   // Runs of a checked table: run r holds the records from index_[r] up to
   // the next run or the end of the data region.
@@ -193,7 +200,12 @@ class SstIterator {
   Status FillRuns(uint64_t offset, size_t n);
 
   std::shared_ptr<const SstReader> reader_;
+  // Sequential refills double the read-ahead from buffer_size_ up to this.
+  static constexpr size_t kMaxReadAhead = 65536;
+  void GrowReadAhead(uint64_t offset);
+
   const size_t buffer_size_;
+  size_t read_ahead_;
   std::string buffer_;
   uint64_t buffer_offset_ = 0;  // file offset of buffer_[0]
   size_t buffered_ = 0;          // bytes of buffer_ that hold file data
@@ -201,6 +213,7 @@ class SstIterator {
   // checked_end_run_ have been checked.
   size_t end_run_ = 0;
   size_t checked_end_run_ = 0;
+  uint64_t checked_end_ = 0;  // file offset where the checked runs end
   uint64_t next_offset_ = 0;
   uint64_t record_offset_ = 0;
   bool valid_ = false;
