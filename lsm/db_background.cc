@@ -240,7 +240,10 @@ Status LsmDb::CompactAllTables() {
       ReportFault("storage", "flush during compaction failed: " + flushed.ToString());
     }
   };
-  if (s.ok()) s = MergeTables(inputs, builder.get(), flush_waiting);
+  if (s.ok()) {
+    builder->set_between_steps(flush_waiting);
+    s = MergeTables(inputs, builder.get(), flush_waiting);
+  }
   if (s.ok()) s = builder->Finish();
   builder.reset();
   std::shared_ptr<SstReader> reader;

@@ -51,6 +51,14 @@ Status TableBuilder::FlushBuffer() {
   if (!s.ok()) return s;
   written_ += buffer_.size();
   buffer_.clear();
+  if (written_ - synced_ >= kTableSyncInterval) {
+    // Syncing as it goes keeps the dirty pages of a large table from piling
+    // up for the final fsync, which would hold the caller for as long as
+    // the disk needs to write them all.
+    if (io_->Fdatasync(fd_) != 0) return Status::Corruption(std::string("sst fdatasync: ") + std::strerror(errno));
+    synced_ = written_;
+    if (between_steps_) between_steps_();
+  }
   return Status::OK();
 }
 
@@ -109,6 +117,7 @@ Status TableBuilder::FilterFromFile(std::string* serialised) {
     return Status::OK();
   };
   for (uint64_t i = 0; i < entries_; ++i) {
+    if (between_steps_ && i % kStepRecords == kStepRecords - 1) between_steps_();
     Status s = ensure(5);
     if (!s.ok()) return s;
     const size_t key_length = DecodeFixed32(window.data() + pos + 1);
@@ -124,6 +133,13 @@ Status TableBuilder::FilterFromFile(std::string* serialised) {
   return Status::OK();
 }
 
+Status TableBuilder::WriteBlock(std::string* block) {
+  Status s = WriteFully(io_, fd_, block->data(), block->size(), "sst write: ");
+  if (s.ok()) written_ += block->size();
+  std::string().swap(*block);  // written: its memory goes at once
+  return s;
+}
+
 Status TableBuilder::Finish() {
   if (!status_.ok()) return status_;
   if (entries_ > 0) run_crcs_.push_back(run_crc_);
@@ -136,49 +152,52 @@ Status TableBuilder::Finish() {
       s = FilterFromFile(&filter);
     }
   }
+  filter_.reset();
+
+  // The tail goes out block by block, each released once written, so that
+  // the index and the filter are never held twice.
+  const uint64_t index_offset = written_;
+  const uint64_t index_size = index_.size();
+  const uint64_t filter_size = filter.size();
+  char trailer[kTableChecksumTrailerSize];
+  EncodeFixed32(trailer + kTrailerIndexCrc, crypto::Crc32c(index_.data(), index_.size()));
+  EncodeFixed32(trailer + kTrailerFilterCrc, crypto::Crc32c(filter.data(), filter.size()));
+  EncodeFixed64(trailer + kTrailerRunCount, run_crcs_.size());
+  EncodeFixed64(trailer + kTrailerBlockSize, 4 * run_crcs_.size());
+  if (s.ok()) s = WriteBlock(&index_);
+  if (s.ok()) s = WriteBlock(&filter);
+  std::string block;
+  block.reserve(4 * run_crcs_.size() + sizeof(trailer) + kTableFooterSize);
+  for (uint32_t crc : run_crcs_) PutFixed32(&block, crc);
+  std::vector<uint32_t>().swap(run_crcs_);
+  EncodeFixed32(trailer + kTrailerCrc,
+                crypto::Crc32cExtend(crypto::Crc32c(block.data(), block.size()), trailer, kTrailerCrc));
+  EncodeFixed64(trailer + kTrailerMagic, kTableChecksumMagic);
+  block.append(trailer, sizeof(trailer));
+
+  char footer[kTableFooterSize];
+  EncodeFixed64(footer + kFooterIndexOffset, index_offset);
+  EncodeFixed64(footer + kFooterIndexSize, index_size);
+  EncodeFixed64(footer + kFooterFilterOffset, index_offset + index_size);
+  EncodeFixed64(footer + kFooterFilterSize, filter_size);
+  EncodeFixed64(footer + kFooterEntryCount, entries_);
+  EncodeFixed32(footer + kFooterCrc, crypto::Crc32c(footer, kFooterCrc));
+  EncodeFixed64(footer + kFooterMagic, kTableMagic);
+  block.append(footer, sizeof(footer));
+  if (s.ok()) s = WriteBlock(&block);
   if (!s.ok()) {
     status_ = s;
     Abandon();
     return s;
   }
-  filter_.reset();
-
-  const uint64_t index_offset = written_;
-  const uint64_t filter_offset = index_offset + index_.size();
-  std::string tail = std::move(index_);
-  tail.append(filter);
-  for (uint32_t crc : run_crcs_) PutFixed32(&tail, crc);
-
-  char trailer[kTableChecksumTrailerSize];
-  EncodeFixed32(trailer + kTrailerIndexCrc, crypto::Crc32c(tail.data(), filter_offset - index_offset));
-  EncodeFixed32(trailer + kTrailerFilterCrc, crypto::Crc32c(filter.data(), filter.size()));
-  EncodeFixed64(trailer + kTrailerRunCount, run_crcs_.size());
-  EncodeFixed64(trailer + kTrailerBlockSize, 4 * run_crcs_.size());
-  const size_t block_at = static_cast<size_t>(filter_offset - index_offset) + filter.size();
-  EncodeFixed32(trailer + kTrailerCrc, crypto::Crc32cExtend(crypto::Crc32c(tail.data() + block_at,
-                                                                           tail.size() - block_at),
-                                                            trailer, kTrailerCrc));
-  EncodeFixed64(trailer + kTrailerMagic, kTableChecksumMagic);
-  tail.append(trailer, sizeof(trailer));
-
-  char footer[kTableFooterSize];
-  EncodeFixed64(footer + kFooterIndexOffset, index_offset);
-  EncodeFixed64(footer + kFooterIndexSize, filter_offset - index_offset);
-  EncodeFixed64(footer + kFooterFilterOffset, filter_offset);
-  EncodeFixed64(footer + kFooterFilterSize, filter.size());
-  EncodeFixed64(footer + kFooterEntryCount, entries_);
-  EncodeFixed32(footer + kFooterCrc, crypto::Crc32c(footer, kFooterCrc));
-  EncodeFixed64(footer + kFooterMagic, kTableMagic);
-  tail.append(footer, sizeof(footer));
-  return Publish(tail);
+  return Publish();
 }
 
-Status TableBuilder::Publish(const std::string& tail) {
-  Status s = WriteFully(io_, fd_, tail.data(), tail.size(), "sst write: ");
-  if (s.ok()) written_ += tail.size();
+Status TableBuilder::Publish() {
+  Status s;
   // Synced before the rename, so that the name never points at a table
   // whose bytes a crash could still lose.
-  if (s.ok() && io_->Fsync(fd_) != 0) s = Status::Corruption("sst fsync failed");
+  if (io_->Fsync(fd_) != 0) s = Status::Corruption("sst fsync failed");
   const int fd = fd_;
   fd_ = -1;
   if (io_->Close(fd) != 0 && s.ok()) s = Status::Corruption(std::string("sst close: ") + std::strerror(errno));

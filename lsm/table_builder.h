@@ -8,10 +8,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "common/status.h"
@@ -23,6 +25,8 @@ namespace kandb::lsm {
 
 // Bytes gathered before each write to the temporary file.
 inline constexpr size_t kTableWriteBuffer = 262144;
+// The builder fdatasyncs what it wrote each time this much more is written.
+inline constexpr uint64_t kTableSyncInterval = 32ull << 20;
 
 class TableBuilder {
  public:
@@ -52,12 +56,18 @@ class TableBuilder {
   // so that a manifest written afterwards never names a table a crash could
   // lose. On failure the temporary file is removed; when only the directory
   // sync failed the table stays under its final name. Failures: "sst
-  // write: " + strerror, "sst read back: " + strerror, "sst fsync failed",
+  // write: " + strerror, "sst fdatasync: " + strerror (also from Add),
+  // "sst read back: " + strerror, "sst fsync failed",
   // "sst close: " + strerror, "sst rename failed", "dir sync ...".
   Status Finish();
 
   // Closes and removes the temporary file. Idempotent.
   void Abandon();
+
+  // Runs `fn` every so often during the builder's own long steps (reading
+  // the keys back, syncing as it goes), for work that must not wait for a
+  // large table to be finished: the engine flushes full memtables there.
+  void set_between_steps(std::function<void()> fn) { between_steps_ = std::move(fn); }
 
   uint64_t entries() const { return entries_; }
   // Bytes written to the file so far (all of it after Finish).
@@ -66,10 +76,16 @@ class TableBuilder {
  private:
   TableBuilder(FileIo* io, std::string path, std::string tmp, int fd, uint64_t expected_entries);
 
+  // Records between two calls of between_steps_ while reading keys back.
+  static constexpr uint64_t kStepRecords = 4096;
+
   Status FlushBuffer();
   // Builds the filter from the keys of the data region written so far.
   Status FilterFromFile(std::string* serialised);
-  Status Publish(const std::string& tail);
+  // Writes *block and releases its memory.
+  Status WriteBlock(std::string* block);
+  // fsync, close, rename, directory sync.
+  Status Publish();
 
   FileIo* const io_;
   const std::string path_;
@@ -80,6 +96,8 @@ class TableBuilder {
   std::optional<crypto::BloomFilter> filter_;
   std::string buffer_;
   uint64_t written_ = 0;  // bytes already handed to the file
+  uint64_t synced_ = 0;   // bytes covered by the last fdatasync
+  std::function<void()> between_steps_;
   uint64_t entries_ = 0;
   std::string index_;  // the encoded index block
   std::vector<uint32_t> run_crcs_;
