@@ -1,6 +1,9 @@
 #include "lsm/memtable.h"
 
+#include <sys/mman.h>
+
 #include <cstring>
+#include <new>
 
 #include "common/coding.h"
 
@@ -10,9 +13,15 @@ namespace {
 
 // Fixed per-entry overhead counted by the size estimate.
 constexpr uint64_t kEntryOverhead = 32;
-// Arena blocks; a record over a quarter of this gets a block of its own,
+// Arena blocks; anything over a quarter of this gets a block of its own,
 // so that at most a quarter of a block is left unused when one fills.
 constexpr size_t kArenaBlock = 1 << 20;
+
+char* MapBlock(size_t size) {
+  void* p = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (p == MAP_FAILED) throw std::bad_alloc();
+  return static_cast<char*>(p);
+}
 constexpr size_t kRecordHeader = 9;  // op, key_length, value_length
 
 }  // namespace
@@ -26,22 +35,30 @@ std::string_view MemTable::ValueOf(const char* record) {
   return std::string_view(record + kRecordHeader + key_length, DecodeFixed32(record + 5 + key_length));
 }
 
-const char* MemTable::Store(const Entry& e) {
-  const size_t size = kRecordHeader + e.key.size() + e.value.size();
-  char* record;
-  if (size > kArenaBlock / 4) {
-    blocks_.push_back(std::make_unique<char[]>(size));
-    record = blocks_.back().get();
-  } else {
-    if (size > block_left_) {
-      blocks_.push_back(std::make_unique<char[]>(kArenaBlock));
-      block_next_ = blocks_.back().get();
-      block_left_ = kArenaBlock;
+MemTable::Arena::~Arena() {
+  for (const auto& [block, size] : blocks_) ::munmap(block, size);
+}
+
+char* MemTable::Arena::Allocate(size_t n, size_t align) {
+  const size_t pad = (align - reinterpret_cast<uintptr_t>(next_) % align) % align;
+  if (n + pad > left_) {
+    if (n > kArenaBlock / 4) {
+      blocks_.emplace_back(MapBlock(n), n);
+      return blocks_.back().first;
     }
-    record = block_next_;
-    block_next_ += size;
-    block_left_ -= size;
+    blocks_.emplace_back(MapBlock(kArenaBlock), kArenaBlock);
+    next_ = blocks_.back().first;
+    left_ = kArenaBlock;
+    return Allocate(n, align);
   }
+  char* p = next_ + pad;
+  next_ += pad + n;
+  left_ -= pad + n;
+  return p;
+}
+
+const char* MemTable::Store(const Entry& e) {
+  char* record = arena_.Allocate(kRecordHeader + e.key.size() + e.value.size(), 1);
   record[0] = static_cast<char>(e.op);
   EncodeFixed32(record + 1, static_cast<uint32_t>(e.key.size()));
   std::memcpy(record + 5, e.key.data(), e.key.size());
