@@ -227,7 +227,6 @@ TEST_F(InspectTest, FlippedTableBytesAreFoundAtTheirOffset) {
       {good, value38, "at offset " + run1 + ": sst checksum mismatch: " + table + " at offset " + run1 + "\n"},
       {good, footer, "at offset " + std::to_string(footer) + ": sst footer crc mismatch\n"},
       {old, old.size(), ""},
-      {old, 0, "at offset 0: sst bad record op\n"},
       {old, key22 + 10, "at offset " + std::to_string(key22 - 5) +
                             ": key \"pd/region/02\" is not above the previous key \"pd/region/21\""},
   };
