@@ -24,7 +24,9 @@
 //
 // KANDB_TORTURE_CYCLES (default 10) sets the number of kills;
 // KANDB_TORTURE_MIB (default 80, 24 under sanitizers) the mean volume of
-// upserts acknowledged between two kills.
+// upserts acknowledged between two kills. A second run does the same on a
+// small file system that is filled at random moments
+// (KANDB_TORTURE_FULL_CYCLES kills, default 8).
 
 #include <algorithm>
 #include <atomic>
@@ -37,10 +39,14 @@
 #include <optional>
 #include <ostream>
 #include <random>
+#include <regex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -445,14 +451,26 @@ struct EngineFigures {
   }
 };
 
-TEST(CrashTortureTest, AcknowledgedStateSurvivesKillsAtRandomMoments) {
-  const int64_t cycles = testing::EnvInt("KANDB_TORTURE_CYCLES", 10);
-  const int64_t mean_mib = testing::EnvInt("KANDB_TORTURE_MIB", testing::kSanitizedBuild ? 24 : 80);
+// Every line a server wrote on standard error is a fault report: a UTC
+// timestamp, then the source.
+void ExpectOnlyFaultReports(const std::string& err) {
+  static const std::regex kReport("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z storage: .*");
+  std::istringstream lines(err);
+  std::string line;
+  while (std::getline(lines, line)) EXPECT_TRUE(std::regex_match(line, kReport)) << line;
+}
+
+// The torture itself. With `fill_disks`, the state lies on a small file
+// system and one cycle in two fills it at a random moment instead of
+// killing at once: the clients then meet write failures (and stop at the
+// first, which stays in flight), the server must stay up and keep reading,
+// and only after the space is freed is it killed and checked as always.
+void RunTorture(const std::string& state, const std::string& filler, int64_t cycles, int64_t mean_mib) {
+  const bool fill_disks = !filler.empty();
   const uint64_t seed = std::random_device()();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937_64 rng(seed);
-  const std::string dir = testing::MakeTempDir("kandb-torture");
-  const std::string state = dir + "/state";
+  int64_t disk_fills = 0;
 
   auto server = std::make_unique<MetaServer>();
   StartCleanly(server.get(), state);
@@ -487,6 +505,7 @@ TEST(CrashTortureTest, AcknowledgedStateSurvivesKillsAtRandomMoments) {
     const uint64_t budget = at_publication ? 3 * mean
                             : rng() % 5 == 0 ? rng() % (2 * kMiB)
                                              : mean / 2 + rng() % (mean + 1);
+    const bool fill_disk = fill_disks && rng() % 2 == 0;
     const std::set<std::string> old_temporary = testing::ListStateFiles(state).temporary;
     std::atomic<uint64_t> acknowledged{0};
     std::atomic<int> running{kWriters};
@@ -513,7 +532,27 @@ TEST(CrashTortureTest, AcknowledgedStateSurvivesKillsAtRandomMoments) {
     }
     if (!at_publication) std::this_thread::sleep_for(std::chrono::microseconds(rng() % 5000));
     EXPECT_EQ(running.load(), kWriters) << "a client failed before the kill";
-    EXPECT_EQ(server->child()->Stderr(), "");
+    if (fill_disk) {
+      // Every client stops at its first failed write; the server stays up,
+      // keeps reading, and says what failed.
+      ASSERT_GT(testing::FillFileSystem(filler), 0u);
+      const auto stop_deadline = std::chrono::steady_clock::now() + kMaxCycleTime;
+      while (running.load() > 0 && std::chrono::steady_clock::now() < stop_deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      EXPECT_EQ(running.load(), 0) << "a client kept writing on a full disk";
+      EXPECT_EQ(server->child()->Wait(0), -1) << "the server ended on a full disk";
+      pdpb::TsoResponse tso;
+      pdpb::GetRegionResponse root;
+      auto reader = server->NewClient();
+      EXPECT_TRUE(reader->Call("Pd.Tso", pdpb::TsoRequest{1}, &tso).ok());
+      EXPECT_TRUE(reader->Call("Pd.GetRegion", pdpb::GetRegionRequest{""}, &root).ok());
+      ExpectOnlyFaultReports(server->child()->Stderr());
+      ASSERT_EQ(unlink(filler.c_str()), 0);
+      disk_fills++;
+    } else {
+      EXPECT_EQ(server->child()->Stderr(), "");
+    }
     server->Kill();
     for (std::thread& t : threads) t.join();
     figures.acknowledged_bytes += acknowledged.load();
@@ -568,7 +607,8 @@ TEST(CrashTortureTest, AcknowledgedStateSurvivesKillsAtRandomMoments) {
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   std::printf(
-      "crash torture: %" PRId64 " kills in %.0f s; %.0f MiB of upserts acknowledged\n"
+      "crash torture%s: %" PRId64 " kills (%" PRId64 " after filling the disk) in %.0f s; %.0f MiB of upserts "
+      "acknowledged\n"
       "  %" PRIu64 " upserts and %" PRIu64 " removals acknowledged; %" PRIu64
       " routing checks after restarts, %" PRIu64 " lost\n"
       "  batches in flight at a kill: %" PRIu64 " found whole, %" PRIu64 " found absent, %" PRIu64
@@ -578,7 +618,8 @@ TEST(CrashTortureTest, AcknowledgedStateSurvivesKillsAtRandomMoments) {
       "  engine: %zu table files written, %" PRIu64
       " removed by compaction or clean-up, %d kills during a file publication, %zu temporary files"
       " left\n",
-      cycles, seconds, static_cast<double>(figures.acknowledged_bytes) / kMiB, figures.upserts,
+      fill_disks ? " with full disks" : "", cycles, disk_fills, seconds,
+      static_cast<double>(figures.acknowledged_bytes) / kMiB, figures.upserts,
       figures.removals, figures.routing_checks, figures.lost, figures.in_flight_applied,
       figures.in_flight_dropped, figures.torn_batches, figures.identifiers, ids.size(),
       figures.repeated_identifiers, figures.timestamp_batches, figures.registrations,
@@ -592,7 +633,23 @@ TEST(CrashTortureTest, AcknowledgedStateSurvivesKillsAtRandomMoments) {
   }
 
   server->Kill();
+}
+
+TEST(CrashTortureTest, AcknowledgedStateSurvivesKillsAtRandomMoments) {
+  const std::string dir = testing::MakeTempDir("kandb-torture");
+  RunTorture(dir + "/state", "", testing::EnvInt("KANDB_TORTURE_CYCLES", 10),
+             testing::EnvInt("KANDB_TORTURE_MIB", testing::kSanitizedBuild ? 24 : 80));
   testing::RemoveTree(dir);
+}
+
+// The same on a 320 MiB file system that fills up now and then. Mounting
+// needs root, which CI has; elsewhere the test is skipped.
+TEST(CrashTortureTest, AcknowledgedStateSurvivesKillsAndFullDisks) {
+  if (geteuid() != 0) GTEST_SKIP() << "mounting a tmpfs needs root";
+  testing::Tmpfs fs(320);
+  ASSERT_TRUE(fs.mounted()) << fs.error();
+  RunTorture(fs.path() + "/state", fs.path() + "/filler", testing::EnvInt("KANDB_TORTURE_FULL_CYCLES", 8),
+             testing::EnvInt("KANDB_TORTURE_MIB", testing::kSanitizedBuild ? 24 : 48));
 }
 
 }  // namespace

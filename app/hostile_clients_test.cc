@@ -16,6 +16,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -262,13 +263,19 @@ std::string RunHostileConnection(int port, std::mt19937_64* rng, uint64_t* answe
 }
 
 TEST(HostileClientsTest, WellBehavedClientsKeepGettingAnswersWithBoundedMemory) {
+  // The test's own client sockets need more descriptors than the common
+  // soft limit; the server is started with that common limit of 1024 all
+  // the same, and must raise its own.
   const int64_t needed_files =
       kBusyClients + kStalledAnnouncements + kIdleConnections + kHostileThreads + 256;
   ASSERT_GE(testing::RaiseOpenFileLimit(2 * needed_files), needed_files)
       << "the open-file limit is too low for this test";
+  struct rlimit limit;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
 
   const std::string dir = testing::MakeTempDir("kandb-hostile");
   MetaServer server;
+  server.set_open_file_limit(1024, limit.rlim_max);
   ASSERT_TRUE(server.Start(dir + "/state"));
   const pid_t pid = server.child()->pid();
   {
@@ -477,6 +484,40 @@ TEST(HostileClientsTest, WellBehavedClientsKeepGettingAnswersWithBoundedMemory) 
       drained.threads, per_thread_kib / 1024, per_stalled_kib / 1024,
       probe_calls, probe_failures, probe_slowest_ms);
 
+  server.Kill();
+  testing::RemoveTree(dir);
+}
+
+// A client can run the server out of descriptors: twice its limit in
+// connections at once. Accept then fails until descriptors free up; the
+// server must pause, say so, and serve again, never end.
+TEST(HostileClientsTest, RunningOutOfDescriptorsNeverEndsTheServer) {
+  constexpr int kLimit = 64;
+  const std::string dir = testing::MakeTempDir("kandb-descriptors");
+  MetaServer server;
+  server.set_open_file_limit(kLimit, kLimit);
+  ASSERT_TRUE(server.Start(dir + "/state"));
+  const std::string report = "accept: accept failed: Too many open files (retrying in ";
+  for (int round = 0; round < 2; round++) {
+    std::vector<std::unique_ptr<RawConnection>> flood;
+    for (int i = 0; i < 2 * kLimit; i++) {
+      flood.push_back(std::make_unique<RawConnection>());
+      ASSERT_TRUE(flood.back()->Connect(server.port()));
+    }
+    // Held open until the server has met the limit and said so.
+    const auto deadline = Clock::now() + std::chrono::seconds(60);
+    while (server.child()->Stderr().find(report) == std::string::npos && Clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_NE(server.child()->Stderr().find(report), std::string::npos) << server.child()->Stderr();
+    EXPECT_EQ(server.child()->Wait(0), -1) << "the server ended";
+    flood.clear();
+    pdpb::TsoResponse tso;
+    kanrpc::RpcClient client(server.target(), kanrpc::RpcClientOptions{kCallTimeoutMs, 20});
+    Status s = client.Call("Pd.Tso", pdpb::TsoRequest{1}, &tso);
+    EXPECT_TRUE(s.ok()) << s.ToString();
+    EXPECT_EQ(server.child()->Wait(0), -1) << "the server ended";
+  }
   server.Kill();
   testing::RemoveTree(dir);
 }

@@ -40,6 +40,7 @@ class MetaServer {
     for (int attempt = 0; attempt < 3; attempt++) {
       port_ = PickFreePort();
       child_ = std::make_unique<ChildProcess>();
+      if (nofile_soft_ > 0) child_->set_open_file_limit(nofile_soft_, nofile_hard_);
       std::vector<std::string> argv = {KANDB_META_BINARY, "--bind_addr=127.0.0.1",
                                        "--port=" + std::to_string(port_), "--data_dir=" + data_dir};
       argv.insert(argv.end(), flags.begin(), flags.end());
@@ -55,6 +56,12 @@ class MetaServer {
     }
     ADD_FAILURE() << "kandb-meta found no free port";
     return false;
+  }
+
+  // Starts the server with these limits on open files (soft, hard).
+  void set_open_file_limit(uint64_t soft, uint64_t hard) {
+    nofile_soft_ = soft;
+    nofile_hard_ = hard;
   }
 
   // SIGKILL, as an operator or a crash would end it, and reap it.
@@ -80,6 +87,8 @@ class MetaServer {
  private:
   int port_ = 0;
   std::unique_ptr<ChildProcess> child_;
+  uint64_t nofile_soft_ = 0;
+  uint64_t nofile_hard_ = 0;
 };
 
 }  // namespace kandb::testing

@@ -84,6 +84,10 @@ class CAPABILITY("shared_mutex") SharedMutex {
   // The standard library retries a read lock that reports EAGAIN.
   void LockShared() ACQUIRE_SHARED() { mu_.lock_shared(); }
   void UnlockShared() RELEASE_SHARED() { mu_.unlock_shared(); }
+  // Tell the analysis that the caller holds the lock, exclusively or
+  // shared (no run-time check); for code it cannot follow, such as lambdas.
+  void AssertHeld() ASSERT_CAPABILITY(this) {}
+  void AssertReaderHeld() ASSERT_SHARED_CAPABILITY(this) {}
 
  private:
   std::shared_mutex mu_;

@@ -14,6 +14,8 @@ const char* KindText(uint32_t code) {
       return "Corruption";
     case Status::kNotFound:
       return "NotFound";
+    case Status::kUnavailable:
+      return "Unavailable";
     default:
       return "Unknown";
   }

@@ -17,6 +17,10 @@ class [[nodiscard]] Status {
     kInvalidArgument = 1,
     kCorruption = 2,
     kNotFound = 3,
+    // The server cannot serve now (not the leader, its replicated store out
+    // of reach); the same request may succeed later or elsewhere. Only the
+    // replicated server produces it.
+    kUnavailable = 4,
   };
 
   Status() = default;
@@ -30,11 +34,15 @@ class [[nodiscard]] Status {
   }
   static Status Corruption(std::string message) { return Status(kCorruption, std::move(message)); }
   static Status NotFound(std::string message) { return Status(kNotFound, std::move(message)); }
+  static Status Unavailable(std::string message) {
+    return Status(kUnavailable, std::move(message));
+  }
 
   bool ok() const { return code_ == kOk; }
   bool IsInvalidArgument() const { return code_ == kInvalidArgument; }
   bool IsCorruption() const { return code_ == kCorruption; }
   bool IsNotFound() const { return code_ == kNotFound; }
+  bool IsUnavailable() const { return code_ == kUnavailable; }
 
   uint32_t code() const { return code_; }
   const std::string& message() const { return message_; }

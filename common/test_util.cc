@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -86,6 +89,10 @@ bool ChildProcess::Start(const std::vector<std::string>& argv) {
     dup2(in, 0);
     dup2(out, 1);
     dup2(err, 2);
+    if (nofile_soft_ > 0) {
+      struct rlimit limit = {static_cast<rlim_t>(nofile_soft_), static_cast<rlim_t>(nofile_hard_)};
+      if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(126);
+    }
     // The originals would otherwise stay open in the program under test.
     for (int fd : {in, out, err}) {
       if (fd > 2) close(fd);
@@ -105,6 +112,7 @@ bool ChildProcess::WaitForOutput(const std::string& text, int timeout_ms) {
     int status = 0;
     if (waitpid(pid_, &status, WNOHANG) == pid_) {
       pid_ = -1;
+      reaped_status_ = status;
       return Stdout().find(text) != std::string::npos;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -117,7 +125,7 @@ void ChildProcess::Kill(int signal) {
 }
 
 int ChildProcess::Wait(int timeout_ms) {
-  if (pid_ <= 0) return -1;
+  if (pid_ <= 0) return reaped_status_;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
   while (true) {
     int status = 0;
@@ -150,6 +158,43 @@ ProgramResult RunProgram(const std::vector<std::string>& argv, int timeout_ms) {
 
 int ExitCode(const ProgramResult& result) {
   return WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1000 - result.status;
+}
+
+}  // namespace kandb::testing
+
+namespace kandb::testing {
+
+Tmpfs::Tmpfs(int size_mib) : path_(MakeTempDir("kandb-tmpfs")) {
+  const std::string options = "size=" + std::to_string(size_mib) + "m";
+  if (::mount("tmpfs", path_.c_str(), "tmpfs", 0, options.c_str()) == 0) {
+    mounted_ = true;
+  } else {
+    error_ = std::string("mount tmpfs: ") + std::strerror(errno);
+  }
+}
+
+Tmpfs::~Tmpfs() {
+  if (mounted_) ::umount2(path_.c_str(), MNT_DETACH);
+  RemoveTree(path_);
+}
+
+uint64_t FillFileSystem(const std::string& path) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return 0;
+  static const std::string zeros(1 << 20, '\0');
+  uint64_t written = 0;
+  for (size_t chunk = zeros.size(); chunk > 0;) {
+    const ssize_t n = write(fd, zeros.data(), chunk);
+    if (n > 0) {
+      written += static_cast<uint64_t>(n);
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else {
+      chunk /= 2;  // the last pages: smaller writes take what is left
+    }
+  }
+  close(fd);
+  return written;
 }
 
 }  // namespace kandb::testing

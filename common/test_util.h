@@ -6,6 +6,8 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+
 #include <string>
 #include <vector>
 
@@ -32,12 +34,19 @@ class ChildProcess {
 
   // Starts argv[0] with the given arguments (no shell). Returns false when fork fails.
   bool Start(const std::vector<std::string>& argv);
+  // Makes the next Start give the child these limits on open files (soft,
+  // hard), as prlimit would, before the program runs.
+  void set_open_file_limit(uint64_t soft, uint64_t hard) {
+    nofile_soft_ = soft;
+    nofile_hard_ = hard;
+  }
   // Polls standard output until it contains `text`; false after `timeout_ms`
   // or when the child ended first.
   bool WaitForOutput(const std::string& text, int timeout_ms);
   void Kill(int signal);
   // Waits for the child; returns the raw wait status (use WIFEXITED etc.),
-  // or -1 when it did not end within `timeout_ms` (negative: no limit).
+  // also of a child that WaitForOutput saw end, or -1 when it did not end
+  // within `timeout_ms` (negative: no limit) or never ran.
   int Wait(int timeout_ms = -1);
   bool running() const { return pid_ > 0; }
   pid_t pid() const { return pid_; }
@@ -47,7 +56,10 @@ class ChildProcess {
 
  private:
   pid_t pid_ = -1;
+  int reaped_status_ = -1;  // of a child that ended while WaitForOutput watched
   std::string dir_;
+  uint64_t nofile_soft_ = 0;  // 0: inherit
+  uint64_t nofile_hard_ = 0;
 };
 
 // Runs a program to completion. Returns the raw wait status, or -1 on a time-out.
@@ -57,6 +69,29 @@ struct ProgramResult {
   std::string err;
 };
 ProgramResult RunProgram(const std::vector<std::string>& argv, int timeout_ms = 30000);
+
+// A tmpfs of `size_mib` mounted at a fresh directory for the life of the
+// object: a real small file system that fills up. Mounting needs root;
+// mounted() says whether it worked and error() why not.
+class Tmpfs {
+ public:
+  explicit Tmpfs(int size_mib);
+  ~Tmpfs();
+  Tmpfs(const Tmpfs&) = delete;
+  Tmpfs& operator=(const Tmpfs&) = delete;
+  bool mounted() const { return mounted_; }
+  const std::string& error() const { return error_; }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+  bool mounted_ = false;
+  std::string error_;
+};
+
+// Writes `path` with zeros until the file system is full; returns the bytes
+// written.
+uint64_t FillFileSystem(const std::string& path);
 
 // The exit status of a finished program; a negative number when it was
 // killed by a signal or timed out, so it never equals a real status.

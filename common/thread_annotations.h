@@ -26,6 +26,7 @@
 #define RELEASE_GENERIC(...) KANDB_THREAD_ANNOTATION(release_generic_capability(__VA_ARGS__))
 #define EXCLUDES(...) KANDB_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define ASSERT_CAPABILITY(x) KANDB_THREAD_ANNOTATION(assert_capability(x))
+#define ASSERT_SHARED_CAPABILITY(x) KANDB_THREAD_ANNOTATION(assert_shared_capability(x))
 #define RETURN_CAPABILITY(x) KANDB_THREAD_ANNOTATION(lock_returned(x))
 #define NO_THREAD_SAFETY_ANALYSIS KANDB_THREAD_ANNOTATION(no_thread_safety_analysis)
 

@@ -96,7 +96,10 @@ Status LsmDb::Recover() {
   if (!s.ok()) return s;
   mem_->AddWalFile(wal_->path());
   bool published = false;
-  return PublishManifest(live_tables_, &published);
+  s = PublishManifest(live_tables_, &published);
+  if (!s.ok()) return s;
+  PublishView();
+  return Status::OK();
 }
 
 Status LsmDb::ReplayLogs(const std::vector<uint64_t>& log_numbers) {
@@ -130,7 +133,7 @@ void LsmDb::WaitForBackgroundIdle() {
   for (;;) {
     {
       MutexLock lock(&db_mutex_);
-      if (imm_.empty() && !NeedsCompaction() && !manifest_unsynced_) return;
+      if (imm_.empty() && !NeedsCompaction() && !manifest_unsynced_ && obsolete_files_.empty()) return;
     }
     background_cv_.Signal();
     struct timespec request = {0, 1000000};

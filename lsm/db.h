@@ -9,8 +9,10 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -40,6 +42,12 @@ class LsmDb {
     // Every file-system call of the engine goes through this seam; tests
     // pass one that injects faults. Not owned; must outlive the engine.
     FileIo* io = DefaultFileIo();
+    // Called by the write leader with every batch it has just made visible,
+    // in the order the engine applies them (which is the log's order), so
+    // that a cache kept beside the engine changes in exactly that order,
+    // also when two writers change the same key at once. It runs while
+    // writes wait: it must be quick and must not call into the engine.
+    std::function<void(const WriteBatch&)> on_apply;
   };
 
   // Opens (creating the directory if needed) and recovers the engine in
@@ -64,6 +72,13 @@ class LsmDb {
   // order (an empty end means no upper bound), at most `limit` of them.
   Status Scan(const std::string& start, const std::string& end, uint32_t limit,
               std::vector<Entry>* out);
+
+  // The same range read as Scan, handing each live entry to `visit` in key
+  // order instead of copying it out: the views are valid during the call
+  // only. `visit` returns false to end the walk early (ForEach then returns
+  // OK). A table read failure ends the walk with its status.
+  Status ForEach(const std::string& start, const std::string& end, uint32_t limit,
+                 const std::function<bool(std::string_view key, std::string_view value)>& visit);
 
   // Diagnostics: returns once no flush or compaction is pending (polls every 1 ms).
   void WaitForBackgroundIdle();
@@ -112,8 +127,11 @@ class LsmDb {
   // log that holds no acknowledged record is deleted at once.
   void AbandonLog() REQUIRES(db_mutex_);
 
-  // The memtables and tables a read consults, newest first.
-  ReadView CaptureReadView() EXCLUDES(db_mutex_);
+  // The memtables and tables a read consults, newest first. Never waits
+  // for a write group's log write or sync.
+  std::shared_ptr<const ReadView> CaptureReadView() EXCLUDES(view_mutex_);
+  // Publishes mem_, imm_ and table_readers_ as the view of later reads.
+  void PublishView() REQUIRES(db_mutex_) EXCLUDES(view_mutex_);
 
   // Background work; each returns with db_mutex_ released.
   void BackgroundLoop() EXCLUDES(db_mutex_);
@@ -128,8 +146,11 @@ class LsmDb {
   Status PublishManifest(const std::vector<uint64_t>& tables, bool* published) REQUIRES(db_mutex_);
   // After a flush or compaction published its manifest: deletes the files
   // it replaced once that manifest is durable, or keeps them, with the
-  // manifest marked for rewriting, until one is.
-  void RetireFiles(std::vector<std::string> replaced, const Status& manifest_sync) REQUIRES(db_mutex_);
+  // manifest marked for rewriting, until one is. Returns the first failure.
+  Status RetireFiles(std::vector<std::string> replaced, const Status& manifest_sync) REQUIRES(db_mutex_);
+  // Deletes obsolete_files_ in order, stopping at the first that cannot be
+  // deleted (it and the rest wait for the next try).
+  Status DeleteObsoleteFiles() REQUIRES(db_mutex_);
   // Rewrites the manifest whose directory sync failed, and then deletes
   // the files that waited for it.
   Status RewriteManifest() REQUIRES(db_mutex_);
@@ -138,10 +159,10 @@ class LsmDb {
   const Options options_;
   FileIo* const io_;
 
-  // Guards every engine member below except the writer queue. Held by the
-  // write leader across its log writes and sync; never held during table
-  // file I/O. Taken after write_queue_mutex_ has been released, and before
-  // any memtable's own lock.
+  // Guards every engine member below except the writer queue and the
+  // published view. Held by the write leader across its log writes and
+  // sync; never held during table file I/O, never taken by reads. Taken
+  // after write_queue_mutex_ has been released, and before view_mutex_.
   Mutex db_mutex_;
   // Wakes the background thread: a memtable was switched, or stop_ was set.
   CondVar background_cv_{&db_mutex_};
@@ -167,11 +188,22 @@ class LsmDb {
   // wait in obsolete_files_, since a crash could bring back the manifest
   // before it, which still names them.
   bool manifest_unsynced_ GUARDED_BY(db_mutex_) = false;
+  // Files replaced by a flush or compaction and not yet deleted, logs in
+  // ascending number. Logs are deleted strictly in that order, so the logs
+  // left on disk are always the newest ones: a flushed log that outlived a
+  // newer one would be replayed at open over the newer data in the tables.
   std::vector<std::string> obsolete_files_ GUARDED_BY(db_mutex_);
   // The leader's encoding buffer, reused across groups.
   std::string record_ GUARDED_BY(db_mutex_);
   // Set by the destructor; the background thread ends when it sees it.
   bool stop_ GUARDED_BY(db_mutex_) = false;
+
+  // Guards view_ alone, and is held only to copy or replace the pointer:
+  // a read never waits for a write group's sync, only for the moment in
+  // which a switch or an installed table changes what reads see.
+  Mutex view_mutex_;
+  // mem_, imm_ (newest first) and table_readers_ as of the last change.
+  std::shared_ptr<const ReadView> view_ GUARDED_BY(view_mutex_);
 
   // Guards the writer queue and the slots' result fields. Never held while
   // db_mutex_ is taken.

@@ -16,7 +16,9 @@
 // fault neither spins the thread nor floods the log.
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -55,6 +57,9 @@ void LsmDb::BackgroundLoop() {
     } else if (manifest_unsynced_) {
       step = "manifest rewrite";
       s = RewriteManifest();
+    } else if (!obsolete_files_.empty()) {
+      step = "deletion of replaced files";
+      s = DeleteObsoleteFiles();
     } else if (NeedsCompaction()) {
       step = "compaction";
       db_mutex_.Unlock();
@@ -89,21 +94,34 @@ Status LsmDb::PublishManifest(const std::vector<uint64_t>& tables, bool* publish
   return WriteManifest(io_, dir_, state, published);
 }
 
-void LsmDb::RetireFiles(std::vector<std::string> replaced, const Status& manifest_sync) {
+Status LsmDb::RetireFiles(std::vector<std::string> replaced, const Status& manifest_sync) {
   obsolete_files_.insert(obsolete_files_.end(), replaced.begin(), replaced.end());
   manifest_unsynced_ = !manifest_sync.ok();
-  if (manifest_unsynced_) return;
+  if (manifest_unsynced_) return manifest_sync;
+  return DeleteObsoleteFiles();
+}
+
+Status LsmDb::DeleteObsoleteFiles() {
   // Readers that captured a memtable or table keep their own references
   // (and open descriptors); recovery no longer needs these files.
-  for (const std::string& path : obsolete_files_) io_->Unlink(path.c_str());
-  obsolete_files_.clear();
+  size_t deleted = 0;
+  Status s;
+  for (; deleted < obsolete_files_.size(); ++deleted) {
+    const std::string& path = obsolete_files_[deleted];
+    if (io_->Unlink(path.c_str()) != 0 && errno != ENOENT) {
+      s = Status::Corruption("unlink " + path + ": " + std::strerror(errno));
+      break;
+    }
+  }
+  obsolete_files_.erase(obsolete_files_.begin(), obsolete_files_.begin() + static_cast<ptrdiff_t>(deleted));
+  return s;
 }
 
 Status LsmDb::RewriteManifest() {
   bool published = false;
   Status s = PublishManifest(live_tables_, &published);
-  if (published) RetireFiles({}, s);
-  return s;
+  if (!published) return s;
+  return RetireFiles({}, s);
 }
 
 Status LsmDb::FlushOldestMemTable() {
@@ -123,9 +141,8 @@ Status LsmDb::FlushOldestMemTable() {
   std::unique_ptr<TableBuilder> builder;
   Status s = TableBuilder::Open(io_, path, mem->EntryCount(), &builder);
   if (s.ok()) {
-    s = mem->ForEach([&builder](uint8_t op, std::string_view key, std::string_view value) {
-      return builder->Add(op, key, value);
-    });
+    MemTable::Iterator it(mem.get());
+    for (it.SeekToFirst(); s.ok() && it.Valid(); it.Next()) s = builder->Add(it.op(), it.key(), it.value());
   }
   if (s.ok()) s = builder->Finish();
   builder.reset();
@@ -151,8 +168,8 @@ Status LsmDb::FlushOldestMemTable() {
   table_readers_.insert(table_readers_.begin(), std::move(reader));
   live_tables_ = std::move(tables);
   imm_.pop_front();
-  RetireFiles(mem->WalFiles(), s);
-  return s;
+  PublishView();
+  return RetireFiles(mem->WalFiles(), s);
 }
 
 namespace {
@@ -278,10 +295,10 @@ Status LsmDb::CompactAllTables() {
   }
   table_readers_ = std::move(readers);
   live_tables_ = std::move(numbers);
+  PublishView();
   std::vector<std::string> replaced;
   for (uint64_t input : input_numbers) replaced.push_back(TableFileName(dir_, input));
-  RetireFiles(std::move(replaced), s);
-  return s;
+  return RetireFiles(std::move(replaced), s);
 }
 
 }  // namespace kandb::lsm

@@ -84,8 +84,12 @@ Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {
   wal_acknowledged_ = true;
 
   // Logged (and synced) before visible: the memtable's application order is
-  // the log's record order, because only the leader does either.
-  for (WriterSlot* member : group) mem_->Apply(*member->batch);
+  // the log's record order, because only the leader does either. Whoever
+  // watches the applied batches sees them in that same order.
+  for (WriterSlot* member : group) {
+    mem_->Apply(*member->batch);
+    if (options_.on_apply) options_.on_apply(*member->batch);
+  }
   if (mem_->ApproximateBytes() >= options_.write_buffer_size) {
     // The group's data is already logged and applied; a failed switch is
     // still reported to all its writers.
@@ -113,7 +117,8 @@ Status LsmDb::CreateLog(std::unique_ptr<LogFile>* log) {
 void LsmDb::AbandonLog() {
   // A log without an acknowledged record holds nothing anyone was promised,
   // so it need not wait for a flush; it still names the active memtable,
-  // whose flush then finds it gone.
+  // whose flush then finds it gone. Should the unlink fail, the log waits
+  // for that flush and is deleted in order with the others.
   if (!wal_acknowledged_) io_->Unlink(wal_->path().c_str());
   wal_.reset();
   wal_acknowledged_ = false;
@@ -133,6 +138,7 @@ Status LsmDb::SwitchMemTable() {
   wal_ = std::move(log);
   wal_acknowledged_ = false;
   mem_->AddWalFile(wal_->path());
+  PublishView();
   background_cv_.Signal();
   return Status::OK();
 }

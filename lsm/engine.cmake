@@ -23,3 +23,8 @@ kandb_test(lsm_crash_test
 kandb_benchmark(lsm_bench
   SOURCES lsm_bench.cc
   LIBS kandb_lsm)
+
+kandb_test(lsm_fault_test
+  SOURCES db_fault_test.cc
+  LIBS kandb_lsm kandb_lsm_testutil kandb_testutil
+  TIMEOUT 600)

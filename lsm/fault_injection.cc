@@ -76,6 +76,11 @@ uint64_t FaultInjectingFileIo::total_injected() const {
   return total;
 }
 
+std::string FaultInjectingFileIo::first_injected() {
+  MutexLock lock(&mu_);
+  return first_injected_;
+}
+
 void FaultInjectingFileIo::ResetCounts() {
   for (auto& c : counts_) c.store(0);
   for (auto& c : injected_) c.store(0);
@@ -108,6 +113,7 @@ bool FaultInjectingFileIo::ShouldFail(FileOp op, const std::string& path) {
     } else {
       return false;
     }
+    if (first_injected_.empty()) first_injected_ = std::string(FileOpName(op)) + " " + path;
   }
   injected_[Index(op)].fetch_add(1, std::memory_order_relaxed);
   errno = error;

@@ -79,6 +79,8 @@ class FaultInjectingFileIo : public FileIo {
   // Calls of kind `op` that this object failed.
   uint64_t injected(FileOp op) const { return injected_[Index(op)].load(std::memory_order_relaxed); }
   uint64_t total_injected() const;
+  // "fdatasync /path" of the first call this object failed, for messages.
+  std::string first_injected();
   void ResetCounts();
 
   int Open(const char* path, int flags, mode_t mode) override;
@@ -127,6 +129,7 @@ class FaultInjectingFileIo : public FileIo {
   Rule any_rule_ GUARDED_BY(mu_);
   int sticky_kind_ GUARDED_BY(mu_) = -1;
   std::unordered_map<int, std::string> paths_ GUARDED_BY(mu_);
+  std::string first_injected_ GUARDED_BY(mu_);
   // Per file written through this object: the size its last sync covered.
   std::map<std::string, uint64_t> synced_ GUARDED_BY(mu_);
 };

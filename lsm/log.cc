@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -56,9 +57,10 @@ Status DecodeBatch(const char* data, size_t size, WriteBatch* out) {
   out->clear();
   if (size < 4) return Status::Corruption("batch: too short");
   const uint32_t count = DecodeFixed32(data);
-  // The record passed its checksum, so the count is trusted for the
-  // reservation.
-  out->reserve(count);
+  // An entry takes at least 9 bytes, so no more can follow than the bytes
+  // allow: a garbled count must not reserve gigabytes before the first
+  // entry is found missing.
+  out->reserve(std::min<size_t>(count, (size - 4) / 9));
   const char* p = data + 4;
   const char* const end = data + size;
   for (uint32_t i = 0; i < count; ++i) {

@@ -1,11 +1,7 @@
 #include "lsm/memtable.h"
 
-#include <sys/mman.h>
-
 #include <cstring>
 #include <new>
-
-#include "common/coding.h"
 
 namespace kandb::lsm {
 
@@ -13,123 +9,187 @@ namespace {
 
 // Fixed per-entry overhead counted by the size estimate.
 constexpr uint64_t kEntryOverhead = 32;
-// Arena blocks; anything over a quarter of this gets a block of its own,
-// so that at most a quarter of a block is left unused when one fills.
-constexpr size_t kArenaBlock = 1 << 20;
-
-char* MapBlock(size_t size) {
-  void* p = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (p == MAP_FAILED) throw std::bad_alloc();
-  return static_cast<char*>(p);
-}
-constexpr size_t kRecordHeader = 9;  // op, key_length, value_length
+constexpr size_t kBlockSize = 256 * 1024;
+constexpr size_t kAlign = alignof(std::max_align_t) < 8 ? 8 : alignof(void*);
 
 }  // namespace
 
-std::string_view MemTable::KeyOf(const char* record) {
-  return std::string_view(record + 5, DecodeFixed32(record + 1));
-}
+struct MemTable::Value {
+  uint8_t op;
+  uint32_t size;
+  char data[1];  // `size` bytes follow the header
+};
 
-std::string_view MemTable::ValueOf(const char* record) {
-  const uint32_t key_length = DecodeFixed32(record + 1);
-  return std::string_view(record + kRecordHeader + key_length, DecodeFixed32(record + 5 + key_length));
-}
+struct MemTable::Node {
+  const char* key;
+  uint32_t key_size;
+  std::atomic<const Value*> value;
+  // next[0] is the list of every key; taller nodes link into the levels
+  // above. Allocated with one slot per level of the node.
+  std::atomic<Node*> next[1];
 
-MemTable::Arena::~Arena() {
-  for (const auto& [block, size] : blocks_) ::munmap(block, size);
-}
+  std::string_view Key() const { return {key, key_size}; }
+  Node* Next(int level) const { return next[level].load(std::memory_order_acquire); }
+};
 
-char* MemTable::Arena::Allocate(size_t n, size_t align) {
-  const size_t pad = (align - reinterpret_cast<uintptr_t>(next_) % align) % align;
-  if (n + pad > left_) {
-    if (n > kArenaBlock / 4) {
-      blocks_.emplace_back(MapBlock(n), n);
-      return blocks_.back().first;
+MemTable::MemTable() : head_(NewNode(std::string_view(), kMaxHeight)) {}
+
+MemTable::~MemTable() = default;
+
+char* MemTable::Allocate(size_t bytes) {
+  bytes = (bytes + kAlign - 1) & ~(kAlign - 1);
+  if (bytes > alloc_left_) {
+    // A large request gets a block of its own, so the tail of the current
+    // block is not wasted on it.
+    if (bytes > kBlockSize / 4) {
+      blocks_.emplace_back(new char[bytes]);
+      return blocks_.back().get();
     }
-    blocks_.emplace_back(MapBlock(kArenaBlock), kArenaBlock);
-    next_ = blocks_.back().first;
-    left_ = kArenaBlock;
-    return Allocate(n, align);
+    blocks_.emplace_back(new char[kBlockSize]);
+    alloc_ptr_ = blocks_.back().get();
+    alloc_left_ = kBlockSize;
   }
-  char* p = next_ + pad;
-  next_ += pad + n;
-  left_ -= pad + n;
-  return p;
+  char* result = alloc_ptr_;
+  alloc_ptr_ += bytes;
+  alloc_left_ -= bytes;
+  return result;
 }
 
-const char* MemTable::Store(const Entry& e) {
-  char* record = arena_.Allocate(kRecordHeader + e.key.size() + e.value.size(), 1);
-  record[0] = static_cast<char>(e.op);
-  EncodeFixed32(record + 1, static_cast<uint32_t>(e.key.size()));
-  std::memcpy(record + 5, e.key.data(), e.key.size());
-  EncodeFixed32(record + 5 + e.key.size(), static_cast<uint32_t>(e.value.size()));
-  std::memcpy(record + kRecordHeader + e.key.size(), e.value.data(), e.value.size());
-  return record;
+MemTable::Node* MemTable::NewNode(std::string_view key, int height) {
+  const size_t size = sizeof(Node) + sizeof(std::atomic<Node*>) * static_cast<size_t>(height - 1);
+  char* memory = Allocate(size + key.size());
+  Node* node = new (memory) Node;
+  for (int i = 1; i < height; i++) new (&node->next[i]) std::atomic<Node*>(nullptr);
+  node->next[0].store(nullptr, std::memory_order_relaxed);
+  char* key_copy = memory + size;
+  if (!key.empty()) std::memcpy(key_copy, key.data(), key.size());
+  node->key = key_copy;
+  node->key_size = static_cast<uint32_t>(key.size());
+  node->value.store(nullptr, std::memory_order_relaxed);
+  return node;
+}
+
+const MemTable::Value* MemTable::NewValue(uint8_t op, std::string_view value) {
+  char* memory = Allocate(offsetof(Value, data) + value.size());
+  Value* v = reinterpret_cast<Value*>(memory);
+  v->op = op;
+  v->size = static_cast<uint32_t>(value.size());
+  if (!value.empty()) std::memcpy(v->data, value.data(), value.size());
+  return v;
+}
+
+int MemTable::RandomHeight() {
+  // Each level holds about a quarter of the nodes of the one below.
+  int height = 1;
+  while (height < kMaxHeight) {
+    rng_state_ ^= rng_state_ << 13;
+    rng_state_ ^= rng_state_ >> 17;
+    rng_state_ ^= rng_state_ << 5;
+    if ((rng_state_ & 3) != 0) break;
+    height++;
+  }
+  return height;
+}
+
+MemTable::Node* MemTable::FindGreaterOrEqual(std::string_view key, Node** prev) const {
+  Node* x = head_;
+  int level = max_height_.load(std::memory_order_relaxed) - 1;
+  for (;;) {
+    Node* next = x->Next(level);
+    if (next != nullptr && next->Key() < key) {
+      x = next;
+    } else {
+      if (prev != nullptr) prev[level] = x;
+      if (level == 0) return next;
+      level--;
+    }
+  }
 }
 
 void MemTable::Apply(const WriteBatch& batch) {
-  WriterLock lock(&mu_);
   for (const Entry& e : batch) {
-    approximate_bytes_ += kEntryOverhead + e.key.size() + e.value.size();
-    const char* record = Store(e);
-    auto it = table_.lower_bound(std::string_view(e.key));
-    if (it != table_.end() && KeyOf(it->record) == e.key) {
-      it->record = record;
-    } else {
-      table_.insert(it, Slot{record});
+    approximate_bytes_.store(ApproximateBytes() + kEntryOverhead + e.key.size() + e.value.size(),
+                             std::memory_order_relaxed);
+    const Value* value = NewValue(e.op, e.value);
+    Node* prev[kMaxHeight];
+    Node* x = FindGreaterOrEqual(e.key, prev);
+    if (x != nullptr && x->Key() == e.key) {
+      // The old value stays in the arena for readers that still hold it.
+      x->value.store(value, std::memory_order_release);
+      continue;
+    }
+    const int height = RandomHeight();
+    const int max_height = max_height_.load(std::memory_order_relaxed);
+    if (height > max_height) {
+      for (int i = max_height; i < height; i++) prev[i] = head_;
+      // A reader that sees the new height before the links finds null at
+      // the new levels of the head and simply steps down.
+      max_height_.store(height, std::memory_order_relaxed);
+    }
+    x = NewNode(e.key, height);
+    x->value.store(value, std::memory_order_relaxed);
+    entry_count_.store(EntryCount() + 1, std::memory_order_relaxed);
+    for (int i = 0; i < height; i++) {
+      x->next[i].store(prev[i]->next[i].load(std::memory_order_relaxed), std::memory_order_relaxed);
+      // Publishes the node, its key and value to readers of this link.
+      prev[i]->next[i].store(x, std::memory_order_release);
     }
   }
 }
 
-bool MemTable::Lookup(const std::string& key, uint8_t* op, std::string* value) const {
-  ReaderLock lock(&mu_);
-  auto it = table_.find(std::string_view(key));
-  if (it == table_.end()) return false;
-  *op = static_cast<uint8_t>(it->record[0]);
-  *value = ValueOf(it->record);
+bool MemTable::Lookup(std::string_view key, uint8_t* op, std::string* value) const {
+  const Node* x = FindGreaterOrEqual(key, nullptr);
+  if (x == nullptr || x->Key() != key) return false;
+  const Value* v = x->value.load(std::memory_order_acquire);
+  *op = v->op;
+  value->assign(v->data, v->size);
   return true;
 }
 
 std::vector<Entry> MemTable::Dump(const std::string& start, const std::string& end, size_t limit) const {
   std::vector<Entry> out;
-  ReaderLock lock(&mu_);
-  auto it = start.empty() ? table_.begin() : table_.lower_bound(std::string_view(start));
-  for (; it != table_.end(); ++it) {
-    const std::string_view key = KeyOf(it->record);
-    if (!end.empty() && key >= end) break;
+  Iterator it(this);
+  it.Seek(start);
+  for (; it.Valid(); it.Next()) {
+    if (!end.empty() && it.key() >= end) break;
     if (limit != 0 && out.size() >= limit) break;
-    out.push_back(Entry{static_cast<uint8_t>(it->record[0]), std::string(key), std::string(ValueOf(it->record))});
+    out.push_back(Entry{it.op(), std::string(it.key()), std::string(it.value())});
   }
   return out;
 }
 
-Status MemTable::ForEach(const std::function<Status(uint8_t op, std::string_view key, std::string_view value)>& fn) const {
-  ReaderLock lock(&mu_);
-  for (const Slot& slot : table_) {
-    Status s = fn(static_cast<uint8_t>(slot.record[0]), KeyOf(slot.record), ValueOf(slot.record));
-    if (!s.ok()) return s;
-  }
-  return Status::OK();
-}
-
-size_t MemTable::EntryCount() const {
-  ReaderLock lock(&mu_);
-  return table_.size();
-}
-
-uint64_t MemTable::ApproximateBytes() const {
-  ReaderLock lock(&mu_);
-  return approximate_bytes_;
-}
-
 void MemTable::AddWalFile(std::string path) {
-  WriterLock lock(&mu_);
+  MutexLock lock(&wal_mu_);
   wal_files_.push_back(std::move(path));
 }
 
 std::vector<std::string> MemTable::WalFiles() const {
-  ReaderLock lock(&mu_);
+  MutexLock lock(&wal_mu_);
   return wal_files_;
 }
+
+void MemTable::Iterator::Load() {
+  if (node_ == nullptr) return;
+  const Value* v = node_->value.load(std::memory_order_acquire);
+  value_op_ = v->op;
+  value_ = std::string_view(v->data, v->size);
+}
+
+void MemTable::Iterator::Seek(std::string_view target) {
+  node_ = table_->FindGreaterOrEqual(target, nullptr);
+  Load();
+}
+
+void MemTable::Iterator::SeekToFirst() {
+  node_ = table_->head_->Next(0);
+  Load();
+}
+
+void MemTable::Iterator::Next() {
+  node_ = node_->Next(0);
+  Load();
+}
+
+std::string_view MemTable::Iterator::key() const { return node_->Key(); }
 
 }  // namespace kandb::lsm

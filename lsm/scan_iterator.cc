@@ -4,106 +4,99 @@
 
 namespace kandb::lsm {
 
-ScanIterator::ScanIterator(ReadView view, std::string start, std::string end)
+ScanIterator::ScanIterator(std::shared_ptr<const ReadView> view, std::string start, std::string end)
     : view_(std::move(view)), start_(std::move(start)), end_(std::move(end)) {}
 
-void ScanIterator::FillChunk(MemSource* source, const std::string& from) {
-  source->chunk = source->mem->Dump(from, end_, kMemTableChunk);
-  source->exhausted = source->chunk.size() < kMemTableChunk;
-  source->pos = 0;
-}
-
 Status ScanIterator::Init() {
-  mems_.reserve(view_.memtables.size());
-  for (const std::shared_ptr<MemTable>& mem : view_.memtables) {
-    MemSource source;
-    source.mem = mem;
-    FillChunk(&source, start_);
-    mems_.push_back(std::move(source));
+  mems_.reserve(view_->memtables.size());
+  for (const std::shared_ptr<MemTable>& mem : view_->memtables) {
+    mems_.emplace_back(mem.get());
+    mems_.back().Seek(start_);
   }
-  tables_.reserve(view_.tables.size());
-  for (const std::shared_ptr<SstReader>& table : view_.tables) {
-    std::unique_ptr<SstIterator> it = table->NewIterator();
+  tables_.reserve(view_->tables.size());
+  for (const std::shared_ptr<SstReader>& table : view_->tables) {
+    // Scans read far ahead: the region walk reads whole tables.
+    std::unique_ptr<SstIterator> it = table->NewIterator(kScanReadBuffer);
     Status s = it->Seek(start_);
     if (!s.ok()) return s;
     tables_.push_back(std::move(it));
   }
-  return Next();
+  return Advance(/*skip_current=*/false);
 }
 
-const Entry* ScanIterator::MemCurrent(MemSource* source) {
-  if (source->pos >= source->chunk.size()) {
-    if (source->exhausted) return nullptr;
-    // Keys written behind the position after the chunk was copied may or
-    // may not be seen, but no key is seen twice: the refill starts strictly
-    // after the last key handed out.
-    std::string from = source->chunk.empty() ? std::string() : source->chunk.back().key + '\0';
-    FillChunk(source, from);
-    if (source->chunk.empty()) return nullptr;
+bool ScanIterator::Current(size_t source, std::string_view* key) const {
+  if (source < mems_.size()) {
+    const MemTable::Iterator& it = mems_[source];
+    if (!it.Valid()) return false;
+    *key = it.key();
+  } else {
+    const SstIterator& it = *tables_[source - mems_.size()];
+    if (!it.Valid()) return false;
+    *key = it.key();
   }
-  return &source->chunk[source->pos];
+  // The end bound is exclusive.
+  return end_.empty() || *key < end_;
 }
 
-const std::string* ScanIterator::TableCurrent(const SstIterator& it) const {
-  if (!it.Valid()) return nullptr;
-  if (!end_.empty() && !(it.key() < end_)) return nullptr;
-  return &it.key();
+Status ScanIterator::Skip() {
+  // The winner moves last: key_ points into it.
+  const size_t sources = mems_.size() + tables_.size();
+  for (size_t source = 0; source <= sources; ++source) {
+    const size_t moving = source < sources ? source : winner_;
+    if (source < sources) {
+      std::string_view key;
+      if (source == winner_ || !Current(source, &key) || key != key_) continue;
+    }
+    if (moving < mems_.size()) {
+      mems_[moving].Next();
+    } else {
+      Status s = tables_[moving - mems_.size()]->Next();
+      if (!s.ok()) return s;
+    }
+  }
+  return Status::OK();
+}
+
+bool ScanIterator::Pick(uint8_t* op) {
+  const size_t sources = mems_.size() + tables_.size();
+  bool found = false;
+  for (size_t source = 0; source < sources; ++source) {
+    std::string_view key;
+    if (Current(source, &key) && (!found || key < key_)) {
+      found = true;
+      winner_ = source;
+      key_ = key;
+    }
+  }
+  if (!found) return false;
+  if (winner_ < mems_.size()) {
+    *op = mems_[winner_].op();
+    value_ = mems_[winner_].value();
+  } else {
+    const SstIterator& it = *tables_[winner_ - mems_.size()];
+    *op = it.op();
+    value_ = it.value();
+  }
+  return true;
 }
 
 Status ScanIterator::Next() {
-  for (;;) {
-    // The smallest current key wins; on a tie the source earlier in
-    // precedence order (strict comparison keeps the first) holds the newest
-    // version.
-    const Entry* best_mem = nullptr;
-    const SstIterator* best_table = nullptr;
-    const std::string* best_key = nullptr;
-    for (MemSource& source : mems_) {
-      const Entry* e = MemCurrent(&source);
-      if (e != nullptr && (best_key == nullptr || e->key < *best_key)) {
-        best_mem = e;
-        best_key = &e->key;
-      }
-    }
-    for (const std::unique_ptr<SstIterator>& it : tables_) {
-      const std::string* k = TableCurrent(*it);
-      if (k != nullptr && (best_key == nullptr || *k < *best_key)) {
-        best_mem = nullptr;
-        best_table = it.get();
-        best_key = k;
-      }
-    }
-    if (best_key == nullptr) {
-      valid_ = false;
-      return Status::OK();
-    }
-    if (best_mem != nullptr) {
-      op_ = best_mem->op;
-      key_ = best_mem->key;
-      value_ = best_mem->value;
-    } else {
-      op_ = best_table->op();
-      key_ = best_table->key();
-      value_ = best_table->value();
-    }
+  if (!valid_) return Status::OK();
+  return Advance(/*skip_current=*/true);
+}
 
-    // Step every source holding this key past it, so older versions of the
-    // key are never offered again.
-    for (MemSource& source : mems_) {
-      const Entry* e = MemCurrent(&source);
-      if (e != nullptr && e->key == key_) ++source.pos;
+Status ScanIterator::Advance(bool skip_current) {
+  valid_ = false;
+  for (;; skip_current = true) {
+    // Every source holding the current key steps past it, so older
+    // versions of the key are never offered again.
+    if (skip_current) {
+      Status s = Skip();
+      if (!s.ok()) return s;
     }
-    for (const std::unique_ptr<SstIterator>& it : tables_) {
-      const std::string* k = TableCurrent(*it);
-      if (k != nullptr && *k == key_) {
-        Status s = it->Next();
-        if (!s.ok()) {
-          valid_ = false;
-          return s;
-        }
-      }
-    }
-    if (op_ == kOpPut) {
+    uint8_t op = 0;
+    if (!Pick(&op)) return Status::OK();
+    if (op == kOpPut) {
       valid_ = true;
       return Status::OK();
     }

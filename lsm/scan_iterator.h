@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/status.h"
@@ -16,9 +17,10 @@
 
 namespace kandb::lsm {
 
-// What one read consults, captured under the engine's db mutex and used
-// without it. Shared references keep every memtable and table file alive,
-// so a flush or compaction that replaces the engine's lists (or unlinks a
+// What one read consults. The engine publishes a new view whenever a
+// memtable is switched or a table file installed, and a read takes the one
+// in force; shared references keep every memtable and table file alive, so
+// a flush or compaction that replaces the engine's lists (or unlinks a
 // file) never disturbs the read.
 struct ReadView {
   // The active memtable, then the immutable ones from newest to oldest.
@@ -29,14 +31,11 @@ struct ReadView {
 
 // Merges the sources of a view over [start, end) (an empty end has no upper
 // bound) and yields the newest version of each key, skipping deletion
-// markers. Used by one thread.
+// markers. Memtables are walked in place: nothing is copied and no lock is
+// taken. Used by one thread.
 class ScanIterator {
  public:
-  // Memtables are copied out in chunks of at most this many entries, so a
-  // long scan never holds a memtable's lock for more than one chunk.
-  static constexpr size_t kMemTableChunk = 4096;
-
-  ScanIterator(ReadView view, std::string start, std::string end);
+  ScanIterator(std::shared_ptr<const ReadView> view, std::string start, std::string end);
   ScanIterator(const ScanIterator&) = delete;
   ScanIterator& operator=(const ScanIterator&) = delete;
 
@@ -46,37 +45,32 @@ class ScanIterator {
   Status Next();
 
   bool Valid() const { return valid_; }
-  const std::string& key() const { return key_; }
-  const std::string& value() const { return value_; }
+  // Valid until the next call of Next.
+  std::string_view key() const { return key_; }
+  std::string_view value() const { return value_; }
 
  private:
-  struct MemSource {
-    std::shared_ptr<MemTable> mem;
-    std::vector<Entry> chunk;
-    size_t pos = 0;
-    // The last dump returned fewer entries than a chunk: nothing follows.
-    bool exhausted = false;
-  };
+  // A source's current key, or false when it has none left in the range.
+  bool Current(size_t source, std::string_view* key) const;
+  // Moves every source that holds the current key past it.
+  Status Skip();
+  // Finds the next live entry, first skipping the current key if asked.
+  Status Advance(bool skip_current);
+  // Picks the smallest current key (the earliest source on a tie: it holds
+  // the newest version) and makes it current; false when none is left.
+  bool Pick(uint8_t* op);
 
-  // The current entry of a memtable source, refilling its chunk from just
-  // after the previous chunk's last key when it is used up; null when the
-  // source has nothing left.
-  const Entry* MemCurrent(MemSource* source);
-  // The current key of a table source, or null when it is past the range.
-  const std::string* TableCurrent(const SstIterator& it) const;
-  void FillChunk(MemSource* source, const std::string& from);
-
-  const ReadView view_;
+  const std::shared_ptr<const ReadView> view_;
   const std::string start_;
   const std::string end_;
   // Precedence order, as in the view: memtables, then tables.
-  std::vector<MemSource> mems_;
+  std::vector<MemTable::Iterator> mems_;
   std::vector<std::unique_ptr<SstIterator>> tables_;
 
   bool valid_ = false;
-  uint8_t op_ = 0;
-  std::string key_;
-  std::string value_;
+  size_t winner_ = 0;  // the source of the current entry
+  std::string_view key_;
+  std::string_view value_;
 };
 
 }  // namespace kandb::lsm

@@ -59,6 +59,9 @@ inline constexpr size_t kTrailerMagic = 28;
 inline constexpr size_t kTableRecordHeaderSize = 9;
 // Read buffer of the iterators that compaction merges with.
 inline constexpr size_t kCompactionReadBuffer = 262144;
+// Read buffer of the iterators of a range scan: scans of the region records
+// run over whole tables.
+inline constexpr size_t kScanReadBuffer = 65536;
 
 class SstIterator;
 

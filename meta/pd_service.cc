@@ -7,6 +7,7 @@
 
 #include "common/coding.h"
 #include "meta/keys.h"
+#include "meta/routing.h"
 
 namespace kandb::meta {
 namespace {
@@ -16,13 +17,6 @@ uint64_t WallClockMs() {
   return static_cast<uint64_t>(
              std::chrono::duration_cast<std::chrono::nanoseconds>(since_epoch).count()) /
          1000000;
-}
-
-// Whether `key` lies in [start_key, end_key), an empty bound being open.
-// std::string compares as unsigned bytes, a proper prefix being smaller.
-bool Covers(const pdpb::Region& region, const std::string& key) {
-  return (region.start_key.empty() || region.start_key <= key) &&
-         (region.end_key.empty() || key < region.end_key);
 }
 
 }  // namespace
@@ -41,6 +35,10 @@ Status PdService::Create(store::MetaStore* store, uint32_t target_replicas, Cloc
     MutexLock lock(&service->id_mutex_);
     service->next_id_ = mark;
   }
+#ifndef KANDB_NO_ROUTING_INDEX
+  s = RegionIndex::Build(store, &service->index_);
+  if (!s.ok()) return s;
+#endif
   *out = std::move(service);
   return Status::OK();
 }
@@ -86,6 +84,11 @@ Status PdService::Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) {
     tso_physical_ = ++physical;
     tso_logical_ = logical = 0;
   }
+  if (tso_admit_) {
+    // A large batch runs on into later milliseconds: its last one counts.
+    Status s = tso_admit_(((physical << kLogicalBits | logical) + n - 1) >> kLogicalBits);
+    if (!s.ok()) return s;
+  }
   resp->timestamp = physical << kLogicalBits | logical;
   resp->count = static_cast<uint32_t>(n);
   // The next batch starts after this one's end. A batch of more than
@@ -96,6 +99,15 @@ Status PdService::Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) {
   tso_physical_ = end >> kLogicalBits;
   tso_logical_ = end & kMaxLogical;
   return Status::OK();
+}
+
+void PdService::SetTsoCeiling(uint64_t floor, TsoAdmit admit) {
+  MutexLock lock(&tso_mutex_);
+  if (tso_physical_ < floor) {
+    tso_physical_ = floor;
+    tso_logical_ = 0;
+  }
+  tso_admit_ = std::move(admit);
 }
 
 Status PdService::AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp) {
@@ -141,10 +153,11 @@ Status PdService::Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapRe
   if (!s.ok()) return s;
 
   if (bootstrapped) {
-    // A store registering on an existing cluster. The answer is OK even when
-    // this write fails: the store re-registers on its next start.
-    Status ignored = store_->Put({{StoreKey(req.store.id), pdpb::Encode(req.store)}});
-    (void)ignored;
+    // A store registering on an existing cluster. The answer waits for the
+    // write like every other: a registration acknowledged but never written
+    // would be lost at the next restart, with the store believing it done.
+    s = store_->Put({{StoreKey(req.store.id), pdpb::Encode(req.store)}});
+    if (!s.ok()) return s;
     resp->already_bootstrapped = true;
     return Status::OK();
   }
@@ -167,62 +180,48 @@ Status PdService::Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapRe
 }
 
 Status PdService::GetRegion(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp) {
-  std::vector<store::KeyValue> records;
-  Status s = store_->Scan(kRegionPrefix, kRegionScanEnd, kRegionScanLimit, &records);
-  if (!s.ok()) return s;
-  if (records.empty()) return Status::NotFound("cluster not bootstrapped");
-
-  // The first covering region in key order wins; overlaps are not checked.
-  // A record that does not decode covers nothing, so the other regions stay
-  // routable; but when no region covers the key and such a record was met,
-  // the answer names the damage rather than a gap in the key space.
-  pdpb::Region region;
-  bool covered = false;
-  bool undecodable = false;
-  for (const store::KeyValue& record : records) {
-    pdpb::Region candidate;
-    if (!pdpb::Decode(record.second.size(), record.second.data(), &candidate)) {
-      undecodable = true;
-      continue;
-    }
-    if (Covers(candidate, req.key)) {
-      region = std::move(candidate);
-      covered = true;
-      break;
-    }
+  if (index_ != nullptr) {
+    Status s;
+    if (index_->Route(req.key, resp, &s)) return s;
   }
-  if (!covered) {
+  return RouteByWalk(req, resp);
+}
+
+Status PdService::RouteByWalk(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp) {
+  // The first covering region in key order wins; overlaps are not checked.
+  // The records stream by and only each one's bounds are read, in place;
+  // only the winner is copied and decoded. A record that does not decode
+  // covers nothing, so the other regions stay routable; but when no region
+  // covers the key and such a record was met, the answer names the damage
+  // rather than a gap in the key space.
+  bool any = false;
+  bool undecodable = false;
+  std::string winner;
+  Status s = store_->ForEach(kRegionPrefix, kRegionScanEnd, kRegionScanLimit,
+                             [&](std::string_view, std::string_view value) {
+                               any = true;
+                               std::string_view start;
+                               std::string_view end;
+                               if (!pdpb::DecodeRegionBounds(value.size(), value.data(), &start, &end)) {
+                                 undecodable = true;
+                                 return true;
+                               }
+                               if (!RangeCovers(start, end, req.key)) return true;
+                               winner.assign(value);
+                               return false;
+                             });
+  if (!s.ok()) return s;
+  if (!any) return Status::NotFound("cluster not bootstrapped");
+  pdpb::Region region;
+  if (!pdpb::Decode(winner.size(), winner.data(), &region) || winner.empty()) {
     if (undecodable) return Status::Corruption("bad region record");
     return Status::NotFound("no region covers key");
   }
-
-  pdpb::GetRegionResponse answer;
-  if (!region.peers.empty()) {
-    // The service keeps no leadership knowledge: the first listed peer
-    // stands for the leader.
-    answer.leader = region.peers.front();
-    std::string value;
-    bool found = false;
-    s = store_->Get(StoreKey(answer.leader.store_id), &value, &found);
-    if (!s.ok()) return s;
-    if (found && !pdpb::Decode(value.size(), value.data(), &answer.leader_store)) {
-      return Status::Corruption("bad store record");
-    }
-    // The peers' stores, in peer order; absent and undecodable records are
-    // left out (the leader's was already checked above).
-    for (const pdpb::Peer& peer : region.peers) {
-      found = false;
-      s = store_->Get(StoreKey(peer.store_id), &value, &found);
-      if (!s.ok()) return s;
-      pdpb::Store store;
-      if (found && pdpb::Decode(value.size(), value.data(), &store)) {
-        answer.stores.push_back(std::move(store));
-      }
-    }
-  }
-  answer.region = std::move(region);
-  *resp = std::move(answer);
-  return Status::OK();
+  return AnswerRoute(std::move(region),
+                     [this](uint64_t store_id, std::string* value, bool* found) {
+                       return store_->Get(StoreKey(store_id), value, found);
+                     },
+                     resp);
 }
 
 Status PdService::UpsertRegion(const pdpb::UpsertRegionRequest& req,

@@ -22,6 +22,7 @@
 #include "common/mutex.h"
 #include "common/status.h"
 #include "common/thread_annotations.h"
+#include "meta/region_index.h"
 #include "pdpb/messages.h"
 #include "store/meta_store.h"
 
@@ -61,7 +62,8 @@ class PdService {
 
   // Each handler fills *resp only when it returns OK.
 
-  // A batch of `count` (0 read as 1) consecutive timestamps. Always OK.
+  // A batch of `count` (0 read as 1) consecutive timestamps. Always OK,
+  // unless a timestamp ceiling (SetTsoCeiling) refuses the batch.
   // Batches never overlap, also when a count runs past the logical part:
   // the next batch starts after its end.
   Status Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) EXCLUDES(tso_mutex_);
@@ -70,17 +72,36 @@ class PdService {
   // written, or is damaged.
   Status AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp)
       EXCLUDES(id_mutex_);
+
   // Records the first store and regions, or on an existing cluster only the
-  // caller's store record.
+  // caller's store record. Fails when the write fails, in both cases.
   Status Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapResponse* resp);
   // The first region in key order of its record that covers `key`, its
-  // first peer as leader, and the store records of its peers.
+  // first peer as leader, and the store records of its peers. Answered by
+  // the routing index when the records form a clean partition of the key
+  // space, else by RouteByWalk.
   Status GetRegion(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp);
+  // The same answer from a walk over the region records in key order, up to
+  // the first that covers the key: the reference the index must match.
+  Status RouteByWalk(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp);
+  // The routing index, or null when the service was built without it.
+  const RegionIndex* routing_index() const { return index_.get(); }
   // Writes and deletes region records as one batch, unconditionally.
   Status UpsertRegion(const pdpb::UpsertRegionRequest& req, pdpb::UpsertRegionResponse* resp);
   // Scheduling commands for the regions the reporting store leads.
   Status RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
                          pdpb::RegionHeartbeatResponse* resp) EXCLUDES(heartbeat_mutex_);
+
+  // The replicated server's timestamp ceiling. `admit` is consulted under
+  // tso_mutex_ with the physical part of each batch's last timestamp before
+  // the batch is answered,
+  // and fails the batch when no ceiling above that part could be persisted;
+  // `floor` is where the physical part starts (the ceiling a previous leader
+  // persisted), so timestamps never repeat across leaders. Set once, before
+  // the methods are registered. Unset, as on the embedded server, Tso is
+  // unchanged.
+  using TsoAdmit = std::function<Status(uint64_t physical)>;
+  void SetTsoCeiling(uint64_t floor, TsoAdmit admit) EXCLUDES(tso_mutex_);
 
   // Registers the six methods ("Pd.Tso", "Pd.AllocId", "Pd.Bootstrap",
   // "Pd.GetRegion", "Pd.UpsertRegion", "Pd.RegionHeartbeat") on `server`,
@@ -102,6 +123,8 @@ class PdService {
   store::MetaStore* const store_;
   const uint32_t target_replicas_;
   const ClockMs clock_ms_;
+  // Built by Create; follows the store's writes on its own.
+  std::unique_ptr<RegionIndex> index_;
 
   // Serialises identifier batches, including their read and write of the
   // persisted mark; no other handler takes it.
@@ -112,6 +135,7 @@ class PdService {
   Mutex tso_mutex_;
   uint64_t tso_physical_ GUARDED_BY(tso_mutex_) = 0;  // ms of the last batch
   uint64_t tso_logical_ GUARDED_BY(tso_mutex_) = 0;   // next free logical value in it
+  TsoAdmit tso_admit_ GUARDED_BY(tso_mutex_);         // null: no ceiling
 
   // Per region id, the store that reported it last: the load figure that
   // leader balancing compares. Only the heartbeat handler touches it.

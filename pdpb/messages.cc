@@ -483,4 +483,38 @@ bool Decode(size_t size, const char* data, RegionHeartbeatResponse* out) {
   });
 }
 
+// ---- Region bounds, in place ----
+
+namespace {
+
+// Whether a nested record of only integer fields (RegionEpoch, Peer)
+// decodes: every known tag, 1 to `known_tags`, must carry 8 bytes.
+bool IntegerFieldsDecode(const Field& field, uint16_t known_tags) {
+  return DecodeFields(field.size, field.data, [known_tags](const Field& f) {
+    return f.tag < 1 || f.tag > known_tags || f.size == 8;
+  });
+}
+
+}  // namespace
+
+bool DecodeRegionBounds(size_t size, const char* data, std::string_view* start_key,
+                        std::string_view* end_key) {
+  std::string_view start;
+  std::string_view end;
+  const bool ok = DecodeFields(size, data, [&start, &end](const Field& f) {
+    switch (f.tag) {
+      case 1: return f.size == 8;
+      case 2: start = std::string_view(f.data, f.size); return true;
+      case 3: end = std::string_view(f.data, f.size); return true;
+      case 4: return IntegerFieldsDecode(f, 2);  // RegionEpoch
+      case 5: return IntegerFieldsDecode(f, 3);  // Peer
+      default: return true;
+    }
+  });
+  if (!ok) return false;
+  *start_key = start;
+  *end_key = end;
+  return true;
+}
+
 }  // namespace kandb::pdpb

@@ -20,6 +20,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kandb::pdpb {
@@ -172,6 +173,14 @@ KANDB_PDPB_DECLARE_CODEC(ScheduleCommand)
 KANDB_PDPB_DECLARE_CODEC(RegionHeartbeatResponse)
 
 #undef KANDB_PDPB_DECLARE_CODEC
+
+// The key range of an encoded Region, read in place without building the
+// record: true exactly when Decode(Region) succeeds on the same bytes, and
+// then *start_key and *end_key view the bytes Decode would copy (the last
+// occurrence of each field). Routing walks every region record with it
+// and decodes only the winner.
+bool DecodeRegionBounds(size_t size, const char* data, std::string_view* start_key,
+                        std::string_view* end_key);
 
 }  // namespace kandb::pdpb
 

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <thread>
 #include <utility>
 
@@ -31,10 +32,29 @@ bool ParseTarget(const std::string& target, std::string* host, std::string* port
   return true;
 }
 
+// A cluster's servers answer a follower's "not leader" with this text
+// behind "remote: ", and the leader's address after it when one is known.
+constexpr char kNotLeader[] = "remote: Unavailable: not leader; ";
+constexpr char kLeaderAt[] = "leader at ";
+
+std::vector<std::string> SplitTargets(const std::string& target) {
+  std::vector<std::string> targets;
+  size_t start = 0;
+  for (;;) {
+    const size_t comma = target.find(',', start);
+    targets.push_back(target.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
+    if (comma == std::string::npos) return targets;
+    start = comma + 1;
+  }
+}
+
 }  // namespace
 
 RpcClient::RpcClient(std::string target, RpcClientOptions options)
-    : target_(std::move(target)), options_(options), reader_(-1) {}
+    : target_(std::move(target)), options_(options), reader_(-1) {
+  MutexLock lock(&mu_);
+  targets_ = SplitTargets(target_);
+}
 
 RpcClient::~RpcClient() {
   MutexLock lock(&mu_);
@@ -72,9 +92,10 @@ bool ConnectWithin(int fd, const struct sockaddr* addr, socklen_t length, int ti
 }  // namespace
 
 Status RpcClient::Connect() {
-  const Status failed = Status::Corruption("cannot connect to " + target_);
+  const std::string& target = targets_[current_];
+  const Status failed = Status::Corruption("cannot connect to " + target);
   std::string host, port;
-  if (!ParseTarget(target_, &host, &port)) return failed;
+  if (!ParseTarget(target, &host, &port)) return failed;
 
   struct addrinfo hints = {};
   hints.ai_family = AF_UNSPEC;
@@ -138,9 +159,12 @@ Status RpcClient::CallRaw(const std::string& method, const std::string& request,
 
   MutexLock lock(&mu_);
   const int32_t attempts = std::max<int32_t>(1, options_.attempts);
+  size_t redirects = 0;
   std::string answer;
   for (int32_t attempt = 1;; ++attempt) {
-    Status s = fd_ < 0 ? Connect() : Status::OK();
+    const bool connected = fd_ >= 0;
+    Status s = connected ? Status::OK() : Connect();
+    const bool reached = s.ok();
     if (s.ok()) s = CallOnce(method, request, &answer);
     if (s.ok()) {
       response->swap(answer);
@@ -149,6 +173,11 @@ Status RpcClient::CallRaw(const std::string& method, const std::string& request,
     // Whatever failed, the connection's position is unknown: the next
     // attempt starts on a fresh one.
     Disconnect();
+    if (targets_.size() > 1 && ChooseNextTarget(s, reached) && redirects < targets_.size()) {
+      ++redirects;
+      --attempt;
+      continue;
+    }
     if (attempt >= attempts) return s;
     const int64_t micros = kPauseStepMicros * attempt;
     if (pause_) {
@@ -157,6 +186,25 @@ Status RpcClient::CallRaw(const std::string& method, const std::string& request,
       std::this_thread::sleep_for(std::chrono::microseconds(micros));
     }
   }
+}
+
+bool RpcClient::ChooseNextTarget(const Status& failure, bool connected) {
+  const std::string& text = failure.message();
+  const size_t not_leader = std::strlen(kNotLeader);
+  const bool refused = text.compare(0, not_leader, kNotLeader) == 0;
+  if (refused && text.compare(not_leader, std::strlen(kLeaderAt), kLeaderAt) == 0) {
+    const std::string leader = text.substr(not_leader + std::strlen(kLeaderAt));
+    auto it = std::find(targets_.begin(), targets_.end(), leader);
+    if (it == targets_.end()) it = targets_.insert(targets_.end(), leader);
+    current_ = static_cast<size_t>(it - targets_.begin());
+    return true;
+  }
+  // A server that could not be reached, broke off, or knows no leader:
+  // the next attempt tries the next one. Other failures of a server that
+  // answered (a refused request) stay with it.
+  const bool remote = text.compare(0, 8, "remote: ") == 0;
+  if (refused || !connected || !remote) current_ = (current_ + 1) % targets_.size();
+  return false;
 }
 
 RpcClientPool::RpcClientPool(std::vector<std::unique_ptr<RpcClient>> clients)

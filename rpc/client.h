@@ -37,6 +37,15 @@ class RpcClient {
   // `target` is "host:port"; the host is a name or a numeric address (an
   // IPv6 address in brackets, "[::1]:7000"). Nothing is connected before the
   // first call.
+  //
+  // `target` may also list several servers of a replicated cluster,
+  // "h1:p1,h2:p2,h3:p3", of which one leads. Calls go to one of them at a
+  // time; a connection failure, a transport failure or the answer
+  // "Unavailable: not leader; no leader yet" moves the next attempt to the
+  // next server in the list, and "Unavailable: not leader; leader at
+  // HOST:PORT" sends the call straight on to that server (such a redirect
+  // uses no attempt and no pause, at most as many times per call as there
+  // are servers). With one target nothing of this applies.
   RpcClient(std::string target, RpcClientOptions options);
   ~RpcClient();
   RpcClient(const RpcClient&) = delete;
@@ -68,8 +77,11 @@ class RpcClient {
   const std::string& target() const { return target_; }
 
  private:
-  // Connects to the first address of the target that accepts.
+  // Connects to the first address of the current target that accepts.
   Status Connect() REQUIRES(mu_);
+  // After a failed attempt on a cluster, chooses the target of the next
+  // one; true when the failure was a redirect to the leader.
+  bool ChooseNextTarget(const Status& failure, bool connected) REQUIRES(mu_);
   // One request and its answer on the open connection.
   Status CallOnce(const std::string& method, const std::string& request, std::string* response)
       REQUIRES(mu_);
@@ -82,6 +94,10 @@ class RpcClient {
   // connection and answers arrive in request order.
   Mutex mu_;
   int fd_ GUARDED_BY(mu_) = -1;  // -1 when not connected
+  // The servers of `target_` (one for a single target), plus leaders named
+  // in redirects that the list did not hold, and the one calls go to.
+  std::vector<std::string> targets_ GUARDED_BY(mu_);
+  size_t current_ GUARDED_BY(mu_) = 0;
   uint64_t next_request_id_ GUARDED_BY(mu_) = 1;
   FrameReader reader_ GUARDED_BY(mu_);
   std::string send_buffer_ GUARDED_BY(mu_);

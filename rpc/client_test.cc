@@ -57,6 +57,58 @@ TEST(ClientTest, FailuresAndPausesBetweenAttempts) {
   EXPECT_EQ(calls->load(), 3);
 }
 
+// A cluster list: a dead server is passed over, a follower's "leader at"
+// answer is followed at once, "no leader yet" moves to the next server with
+// a pause, and a leader's own refusal stays with it.
+TEST(ClientTest, ClusterListFollowsLeaderAndPassesOverDeadServers) {
+  RpcServer leader, follower, lost;
+  auto led = std::make_shared<std::atomic<int>>(0);
+  leader.RegisterRaw("M", [led](const std::string& req, std::string* resp) {
+    led->fetch_add(1);
+    if (req == "refuse") return Status::NotFound("nothing");
+    *resp = "led";
+    return Status::OK();
+  });
+  ASSERT_TRUE(leader.Start(0, "127.0.0.1").ok());
+  const std::string leader_addr = "127.0.0.1:" + std::to_string(leader.port());
+  follower.RegisterRaw("M", [leader_addr](const std::string&, std::string*) {
+    return Status::Unavailable("not leader; leader at " + leader_addr);
+  });
+  lost.RegisterRaw("M", [](const std::string&, std::string*) {
+    return Status::Unavailable("not leader; no leader yet");
+  });
+  ASSERT_TRUE(follower.Start(0, "127.0.0.1").ok());
+  ASSERT_TRUE(lost.Start(0, "127.0.0.1").ok());
+  const std::string dead = "127.0.0.1:" + std::to_string(kandb::testing::PickFreePort());
+  const std::string follower_addr = "127.0.0.1:" + std::to_string(follower.port());
+  const std::string lost_addr = "127.0.0.1:" + std::to_string(lost.port());
+
+  const struct {
+    std::string targets;
+    int32_t attempts;
+    std::string request;
+    std::vector<int64_t> pauses;
+    std::string outcome;
+  } cases[] = {
+      {dead + "," + follower_addr, 2, "x", {20000}, "led"},
+      {follower_addr + "," + dead, 1, "x", {}, "led"},
+      {lost_addr + "," + leader_addr, 2, "x", {20000}, "led"},
+      {lost_addr + "," + dead, 2, "x", {20000}, "cannot connect to " + dead},
+      {leader_addr + "," + follower_addr, 2, "refuse", {20000}, "remote: NotFound: nothing"},
+  };
+  for (const auto& c : cases) {
+    RpcClient client(c.targets, RpcClientOptions{1000, c.attempts});
+    auto pauses = std::make_shared<std::vector<int64_t>>();
+    client.SetPauseForTesting([pauses](int64_t micros) { pauses->push_back(micros); });
+    std::string out;
+    Status s = client.CallRaw("M", c.request, &out);
+    EXPECT_EQ(s.ok() ? out : s.message(), c.outcome) << c.targets;
+    EXPECT_EQ(*pauses, c.pauses) << c.targets;
+  }
+  // The refused request went to the leader both times, never to the follower.
+  EXPECT_EQ(led->load(), 5);
+}
+
 // The first connection answers with a foreign id; the client drops it and
 // its next call runs on a new connection, which answers properly.
 TEST(ClientTest, RequestIdMismatchThenReconnect) {

@@ -20,10 +20,39 @@ Status MetaStore::Open(const std::string& dir, const std::string& passphrase, in
   options.max_table_files = kMaxTableFiles;
   options.sync = sync != 0;
   options.io = io;
-  std::unique_ptr<lsm::LsmDb> db;
-  Status s = lsm::LsmDb::Open(dir, options, &db);
+  std::unique_ptr<LsmBackend> backend;
+  Status s = LsmBackend::Open(dir, options, &backend);
   if (!s.ok()) return s;
-  out->reset(new MetaStore(std::move(db), StoreCryptoFromPassphrase(passphrase)));
+  out->reset(new MetaStore(std::move(backend), StoreCryptoFromPassphrase(passphrase)));
+  return Status::OK();
+}
+
+Status LsmBackend::Open(const std::string& dir, lsm::LsmDb::Options options, std::unique_ptr<LsmBackend>* out) {
+  std::unique_ptr<LsmBackend> backend(new LsmBackend());
+  options.on_apply = [raw = backend.get()](const lsm::WriteBatch& batch) { raw->OnApply(batch); };
+  Status s = lsm::LsmDb::Open(dir, options, &backend->db_);
+  if (!s.ok()) return s;
+  *out = std::move(backend);
+  return Status::OK();
+}
+
+void LsmBackend::SetApplyHook(ApplyHook hook) {
+  MutexLock lock(&hook_mu_);
+  hook_ = std::move(hook);
+}
+
+void LsmBackend::OnApply(const lsm::WriteBatch& batch) {
+  MutexLock lock(&hook_mu_);
+  if (hook_) hook_(batch);
+}
+
+Status MetaStore::OnBackend(std::unique_ptr<MetaBackend> backend, const std::string& passphrase,
+                            std::unique_ptr<MetaStore>* out) {
+  if (!passphrase.empty()) {
+    Status s = PrepareSealing();
+    if (!s.ok()) return s;
+  }
+  out->reset(new MetaStore(std::move(backend), StoreCryptoFromPassphrase(passphrase)));
   return Status::OK();
 }
 
@@ -60,33 +89,48 @@ Status MetaStore::Write(const std::vector<KeyValue>& puts, const std::vector<std
 
 Status MetaStore::Scan(const std::string& start, const std::string& end, uint32_t limit,
                        std::vector<KeyValue>* out) {
-  std::vector<lsm::Entry> entries;
-  Status s = db_->Scan(start, end, limit, &entries);
-  if (!s.ok()) return s;
   out->clear();
-  out->reserve(entries.size());
-  for (lsm::Entry& e : entries) {
-    std::string value;
-    s = OpenValue(crypto_, std::move(e.value), &value);
-    if (!s.ok()) return s;
-    out->emplace_back(std::move(e.key), std::move(value));
-  }
-  return Status::OK();
+  return ForEach(start, end, limit, [out](std::string_view key, std::string_view value) {
+    out->emplace_back(std::string(key), std::string(value));
+    return true;
+  });
 }
 
-Status MetaStore::ForEach(
-    const std::string& start, const std::string& end, uint32_t limit,
-    const std::function<bool(const std::string& key, const std::string& value)>& visit) {
-  std::vector<lsm::Entry> entries;
-  Status s = db_->Scan(start, end, limit, &entries);
-  if (!s.ok()) return s;
+Status MetaStore::ForEach(const std::string& start, const std::string& end, uint32_t limit,
+                          const std::function<bool(std::string_view key, std::string_view value)>& visit) {
+  if (!crypto_.encrypted) return db_->ForEach(start, end, limit, visit);
+  Status failure;
   std::string value;
-  for (lsm::Entry& e : entries) {
-    s = OpenValue(crypto_, std::move(e.value), &value);
-    if (!s.ok()) return s;
-    if (!visit(e.key, value)) break;
+  Status s = db_->ForEach(start, end, limit, [&](std::string_view key, std::string_view stored) {
+    failure = OpenValue(crypto_, std::string(stored), &value);
+    return failure.ok() && visit(key, value);
+  });
+  return s.ok() ? failure : s;
+}
+
+Status MetaStore::ForEachStored(const std::string& start, const std::string& end, uint32_t limit,
+                                const std::function<bool(std::string_view key, std::string_view stored)>& visit) {
+  return db_->ForEach(start, end, limit, visit);
+}
+
+Status MetaStore::OpenStored(std::string_view stored, std::string* value) const {
+  return OpenValue(crypto_, std::string(stored), value);
+}
+
+void MetaStore::SetApplyObserver(std::function<void(const lsm::WriteBatch&)> observer) {
+  if (!observer || !crypto_.encrypted) {
+    db_->SetApplyHook(std::move(observer));
+    return;
   }
-  return Status::OK();
+  db_->SetApplyHook([this, observer = std::move(observer)](const lsm::WriteBatch& stored) {
+    // Every value here was sealed by this store a moment ago, so it opens.
+    lsm::WriteBatch opened = stored;
+    for (lsm::Entry& e : opened) {
+      std::string value;
+      if (e.op == lsm::kOpPut && OpenValue(crypto_, e.value, &value).ok()) e.value = std::move(value);
+    }
+    observer(opened);
+  });
 }
 
 }  // namespace kandb::store

@@ -2,25 +2,28 @@
 #define KANDB_STORE_META_STORE_H_
 
 // MetaStore: the persistent home of the placement driver's records. It owns
-// one storage engine over the state directory, fixes the engine's options,
-// and seals every value on the way in and opens it on the way out (see
-// envelope.h); keys stay in plain so that range scans keep working.
+// one backend (the storage engine over the state directory, or an etcd
+// cluster, see meta_backend.h), and seals every value on the way in and
+// opens it on the way out (see envelope.h); keys stay in plain so that range
+// scans keep working.
 //
 // The store adds no lock of its own: every operation may be called from any
-// thread and relies on the engine's locking and the envelope's atomic IV
-// counter. Each multi-entry operation is one engine write batch, applied
-// and logged as one unit, so a crash leaves all of it or none.
+// thread and relies on the backend's locking and the envelope's atomic IV
+// counter. Each multi-entry operation is one backend write batch, applied
+// as one unit, so a crash leaves all of it or none.
 
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "common/status.h"
 #include "lsm/db.h"
 #include "store/envelope.h"
+#include "store/meta_backend.h"
 
 namespace kandb::store {
 
@@ -45,6 +48,10 @@ class MetaStore {
   // owned; it must outlive the store), so that tests can inject faults.
   static Status Open(const std::string& dir, const std::string& passphrase, int sync, lsm::FileIo* io,
                      std::unique_ptr<MetaStore>* out);
+  // A store over another backend, sealing as Open does (and failing as it
+  // does when sealing cannot be prepared). On success replaces *out.
+  static Status OnBackend(std::unique_ptr<MetaBackend> backend, const std::string& passphrase,
+                          std::unique_ptr<MetaStore>* out);
 
   MetaStore(const MetaStore&) = delete;
   MetaStore& operator=(const MetaStore&) = delete;
@@ -68,17 +75,35 @@ class MetaStore {
   Status Scan(const std::string& start, const std::string& end, uint32_t limit,
               std::vector<KeyValue>* out);
 
-  // The same range read as Scan, handing each opened pair to `visit` in key
-  // order. `visit` returns false to end the walk early (ForEach then returns
-  // OK). Fails like Scan, after the pairs before the failing one were visited.
+  // The same range read as Scan, streamed: each opened pair goes to
+  // `visit` in key order as it is read, without collecting the range, and
+  // for a store without a passphrase without copying the bytes (the views
+  // are valid during the call only). `visit` returns false to end the walk
+  // early (ForEach then returns OK). Fails like Scan, after the pairs before
+  // the failing one were visited.
   Status ForEach(const std::string& start, const std::string& end, uint32_t limit,
-                 const std::function<bool(const std::string& key, const std::string& value)>& visit);
+                 const std::function<bool(std::string_view key, std::string_view value)>& visit);
+
+  // The same walk over the values as stored (sealed, when the store seals),
+  // for a reader that must see every record, also one that cannot be
+  // opened; OpenStored opens one of them.
+  Status ForEachStored(const std::string& start, const std::string& end, uint32_t limit,
+                       const std::function<bool(std::string_view key, std::string_view stored)>& visit);
+  Status OpenStored(std::string_view stored, std::string* value) const;
+
+  // Hands every batch this store writes, values opened, to `observer`, in
+  // the order the backend makes the batches visible (for the engine, the
+  // log's order), right after each becomes visible; an empty function stops
+  // it. For a cache of the records beside the store. Set it before the
+  // writes it must see; the observer runs while writes wait, so it must be
+  // quick and must not call into the store.
+  void SetApplyObserver(std::function<void(const lsm::WriteBatch&)> observer);
 
  private:
-  MetaStore(std::unique_ptr<lsm::LsmDb> db, const StoreCrypto& crypto)
-      : db_(std::move(db)), crypto_(crypto) {}
+  MetaStore(std::unique_ptr<MetaBackend> backend, const StoreCrypto& crypto)
+      : db_(std::move(backend)), crypto_(crypto) {}
 
-  const std::unique_ptr<lsm::LsmDb> db_;
+  const std::unique_ptr<MetaBackend> db_;
   const StoreCrypto crypto_;
 };
 

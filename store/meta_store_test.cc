@@ -136,8 +136,8 @@ TEST_F(MetaStoreTest, PlainBatchesAndRangeReads) {
             (std::vector<KeyValue>{{"pd/region/", "p"}, {"pd/region/10", "r10"}}));
   EXPECT_TRUE(Scan(store.get(), "pd/region/", "pd/region0", 0).empty());
   std::vector<std::string> seen;
-  ASSERT_TRUE(store->ForEach("pd/region/1", "", 1000, [&](const std::string& k, const std::string&) {
-                     seen.push_back(k);
+  ASSERT_TRUE(store->ForEach("pd/region/1", "", 1000, [&](std::string_view k, std::string_view) {
+                     seen.emplace_back(k);
                      return seen.size() < 2;
                    }).ok());
   EXPECT_EQ(seen, (std::vector<std::string>{"pd/region/10", "pd/region/9"}));

@@ -389,7 +389,7 @@ std::string LatencyText(const LatencyHistogram& h) {
 int Main(int argc, char** argv) {
   Config config;
   CommandLine cl(kProgram, "A closed-loop load generator for the kandb-meta server; checks every answer.");
-  cl.AddString("addr", &config.addr, "server address HOST:PORT (default 127.0.0.1:2379)");
+  cl.AddString("addr", &config.addr, "server address HOST:PORT, or the servers of a replicated cluster H1:P1,H2:P2,... (default 127.0.0.1:2379)");
   cl.AddString("method", &config.method,
                "tso, alloc-id, get-region, upsert-region, heartbeat or mix (default tso)");
   cl.AddUint("conns", &config.conns, 4096, "connections, one thread each (default 1)");

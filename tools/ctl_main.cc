@@ -37,7 +37,7 @@ struct Common {
 };
 
 void AddCommon(CommandLine* cl, Common* c, bool with_request) {
-  cl->AddString("addr", &c->addr, "server address HOST:PORT (default 127.0.0.1:2379)");
+  cl->AddString("addr", &c->addr, "server address HOST:PORT, or the servers of a replicated cluster H1:P1,H2:P2,... (default 127.0.0.1:2379)");
   cl->AddUint("timeout-ms", &c->timeout_ms, INT32_MAX,
               "time-out of every wait for the server, in milliseconds (default 5000)");
   cl->AddUint("attempts", &c->attempts, 100,

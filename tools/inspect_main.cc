@@ -425,18 +425,18 @@ std::string DescribeRecord(const std::string& key, const std::string& value, std
 // reads do, and prints the live records. Damaged tables are left out of the
 // merge, so what they hid is shown as it would be without them.
 void PrintRecords(const Snapshot& snap, bool print, std::vector<Problem>* problems) {
-  lsm::ReadView view;
-  view.memtables.push_back(snap.mem);
+  auto view = std::make_shared<lsm::ReadView>();
+  view->memtables.push_back(snap.mem);
   for (const TableReport& t : snap.tables) {
-    if (t.live && t.reader != nullptr && !t.damaged) view.tables.push_back(t.reader);
+    if (t.live && t.reader != nullptr && !t.damaged) view->tables.push_back(t.reader);
   }
   lsm::ScanIterator it(std::move(view), "", "");
   Status s = it.Init();
   std::vector<std::pair<std::string, std::string>> lines;
   std::map<std::string, uint64_t> counts;
   while (s.ok() && it.Valid()) {
-    lines.emplace_back(it.key(), DescribeRecord(it.key(), it.value(), problems));
-    const std::string& key = it.key();
+    const std::string key(it.key());
+    lines.emplace_back(key, DescribeRecord(key, std::string(it.value()), problems));
     counts[StartsWith(key, meta::kStorePrefix)    ? "stores"
            : StartsWith(key, meta::kRegionPrefix) ? "regions"
                                                    : "other"]++;

@@ -1,0 +1,102 @@
+// kandb-meta-ha: one of several placement servers that share an etcd
+// cluster. One of them leads and serves; the others answer "not leader"
+// with the leader's address and take over when its lease runs out. Prints
+// one banner line once it listens, and each change of leadership on
+// standard error; runs until it is killed.
+
+#include <unistd.h>
+
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/flags.h"
+#include "common/status.h"
+#include "meta/ha_server.h"
+#include "rpc/server.h"
+#include "store/etcd_backend.h"
+#include "store/etcd_client.h"
+
+namespace {
+
+int64_t* const FLAGS_port = kandb::DefineInt64Flag("port", 2379, "pd service listen port");
+std::string* const FLAGS_bind_addr =
+    kandb::DefineStringFlag("bind_addr", "0.0.0.0", "pd service IPv4 listen address");
+std::string* const FLAGS_advertise_addr = kandb::DefineStringFlag(
+    "advertise_addr", "",
+    "HOST:PORT that clients and the other servers use to reach this one; empty means "
+    "bind_addr:port, or this machine's host name:port when bind_addr is 0.0.0.0");
+std::string* const FLAGS_etcd = kandb::DefineStringFlag(
+    "etcd", "", "comma-separated client URLs of the etcd cluster (required)");
+std::string* const FLAGS_cluster = kandb::DefineStringFlag(
+    "cluster", "default", "cluster name; its records live under the etcd prefix kandb/NAME/");
+int64_t* const FLAGS_target_replicas = kandb::DefineInt64Flag(
+    "target_replicas", 0,
+    "auto-heal: schedule adding replicas until each region reaches this member count "
+    "(0 = off; promotion of caught-up learners is always on)");
+int64_t* const FLAGS_lease_ms = kandb::DefineInt64Flag(
+    "lease_ms", 3000,
+    "leader lease in ms; etcd grants whole seconds, at least 2, so it is rounded up");
+
+// Every etcd call on one endpoint is bounded by this, well inside a third
+// of the shortest lease, so a dead endpoint cannot stall a renewal.
+constexpr int kEtcdTimeoutMs = 500;
+
+std::string DefaultAdvertise(const std::string& bind_addr, int64_t port) {
+  std::string host = bind_addr;
+  if (bind_addr == "0.0.0.0") {
+    // A redirect to 0.0.0.0 would be useless to a client on another machine.
+    char name[HOST_NAME_MAX + 1] = {};
+    host = gethostname(name, sizeof(name) - 1) == 0 && name[0] != '\0' ? name : "localhost";
+  }
+  return host + ":" + std::to_string(port);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  kandb::ParseFlags(argc, argv);
+  if (FLAGS_etcd->empty()) {
+    // No default: etcd's own client port is 2379 too, and a silent default
+    // would collide with this server's port on one machine.
+    std::fprintf(stderr, "--etcd is required (comma-separated etcd client URLs)\n");
+    return 2;
+  }
+  std::vector<std::string> endpoints;
+  kandb::Status s = kandb::store::EtcdClient::ParseEndpoints(*FLAGS_etcd, &endpoints);
+  if (!s.ok()) {
+    std::fprintf(stderr, "bad --etcd: %s\n", s.ToString().c_str());
+    return 2;
+  }
+  const std::string& bind_addr = *FLAGS_bind_addr;
+  kandb::meta::HaOptions options;
+  options.prefix = kandb::store::EtcdClusterPrefix(*FLAGS_cluster);
+  options.advertise = FLAGS_advertise_addr->empty() ? DefaultAdvertise(bind_addr, *FLAGS_port)
+                                                    : *FLAGS_advertise_addr;
+  options.lease_ms = *FLAGS_lease_ms;
+  options.target_replicas = static_cast<uint32_t>(*FLAGS_target_replicas);
+
+  kandb::store::EtcdClient etcd(endpoints, kEtcdTimeoutMs);
+  auto ha = std::make_unique<kandb::meta::HaServer>(&etcd, options);
+  auto server = std::make_unique<kandb::kanrpc::RpcServer>();
+  ha->RegisterTo(server.get());
+  s = server->Start(static_cast<int32_t>(*FLAGS_port), bind_addr);
+  if (!s.ok()) {
+    std::fprintf(stderr, "failed to start pd: %s\n", s.ToString().c_str());
+    server.reset();
+    ha.reset();
+    return 1;
+  }
+  std::printf("kandb-meta-ha listening on %s:%lld, cluster %s\n", bind_addr.c_str(),
+              static_cast<long long>(*FLAGS_port), FLAGS_cluster->c_str());
+  std::fflush(stdout);
+  ha->Start();
+
+  server->Wait();
+  server.reset();
+  ha.reset();
+  return 0;
+}

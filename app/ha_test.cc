@@ -1,0 +1,480 @@
+// The replicated server against real etcd members and real kandb-meta-ha
+// processes: leader kills under load, a leader paused past its lease, a
+// leader whose lease was revoked, and the loss of etcd members.
+//
+// KANDB_HA_KILLS (default 5) sets the number of leader kills of the
+// failover run; its figures are printed on standard output.
+
+#include <signal.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/etcd_test_util.h"
+#include "pdpb/messages.h"
+#include "rpc/client.h"
+
+namespace kandb {
+namespace {
+
+// The live pairs of a range, collected from the backend's walk.
+Status ScanAll(store::MetaBackend* backend, const std::string& start, const std::string& end, uint32_t limit,
+               std::vector<lsm::Entry>* out) {
+  out->clear();
+  return backend->ForEach(start, end, limit, [out](std::string_view key, std::string_view value) {
+    out->push_back(lsm::Entry{lsm::kOpPut, std::string(key), std::string(value)});
+    return true;
+  });
+}
+
+using testing::SleepMs;
+using testing::SteadyMs;
+
+constexpr int64_t kLeaseMs = 3000;
+
+pdpb::Region RegionAt(uint64_t id, const std::string& key) {
+  pdpb::Region region;
+  region.id = id;
+  region.start_key = key;
+  region.end_key = key + '\0';
+  region.epoch = {1, 1};
+  region.peers.push_back(pdpb::Peer{id + 1, 1, 0});
+  return region;
+}
+
+std::string RegionKey(const std::string& prefix, uint64_t id) {
+  return prefix + "pd/region/" + std::to_string(id);
+}
+
+// The stored region records of the cluster, by etcd key.
+std::map<std::string, std::string> StoredRegions(store::EtcdClient* etcd, const std::string& prefix) {
+  std::map<std::string, std::string> out;
+  std::vector<store::EtcdKv> kvs;
+  bool more = false;
+  int64_t revision = 0;
+  const std::string from = prefix + "pd/region/";
+  EXPECT_TRUE(etcd->Range(from, store::PrefixEnd(from), 0, 0, &kvs, &more, &revision).ok());
+  for (const store::EtcdKv& kv : kvs) out[kv.key] = kv.value;
+  return out;
+}
+
+class HaTest : public ::testing::Test {
+ protected:
+  void SetUp() override { dir_ = testing::MakeTempDir("kandb-ha"); }
+  void TearDown() override { testing::RemoveTree(dir_); }
+
+  static kanrpc::RpcClientOptions Options(int32_t attempts, int32_t timeout_ms = 1000) {
+    return kanrpc::RpcClientOptions{timeout_ms, attempts};
+  }
+
+  // Bootstraps through any server of the list once a leader serves.
+  static void Bootstrap(const std::string& targets) {
+    kanrpc::RpcClient client(targets, Options(3));
+    pdpb::BootstrapRequest req;
+    req.store = pdpb::Store{1, "127.0.0.1:20160", 0};
+    req.region.id = 2;
+    req.region.end_key = "a";  // the tests' own regions lie above "a"
+    pdpb::BootstrapResponse resp;
+    Status s;
+    for (const int64_t end = SteadyMs() + 20000; SteadyMs() < end; SleepMs(50)) {
+      s = client.Call("Pd.Bootstrap", req, &resp);
+      if (s.ok()) return;
+    }
+    FAIL() << s.ToString();
+  }
+
+  std::string dir_;
+};
+
+// No default for --etcd: etcd's own client port is this server's port too.
+TEST(HaMainTest, EtcdIsRequired) {
+  const testing::ProgramResult r = testing::RunProgram({KANDB_META_HA_BINARY, "--port=0"});
+  EXPECT_EQ(testing::ExitCode(r), 2);
+  EXPECT_EQ(r.err, "--etcd is required (comma-separated etcd client URLs)\n");
+  EXPECT_EQ(r.out, "");
+}
+
+// The etcd backend keeps the engine's meaning: batches apply in order (the
+// last operation on a key wins, also across batches grouped into one
+// transaction), and a scan is [start, end) in key order up to its limit,
+// across pages, without the cluster prefix.
+TEST(EtcdBackendTest, BatchOrderAndScanPages) {
+  const std::string dir = testing::MakeTempDir("kandb-etcd-backend");
+  {
+    testing::EtcdCluster etcd(dir);
+    ASSERT_TRUE(etcd.Start(1));
+    store::EtcdClient client(etcd.Endpoints(), 2000);
+    store::EtcdBackend backend(&client, "kandb/t/", store::EtcdFence{});
+    const auto put = [](const std::string& k, const std::string& v) {
+      return lsm::Entry{lsm::kOpPut, k, v};
+    };
+    const auto del = [](const std::string& k) { return lsm::Entry{lsm::kOpDelete, k, ""}; };
+    // Concurrent writers land in one group; each thread's batches in order.
+    std::vector<std::thread> writers;
+    for (int t = 0; t < 8; ++t) {
+      writers.emplace_back([&backend, &put, &del, t] {
+        const std::string k = "w/" + std::to_string(t);
+        EXPECT_TRUE(backend.Write({put(k, "1"), del(k), put(k, "2")}).ok());
+        EXPECT_TRUE(backend.Write({put(k + "x", "gone")}).ok());
+        EXPECT_TRUE(backend.Write({del(k + "x")}).ok());
+      });
+    }
+    for (std::thread& w : writers) w.join();
+    std::vector<lsm::Entry> got;
+    ASSERT_TRUE(ScanAll(&backend, "w/", "w0", 100, &got).ok());
+    ASSERT_EQ(got.size(), 8u);
+    for (int t = 0; t < 8; ++t) EXPECT_EQ(got[t], put("w/" + std::to_string(t), "2"));
+
+    // More records than one page holds, written in two transactions.
+    const int64_t total = store::EtcdBackend::kScanPage + 5;
+    for (int64_t from = 0; from < total; from += testing::EtcdCluster::kMaxTxnOps) {
+      lsm::WriteBatch batch;
+      for (int64_t i = from; i < std::min(total, from + testing::EtcdCluster::kMaxTxnOps); ++i) {
+        char key[16];
+        std::snprintf(key, sizeof(key), "p/%06lld", static_cast<long long>(i));
+        batch.push_back(put(key, std::to_string(i)));
+      }
+      ASSERT_TRUE(backend.Write(batch).ok());
+    }
+    ASSERT_TRUE(ScanAll(&backend, "p/", "p0", static_cast<uint32_t>(total + 100), &got).ok());
+    ASSERT_EQ(got.size(), static_cast<size_t>(total));
+    for (int64_t i = 0; i < total; ++i) ASSERT_EQ(got[i].value, std::to_string(i));
+    ASSERT_TRUE(ScanAll(&backend, "p/000003", "p/010003", static_cast<uint32_t>(total), &got).ok());
+    ASSERT_EQ(got.size(), 10000u);
+    EXPECT_EQ(got.front().key, "p/000003");
+    EXPECT_EQ(got.back().key, "p/010002");
+    ASSERT_TRUE(ScanAll(&backend, "p/", "", 10001, &got).ok());
+    EXPECT_EQ(got.size(), 10001u);
+    ASSERT_TRUE(ScanAll(&backend, "", "", 100000, &got).ok());  // everything of the cluster
+    EXPECT_EQ(got.size(), static_cast<size_t>(total) + 8);
+    ASSERT_TRUE(ScanAll(&backend, "p/", "", 0, &got).ok());
+    EXPECT_TRUE(got.empty());
+    std::string value = "kept";
+    bool found = true;
+    ASSERT_TRUE(backend.Get("w/0x", &value, &found).ok());
+    EXPECT_FALSE(found);
+    EXPECT_EQ(value, "kept");
+  }
+  testing::RemoveTree(dir);
+}
+
+// What the load threads of the failover run saw.
+struct Observed {
+  std::atomic<bool> stop{false};
+  std::atomic<uint64_t> tso_high{0};       // largest timestamp any client received
+  std::atomic<uint64_t> below{0};          // answers not above an earlier one
+  std::atomic<int64_t> last_success_ms{0};  // steady clock
+  std::atomic<uint64_t> failures{0};
+  std::mutex mu;
+  std::vector<uint64_t> timestamps;
+  std::vector<std::pair<uint64_t, uint64_t>> id_ranges;  // first, count
+  std::map<uint64_t, std::string> acked;                 // region id -> encoding
+};
+
+void LoadThread(const std::string& targets, int index, Observed* seen) {
+  kanrpc::RpcClient client(targets, kanrpc::RpcClientOptions{1000, 3});
+  std::vector<uint64_t> timestamps;
+  std::vector<std::pair<uint64_t, uint64_t>> ids;
+  std::map<uint64_t, std::string> acked;
+  for (uint64_t n = 0; !seen->stop.load(); ++n) {
+    Status s;
+    switch (n % 3) {
+      case 0: {
+        // Any answer to a request sent after a timestamp was seen must lie
+        // above it, whichever server gave either.
+        const uint64_t before = seen->tso_high.load();
+        pdpb::TsoResponse resp;
+        s = client.Call("Pd.Tso", pdpb::TsoRequest{4}, &resp);
+        if (!s.ok()) break;
+        if (resp.timestamp <= before) seen->below.fetch_add(1);
+        for (uint32_t i = 0; i < resp.count; ++i) timestamps.push_back(resp.timestamp + i);
+        uint64_t high = seen->tso_high.load();
+        const uint64_t last = resp.timestamp + resp.count - 1;
+        while (high < last && !seen->tso_high.compare_exchange_weak(high, last)) {
+        }
+        break;
+      }
+      case 1: {
+        pdpb::AllocIdResponse resp;
+        s = client.Call("Pd.AllocId", pdpb::AllocIdRequest{3}, &resp);
+        if (s.ok()) ids.emplace_back(resp.first_id, resp.count);
+        break;
+      }
+      default: {
+        const uint64_t id = 1000000 * (index + 1) + n;
+        char key[32];
+        std::snprintf(key, sizeof(key), "u/%d/%08llu", index, static_cast<unsigned long long>(n));
+        pdpb::UpsertRegionRequest req;
+        req.regions.push_back(RegionAt(id, key));
+        pdpb::UpsertRegionResponse resp;
+        s = client.Call("Pd.UpsertRegion", req, &resp);
+        if (s.ok()) acked[id] = pdpb::Encode(req.regions[0]);
+      }
+    }
+    if (s.ok()) {
+      seen->last_success_ms.store(SteadyMs());
+    } else {
+      seen->failures.fetch_add(1);
+      SleepMs(20);
+    }
+  }
+  std::lock_guard<std::mutex> lock(seen->mu);
+  seen->timestamps.insert(seen->timestamps.end(), timestamps.begin(), timestamps.end());
+  seen->id_ranges.insert(seen->id_ranges.end(), ids.begin(), ids.end());
+  seen->acked.insert(acked.begin(), acked.end());
+}
+
+// Three etcd members, three servers, clients on the list of all three; the
+// leader is SIGKILLed again and again (and restarted as a follower).
+// Nothing handed out twice or out of order, nothing acknowledged lost.
+TEST_F(HaTest, LeaderKillsUnderLoad) {
+  const char* env = std::getenv("KANDB_HA_KILLS");
+  const int kills = env != nullptr && std::atoi(env) > 0 ? std::atoi(env) : 5;
+  testing::EtcdCluster etcd(dir_);
+  ASSERT_TRUE(etcd.Start(3));
+  testing::HaServers servers(KANDB_META_HA_BINARY, etcd.UrlList(), "kills", kLeaseMs);
+  ASSERT_TRUE(servers.Start(3));
+  const std::string targets = servers.AddressList();
+  Bootstrap(targets);
+  store::EtcdClient client(etcd.Endpoints(), 1000);
+
+  Observed seen;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) threads.emplace_back(LoadThread, targets, i, &seen);
+  int64_t longest_ms = 0;
+  for (int k = 0; k < kills; ++k) {
+    // Let the new leader serve a while before it is killed in turn.
+    SleepMs(1000);
+    const int leader = servers.WaitLeader(&client, 10000);
+    ASSERT_GE(leader, 0);
+    const int64_t killed_at = SteadyMs();
+    servers.Kill(leader);
+    ASSERT_TRUE(servers.Restart(leader));
+    while (seen.last_success_ms.load() <= killed_at && SteadyMs() < killed_at + 30000) SleepMs(5);
+    ASSERT_GT(seen.last_success_ms.load(), killed_at) << "no leader took over";
+    longest_ms = std::max(longest_ms, seen.last_success_ms.load() - killed_at);
+  }
+  SleepMs(500);
+  seen.stop.store(true);
+  for (std::thread& t : threads) t.join();
+
+  std::vector<uint64_t>& ts = seen.timestamps;
+  std::sort(ts.begin(), ts.end());
+  const size_t repeats = ts.size() - static_cast<size_t>(std::unique(ts.begin(), ts.end()) - ts.begin());
+  std::sort(seen.id_ranges.begin(), seen.id_ranges.end());
+  size_t id_overlaps = 0;
+  for (size_t i = 1; i < seen.id_ranges.size(); ++i) {
+    if (seen.id_ranges[i].first < seen.id_ranges[i - 1].first + seen.id_ranges[i - 1].second) ++id_overlaps;
+  }
+  const std::map<std::string, std::string> stored = StoredRegions(&client, servers.prefix());
+  size_t lost = 0;
+  for (const auto& [id, encoding] : seen.acked) {
+    auto it = stored.find(RegionKey(servers.prefix(), id));
+    if (it == stored.end() || it->second != encoding) ++lost;
+  }
+  const size_t checked = ts.size() + seen.id_ranges.size() + seen.acked.size();
+  std::printf("failover: kills %d, requests checked %zu (timestamps %zu, id batches %zu, upserts %zu), "
+              "repeats %zu, below an earlier timestamp %llu, id overlaps %zu, lost %zu, "
+              "failed calls %llu, longest time without a leader %lld ms (lease %lld ms)\n",
+              kills, checked, ts.size(), seen.id_ranges.size(), seen.acked.size(), repeats,
+              static_cast<unsigned long long>(seen.below.load()), id_overlaps, lost,
+              static_cast<unsigned long long>(seen.failures.load()), static_cast<long long>(longest_ms),
+              static_cast<long long>(kLeaseMs));
+  EXPECT_EQ(repeats, 0u);
+  EXPECT_EQ(seen.below.load(), 0u);
+  EXPECT_EQ(id_overlaps, 0u);
+  EXPECT_EQ(lost, 0u);
+  EXPECT_GT(seen.acked.size(), 0u);
+
+  // Acknowledged upserts route through the last leader too.
+  kanrpc::RpcClient router(targets, Options(5));
+  size_t routed = 0;
+  for (const auto& [id, encoding] : seen.acked) {
+    if (routed++ % 97 != 0) continue;
+    pdpb::Region region;
+    ASSERT_TRUE(pdpb::Decode(encoding.size(), encoding.data(), &region));
+    pdpb::GetRegionResponse resp;
+    ASSERT_TRUE(router.Call("Pd.GetRegion", pdpb::GetRegionRequest{region.start_key}, &resp).ok());
+    EXPECT_EQ(resp.region.id, id);
+  }
+}
+
+// A leader paused past its lease: another server takes over and serves;
+// the requests that waited on the paused leader's connection get no
+// successful answer when it resumes, and none of its writes lands.
+TEST_F(HaTest, PausedLeaderAnswersNothingAndWritesNothing) {
+  testing::EtcdCluster etcd(dir_);
+  ASSERT_TRUE(etcd.Start(1));
+  testing::HaServers servers(KANDB_META_HA_BINARY, etcd.UrlList(), "pause", kLeaseMs);
+  ASSERT_TRUE(servers.Start(2));
+  Bootstrap(servers.AddressList());
+  store::EtcdClient client(etcd.Endpoints(), 1000);
+  const int old = servers.WaitLeader(&client, 10000);
+  ASSERT_GE(old, 0);
+  const int other = 1 - old;
+
+  servers.Signal(old, SIGSTOP);
+  // Each request waits on its own connection to the paused leader.
+  std::vector<Status> queued(3);
+  std::vector<std::thread> waiting;
+  const std::string old_addr = servers.Address(old);
+  waiting.emplace_back([&] {
+    kanrpc::RpcClient c(old_addr, Options(1, 30000));
+    pdpb::UpsertRegionRequest req;
+    req.regions.push_back(RegionAt(777, "u/paused"));
+    pdpb::UpsertRegionResponse resp;
+    queued[0] = c.Call("Pd.UpsertRegion", req, &resp);
+  });
+  waiting.emplace_back([&] {
+    kanrpc::RpcClient c(old_addr, Options(1, 30000));
+    pdpb::TsoResponse resp;
+    queued[1] = c.Call("Pd.Tso", pdpb::TsoRequest{1}, &resp);
+  });
+  waiting.emplace_back([&] {
+    kanrpc::RpcClient c(old_addr, Options(1, 30000));
+    pdpb::AllocIdResponse resp;
+    queued[2] = c.Call("Pd.AllocId", pdpb::AllocIdRequest{5000}, &resp);
+  });
+
+  // The other server takes over once the lease ran out, and serves.
+  kanrpc::RpcClient next(servers.Address(other), Options(1));
+  Status s;
+  pdpb::TsoResponse tso;
+  for (const int64_t end = SteadyMs() + kLeaseMs + 10000; SteadyMs() < end; SleepMs(50)) {
+    s = next.Call("Pd.Tso", pdpb::TsoRequest{1}, &tso);
+    if (s.ok()) break;
+  }
+  ASSERT_TRUE(s.ok()) << s.ToString();
+  pdpb::UpsertRegionRequest req;
+  req.regions.push_back(RegionAt(778, "u/new"));
+  pdpb::UpsertRegionResponse upserted;
+  ASSERT_TRUE(next.Call("Pd.UpsertRegion", req, &upserted).ok());
+
+  servers.Signal(old, SIGCONT);
+  for (std::thread& t : waiting) t.join();
+  for (const Status& q : queued) {
+    EXPECT_FALSE(q.ok());
+    EXPECT_NE(q.message().find("Unavailable: not leader"), std::string::npos) << q.ToString();
+  }
+  const std::map<std::string, std::string> stored = StoredRegions(&client, servers.prefix());
+  EXPECT_EQ(stored.count(RegionKey(servers.prefix(), 777)), 0u);
+  EXPECT_EQ(stored.count(RegionKey(servers.prefix(), 778)), 1u);
+  // The paused leader stepped down on its own once it ran again.
+  for (const int64_t end = SteadyMs() + 5000;
+       servers.Stderr(old).find("stepped down") == std::string::npos && SteadyMs() < end;) {
+    SleepMs(50);
+  }
+  EXPECT_NE(servers.Stderr(old).find("stepped down"), std::string::npos) << servers.Stderr(old);
+}
+
+// A batch over etcd's operation limit fails whole with etcd's own reason.
+// Then the leader's lease is revoked in etcd (etcdctl lease revoke): an
+// upsert sent at once fails its fence, and nothing of it is stored.
+TEST_F(HaTest, OversizedBatchAndRevokedLease) {
+  testing::EtcdCluster etcd(dir_);
+  ASSERT_TRUE(etcd.Start(1));
+  testing::HaServers servers(KANDB_META_HA_BINARY, etcd.UrlList(), "revoke", kLeaseMs);
+  ASSERT_TRUE(servers.Start(1));
+  Bootstrap(servers.AddressList());
+  store::EtcdClient client(etcd.Endpoints(), 1000);
+  std::vector<store::EtcdKv> kvs;
+  bool more = false;
+  int64_t revision = 0;
+  ASSERT_TRUE(client.Range(servers.prefix() + "leader", "", 0, 0, &kvs, &more, &revision).ok());
+  ASSERT_EQ(kvs.size(), 1u);
+  char lease[32];
+  std::snprintf(lease, sizeof(lease), "%llx", static_cast<unsigned long long>(kvs[0].lease));
+  // The connection is open before the revocation, so the upsert follows it
+  // within a few milliseconds.
+  kanrpc::RpcClient c(servers.Address(0), Options(1));
+  pdpb::UpsertRegionRequest oversized;
+  for (uint64_t i = 0; i <= testing::EtcdCluster::kMaxTxnOps; ++i) {
+    oversized.regions.push_back(RegionAt(100000 + i, "u/o/" + std::to_string(i)));
+  }
+  pdpb::UpsertRegionResponse ignored;
+  EXPECT_EQ(c.Call("Pd.UpsertRegion", oversized, &ignored).message(),
+            "remote: InvalidArgument: etcd: etcdserver: too many operations in txn request");
+  EXPECT_EQ(StoredRegions(&client, servers.prefix()).count(RegionKey(servers.prefix(), 100000)), 0u);
+  pdpb::TsoResponse tso;
+  ASSERT_TRUE(c.Call("Pd.Tso", pdpb::TsoRequest{1}, &tso).ok());
+  const testing::ProgramResult revoked =
+      testing::RunProgram({"/usr/bin/etcdctl", "--endpoints=" + etcd.UrlList(), "lease", "revoke", lease});
+  ASSERT_EQ(testing::ExitCode(revoked), 0) << revoked.err;
+  pdpb::UpsertRegionRequest req;
+  req.regions.push_back(RegionAt(779, "u/fenced"));
+  pdpb::UpsertRegionResponse resp;
+  const Status s = c.Call("Pd.UpsertRegion", req, &resp);
+  EXPECT_NE(s.message().find("Unavailable: not leader"), std::string::npos) << s.ToString();
+  EXPECT_EQ(StoredRegions(&client, servers.prefix()).count(RegionKey(servers.prefix(), 779)), 0u);
+}
+
+// One etcd member lost: service goes on. Two lost: requests fail with a
+// clear status. Both back: service resumes and nothing acknowledged is lost.
+TEST_F(HaTest, LossOfEtcdMembers) {
+  testing::EtcdCluster etcd(dir_);
+  ASSERT_TRUE(etcd.Start(3));
+  testing::HaServers servers(KANDB_META_HA_BINARY, etcd.UrlList(), "members", kLeaseMs);
+  ASSERT_TRUE(servers.Start(2));
+  const std::string targets = servers.AddressList();
+  Bootstrap(targets);
+  kanrpc::RpcClient c(targets, Options(3));
+  uint64_t next_id = 800;
+  std::map<uint64_t, std::string> acked;
+  // Upserts until one succeeds or `ms` passed; the last status.
+  auto upsert = [&](int ms) {
+    Status s;
+    for (const int64_t end = SteadyMs() + ms; SteadyMs() < end; SleepMs(50)) {
+      pdpb::UpsertRegionRequest req;
+      req.regions.push_back(RegionAt(next_id, "u/m/" + std::to_string(next_id)));
+      pdpb::UpsertRegionResponse resp;
+      s = c.Call("Pd.UpsertRegion", req, &resp);
+      if (s.ok()) {
+        acked[next_id] = pdpb::Encode(req.regions[0]);
+        ++next_id;
+        return s;
+      }
+      ++next_id;
+    }
+    return s;
+  };
+  ASSERT_TRUE(upsert(10000).ok());
+
+  etcd.Kill(0);
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(upsert(kLeaseMs + 5000).ok()) << "one member lost";
+  pdpb::TsoResponse tso;
+  EXPECT_TRUE(c.Call("Pd.Tso", pdpb::TsoRequest{1}, &tso).ok());
+
+  etcd.Kill(1);
+  // Without a quorum the leader cannot renew and steps down; every answer
+  // is then a failure that says why.
+  const Status down = upsert(kLeaseMs + 3000);
+  ASSERT_FALSE(down.ok());
+  EXPECT_NE(down.message().find("Unavailable: "), std::string::npos) << down.ToString();
+  const Status tso_down = c.Call("Pd.Tso", pdpb::TsoRequest{1}, &tso);
+  EXPECT_FALSE(tso_down.ok());
+  EXPECT_NE(tso_down.message().find("Unavailable: "), std::string::npos) << tso_down.ToString();
+
+  ASSERT_TRUE(etcd.Restart(0));
+  ASSERT_TRUE(etcd.Restart(1));
+  ASSERT_TRUE(etcd.WaitHealthy(30000));
+  ASSERT_TRUE(upsert(20000).ok()) << "service did not resume";
+  store::EtcdClient client(etcd.Endpoints(), 1000);
+  const std::map<std::string, std::string> stored = StoredRegions(&client, servers.prefix());
+  for (const auto& [id, encoding] : acked) {
+    auto it = stored.find(RegionKey(servers.prefix(), id));
+    ASSERT_NE(it, stored.end()) << id;
+    EXPECT_EQ(it->second, encoding);
+  }
+}
+
+}  // namespace
+}  // namespace kandb

@@ -1,0 +1,130 @@
+#ifndef KANDB_META_HA_SERVER_H_
+#define KANDB_META_HA_SERVER_H_
+
+// HaServer: the placement service of one of several servers that share an
+// etcd cluster. One of them at a time is the leader and serves; the others
+// answer every method with "Unavailable: not leader; leader at HOST:PORT"
+// (or "...; no leader yet") so that clients move on.
+//
+// Leadership: an etcd lease, and a create-if-absent transaction on
+// "<prefix>leader" that holds the leader's advertise address under that
+// lease. The leader renews the lease at a third of its length; when it
+// cannot, it stops answering once its own clock says the lease may have
+// run out (a margin before etcd's expiry), and campaigns again afresh.
+//
+// Terms: each leadership term gets a new PdService over a new MetaStore,
+// built from etcd when the term begins, so the identifier counter and the
+// timestamp ceiling come from etcd, never from an earlier term's memory.
+// Every write of a term is fenced: its transaction also requires the leader
+// key's creation revision to be the one this term created, so a deposed
+// leader's late writes change nothing.
+//
+// Timestamps: every timestamp a term hands out lies below a physical
+// ceiling persisted (fenced) in "<prefix>tso_ceiling" first; the ceiling is
+// kept about kTsoWindowMs ahead of the clock, ahead of time, so that Tso
+// rarely waits for etcd. A new term starts above the stored ceiling.
+//
+// A request is served only while the term is valid, checked before the
+// handler runs and again before its answer is given, so that a leader
+// paused past its lease answers nothing it computed.
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "common/mutex.h"
+#include "common/status.h"
+#include "common/thread_annotations.h"
+#include "meta/pd_service.h"
+#include "store/etcd_client.h"
+
+namespace kandb::kanrpc {
+class RpcServer;
+}  // namespace kandb::kanrpc
+
+namespace kandb::meta {
+
+struct HaOptions {
+  std::string prefix;     // "kandb/" + cluster + "/"
+  std::string advertise;  // HOST:PORT written in the leader key
+  int64_t lease_ms = 3000;
+  uint32_t target_replicas = 0;
+};
+
+class HaServer {
+ public:
+  // How far the persisted timestamp ceiling runs ahead of the clock.
+  static constexpr uint64_t kTsoWindowMs = 3000;
+  // A follower tries to take over this often.
+  static constexpr int kCampaignIntervalMs = 100;
+
+  // The lease length asked of etcd, in whole seconds: etcd grants whole
+  // seconds and nothing much below 2 s.
+  static int64_t LeaseSeconds(int64_t lease_ms);
+
+  // `etcd` is not owned and must outlive the server.
+  HaServer(store::EtcdClient* etcd, HaOptions options);
+  // Stops campaigning and resigns (revokes its lease) if it leads.
+  ~HaServer();
+  HaServer(const HaServer&) = delete;
+  HaServer& operator=(const HaServer&) = delete;
+
+  // Registers the six methods, each dispatched to the current term's
+  // service, before the RPC server starts.
+  void RegisterTo(kanrpc::RpcServer* server);
+  // Starts campaigning on a thread of its own.
+  void Start();
+
+ private:
+  class Term;
+
+  template <class Req, class Resp>
+  void Bind(kanrpc::RpcServer* server, const char* method,
+            Status (PdService::*handler)(const Req&, Resp*));
+
+  // The term to serve a request with, or null with *refusal set. The term
+  // stays alive until this thread asks again: each connection thread keeps
+  // the term it last served with, and takes mu_ only when terms changed,
+  // so that a request costs no lock and no shared count of its own.
+  Term* Serving(Status* refusal) EXCLUDES(mu_);
+  Status NotLeader() EXCLUDES(mu_);
+
+  void Run();
+  // One attempt to become leader; on success publishes the new term.
+  void Campaign();
+  // Renews the lease and extends the timestamp ceiling of the current
+  // term, or ends the term when it can no longer be trusted.
+  void Lead(const std::shared_ptr<Term>& term);
+  void EndTerm(const char* why) EXCLUDES(mu_);
+  void Log(const std::string& event);
+
+  store::EtcdClient* const etcd_;
+  const HaOptions options_;
+  const std::string leader_key_;
+
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+
+  // Owned by the campaign thread (and by the destructor once it is
+  // joined): the lease of the current term (0: none), its length as etcd
+  // granted it, and when to renew it next (steady clock).
+  int64_t lease_id_ = 0;
+  int64_t lease_ttl_s_ = 0;
+  int64_t next_renew_ns_ = 0;
+  std::string last_leader_seen_;  // for the follower's log lines
+
+  // Guards the term that requests are served with, and the leader address
+  // that followers name. Held only to copy or replace them.
+  Mutex mu_;
+  std::shared_ptr<Term> term_ GUARDED_BY(mu_);  // null while not leading
+  // Changes (under mu_) whenever term_ does; read without it to tell a
+  // thread's kept term from the current one.
+  std::atomic<uint64_t> generation_{0};
+  std::string leader_ GUARDED_BY(mu_);          // empty: no leader known
+};
+
+}  // namespace kandb::meta
+
+#endif  // KANDB_META_HA_SERVER_H_

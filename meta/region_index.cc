@@ -1,0 +1,166 @@
+#include "meta/region_index.h"
+
+#include <iterator>
+#include <utility>
+
+#include "meta/keys.h"
+#include "meta/routing.h"
+
+namespace kandb::meta {
+
+namespace {
+
+bool InRange(std::string_view key, std::string_view start, std::string_view end) {
+  return start <= key && key < end;
+}
+
+}  // namespace
+
+bool RegionIndex::ByStart::operator()(const Region* a, const Region* b) const {
+  if (a->second.start != b->second.start) return a->second.start < b->second.start;
+  return a->first < b->first;
+}
+
+Status RegionIndex::Build(store::MetaStore* store, std::unique_ptr<RegionIndex>* out) {
+  std::unique_ptr<RegionIndex> index(new RegionIndex(store));
+  RegionIndex* raw = index.get();
+  // Following starts before loading, and a write blocks on the lock until
+  // the load is done: whatever the load read of a write, applying the
+  // write afterwards leaves the newest state.
+  WriterLock lock(&raw->mu_);
+  store->SetApplyObserver([raw](const lsm::WriteBatch& batch) { raw->Apply(batch); });
+  Status open;
+  Status s = store->ForEachStored(kRegionPrefix, kRegionScanEnd, UINT32_MAX,
+                                  [raw, store, &open](std::string_view key, std::string_view stored) {
+                                    raw->mu_.AssertHeld();
+                                    std::string value;
+                                    open = store->OpenStored(stored, &value);
+                                    raw->PutRegion(std::string(key), std::move(value), open);
+                                    return true;
+                                  });
+  if (s.ok()) {
+    s = store->ForEachStored(kStorePrefix, kStoreScanEnd, UINT32_MAX,
+                             [raw, store](std::string_view key, std::string_view stored) {
+                               raw->mu_.AssertHeld();
+                               StoreRecord& record = raw->stores_[std::string(key)];
+                               record.open_status = store->OpenStored(stored, &record.value);
+                               return true;
+                             });
+  }
+  if (!s.ok()) {
+    store->SetApplyObserver(nullptr);
+    return s;
+  }
+  *out = std::move(index);
+  return Status::OK();
+}
+
+RegionIndex::~RegionIndex() { store_->SetApplyObserver(nullptr); }
+
+size_t RegionIndex::regions() const {
+  ReaderLock lock(&mu_);
+  return regions_.size();
+}
+
+bool RegionIndex::Ranged(const RegionRecord& record) {
+  // A range whose end is not above its start covers no key and can never
+  // be routed to; leaving it out keeps it from counting as an overlap.
+  return record.decodes && (record.end.empty() || record.start < record.end);
+}
+
+bool RegionIndex::Overlap(const Region* before, const Region* after) {
+  // `before` starts no later than `after`; both hold a key.
+  return before->second.end.empty() || after->second.start < before->second.end;
+}
+
+void RegionIndex::Link(const Region* region) {
+  auto it = by_start_.insert(region).first;
+  const Region* prev = it == by_start_.begin() ? nullptr : *std::prev(it);
+  const Region* next = std::next(it) == by_start_.end() ? nullptr : *std::next(it);
+  if (prev != nullptr && next != nullptr) overlapping_pairs_ -= Overlap(prev, next);
+  if (prev != nullptr) overlapping_pairs_ += Overlap(prev, region);
+  if (next != nullptr) overlapping_pairs_ += Overlap(region, next);
+}
+
+void RegionIndex::Unlink(const Region* region) {
+  auto it = by_start_.find(region);
+  const Region* prev = it == by_start_.begin() ? nullptr : *std::prev(it);
+  const Region* next = std::next(it) == by_start_.end() ? nullptr : *std::next(it);
+  if (prev != nullptr) overlapping_pairs_ -= Overlap(prev, region);
+  if (next != nullptr) overlapping_pairs_ -= Overlap(region, next);
+  if (prev != nullptr && next != nullptr) overlapping_pairs_ += Overlap(prev, next);
+  by_start_.erase(it);
+}
+
+void RegionIndex::EraseRegion(const std::string& key) {
+  auto it = regions_.find(key);
+  if (it == regions_.end()) return;
+  if (Ranged(it->second)) Unlink(&*it);
+  if (!it->second.decodes) undecodable_--;
+  regions_.erase(it);
+}
+
+void RegionIndex::PutRegion(const std::string& key, std::string value, const Status& open_status) {
+  EraseRegion(key);
+  auto it = regions_.emplace(key, RegionRecord()).first;
+  RegionRecord& record = it->second;
+  // The views point into the string in the map node, which stays put.
+  record.value = std::move(value);
+  record.decodes = open_status.ok() &&
+                   pdpb::DecodeRegionBounds(record.value.size(), record.value.data(), &record.start, &record.end);
+  if (!record.decodes) undecodable_++;
+  if (Ranged(record)) Link(&*it);
+}
+
+void RegionIndex::Apply(const lsm::WriteBatch& batch) {
+  WriterLock lock(&mu_);
+  for (const lsm::Entry& e : batch) {
+    const bool put = e.op == lsm::kOpPut;
+    if (InRange(e.key, kRegionPrefix, kRegionScanEnd)) {
+      if (put) {
+        PutRegion(e.key, e.value, Status::OK());
+      } else {
+        EraseRegion(e.key);
+      }
+    } else if (InRange(e.key, kStorePrefix, kStoreScanEnd)) {
+      if (put) {
+        stores_[e.key] = StoreRecord{e.value, Status::OK()};
+      } else {
+        stores_.erase(e.key);
+      }
+    }
+  }
+}
+
+bool RegionIndex::Route(const std::string& key, pdpb::GetRegionResponse* resp, Status* status) const {
+  ReaderLock lock(&mu_);
+  if (regions_.empty()) {
+    *status = Status::NotFound("cluster not bootstrapped");
+    return true;
+  }
+  // Where the first covering record in key order is not the only one, or
+  // the walk would stop short of some records, only the walk knows.
+  if (overlapping_pairs_ > 0 || undecodable_ > 0 || regions_.size() > kRegionScanLimit) return false;
+
+  // The last range starting at or below the key is the only candidate.
+  auto it = by_start_.upper_bound(std::string_view(key));
+  if (it == by_start_.begin() || !RangeCovers((*std::prev(it))->second.start, (*std::prev(it))->second.end, key)) {
+    *status = Status::NotFound("no region covers key");
+    return true;
+  }
+  const RegionRecord& record = (*std::prev(it))->second;
+  pdpb::Region region;
+  pdpb::Decode(record.value.size(), record.value.data(), &region);
+  *status = AnswerRoute(std::move(region), [this](uint64_t store_id, std::string* value, bool* found) {
+    mu_.AssertReaderHeld();  // called within Route, under the lock
+    auto store = stores_.find(StoreKey(store_id));
+    *found = store != stores_.end() && store->second.open_status.ok();
+    if (store == stores_.end()) return Status::OK();
+    if (!store->second.open_status.ok()) return store->second.open_status;
+    *value = store->second.value;
+    return Status::OK();
+  }, resp);
+  return true;
+}
+
+}  // namespace kandb::meta

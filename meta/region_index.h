@@ -1,0 +1,102 @@
+#ifndef KANDB_META_REGION_INDEX_H_
+#define KANDB_META_REGION_INDEX_H_
+
+// RegionIndex: the region records (and the store records they name) kept in
+// memory, ordered by the start of each region's key range, so that routing
+// a key is one search instead of a walk over every record.
+//
+// It answers exactly what the walk answers: the first record, in the key
+// order of the records, that covers the key. When the ranges of the
+// decodable records do not overlap, at most one covers any key, and that
+// one is what a search by range start finds. In every other state (two
+// ranges overlap, a record does not decode or cannot be opened, more
+// records than routing considers) it declines, and the caller walks.
+//
+// It is built from the store and then follows the store's writes, in the
+// order in which the store makes them visible. Lookups run concurrently
+// under a shared lock; each applied batch takes it exclusively.
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "common/mutex.h"
+#include "common/status.h"
+#include "common/thread_annotations.h"
+#include "lsm/entry.h"
+#include "pdpb/messages.h"
+#include "store/meta_store.h"
+
+namespace kandb::meta {
+
+class RegionIndex {
+ public:
+  // Starts following the writes of `store` (not owned; it must outlive the
+  // index) and loads every region and store record. Must run before the
+  // service serves, but concurrent writes are seen in order all the same.
+  static Status Build(store::MetaStore* store, std::unique_ptr<RegionIndex>* out);
+  // Stops following the store.
+  ~RegionIndex();
+  RegionIndex(const RegionIndex&) = delete;
+  RegionIndex& operator=(const RegionIndex&) = delete;
+
+  // Routes `key` as the walk over the records would: returns true with the
+  // answer in *resp (OK) or in *status (the failure), or false when the
+  // records are not a clean partition and the caller must walk them.
+  bool Route(const std::string& key, pdpb::GetRegionResponse* resp, Status* status) const EXCLUDES(mu_);
+
+  // Region records held, decodable or not.
+  size_t regions() const EXCLUDES(mu_);
+
+ private:
+  struct RegionRecord {
+    std::string value;  // the record as opened
+    bool decodes = false;
+    std::string_view start;  // into value, when it decodes
+    std::string_view end;
+  };
+  using Region = std::pair<const std::string, RegionRecord>;
+  // Orders regions by range start, then by record key, so that equal
+  // starts keep a fixed order. Transparent, to search by a routed key.
+  struct ByStart {
+    using is_transparent = void;
+    bool operator()(const Region* a, const Region* b) const;
+    bool operator()(const Region* a, std::string_view key) const { return a->second.start < key; }
+    bool operator()(std::string_view key, const Region* b) const { return key < b->second.start; }
+  };
+  struct StoreRecord {
+    std::string value;  // the record as opened
+    Status open_status;  // why it could not be opened, if so
+  };
+
+  explicit RegionIndex(store::MetaStore* store) : store_(store) {}
+  void Apply(const lsm::WriteBatch& batch) EXCLUDES(mu_);
+  void PutRegion(const std::string& key, std::string value, const Status& open_status) REQUIRES(mu_);
+  void EraseRegion(const std::string& key) REQUIRES(mu_);
+  // Adds or removes a ranged region and keeps overlapping_pairs_ right.
+  void Link(const Region* region) REQUIRES(mu_);
+  void Unlink(const Region* region) REQUIRES(mu_);
+  static bool Ranged(const RegionRecord& record);
+  static bool Overlap(const Region* before, const Region* after);
+
+  store::MetaStore* const store_;
+
+  mutable SharedMutex mu_;
+  // Every record of the region range, by its key in the store.
+  std::map<std::string, RegionRecord> regions_ GUARDED_BY(mu_);
+  // The decodable records whose range holds a key, by range start.
+  std::set<const Region*, ByStart> by_start_ GUARDED_BY(mu_);
+  // Neighbours in by_start_ whose ranges overlap; 0 in a clean partition.
+  size_t overlapping_pairs_ GUARDED_BY(mu_) = 0;
+  // Records that do not decode or cannot be opened.
+  size_t undecodable_ GUARDED_BY(mu_) = 0;
+  // Every record of the store range, by its key in the store.
+  std::map<std::string, StoreRecord, std::less<>> stores_ GUARDED_BY(mu_);
+};
+
+}  // namespace kandb::meta
+
+#endif  // KANDB_META_REGION_INDEX_H_

@@ -1,0 +1,153 @@
+#include "store/etcd_backend.h"
+
+#include <algorithm>
+#include <map>
+#include <utility>
+
+namespace kandb::store {
+
+EtcdBackend::EtcdBackend(EtcdClient* client, std::string prefix, EtcdFence fence,
+                         std::function<void()> on_fenced_out)
+    : client_(client),
+      prefix_(std::move(prefix)),
+      fence_(std::move(fence)),
+      on_fenced_out_(std::move(on_fenced_out)) {}
+
+std::string EtcdClusterPrefix(const std::string& cluster) { return "kandb/" + cluster + "/"; }
+
+Status EtcdBackend::Get(const std::string& key, std::string* value, bool* found) {
+  std::vector<EtcdKv> kvs;
+  bool more = false;
+  int64_t revision = 0;
+  Status s = client_->Range(prefix_ + key, "", 0, 0, &kvs, &more, &revision);
+  if (!s.ok()) return s;
+  if (kvs.empty()) {
+    *found = false;
+    return Status::OK();
+  }
+  *value = std::move(kvs.front().value);
+  *found = true;
+  return Status::OK();
+}
+
+Status EtcdBackend::Write(const lsm::WriteBatch& batch) {
+  Writer self(&batch);
+  MutexLock lock(&queue_mu_);
+  queue_.push_back(&self);
+  while (!self.done && queue_.front() != &self) queue_cv_.Wait();
+  if (self.done) return self.result;
+
+  // This writer leads: it takes the batches queued behind it, up to the
+  // group limits (its own batch always goes, whatever its size).
+  std::vector<Writer*> group;
+  size_t ops = 0, bytes = 0;
+  for (Writer* w : queue_) {
+    size_t batch_bytes = 0;
+    for (const lsm::Entry& e : *w->batch) batch_bytes += prefix_.size() + e.key.size() + e.value.size();
+    if (!group.empty() &&
+        (ops + w->batch->size() > kGroupMaxOps || bytes + batch_bytes > kGroupMaxBytes)) {
+      break;
+    }
+    group.push_back(w);
+    ops += w->batch->size();
+    bytes += batch_bytes;
+  }
+  std::vector<Status> results(group.size());
+  queue_mu_.Unlock();
+  std::vector<const lsm::WriteBatch*> batches;
+  for (Writer* w : group) batches.push_back(w->batch);
+  Status s = Apply(batches);
+  if (s.IsInvalidArgument() && group.size() > 1) {
+    // Refused as a whole: each batch alone gets its own answer.
+    for (size_t i = 0; i < group.size(); ++i) results[i] = Apply({group[i]->batch});
+  } else {
+    for (Status& r : results) r = s;
+  }
+  queue_mu_.Lock();
+  // Still the only leader: the next group waits for this one to leave the
+  // queue, so batches reach the hook in the order etcd committed them.
+  for (size_t i = 0; i < group.size(); ++i) {
+    if (hook_ && results[i].ok()) hook_(*group[i]->batch);
+  }
+  for (size_t i = 0; i < group.size(); ++i) {
+    queue_.pop_front();
+    group[i]->result = results[i];
+    group[i]->done = true;
+  }
+  queue_cv_.SignalAll();
+  return self.result;
+}
+
+void EtcdBackend::SetApplyHook(ApplyHook hook) {
+  MutexLock lock(&queue_mu_);
+  hook_ = std::move(hook);
+}
+
+Status EtcdBackend::Apply(const std::vector<const lsm::WriteBatch*>& batches) {
+  // etcd refuses a transaction that names one key twice; batches apply in
+  // order, so only the last operation on each key counts.
+  std::map<std::string, std::pair<size_t, size_t>> last;
+  for (size_t b = 0; b < batches.size(); ++b) {
+    for (size_t i = 0; i < batches[b]->size(); ++i) last[(*batches[b])[i].key] = {b, i};
+  }
+  std::vector<EtcdOp> ops;
+  ops.reserve(last.size());
+  for (size_t b = 0; b < batches.size(); ++b) {
+    for (size_t i = 0; i < batches[b]->size(); ++i) {
+      const lsm::Entry& e = (*batches[b])[i];
+      if (last[e.key] != std::make_pair(b, i)) continue;
+      EtcdOp op;
+      op.kind = e.op == lsm::kOpPut ? EtcdOp::Kind::kPut : EtcdOp::Kind::kDelete;
+      op.key = prefix_ + e.key;
+      if (e.op == lsm::kOpPut) op.value = e.value;
+      ops.push_back(std::move(op));
+    }
+  }
+  std::vector<EtcdCompare> compares;
+  if (fence_.create_revision != 0) {
+    compares.push_back(EtcdCompare{fence_.key, EtcdCompare::Target::kCreate, fence_.create_revision});
+  }
+  EtcdTxnResult result;
+  Status s = client_->Txn(compares, ops, {}, &result);
+  if (!s.ok()) return s;
+  if (!result.succeeded) {
+    if (on_fenced_out_) on_fenced_out_();
+    return Status::Unavailable("not leader; leadership lost");
+  }
+  return Status::OK();
+}
+
+Status EtcdBackend::ForEach(const std::string& start, const std::string& end, uint32_t limit,
+                            const RangeVisitor& visit) {
+  std::string from = prefix_ + start;
+  const std::string to = end.empty() ? PrefixEnd(prefix_) : prefix_ + end;
+  int64_t revision = 0;  // pinned by the first page
+  uint32_t visited = 0;
+  while (visited < limit && from < to) {
+    const int64_t want = std::min<int64_t>(kScanPage, limit - visited);
+    std::vector<EtcdKv> kvs;
+    bool more = false;
+    int64_t seen = 0;
+    Status s = client_->Range(from, to, want, revision, &kvs, &more, &seen);
+    if (!s.ok()) return s;
+    if (revision == 0) revision = seen;
+    for (const EtcdKv& kv : kvs) {
+      ++visited;
+      if (!visit(std::string_view(kv.key).substr(prefix_.size()), kv.value)) return Status::OK();
+    }
+    if (!more || kvs.empty()) break;
+    // The next page starts just after the last key read.
+    from = kvs.back().key + '\0';
+  }
+  return Status::OK();
+}
+
+Status OpenEtcdMetaStore(EtcdClient* client, const std::string& prefix, EtcdFence fence,
+                         const std::string& passphrase, std::function<void()> on_fenced_out,
+                         std::unique_ptr<MetaStore>* out) {
+  return MetaStore::OnBackend(
+      std::make_unique<EtcdBackend>(client, prefix, std::move(fence), std::move(on_fenced_out)),
+      passphrase, out);
+}
+
+}  // namespace kandb::store

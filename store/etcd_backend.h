@@ -1,0 +1,104 @@
+#ifndef KANDB_STORE_ETCD_BACKEND_H_
+#define KANDB_STORE_ETCD_BACKEND_H_
+
+// EtcdBackend: the metadata store's records in an etcd cluster, under a
+// per-cluster key prefix ("kandb/" + cluster name + "/"), so that several
+// placement servers share them and any of them can take over.
+//
+// Every write batch is one etcd transaction, so it stays atomic. A batch
+// that etcd refuses as too large (too many operations, too many bytes)
+// fails with etcd's own reason and is not split. A fenced backend adds to
+// each transaction the condition that the leader key still has the
+// creation revision that this server's leadership created: once another
+// server has taken over, a late write of the old leader changes nothing
+// and fails with code 4 "not leader; leadership lost".
+//
+// Concurrent writes are grouped: the first writer in line sends its batch
+// and those queued behind it as one transaction (each batch stays atomic,
+// and they apply in queue order), so that etcd sees one request where it
+// would see many. A group that etcd refuses as too large is sent again one
+// batch at a time, so that each batch gets its own answer.
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/mutex.h"
+#include "common/status.h"
+#include "common/thread_annotations.h"
+#include "store/etcd_client.h"
+#include "store/meta_backend.h"
+#include "store/meta_store.h"
+
+namespace kandb::store {
+
+// Writes are allowed only while `key` exists with this creation revision.
+struct EtcdFence {
+  std::string key;
+  int64_t create_revision = 0;
+};
+
+class EtcdBackend final : public MetaBackend {
+ public:
+  // Scans read in pages of this many records, all at the revision of the
+  // first page, so a long scan is still one moment's view.
+  static constexpr int64_t kScanPage = 10000;
+  // A group takes no more batches once it holds this many operations or
+  // bytes, inside etcd's default limits (128 operations, 1.5 MiB), so that
+  // grouping alone never makes a transaction too large.
+  static constexpr size_t kGroupMaxOps = 128;
+  static constexpr size_t kGroupMaxBytes = 1 << 20;
+
+  // `client` is not owned and must outlive the backend. A `fence` with
+  // create_revision 0 writes unfenced (tools and tests). `on_fenced_out`,
+  // when set, is called each time a write fails its fence.
+  EtcdBackend(EtcdClient* client, std::string prefix, EtcdFence fence,
+              std::function<void()> on_fenced_out = nullptr);
+
+  Status Get(const std::string& key, std::string* value, bool* found) override;
+  Status Write(const lsm::WriteBatch& batch) override EXCLUDES(queue_mu_);
+  Status ForEach(const std::string& start, const std::string& end, uint32_t limit,
+                 const RangeVisitor& visit) override;
+  void SetApplyHook(ApplyHook hook) override EXCLUDES(queue_mu_);
+
+ private:
+  // One Write call waiting in, or leading, the queue; on the caller's stack.
+  struct Writer {
+    explicit Writer(const lsm::WriteBatch* b) : batch(b) {}
+    const lsm::WriteBatch* const batch;
+    Status result;      // set by the group's leader, under queue_mu_
+    bool done = false;  // under queue_mu_
+  };
+
+  // One fenced transaction of the given batches, applied in order.
+  Status Apply(const std::vector<const lsm::WriteBatch*>& batches);
+
+  EtcdClient* const client_;
+  const std::string prefix_;
+  const EtcdFence fence_;
+  const std::function<void()> on_fenced_out_;
+
+  // The writers in line; the front one leads the next group.
+  Mutex queue_mu_;
+  CondVar queue_cv_{&queue_mu_};
+  std::deque<Writer*> queue_ GUARDED_BY(queue_mu_);
+  // Called by a group's leader, for each batch etcd committed, in order;
+  // one group commits at a time, so the hook sees the commit order.
+  ApplyHook hook_ GUARDED_BY(queue_mu_);
+};
+
+// The etcd key prefix of a cluster's records.
+std::string EtcdClusterPrefix(const std::string& cluster);
+
+// A MetaStore over etcd: the second factory beside MetaStore::Open. On
+// success replaces *out.
+Status OpenEtcdMetaStore(EtcdClient* client, const std::string& prefix, EtcdFence fence,
+                         const std::string& passphrase, std::function<void()> on_fenced_out,
+                         std::unique_ptr<MetaStore>* out);
+
+}  // namespace kandb::store
+
+#endif  // KANDB_STORE_ETCD_BACKEND_H_

@@ -1,0 +1,401 @@
+#include "store/etcd_client.h"
+
+#include <curl/curl.h>
+
+#include <mutex>
+#include <utility>
+
+#include "store/json.h"
+
+namespace kandb::store {
+
+namespace {
+
+// gRPC status codes that etcd's gateway passes on: an endpoint that
+// answers with these cannot serve now, another one may.
+constexpr int64_t kGrpcDeadlineExceeded = 4;
+constexpr int64_t kGrpcNotFound = 5;
+constexpr int64_t kGrpcUnavailable = 14;
+
+// Idle handles kept for reuse; more calls than this at once get handles of
+// their own that are closed afterwards.
+constexpr size_t kMaxIdleHandles = 32;
+
+void GlobalInit() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+size_t CollectBody(char* data, size_t size, size_t count, void* user) {
+  static_cast<std::string*>(user)->append(data, size * count);
+  return size * count;
+}
+
+std::string Int(int64_t v) { return "\"" + std::to_string(v) + "\""; }
+
+void AppendB64(const std::string& bytes, std::string* out) {
+  json::AppendQuoted(json::Base64Encode(bytes), out);
+}
+
+void AppendOp(const EtcdOp& op, std::string* out) {
+  switch (op.kind) {
+    case EtcdOp::Kind::kPut:
+      out->append("{\"request_put\":{\"key\":");
+      AppendB64(op.key, out);
+      out->append(",\"value\":");
+      AppendB64(op.value, out);
+      if (op.lease != 0) out->append(",\"lease\":" + Int(op.lease));
+      out->append("}}");
+      return;
+    case EtcdOp::Kind::kDelete:
+      out->append("{\"request_delete_range\":{\"key\":");
+      AppendB64(op.key, out);
+      out->append("}}");
+      return;
+    case EtcdOp::Kind::kGet:
+      out->append("{\"request_range\":{\"key\":");
+      AppendB64(op.key, out);
+      out->append("}}");
+      return;
+  }
+}
+
+void AppendOps(const char* name, const std::vector<EtcdOp>& ops, std::string* out) {
+  out->append(",\"");
+  out->append(name);
+  out->append("\":[");
+  for (size_t i = 0; i < ops.size(); ++i) {
+    if (i > 0) out->push_back(',');
+    AppendOp(ops[i], out);
+  }
+  out->push_back(']');
+}
+
+Status BadAnswer(const std::string& why) { return Status::Corruption("etcd: bad answer: " + why); }
+
+// An absent int64 field is 0: the gateway leaves out fields at their default.
+bool IntField(const json::Value& object, const char* name, int64_t* out) {
+  const json::Value* v = object.Find(name);
+  if (v == nullptr) {
+    *out = 0;
+    return true;
+  }
+  return v->AsInt64(out);
+}
+
+bool BytesField(const json::Value& object, const char* name, std::string* out) {
+  const json::Value* v = object.Find(name);
+  if (v == nullptr) {
+    out->clear();
+    return true;
+  }
+  return v->is_string() && json::Base64Decode(v->text(), out);
+}
+
+Status DecodeKvs(const json::Value& answer, std::vector<EtcdKv>* out) {
+  out->clear();
+  const json::Value* kvs = answer.Find("kvs");
+  if (kvs == nullptr) return Status::OK();
+  if (!kvs->is_array()) return BadAnswer("kvs is not a list");
+  out->reserve(kvs->items().size());
+  for (const json::Value& item : kvs->items()) {
+    EtcdKv kv;
+    if (!item.is_object() || !BytesField(item, "key", &kv.key) ||
+        !BytesField(item, "value", &kv.value) ||
+        !IntField(item, "create_revision", &kv.create_revision) ||
+        !IntField(item, "mod_revision", &kv.mod_revision) || !IntField(item, "lease", &kv.lease)) {
+      return BadAnswer("bad record");
+    }
+    out->push_back(std::move(kv));
+  }
+  return Status::OK();
+}
+
+Status ParseAnswer(const std::string& body, json::Value* out) {
+  Status s = json::Parse(body, out);
+  if (!s.ok()) return BadAnswer(s.message());
+  if (!out->is_object()) return BadAnswer("not an object");
+  return Status::OK();
+}
+
+bool HeaderRevision(const json::Value& answer, int64_t* revision) {
+  const json::Value* header = answer.Find("header");
+  if (header == nullptr || !header->is_object()) return false;
+  return IntField(*header, "revision", revision);
+}
+
+}  // namespace
+
+// One libcurl handle: it keeps its connections open between calls.
+class EtcdClient::Handle {
+ public:
+  Handle() : curl_(curl_easy_init()) {
+    headers_ = curl_slist_append(nullptr, "Content-Type: application/json");
+  }
+  ~Handle() {
+    if (curl_ != nullptr) curl_easy_cleanup(curl_);
+    curl_slist_free_all(headers_);
+  }
+  Handle(const Handle&) = delete;
+  Handle& operator=(const Handle&) = delete;
+
+  // One POST. On a transport failure returns false with *error set;
+  // otherwise true with the HTTP status and body.
+  bool Post(const std::string& url, const std::string& body, int timeout_ms, long* http_status,
+            std::string* answer, std::string* error) {
+    if (curl_ == nullptr) {
+      *error = "cannot create a connection handle";
+      return false;
+    }
+    answer->clear();
+    curl_easy_setopt(curl_, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl_, CURLOPT_POST, 1L);
+    curl_easy_setopt(curl_, CURLOPT_POSTFIELDS, body.data());
+    curl_easy_setopt(curl_, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+    curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, headers_);
+    curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, CollectBody);
+    curl_easy_setopt(curl_, CURLOPT_WRITEDATA, answer);
+    curl_easy_setopt(curl_, CURLOPT_TIMEOUT_MS, static_cast<long>(timeout_ms));
+    curl_easy_setopt(curl_, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout_ms));
+    // No signals from the resolver: calls run on many threads.
+    curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl_, CURLOPT_TCP_NODELAY, 1L);
+    const CURLcode rc = curl_easy_perform(curl_);
+    if (rc != CURLE_OK) {
+      *error = curl_easy_strerror(rc);
+      return false;
+    }
+    curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, http_status);
+    return true;
+  }
+
+ private:
+  CURL* const curl_;
+  curl_slist* headers_ = nullptr;
+};
+
+Status EtcdClient::ParseEndpoints(const std::string& list, std::vector<std::string>* out) {
+  std::vector<std::string> endpoints;
+  size_t start = 0;
+  for (;;) {
+    const size_t comma = list.find(',', start);
+    std::string item = list.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+    if (item.empty()) return Status::InvalidArgument("empty etcd endpoint in '" + list + "'");
+    if (item.find("://") == std::string::npos) item = "http://" + item;
+    while (!item.empty() && item.back() == '/') item.pop_back();
+    endpoints.push_back(std::move(item));
+    if (comma == std::string::npos) break;
+    start = comma + 1;
+  }
+  *out = std::move(endpoints);
+  return Status::OK();
+}
+
+EtcdClient::EtcdClient(std::vector<std::string> endpoints, int timeout_ms)
+    : endpoints_(std::move(endpoints)), timeout_ms_(timeout_ms) {
+  GlobalInit();
+}
+
+EtcdClient::~EtcdClient() = default;
+
+std::unique_ptr<EtcdClient::Handle> EtcdClient::Borrow() {
+  {
+    MutexLock lock(&pool_mu_);
+    if (!idle_.empty()) {
+      std::unique_ptr<Handle> handle = std::move(idle_.back());
+      idle_.pop_back();
+      return handle;
+    }
+  }
+  return std::make_unique<Handle>();
+}
+
+void EtcdClient::Return(std::unique_ptr<Handle> handle) {
+  MutexLock lock(&pool_mu_);
+  if (idle_.size() < kMaxIdleHandles) idle_.push_back(std::move(handle));
+}
+
+Status EtcdClient::Post(const char* path, const std::string& body, std::string* answer) {
+  if (endpoints_.empty()) return Status::Unavailable("etcd unreachable: no endpoints");
+  std::unique_ptr<Handle> handle = Borrow();
+  const size_t first = preferred_.load(std::memory_order_relaxed);
+  std::string last_error;
+  Status result;
+  bool done = false;
+  for (size_t i = 0; i < endpoints_.size() && !done; ++i) {
+    const size_t index = (first + i) % endpoints_.size();
+    const std::string& endpoint = endpoints_[index];
+    long http_status = 0;
+    std::string error;
+    if (!handle->Post(endpoint + path, body, timeout_ms_, &http_status, answer, &error)) {
+      last_error = endpoint + ": " + error;
+      continue;
+    }
+    if (http_status == 200) {
+      preferred_.store(index, std::memory_order_relaxed);
+      result = Status::OK();
+      done = true;
+      break;
+    }
+    // etcd's refusals come as {"error": reason, "code": gRPC code}.
+    json::Value refusal;
+    int64_t code = -1;
+    std::string reason = "http status " + std::to_string(http_status);
+    if (json::Parse(*answer, &refusal).ok() && refusal.is_object()) {
+      const json::Value* e = refusal.Find("error");
+      if (e != nullptr && e->is_string()) reason = e->text();
+      const json::Value* c = refusal.Find("code");
+      if (c == nullptr || !c->AsInt64(&code)) code = -1;
+    }
+    if (code == kGrpcUnavailable || code == kGrpcDeadlineExceeded || http_status >= 500) {
+      last_error = endpoint + ": " + reason;
+      continue;
+    }
+    preferred_.store(index, std::memory_order_relaxed);
+    result = code == kGrpcNotFound ? Status::NotFound("etcd: " + reason)
+                                   : Status::InvalidArgument("etcd: " + reason);
+    done = true;
+  }
+  Return(std::move(handle));
+  if (!done) {
+    // Start the next call one further, so that a dead preferred endpoint
+    // does not cost every call a time-out.
+    preferred_.store((first + 1) % endpoints_.size(), std::memory_order_relaxed);
+    return Status::Unavailable("etcd unreachable: " + last_error);
+  }
+  return result;
+}
+
+Status EtcdClient::Range(const std::string& key, const std::string& range_end, int64_t limit,
+                         int64_t revision, std::vector<EtcdKv>* kvs, bool* more,
+                         int64_t* header_revision) {
+  std::string body = "{\"key\":";
+  AppendB64(key, &body);
+  if (!range_end.empty()) {
+    body.append(",\"range_end\":");
+    AppendB64(range_end, &body);
+  }
+  if (limit > 0) body.append(",\"limit\":" + Int(limit));
+  if (revision > 0) body.append(",\"revision\":" + Int(revision));
+  body.push_back('}');
+  std::string text;
+  Status s = Post("/v3/kv/range", body, &text);
+  if (!s.ok()) return s;
+  json::Value answer;
+  s = ParseAnswer(text, &answer);
+  if (!s.ok()) return s;
+  int64_t rev = 0;
+  if (!HeaderRevision(answer, &rev)) return BadAnswer("no header revision");
+  std::vector<EtcdKv> records;
+  s = DecodeKvs(answer, &records);
+  if (!s.ok()) return s;
+  const json::Value* m = answer.Find("more");
+  *more = m != nullptr && m->type() == json::Value::Type::kBool && m->bool_value();
+  *header_revision = rev;
+  *kvs = std::move(records);
+  return Status::OK();
+}
+
+Status EtcdClient::Txn(const std::vector<EtcdCompare>& compares, const std::vector<EtcdOp>& success,
+                       const std::vector<EtcdOp>& failure, EtcdTxnResult* result) {
+  std::string body = "{\"compare\":[";
+  for (size_t i = 0; i < compares.size(); ++i) {
+    const EtcdCompare& c = compares[i];
+    if (i > 0) body.push_back(',');
+    body.append("{\"key\":");
+    AppendB64(c.key, &body);
+    if (c.target == EtcdCompare::Target::kCreate) {
+      body.append(",\"target\":\"CREATE\",\"result\":\"EQUAL\",\"create_revision\":" + Int(c.revision));
+    } else {
+      body.append(",\"target\":\"MOD\",\"result\":\"EQUAL\",\"mod_revision\":" + Int(c.revision));
+    }
+    body.push_back('}');
+  }
+  body.push_back(']');
+  AppendOps("success", success, &body);
+  AppendOps("failure", failure, &body);
+  body.push_back('}');
+  std::string text;
+  Status s = Post("/v3/kv/txn", body, &text);
+  if (!s.ok()) return s;
+  json::Value answer;
+  s = ParseAnswer(text, &answer);
+  if (!s.ok()) return s;
+  EtcdTxnResult r;
+  if (!HeaderRevision(answer, &r.revision)) return BadAnswer("no header revision");
+  const json::Value* ok = answer.Find("succeeded");
+  r.succeeded = ok != nullptr && ok->type() == json::Value::Type::kBool && ok->bool_value();
+  const std::vector<EtcdOp>& ran = r.succeeded ? success : failure;
+  const json::Value* responses = answer.Find("responses");
+  const size_t count = responses != nullptr && responses->is_array() ? responses->items().size() : 0;
+  if (count != ran.size()) return BadAnswer("wrong number of responses");
+  for (size_t i = 0; i < count; ++i) {
+    if (ran[i].kind != EtcdOp::Kind::kGet) continue;
+    const json::Value* range = responses->items()[i].Find("response_range");
+    if (range == nullptr) return BadAnswer("no range response");
+    std::vector<EtcdKv> kvs;
+    s = DecodeKvs(*range, &kvs);
+    if (!s.ok()) return s;
+    r.gets.push_back(std::move(kvs));
+  }
+  *result = std::move(r);
+  return Status::OK();
+}
+
+Status EtcdClient::LeaseGrant(int64_t ttl_seconds, int64_t* id, int64_t* granted_ttl) {
+  std::string text;
+  Status s = Post("/v3/lease/grant", "{\"TTL\":" + Int(ttl_seconds) + "}", &text);
+  if (!s.ok()) return s;
+  json::Value answer;
+  s = ParseAnswer(text, &answer);
+  if (!s.ok()) return s;
+  int64_t lease = 0, ttl = 0;
+  if (!IntField(answer, "ID", &lease) || !IntField(answer, "TTL", &ttl) || lease == 0 || ttl <= 0) {
+    const json::Value* e = answer.Find("error");
+    if (e != nullptr && e->is_string()) return Status::InvalidArgument("etcd: " + e->text());
+    return BadAnswer("no lease granted");
+  }
+  *id = lease;
+  *granted_ttl = ttl;
+  return Status::OK();
+}
+
+Status EtcdClient::LeaseKeepAlive(int64_t id, int64_t* ttl) {
+  std::string text;
+  Status s = Post("/v3/lease/keepalive", "{\"ID\":" + Int(id) + "}", &text);
+  if (!s.ok()) return s;
+  json::Value answer;
+  s = ParseAnswer(text, &answer);
+  if (!s.ok()) return s;
+  // The gateway wraps streamed answers: {"result": {...}} or {"error": {...}}.
+  const json::Value* result = answer.Find("result");
+  if (result == nullptr || !result->is_object()) {
+    const json::Value* e = answer.Find("error");
+    const json::Value* m = e != nullptr && e->is_object() ? e->Find("message") : nullptr;
+    if (m != nullptr && m->is_string()) return Status::Unavailable("etcd unreachable: " + m->text());
+    return BadAnswer("no keep-alive result");
+  }
+  int64_t renewed = 0;
+  if (!IntField(*result, "TTL", &renewed)) return BadAnswer("bad TTL");
+  *ttl = renewed;
+  return Status::OK();
+}
+
+Status EtcdClient::LeaseRevoke(int64_t id) {
+  std::string text;
+  return Post("/v3/lease/revoke", "{\"ID\":" + Int(id) + "}", &text);
+}
+
+std::string PrefixEnd(const std::string& prefix) {
+  std::string end = prefix;
+  while (!end.empty()) {
+    if (static_cast<unsigned char>(end.back()) < 0xFF) {
+      end.back() = static_cast<char>(static_cast<unsigned char>(end.back()) + 1);
+      return end;
+    }
+    end.pop_back();
+  }
+  return end;
+}
+
+}  // namespace kandb::store
