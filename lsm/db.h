@@ -193,7 +193,7 @@ class LsmDb {
   // left on disk are always the newest ones: a flushed log that outlived a
   // newer one would be replayed at open over the newer data in the tables.
   std::vector<std::string> obsolete_files_ GUARDED_BY(db_mutex_);
-  // The leader's encoding buffer, reused across groups.
+  // The leader's buffer of its group's framed records, reused across groups.
   std::string record_ GUARDED_BY(db_mutex_);
   // Set by the destructor; the background thread ends when it sees it.
   bool stop_ GUARDED_BY(db_mutex_) = false;

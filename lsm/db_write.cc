@@ -66,15 +66,13 @@ Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {
     mem_->AddWalFile(wal_->path());
   }
   // One record per batch, so that replay applies each batch whole or not at
-  // all. The first failed append ends the group: the batches after it are
-  // not written, and the memtable is not touched.
-  Status status;
-  for (WriterSlot* member : group) {
-    record_.clear();
-    EncodeBatch(*member->batch, &record_);
-    status = wal_->Append(record_.data(), record_.size());
-    if (!status.ok()) break;
-  }
+  // all, and the whole group's records in one write: a failed write fails
+  // the group, and the memtable is not touched.
+  record_.clear();
+  for (WriterSlot* member : group) AppendRecord(*member->batch, &record_);
+  Status status = wal_->AppendFramed(record_.data(), record_.size());
+  // A large group must not pin its size in memory until the next one.
+  if (record_.capacity() > (4u << 20)) std::string().swap(record_);
   if (status.ok() && options_.sync) status = wal_->Sync();
   if (!status.ok()) {
     ReportFault("storage", "write failed: " + status.ToString());

@@ -53,6 +53,16 @@ void EncodeBatch(const WriteBatch& batch, std::string* out) {
   }
 }
 
+void AppendRecord(const WriteBatch& batch, std::string* out) {
+  const size_t header_at = out->size();
+  out->append(kLogRecordHeaderSize, '\0');
+  EncodeBatch(batch, out);
+  const size_t length = out->size() - header_at - kLogRecordHeaderSize;
+  char* header = out->data() + header_at;
+  EncodeFixed32(header, crypto::Crc32c(header + kLogRecordHeaderSize, length));
+  EncodeFixed32(header + 4, static_cast<uint32_t>(length));
+}
+
 Status DecodeBatch(const char* data, size_t size, WriteBatch* out) {
   out->clear();
   if (size < 4) return Status::Corruption("batch: too short");
@@ -102,6 +112,10 @@ Status LogFile::Append(const char* payload, size_t size) {
   // A large batch must not pin its size in memory for the log's lifetime.
   if (record_.capacity() > (1u << 20)) std::string().swap(record_);
   return s;
+}
+
+Status LogFile::AppendFramed(const char* records, size_t size) {
+  return WriteFully(io_, fd_, records, size, "wal write: ");
 }
 
 Status LogFile::Sync() {

@@ -26,6 +26,9 @@ inline constexpr size_t kLogRecordHeaderSize = 8;
 
 // Appends the encoding of `batch` to *out.
 void EncodeBatch(const WriteBatch& batch, std::string* out);
+// Appends `batch` to *out as one whole log record (crc, length, encoded
+// batch), encoded in place, ready for LogFile::AppendFramed.
+void AppendRecord(const WriteBatch& batch, std::string* out);
 // Clears *out and decodes; messages "batch: too short", "batch: truncated
 // entry", "batch: bad op", "batch: truncated key", "batch: truncated value".
 Status DecodeBatch(const char* data, size_t size, WriteBatch* out);
@@ -44,6 +47,9 @@ class LogFile {
   // Frames `payload` as one record and writes it whole (never syncs).
   // Failure: "wal write: " + strerror.
   Status Append(const char* payload, size_t size);
+  // Writes records already framed by AppendRecord, all in one write call
+  // in the usual case (never syncs). Failure: "wal write: " + strerror.
+  Status AppendFramed(const char* records, size_t size);
   // One fdatasync. Failure: "wal fdatasync: " + strerror.
   Status Sync();
 

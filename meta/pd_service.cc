@@ -173,7 +173,7 @@ Status PdService::Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapRe
   for (const pdpb::Region& region : req.extra_regions) {
     batch.emplace_back(RegionKey(region.id), pdpb::Encode(region));
   }
-  s = store_->Put(batch);
+  s = store_->Put(std::move(batch));
   if (!s.ok()) return s;
   resp->already_bootstrapped = false;
   return Status::OK();
@@ -236,7 +236,7 @@ Status PdService::UpsertRegion(const pdpb::UpsertRegionRequest& req,
   std::vector<std::string> deletes;
   deletes.reserve(req.removed_region_ids.size());
   for (uint64_t id : req.removed_region_ids) deletes.push_back(RegionKey(id));
-  Status s = store_->Write(puts, deletes);
+  Status s = store_->Write(std::move(puts), std::move(deletes));
   if (!s.ok()) return s;
   resp->message.clear();
   return Status::OK();

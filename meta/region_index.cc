@@ -1,5 +1,7 @@
 #include "meta/region_index.h"
 
+#include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <utility>
 
@@ -16,9 +18,24 @@ bool InRange(std::string_view key, std::string_view start, std::string_view end)
 
 }  // namespace
 
-bool RegionIndex::ByStart::operator()(const Region* a, const Region* b) const {
-  if (a->second.start != b->second.start) return a->second.start < b->second.start;
-  return a->first < b->first;
+RegionIndex::StartKey::StartKey(std::string_view k, const Region* r)
+    : head{}, size(static_cast<uint32_t>(k.size())), key(k), region(r) {
+  std::memcpy(head, k.data(), std::min(k.size(), kInline));
+}
+
+bool RegionIndex::ByStart::operator()(const StartKey& a, const StartKey& b) const {
+  // Zero padding keeps the byte order: of two starts that agree on their
+  // padded heads and fit in them, the shorter is a prefix of the longer.
+  const int head = std::memcmp(a.head, b.head, StartKey::kInline);
+  if (head != 0) return head < 0;
+  if (a.size <= StartKey::kInline && b.size <= StartKey::kInline) {
+    if (a.size != b.size) return a.size < b.size;
+  } else if (a.key != b.key) {
+    return a.key < b.key;
+  }
+  // Equal starts: a searched key (no region) goes after them all.
+  if (a.region == nullptr || b.region == nullptr) return a.region != nullptr && b.region == nullptr;
+  return a.region->first < b.region->first;
 }
 
 Status RegionIndex::Build(store::MetaStore* store, std::unique_ptr<RegionIndex>* out) {
@@ -74,18 +91,18 @@ bool RegionIndex::Overlap(const Region* before, const Region* after) {
 }
 
 void RegionIndex::Link(const Region* region) {
-  auto it = by_start_.insert(region).first;
-  const Region* prev = it == by_start_.begin() ? nullptr : *std::prev(it);
-  const Region* next = std::next(it) == by_start_.end() ? nullptr : *std::next(it);
+  auto it = by_start_.emplace(region->second.start, region).first;
+  const Region* prev = it == by_start_.begin() ? nullptr : std::prev(it)->region;
+  const Region* next = std::next(it) == by_start_.end() ? nullptr : std::next(it)->region;
   if (prev != nullptr && next != nullptr) overlapping_pairs_ -= Overlap(prev, next);
   if (prev != nullptr) overlapping_pairs_ += Overlap(prev, region);
   if (next != nullptr) overlapping_pairs_ += Overlap(region, next);
 }
 
 void RegionIndex::Unlink(const Region* region) {
-  auto it = by_start_.find(region);
-  const Region* prev = it == by_start_.begin() ? nullptr : *std::prev(it);
-  const Region* next = std::next(it) == by_start_.end() ? nullptr : *std::next(it);
+  auto it = by_start_.find(StartKey(region->second.start, region));
+  const Region* prev = it == by_start_.begin() ? nullptr : std::prev(it)->region;
+  const Region* next = std::next(it) == by_start_.end() ? nullptr : std::next(it)->region;
   if (prev != nullptr) overlapping_pairs_ -= Overlap(prev, region);
   if (next != nullptr) overlapping_pairs_ -= Overlap(region, next);
   if (prev != nullptr && next != nullptr) overlapping_pairs_ += Overlap(prev, next);
@@ -143,12 +160,13 @@ bool RegionIndex::Route(const std::string& key, pdpb::GetRegionResponse* resp, S
   if (overlapping_pairs_ > 0 || undecodable_ > 0 || regions_.size() > kRegionScanLimit) return false;
 
   // The last range starting at or below the key is the only candidate.
-  auto it = by_start_.upper_bound(std::string_view(key));
-  if (it == by_start_.begin() || !RangeCovers((*std::prev(it))->second.start, (*std::prev(it))->second.end, key)) {
+  auto it = by_start_.upper_bound(StartKey(key));
+  if (it == by_start_.begin() ||
+      !RangeCovers(std::prev(it)->region->second.start, std::prev(it)->region->second.end, key)) {
     *status = Status::NotFound("no region covers key");
     return true;
   }
-  const RegionRecord& record = (*std::prev(it))->second;
+  const RegionRecord& record = std::prev(it)->region->second;
   pdpb::Region region;
   pdpb::Decode(record.value.size(), record.value.data(), &region);
   *status = AnswerRoute(std::move(region), [this](uint64_t store_id, std::string* value, bool* found) {

@@ -59,13 +59,22 @@ class RegionIndex {
     std::string_view end;
   };
   using Region = std::pair<const std::string, RegionRecord>;
-  // Orders regions by range start, then by record key, so that equal
-  // starts keep a fixed order. Transparent, to search by a routed key.
+  // A region's place in the order by range start. The first bytes of the
+  // start are held in the element itself, so that a search compares
+  // within the tree's own nodes and follows the pointer to the record only
+  // when two starts agree on all of them.
+  struct StartKey {
+    static constexpr size_t kInline = 16;
+    explicit StartKey(std::string_view key, const Region* r = nullptr);
+    char head[kInline];  // the first bytes, zero-padded
+    uint32_t size;
+    std::string_view key;  // the whole start
+    const Region* region;  // null for a routed key being searched
+  };
+  // Orders by range start (bytewise, a prefix first), then by record key,
+  // so that equal starts keep a fixed order.
   struct ByStart {
-    using is_transparent = void;
-    bool operator()(const Region* a, const Region* b) const;
-    bool operator()(const Region* a, std::string_view key) const { return a->second.start < key; }
-    bool operator()(std::string_view key, const Region* b) const { return key < b->second.start; }
+    bool operator()(const StartKey& a, const StartKey& b) const;
   };
   struct StoreRecord {
     std::string value;  // the record as opened
@@ -88,7 +97,7 @@ class RegionIndex {
   // Every record of the region range, by its key in the store.
   std::map<std::string, RegionRecord> regions_ GUARDED_BY(mu_);
   // The decodable records whose range holds a key, by range start.
-  std::set<const Region*, ByStart> by_start_ GUARDED_BY(mu_);
+  std::set<StartKey, ByStart> by_start_ GUARDED_BY(mu_);
   // Neighbours in by_start_ whose ranges overlap; 0 in a clean partition.
   size_t overlapping_pairs_ GUARDED_BY(mu_) = 0;
   // Records that do not decode or cannot be opened.

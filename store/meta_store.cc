@@ -71,18 +71,19 @@ Status MetaStore::Get(const std::string& key, std::string* value, bool* found) {
   return Status::OK();
 }
 
-Status MetaStore::Put(const std::vector<KeyValue>& pairs) { return Write(pairs, {}); }
+Status MetaStore::Put(std::vector<KeyValue> pairs) { return Write(std::move(pairs), {}); }
 
-Status MetaStore::Delete(const std::vector<std::string>& keys) { return Write({}, keys); }
+Status MetaStore::Delete(std::vector<std::string> keys) { return Write({}, std::move(keys)); }
 
-Status MetaStore::Write(const std::vector<KeyValue>& puts, const std::vector<std::string>& deletes) {
+Status MetaStore::Write(std::vector<KeyValue> puts, std::vector<std::string> deletes) {
   lsm::WriteBatch batch;
   batch.reserve(puts.size() + deletes.size());
-  for (const KeyValue& kv : puts) {
-    batch.push_back(lsm::Entry{lsm::kOpPut, kv.first, SealValue(crypto_, kv.second)});
+  for (KeyValue& kv : puts) {
+    batch.push_back(lsm::Entry{lsm::kOpPut, std::move(kv.first),
+                               crypto_.encrypted ? SealValue(crypto_, kv.second) : std::move(kv.second)});
   }
-  for (const std::string& key : deletes) {
-    batch.push_back(lsm::Entry{lsm::kOpDelete, key, std::string()});
+  for (std::string& key : deletes) {
+    batch.push_back(lsm::Entry{lsm::kOpDelete, std::move(key), std::string()});
   }
   return db_->Write(batch);
 }

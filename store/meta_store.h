@@ -61,12 +61,13 @@ class MetaStore {
   // it was. A value that cannot be opened fails with the envelope's status.
   Status Get(const std::string& key, std::string* value, bool* found);
 
-  // One write of the given pairs, in order, values sealed.
-  Status Put(const std::vector<KeyValue>& pairs);
+  // One write of the given pairs, in order, values sealed. The pairs are
+  // taken by value: a caller that moves them in spares the copy.
+  Status Put(std::vector<KeyValue> pairs);
   // One write of deletions of the given keys.
-  Status Delete(const std::vector<std::string>& keys);
+  Status Delete(std::vector<std::string> keys);
   // One write holding all puts (in order), then all deletions.
-  Status Write(const std::vector<KeyValue>& puts, const std::vector<std::string>& deletes);
+  Status Write(std::vector<KeyValue> puts, std::vector<std::string> deletes);
 
   // Clears *out and appends the live pairs of [start, end) in key order (an
   // empty `end` means no upper bound), at most `limit` of them, values
