@@ -107,6 +107,8 @@ class Engine {
   virtual void Write(const std::vector<std::pair<std::string, std::string>>& batch) = 0;
   // Returns once no flush or compaction is pending.
   virtual void WaitIdle() = 0;
+  // Table files in use, where the engine says (0 otherwise).
+  virtual uint64_t TableFiles() { return 0; }
   virtual bool Get(const std::string& key, std::string* value) = 0;
   // Calls fn for every live key in order; returns the number of keys.
   virtual uint64_t ScanAll(const std::function<void(const std::string&, const std::string&)>& fn) = 0;
@@ -129,6 +131,7 @@ class KandbEngine : public Engine {
     if (!s.ok()) Die("write: " + s.ToString());
   }
   void WaitIdle() override { db_->WaitForBackgroundIdle(); }
+  uint64_t TableFiles() override { return db_->TableFileCount(); }
   bool Get(const std::string& key, std::string* value) override {
     bool found = false;
     kandb::Status s = db_->Get(key, value, &found);
@@ -224,6 +227,7 @@ int RunOne(const std::string& engine, const std::string& dir, uint64_t keys, uin
   const double load_seconds = Seconds(start);
   db->WaitIdle();
   const double idle_seconds = Seconds(start);
+  const uint64_t tables = db->TableFiles();
   const long hwm_after = StatusKiB("VmHWM:");
   const uint64_t written = StorageWriteBytes() - written_before;
 
@@ -253,10 +257,12 @@ int RunOne(const std::string& engine, const std::string& dir, uint64_t keys, uin
               "(%.1f MiB on disk)\n",
               engine.c_str(), keys, (hwm_after - hwm_before) / 1024.0, hwm_before / 1024.0, hwm_after / 1024.0,
               written / 1048576.0, DirectoryBytes(dir) / 1048576.0);
-  std::printf("%-8s   load %.1f s (%.0f keys/s), idle after %.1f s; %" PRIu64 " point reads %.0f /s, %" PRIu64
-              " wrong; full scan %" PRIu64 " keys %.0f keys/s, %" PRIu64 " wrong\n",
-              engine.c_str(), load_seconds, keys / load_seconds, idle_seconds, reads, reads / read_seconds, wrong,
-              scanned, scanned / scan_seconds, scanned_bad);
+  std::printf("%-8s   load %.1f s (%.0f keys/s), idle after %.1f s", engine.c_str(), load_seconds,
+              keys / load_seconds, idle_seconds);
+  if (tables > 0) std::printf(" with %" PRIu64 " table files", tables);
+  std::printf("; %" PRIu64 " point reads %.0f /s, %" PRIu64 " wrong; full scan %" PRIu64 " keys %.0f keys/s, %" PRIu64
+              " wrong\n",
+              reads, reads / read_seconds, wrong, scanned, scanned / scan_seconds, scanned_bad);
   std::fflush(stdout);
   db.reset();
   std::filesystem::remove_all(dir);
