@@ -142,7 +142,10 @@ class HaServers {
   std::string Address(int i) const { return "127.0.0.1:" + std::to_string(ports_[i]); }
   std::string AddressList() const {
     std::string list;
-    for (size_t i = 0; i < ports_.size(); ++i) list += (i > 0 ? "," : "") + Address(static_cast<int>(i));
+    for (size_t i = 0; i < ports_.size(); ++i) {
+      if (i > 0) list += ",";
+      list += Address(static_cast<int>(i));
+    }
     return list;
   }
   std::string Stderr(int i) const { return processes_[i]->Stderr(); }

@@ -342,7 +342,7 @@ TEST(HostileClientsTest, WellBehavedClientsKeepGettingAnswersWithBoundedMemory) 
           }
           default: {
             pdpb::GetRegionResponse resp;
-            s = client.Call("Pd.GetRegion", pdpb::GetRegionRequest{"k" + std::to_string(i)}, &resp);
+            s = client.Call("Pd.GetRegion", pdpb::GetRegionRequest{std::string("k").append(std::to_string(i))}, &resp);
             if (s.ok() && resp.region.id != 2) s = Status::Corruption("routed to the wrong region");
             break;
           }

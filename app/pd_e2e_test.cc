@@ -269,7 +269,7 @@ TEST_F(PdEndToEndTest, UndecodableLeaderStoreRecordPlantedBeforeStart) {
 TEST_F(PdEndToEndTest, AutoHealAddsOnTheFirstStoreInKeyOrder) {
   StartServer({"--target_replicas=3"});
   Bootstrap(1, "s1", Region(1, "", "", {1}));
-  for (uint64_t id : {2, 10, 3}) Bootstrap(id, "s" + std::to_string(id));
+  for (uint64_t id : {2, 10, 3}) Bootstrap(id, std::string("s").append(std::to_string(id)));
   // "pd/store/10" sorts before "pd/store/3"; one replica per heartbeat.
   EXPECT_EQ(Heartbeat(1, {Entry(1, {1, 2}), Entry(5, {1})}),
             (std::vector<ScheduleCommand>{Cmd(pdpb::kAddPeer, 1, 10, "s10"),
@@ -323,7 +323,7 @@ TEST_F(PdEndToEndTest, PromotionStaleReplicasAndLeaderBalancingWithAutoHealOff) 
 TEST_F(PdEndToEndTest, CommandsArriveInPolicyOrder) {
   StartServer({"--target_replicas=3"});
   Bootstrap(1, "s1", Region(50, "", "", {2}));
-  for (uint64_t id : {2, 10, 3}) Bootstrap(id, "s" + std::to_string(id));
+  for (uint64_t id : {2, 10, 3}) Bootstrap(id, std::string("s").append(std::to_string(id)));
   EXPECT_EQ(Heartbeat(1, {Entry(1, {1}, {}, {5}), Entry(2, {1, 2, 3, 10}, {3})}, {50}),
             (std::vector<ScheduleCommand>{
                 Cmd(pdpb::kPromoteLearner, 1, 5),

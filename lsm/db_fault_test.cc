@@ -160,8 +160,8 @@ TEST_F(FaultSweep, EveryCallFailedInTurnLosesNothingAcknowledged) {
     RunOnce(&io, "no fault");
     calls = io.total_count();
     for (size_t op = 0; op < kFileOpCount; ++op) {
-      kinds += " " + std::string(FileOpName(static_cast<FileOp>(op))) + " " +
-               std::to_string(io.count(static_cast<FileOp>(op)));
+      kinds.append(" ").append(FileOpName(static_cast<FileOp>(op))).append(" ");
+      kinds.append(std::to_string(io.count(static_cast<FileOp>(op))));
     }
   }
   ASSERT_GT(calls, 100u);

@@ -30,7 +30,7 @@ TEST(StressTest, InjectedFailuresLoseNothingAcknowledged) {
   // Batch `seq` of writer `t`: keys a, b, c that must always agree, and
   // one key of its own.
   constexpr int kWriters = 4;
-  auto prefix = [](int t) { return "t" + std::to_string(t) + "/"; };
+  auto prefix = [](int t) { return std::string("t").append(std::to_string(t)) + "/"; };
   std::vector<std::set<int>> acked(kWriters), failed(kWriters);
   std::atomic<int> running{kWriters};
   std::vector<std::thread> writers;
@@ -114,7 +114,7 @@ TEST(StressTest, ReadsNeverGoBackwardsWhileTablesChangeUnderThem) {
     threads.emplace_back([&, w] {
       // Each batch rewrites every key of this writer and deletes or puts a
       // scratch key, so compaction has versions and markers to drop.
-      const std::string p = "w" + std::to_string(w) + "/";
+      const std::string p = std::string("w").append(std::to_string(w)) + "/";
       uint64_t version = 0;
       while (!stop) {
         // The engine never stalls writers; the test does, to keep the
@@ -140,7 +140,7 @@ TEST(StressTest, ReadsNeverGoBackwardsWhileTablesChangeUnderThem) {
         for (size_t i = 1; i < out.size(); ++i) ASSERT_LT(out[i - 1].key, out[i].key);
       } else {
         for (int w = 0; w < kWriters; ++w) {
-          Entry e = Put("w" + std::to_string(w) + "/" + std::to_string(reads % kKeys), "");
+          Entry e = Put(std::string("w").append(std::to_string(w)) + "/" + std::to_string(reads % kKeys), "");
           bool found = false;
           ASSERT_TRUE(db->Get(e.key, &e.value, &found).ok());
           if (found) out.push_back(e);
@@ -166,7 +166,7 @@ TEST(StressTest, ReadsNeverGoBackwardsWhileTablesChangeUnderThem) {
   // Every key ends at its writer's last version, before and after a reopen.
   for (int pass = 0; pass < 2; ++pass) {
     for (int w = 0; w < kWriters; ++w) {
-      const std::string p = "w" + std::to_string(w) + "/";
+      const std::string p = std::string("w").append(std::to_string(w)) + "/";
       for (int k = 0; k < kKeys; ++k) EXPECT_EQ(GetOrAbsent(db.get(), p + std::to_string(k)), Version(last_version[w]));
       EXPECT_EQ(GetOrAbsent(db.get(), p + "x"), last_version[w] % 2 ? "<absent>" : "x");
     }

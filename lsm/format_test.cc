@@ -107,7 +107,7 @@ std::vector<Entry> MakeEntries(int n) {
     if (i % 7 == 3) {
       entries.push_back(Del(key));
     } else {
-      entries.push_back(Put(key, i % 50 == 0 ? std::string(10000, static_cast<char>('a' + i % 26)) : "v" + std::to_string(i)));
+      entries.push_back(Put(key, i % 50 == 0 ? std::string(10000, static_cast<char>('a' + i % 26)) : std::string("v").append(std::to_string(i))));
     }
   }
   return entries;

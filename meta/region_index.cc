@@ -41,11 +41,13 @@ bool RegionIndex::ByStart::operator()(const StartKey& a, const StartKey& b) cons
 Status RegionIndex::Build(store::MetaStore* store, std::unique_ptr<RegionIndex>* out) {
   std::unique_ptr<RegionIndex> index(new RegionIndex(store));
   RegionIndex* raw = index.get();
-  // Following starts before loading, and a write blocks on the lock until
-  // the load is done: whatever the load read of a write, applying the
-  // write afterwards leaves the newest state.
-  WriterLock lock(&raw->mu_);
+  // Following starts before loading, and a write that comes during the
+  // load waits on the lock until it is done: whatever the load read of a
+  // write, applying the write afterwards leaves the newest state. The
+  // store's lock is never taken under the index's (the store holds its own
+  // while it calls Apply).
   store->SetApplyObserver([raw](const lsm::WriteBatch& batch) { raw->Apply(batch); });
+  WriterLock lock(&raw->mu_);
   Status open;
   Status s = store->ForEachStored(kRegionPrefix, kRegionScanEnd, UINT32_MAX,
                                   [raw, store, &open](std::string_view key, std::string_view stored) {
@@ -64,10 +66,7 @@ Status RegionIndex::Build(store::MetaStore* store, std::unique_ptr<RegionIndex>*
                                return true;
                              });
   }
-  if (!s.ok()) {
-    store->SetApplyObserver(nullptr);
-    return s;
-  }
+  if (!s.ok()) return s;  // the index's destructor stops following
   *out = std::move(index);
   return Status::OK();
 }

@@ -31,7 +31,7 @@ size_t CollectBody(char* data, size_t size, size_t count, void* user) {
   return size * count;
 }
 
-std::string Int(int64_t v) { return "\"" + std::to_string(v) + "\""; }
+std::string Int(int64_t v) { return std::string("\"").append(std::to_string(v)).append("\""); }
 
 void AppendB64(const std::string& bytes, std::string* out) {
   json::AppendQuoted(json::Base64Encode(bytes), out);

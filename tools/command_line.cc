@@ -141,4 +141,33 @@ int CommandLine::Parse(const std::vector<std::string>& args, std::FILE* out, std
   return -1;
 }
 
+Status SplitSharedOptions(const std::vector<std::string>& args, std::span<const SharedOption> shared,
+                          std::optional<std::string>* command, std::vector<std::string>* command_args) {
+  std::vector<std::string> hoisted;
+  size_t i = 0;
+  for (; i < args.size(); ++i) {
+    const std::string& arg = args[i];
+    if (arg.size() < 3 || arg.compare(0, 2, "--") != 0) break;
+    const size_t eq = arg.find('=');
+    const std::string name = arg.substr(2, eq == std::string::npos ? std::string::npos : eq - 2);
+    const SharedOption* option = nullptr;
+    for (const SharedOption& candidate : shared) {
+      if (name == candidate.name) option = &candidate;
+    }
+    if (option == nullptr) break;  // the command, or something the caller reports as one
+    hoisted.push_back(arg);
+    if (option->takes_value && eq == std::string::npos) {
+      if (i + 1 == args.size()) return Status::InvalidArgument("--" + name + " needs a value");
+      hoisted.push_back(args[++i]);
+    }
+  }
+  command->reset();
+  if (i < args.size()) {
+    *command = args[i];
+    hoisted.insert(hoisted.end(), args.begin() + static_cast<ptrdiff_t>(i) + 1, args.end());
+  }
+  *command_args = std::move(hoisted);
+  return Status::OK();
+}
+
 }  // namespace kandb::tools

@@ -9,6 +9,8 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -75,6 +77,23 @@ class CommandLine {
   size_t positional_max_ = 0;
   std::string epilogue_;
 };
+
+// An option that every command of a program takes, and that may therefore
+// stand before the command name too: "kandb-meta-ctl --addr H:P tso".
+struct SharedOption {
+  const char* name;  // without the leading "--"
+  bool takes_value;  // false for a switch
+};
+
+// Splits "[shared options] COMMAND [options]": *command becomes the first
+// argument that is not a shared option (nullopt when there is none), and
+// *command_args the shared options found before it followed by everything
+// after it, so that the command's own parser checks them (values, repeats)
+// exactly as when they are typed after the command. Fails only when the
+// last argument is a shared option that lacks its value; the message is
+// "--NAME needs a value", as the command's parser words it.
+Status SplitSharedOptions(const std::vector<std::string>& args, std::span<const SharedOption> shared,
+                          std::optional<std::string>* command, std::vector<std::string>* command_args);
 
 }  // namespace kandb::tools
 

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -464,25 +465,38 @@ std::string TopUsage() {
     std::snprintf(line, sizeof(line), "  %-14s %s\n", sub.name, sub.summary);
     text += line;
   }
-  text += std::string("\nEvery command takes --addr HOST:PORT, --timeout-ms, --attempts, --json and --help.\n") +
+  text += std::string("\nEvery command takes --addr HOST:PORT, --timeout-ms, --attempts, --json and --help;\n") +
+          "all but --help may also stand before the command.\n" +
           "Exit status: 0 success, 1 the call failed, 2 bad command line or request document.\n";
   return text;
 }
 
+// The options of Common that people also type before the command, as in
+// "kandb-meta-ctl --addr 10.0.0.1:2379 tso"; --request belongs to a command.
+constexpr SharedOption kSharedOptions[] = {
+    {"addr", true}, {"timeout-ms", true}, {"attempts", true}, {"json", false}};
+
 int Main(int argc, char** argv) {
-  std::vector<std::string> args(argv + 1, argv + argc);
-  if (args.empty()) {
+  std::optional<std::string> command;
+  std::vector<std::string> args;
+  Status s = SplitSharedOptions(std::vector<std::string>(argv + 1, argv + argc), kSharedOptions, &command, &args);
+  if (!s.ok()) {
+    std::fprintf(stderr, "%s: %s\n(see %s --help)\n", kProgram, s.message().c_str(), kProgram);
+    return kExitUsage;
+  }
+  if (!command) {
     std::fputs(TopUsage().c_str(), stderr);
     return kExitUsage;
   }
-  if (args[0] == "--help" || args[0] == "help") {
+  const std::string& name = *command;
+  if (name == "--help" || name == "help") {
     std::fputs(TopUsage().c_str(), stdout);
     return kExitOk;
   }
   for (const Subcommand& sub : kSubcommands) {
-    if (args[0] == sub.name) return sub.run(std::vector<std::string>(args.begin() + 1, args.end()));
+    if (name == sub.name) return sub.run(args);
   }
-  std::fprintf(stderr, "%s: unknown command '%s'\n(see %s --help)\n", kProgram, args[0].c_str(), kProgram);
+  std::fprintf(stderr, "%s: unknown command '%s'\n(see %s --help)\n", kProgram, name.c_str(), kProgram);
   return kExitUsage;
 }
 

@@ -98,6 +98,15 @@ TEST_F(CtlTest, TimestampsAndIdentifiersReadableAndJson) {
   WriteFileOrDie(dir_ + "/alloc.json", R"({"count": 2})");
   EXPECT_EQ(CtlJson("alloc-id", {"--request", dir_ + "/alloc.json"}),
             json::parse(R"({"first_id": 1030, "count": 2})"));
+
+  // The common options may stand before the command, in either spelling.
+  r = RunProgram({KANDB_META_CTL_BINARY, "--addr", server_.target(), "--json", "--timeout-ms=2000", "alloc-id",
+                  "--count", "2"});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(json::parse(r.out, nullptr, false), json::parse(R"({"first_id": 1032, "count": 2})"));
+  r = RunProgram({KANDB_META_CTL_BINARY, "--addr=" + server_.target(), "--attempts", "2", "tso"});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(r.out.rfind("timestamp ", 0), 0u) << r.out;
 }
 
 TEST_F(CtlTest, BootstrapRouteUpsertAndHeartbeat) {
@@ -186,9 +195,27 @@ TEST_F(CtlTest, BadCommandLinesAndDocumentsExitTwoWithoutCallingTheServer) {
   EXPECT_EQ(ExitCode(r), 2);
   EXPECT_NE(r.err.find(dir_ + "/broken.json: bad JSON: "), std::string::npos) << r.err;
 
-  r = RunProgram({KANDB_META_CTL_BINARY, "frobnicate"});
+  // Before the command: only the common options; each is still checked by
+  // the command's parser, as if typed after it.
+  const std::pair<std::vector<std::string>, std::string> leading[] = {
+      {{"frobnicate"}, "kandb-meta-ctl: unknown command 'frobnicate'\n(see kandb-meta-ctl --help)\n"},
+      {{"--addr", "h:1", "--count", "3", "tso"}, "kandb-meta-ctl: unknown command '--count'\n(see kandb-meta-ctl --help)\n"},
+      {{"--json", "--addr"}, "kandb-meta-ctl: --addr needs a value\n(see kandb-meta-ctl --help)\n"},
+      {{"--timeout-ms", "soon", "tso"},
+       "kandb-meta-ctl tso: --timeout-ms: not a number: 'soon'\n(see kandb-meta-ctl tso --help)\n"},
+      {{"--addr", "h:1", "tso", "--addr", "h:2"},
+       "kandb-meta-ctl tso: --addr given twice\n(see kandb-meta-ctl tso --help)\n"},
+  };
+  for (const auto& [args, message] : leading) {
+    std::vector<std::string> argv = {KANDB_META_CTL_BINARY};
+    argv.insert(argv.end(), args.begin(), args.end());
+    r = RunProgram(argv);
+    EXPECT_EQ(ExitCode(r), 2) << args[0];
+    EXPECT_EQ(r.err, message);
+  }
+  r = RunProgram({KANDB_META_CTL_BINARY, "--addr", "h:1"});
   EXPECT_EQ(ExitCode(r), 2);
-  EXPECT_EQ(r.err, "kandb-meta-ctl: unknown command 'frobnicate'\n(see kandb-meta-ctl --help)\n");
+  EXPECT_EQ(r.err.rfind("usage: kandb-meta-ctl COMMAND [options]\n", 0), 0u) << r.err;
   // Nothing above reached the server: it was never bootstrapped.
   EXPECT_EQ(Ctl("get-region", {"a"}).err, "remote: NotFound: cluster not bootstrapped\n");
 }
