@@ -13,6 +13,30 @@
 
 namespace kandb::lsm {
 
+// A counting semaphore on a plain mutex and condition variable: a waiter
+// sleeps in the kernel at once instead of spinning first, which on a few
+// processors shared by many connection threads costs the leader its time.
+class LsmDb::Waiter {
+ public:
+  void Wait() {
+    MutexLock lock(&mu_);
+    while (posts_ == 0) cv_.Wait();
+    posts_--;
+  }
+  void Post() {
+    {
+      MutexLock lock(&mu_);
+      posts_++;
+    }
+    cv_.Signal();
+  }
+
+ private:
+  Mutex mu_;
+  CondVar cv_{&mu_};
+  uint64_t posts_ GUARDED_BY(mu_) = 0;
+};
+
 namespace {
 
 // How many groups one leader writes in a row before it hands the lead on
@@ -21,19 +45,50 @@ constexpr int kMaxGroupsPerLeader = 8;
 
 }  // namespace
 
+LsmDb::Waiter* LsmDb::ThisThreadWaiter() {
+  // Waiters go back to the pool when their thread ends and are never
+  // freed: a leader may still post to one after its writer has returned.
+  struct Pool {
+    Mutex mu;
+    std::vector<Waiter*> free GUARDED_BY(mu);
+  };
+  static Pool* const pool = new Pool;
+  struct Lease {
+    Lease() {
+      MutexLock lock(&pool->mu);
+      if (pool->free.empty()) {
+        waiter = new Waiter;
+      } else {
+        waiter = pool->free.back();
+        pool->free.pop_back();
+      }
+    }
+    ~Lease() {
+      MutexLock lock(&pool->mu);
+      pool->free.push_back(waiter);
+    }
+    Waiter* waiter;
+  };
+  thread_local Lease lease;
+  return lease.waiter;
+}
+
 Status LsmDb::Write(const WriteBatch& batch) {
-  WriterSlot slot(&batch, &write_queue_mutex_);
+  WriterSlot slot(&batch, &write_queue_mutex_, ThisThreadWaiter());
   std::vector<WriterSlot*> group;
-  MutexLock lock(&write_queue_mutex_);
-  slot.mu->AssertHeld();
+  std::vector<Waiter*> to_wake;
+  write_queue_mutex_.Lock();
   writers_.push_back(&slot);
   // A follower never runs a step itself: it sleeps until a leader has
   // written its group, or until it is woken as the new head while no
-  // leader runs.
+  // leader runs. It sleeps without the queue lock and, once done, returns
+  // without taking it again.
   for (;;) {
-    if (slot.done) return slot.result;
     if (writers_.front() == &slot && !leading_) break;
-    slot.cv.Wait();
+    write_queue_mutex_.Unlock();
+    slot.waiter->Wait();
+    if (slot.done.load(std::memory_order_acquire)) return slot.result;
+    write_queue_mutex_.Lock();
   }
   leading_ = true;
   // Each group is the whole queue as it stands, with no size limit. The
@@ -50,24 +105,29 @@ Status LsmDb::Write(const WriteBatch& batch) {
     write_queue_mutex_.Unlock();
     const Status status = WriteGroup(group);
     write_queue_mutex_.Lock();
+    to_wake.clear();
     for (WriterSlot* member : group) {
       writers_.pop_front();
       if (member == &slot) {
         own = status;
         continue;
       }
-      member->mu->AssertHeld();
+      // The result first, then done, which publishes it; after that the
+      // slot may be gone, so its waiter was read before.
+      to_wake.push_back(member->waiter);
       member->result = status;
-      member->done = true;
-      // Signalled with the lock held: once it is released the follower may
-      // return and its slot, this condition variable included, is gone.
-      member->cv.Signal();
+      member->done.store(true, std::memory_order_release);
     }
+    // Woken outside the queue lock, so that they need not wait for it.
+    write_queue_mutex_.Unlock();
+    for (Waiter* waiter : to_wake) waiter->Post();
+    write_queue_mutex_.Lock();
   }
   leading_ = false;
   // The next leader is woken only now that every group led here has left
   // the queue, so two leaders never run at once.
-  if (!writers_.empty()) writers_.front()->cv.Signal();
+  if (!writers_.empty()) writers_.front()->waiter->Post();
+  write_queue_mutex_.Unlock();
   return own;
 }
 
