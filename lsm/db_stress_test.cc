@@ -1,6 +1,6 @@
-// Writers, readers, flushes and compactions at once, with and without
-// injected I/O failures. Meant for the ThreadSanitizer build as much as for
-// their own checks.
+// Writers, readers, flushes and compactions at once. Meant for the
+// ThreadSanitizer build as much as for its own checks; injected failures
+// are the fault sweep's (db_fault_test.cc).
 
 #include <gtest/gtest.h>
 
@@ -8,8 +8,6 @@
 #include <chrono>
 #include <cstdio>
 #include <map>
-#include <random>
-#include <set>
 #include <thread>
 
 #include "lsm/db.h"
@@ -17,80 +15,6 @@
 
 namespace kandb::lsm {
 namespace {
-
-// Every failure reaches the writers of its group, a failed group is never
-// applied, and nothing acknowledged is lost, running or after a reopen.
-TEST(StressTest, InjectedFailuresLoseNothingAcknowledged) {
-  ScratchDir dir;
-  FaultInjectingFileIo io;
-  const LsmDb::Options options = SmallOptions(2048, 2, true, &io);
-  std::unique_ptr<LsmDb> db;
-  ASSERT_TRUE(LsmDb::Open(dir.path(), options, &db).ok());
-
-  // Batch `seq` of writer `t`: keys a, b, c that must always agree, and
-  // one key of its own.
-  constexpr int kWriters = 4;
-  auto prefix = [](int t) { return std::string("t").append(std::to_string(t)) + "/"; };
-  std::vector<std::set<int>> acked(kWriters), failed(kWriters);
-  std::atomic<int> running{kWriters};
-  std::vector<std::thread> writers;
-  for (int t = 0; t < kWriters; ++t) {
-    writers.emplace_back([&, t] {
-      for (int seq = 1; seq <= 250; ++seq) {
-        const std::string p = prefix(t), v = std::to_string(seq);
-        Status s = db->Write({Put(p + "a", v), Put(p + "b", v), Put(p + "c", v), Put(p + "s" + v, v)});
-        (s.ok() ? acked : failed)[t].insert(seq);
-        if (!s.ok()) {
-          EXPECT_TRUE(s.message() == "wal write: Input/output error" ||
-                      s.message() == "wal fdatasync: Input/output error")
-              << s.ToString();
-        }
-      }
-      --running;
-    });
-  }
-  // One failure armed at a time, a few calls ahead, on the log, the table
-  // files and the manifest.
-  const std::pair<FileOp, const char*> faults[] = {{FileOp::kWrite, "wal-"},  {FileOp::kFdatasync, ""},
-                                                   {FileOp::kWrite, ".sst"},  {FileOp::kFsync, ".sst"},
-                                                   {FileOp::kRename, ".sst"}, {FileOp::kRename, "MANIFEST"}};
-  std::mt19937 rng(20240601);
-  while (running > 0) {
-    const auto& f = faults[rng() % std::size(faults)];
-    io.FailNth(f.first, 1 + rng() % 4, f.second);
-    std::this_thread::sleep_for(std::chrono::microseconds(500));
-  }
-  for (std::thread& t : writers) t.join();
-  io.ClearAll();
-  db->WaitForBackgroundIdle();
-  EXPECT_GT(io.injected(FileOp::kWrite), 0u);
-  EXPECT_GT(io.injected(FileOp::kFdatasync), 0u);
-  EXPECT_GT(io.injected(FileOp::kRename), 0u);
-  EXPECT_GT(db->TableFileCount(), 0u);
-
-  for (int reopened = 0; reopened < 2; ++reopened) {
-    for (int t = 0; t < kWriters; ++t) {
-      const std::string p = prefix(t);
-      const std::string a = GetOrAbsent(db.get(), p + "a");
-      EXPECT_EQ(GetOrAbsent(db.get(), p + "b"), a);
-      EXPECT_EQ(GetOrAbsent(db.get(), p + "c"), a);
-      for (int seq : acked[t]) EXPECT_EQ(GetOrAbsent(db.get(), p + "s" + std::to_string(seq)), std::to_string(seq));
-      if (!reopened) {
-        // Running, the keys hold the last acknowledged batch exactly.
-        EXPECT_EQ(a, acked[t].empty() ? "<absent>" : std::to_string(*acked[t].rbegin()));
-        for (int seq : failed[t]) EXPECT_EQ(GetOrAbsent(db.get(), p + "s" + std::to_string(seq)), "<absent>");
-      } else if (!acked[t].empty()) {
-        // After a reopen a group whose sync failed may come back from the
-        // log, but only whole and only after the last acknowledged one.
-        const int v = std::stoi(a);
-        EXPECT_GE(v, *acked[t].rbegin());
-        EXPECT_EQ(GetOrAbsent(db.get(), p + "s" + a), a);
-      }
-    }
-    db.reset();
-    ASSERT_TRUE(LsmDb::Open(dir.path(), options, &db).ok());
-  }
-}
 
 std::string Version(uint64_t n) {
   char buf[24];

@@ -14,11 +14,6 @@ kandb_test(lsm_engine_test
   LIBS kandb_lsm kandb_lsm_testutil kandb_testutil
   TIMEOUT 300)
 
-kandb_test(lsm_crash_test
-  SOURCES db_crash_test.cc
-  LIBS kandb_lsm kandb_lsm_testutil kandb_testutil
-  TIMEOUT 300)
-
 # Prints its figures; never run by CTest.
 kandb_benchmark(lsm_bench
   SOURCES lsm_bench.cc
