@@ -19,8 +19,7 @@
 namespace kandb::testing {
 
 inline int64_t SteadyMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
       .count();
 }
 
@@ -93,7 +92,6 @@ class EtcdCluster {
     for (const Member& m : members_) list += (list.empty() ? "" : ",") + m.client;
     return list;
   }
-  size_t size() const { return members_.size(); }
 
  private:
   struct Member {
@@ -142,26 +140,26 @@ class HaServers {
   std::string Address(int i) const { return "127.0.0.1:" + std::to_string(ports_[i]); }
   std::string AddressList() const {
     std::string list;
-    for (size_t i = 0; i < ports_.size(); ++i) {
-      if (i > 0) list += ",";
-      list += Address(static_cast<int>(i));
-    }
+    for (size_t i = 0; i < ports_.size(); ++i) list += (i > 0 ? "," : "") + Address(static_cast<int>(i));
     return list;
   }
   std::string Stderr(int i) const { return processes_[i]->Stderr(); }
   std::string prefix() const { return store::EtcdClusterPrefix(cluster_); }
 
+  // The leader key's record, if there is one.
+  std::vector<store::EtcdKv> LeaderKey(store::EtcdClient* etcd) const {
+    std::vector<store::EtcdKv> kvs;
+    bool more = false;
+    int64_t revision = 0;
+    if (!etcd->Range(prefix() + "leader", "", 0, 0, &kvs, &more, &revision).ok()) kvs.clear();
+    return kvs;
+  }
   // The index of the server that the leader key names, or -1 (none yet)
   // after `timeout_ms`.
   int WaitLeader(store::EtcdClient* etcd, int timeout_ms) const {
     for (const int64_t end = SteadyMs() + timeout_ms; SteadyMs() < end; SleepMs(20)) {
-      std::vector<store::EtcdKv> kvs;
-      bool more = false;
-      int64_t revision = 0;
-      if (!etcd->Range(prefix() + "leader", "", 0, 0, &kvs, &more, &revision).ok() || kvs.empty()) {
-        continue;
-      }
-      for (size_t i = 0; i < ports_.size(); ++i) {
+      const std::vector<store::EtcdKv> kvs = LeaderKey(etcd);
+      for (size_t i = 0; i < ports_.size() && !kvs.empty(); ++i) {
         if (kvs[0].value == Address(static_cast<int>(i))) return static_cast<int>(i);
       }
     }

@@ -1,6 +1,6 @@
-// In-process corners of the service that the end-to-end test over the wire
-// cannot reach: a stopped clock, identifier marks and failed writes, damaged
-// records, and heartbeat inputs no real store sends.
+// The service in process: a stopped clock, identifier marks and failed
+// writes, damaged records, and the scheduling policies of heartbeats. The
+// end-to-end test only shows each method answered over the wire.
 
 #include "meta/pd_service.h"
 
@@ -8,7 +8,6 @@
 #include <atomic>
 #include <memory>
 #include <ostream>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -39,11 +38,7 @@ pdpb::Store MakeStore(uint64_t id) { return {id, "10.0.0." + std::to_string(id) 
 // A region whose peers sit on `store_ids`, peer ids being 100 + store id.
 pdpb::Region MakeRegion(uint64_t id, std::string start, std::string end,
                         const std::vector<uint64_t>& store_ids = {}) {
-  pdpb::Region r;
-  r.id = id;
-  r.start_key = std::move(start);
-  r.end_key = std::move(end);
-  r.epoch.conf_version = r.epoch.version = 1;
+  pdpb::Region r{id, std::move(start), std::move(end), {1, 1}, {}};
   for (uint64_t s : store_ids) r.peers.push_back({100 + s, s});
   return r;
 }
@@ -69,7 +64,6 @@ class PdTest : public ::testing::Test {
               const std::string& passphrase = "") {
     ASSERT_TRUE(TryReopen(target_replicas, io, passphrase).ok());
   }
-  // The service's own start-up failure, or OK.
   Status TryReopen(uint32_t target_replicas = 0, lsm::FileIo* io = lsm::DefaultFileIo(),
                    const std::string& passphrase = "") {
     service_.reset();
@@ -113,12 +107,8 @@ class PdTest : public ::testing::Test {
   }
   Cmds Heartbeat(uint64_t store_id, std::vector<pdpb::RegionHeartbeatEntry> regions,
                  std::vector<uint64_t> region_ids = {}) {
-    pdpb::RegionHeartbeatRequest req;
-    req.store_id = store_id;
-    req.regions = std::move(regions);
-    req.region_ids = std::move(region_ids);
     pdpb::RegionHeartbeatResponse resp;
-    EXPECT_TRUE(service_->RegionHeartbeat(req, &resp).ok());
+    EXPECT_TRUE(service_->RegionHeartbeat({store_id, std::move(regions), std::move(region_ids)}, &resp).ok());
     return resp.commands;
   }
 
@@ -282,13 +272,11 @@ TEST_F(PdTest, RoutingCorners) {
 
   // Unregistered peer stores are left out; a peerless region answers alone.
   pdpb::GetRegionResponse resp;
-  pdpb::GetRegionRequest req;
-  req.key = "\xff\xff";
-  ASSERT_TRUE(service_->GetRegion(req, &resp).ok());
+  ASSERT_TRUE(service_->GetRegion({"\xff\xff"}, &resp).ok());
   EXPECT_EQ(resp.leader, pdpb::Peer());
   EXPECT_TRUE(resp.stores.empty());
   Put(RegionKey(10), "garbage");  // covers nothing now
-  req.key = "c";
+  const pdpb::GetRegionRequest req{"c"};
   ASSERT_TRUE(service_->GetRegion(req, &resp).ok());
   EXPECT_EQ(resp.region.id, 5u);
   EXPECT_EQ(resp.stores, (std::vector<pdpb::Store>{MakeStore(3), MakeStore(1)}));
@@ -306,42 +294,77 @@ TEST_F(PdTest, RoutingCorners) {
   EXPECT_EQ(RouteId("\xff"), "Corruption: bad region record");
 
   // Puts then deletes in one batch: written and removed ends removed.
-  pdpb::UpsertRegionRequest up;
-  up.regions = {MakeRegion(2, "", "b"), MakeRegion(2, "", "a"), MakeRegion(4, "x", "")};
-  up.removed_region_ids = {4, 10, 42};
   pdpb::UpsertRegionResponse up_resp;
-  ASSERT_TRUE(service_->UpsertRegion(up, &up_resp).ok());
+  ASSERT_TRUE(service_->UpsertRegion({{MakeRegion(2, "", "b"), MakeRegion(2, "", "a"), MakeRegion(4, "x", "")},
+                                      {4, 10, 42}},
+                                     &up_resp)
+                  .ok());
   EXPECT_EQ(Get(RegionKey(2)), pdpb::Encode(MakeRegion(2, "", "a")));  // later one wins
   EXPECT_EQ(Get(RegionKey(4)), "<absent>");
   EXPECT_EQ(Get(RegionKey(10)), "<absent>");
 }
 
-TEST_F(PdTest, HeartbeatCorners) {
+// Each case runs on its own service, with stores 1, 2, 3 and 10 registered
+// ("s<id>"), store 4 undecodable and store 5 without an address.
+TEST_F(PdTest, AutoHealAndPromotion) {
+  const struct {
+    uint32_t target;
+    uint64_t reporter;
+    std::vector<pdpb::RegionHeartbeatEntry> entries;
+    Cmds want;
+  } cases[] = {
+      // Add on the first usable store in key order ("pd/store/10" sorts
+      // before "pd/store/3"), one per region per heartbeat.
+      {3, 1, {Entry(1, {1, 2}), Entry(5, {1})}, {Cmd(pdpb::kAddPeer, 1, 10, "s10"), Cmd(pdpb::kAddPeer, 5, 10, "s10")}},
+      {4, 1, {Entry(1, {1, 2, 10})}, {Cmd(pdpb::kAddPeer, 1, 3, "s3")}},
+      // Every usable store holds a member: no add, but learners are promoted.
+      {6, 1, {Entry(7, {1, 2, 3, 10}, {}, {9, 8})}, {Cmd(pdpb::kPromoteLearner, 7, 9), Cmd(pdpb::kPromoteLearner, 7, 8)}},
+      // Remove a member the reporter marks as a candidate, else the first
+      // member; never the reporter, nor a store 0; a candidate that is not
+      // a member does not count.
+      {1, 4, {Entry(1, {4, 6, 7}, {7})}, {Cmd(pdpb::kRemovePeer, 1, 7)}},
+      {1, 4, {Entry(1, {4, 6}, {4})}, {Cmd(pdpb::kRemovePeer, 1, 6)}},
+      {1, 4, {Entry(1, {6, 4, 7}, {9})}, {Cmd(pdpb::kRemovePeer, 1, 6)}},
+      {1, 4, {Entry(1, {4, 4})}, {}},
+      {1, 4, {Entry(1, {0, 4})}, {}},
+      {1, 4, {Entry(1, {4, 0, 6}, {0})}, {}},
+  };
+  for (const auto& c : cases) {
+    Reopen();
+    Put(StoreKey(4), "\x01");
+    PutStores({1, 2, 3, 10});
+    Put(StoreKey(5), pdpb::Encode(pdpb::Store{5, "", 0}));
+    Reopen(c.target);
+    EXPECT_EQ(Heartbeat(c.reporter, c.entries), c.want) << "target " << c.target;
+  }
+}
+
+TEST_F(PdTest, StaleReplicasAndLeaderBalancing) {
   PutStores({1, 2, 3});
-  Put(StoreKey(4), "\x01");  // undecodable: never a choice
-  Reopen(5);
-  // Every usable store holds a member: no add, but learners are promoted.
-  EXPECT_EQ(Heartbeat(1, {Entry(7, {1, 2, 3}, {}, {9, 8})}),
-            (Cmds{Cmd(pdpb::kPromoteLearner, 7, 9), Cmd(pdpb::kPromoteLearner, 7, 8)}));
-
-  Reopen(1);
-  // Only the reporter, or a store 0, to remove: nothing; a candidate that
-  // is not a member does not count.
-  EXPECT_TRUE(Heartbeat(4, {Entry(1, {0, 4})}).empty());
-  EXPECT_TRUE(Heartbeat(4, {Entry(1, {4, 0, 6}, {0})}).empty());
-  EXPECT_EQ(Heartbeat(4, {Entry(1, {6, 4, 7}, {9})}), (Cmds{Cmd(pdpb::kRemovePeer, 1, 6)}));
-
   // Stale replicas only on a record that decodes and omits the reporter,
   // once per listed id, duplicates included.
-  Reopen(0);
   Put(RegionKey(20), pdpb::Encode(MakeRegion(20, "", "m", {1, 2})));
   Put(RegionKey(21), pdpb::Encode(MakeRegion(21, "m", "", {2, 3})));
   Put(RegionKey(23), "garbage");
   EXPECT_EQ(Heartbeat(1, {}, {20, 21, 23, 24, 21}),
             (Cmds{Cmd(pdpb::kDestroyStaleReplica, 21, 1), Cmd(pdpb::kDestroyStaleReplica, 21, 1)}));
 
-  // Leader balancing: the least loaded candidate, the earlier member on
-  // ties (store 5, never registered, leads none); counts move with regions.
+  // A transfer needs the target to lead fewer than the reporter's count
+  // less one: store 2 leads 2 against store 1's 5, then 4 against 5.
+  Heartbeat(2, {Entry(100, {2, 1}), Entry(101, {2, 1})});
+  std::vector<pdpb::RegionHeartbeatEntry> five;
+  Cmds transfers;
+  for (uint64_t r = 1; r <= 5; r++) {
+    five.push_back(Entry(r, {1, 2}, {2}));
+    transfers.push_back(Cmd(pdpb::kTransferLeader, r, 2));
+  }
+  EXPECT_EQ(Heartbeat(1, five), transfers);
+  Heartbeat(2, {Entry(102, {2, 1}), Entry(103, {2, 1})});
+  EXPECT_TRUE(Heartbeat(1, five).empty());
+
+  // The least loaded candidate, the earlier member on ties (store 5, never
+  // registered, leads none); counts move with regions.
+  Reopen();
   PutStores({4});
   Heartbeat(2, {Entry(100, {2})});
   Heartbeat(3, {Entry(200, {3})});
