@@ -138,14 +138,15 @@ TEST(EtcdBackendTest, BatchOrderAndScanPages) {
       const char *start, *end;
       uint32_t limit;
       size_t size;
-    } scans[] = {{"p/000003", "p/010003", static_cast<uint32_t>(total), 10000},
-                 {"p/", "", 10001, 10001},
-                 {"", "", 100000, static_cast<size_t>(total) + 8},  // everything of the cluster
-                 {"p/", "", 0, 0}};
+      const char *first, *last;
+    } scans[] = {{"p/000003", "p/010003", static_cast<uint32_t>(total), 10000, "p/000003", "p/010002"},
+                 {"p/", "", 10001, 10001, "p/000000", "p/010000"},
+                 {"", "", 100000, static_cast<size_t>(total) + 8, "p/000000", "w/7"},  // the whole cluster
+                 {"p/", "", 0, 0, "", ""}};
     for (const auto& c : scans) {
       ASSERT_TRUE(ScanAll(&backend, c.start, c.end, c.limit, &got).ok());
-      EXPECT_EQ(got.size(), c.size) << c.start << " " << c.limit;
-      if (!got.empty()) EXPECT_EQ(got.front().key, *c.start ? c.start : "p/000000");
+      ASSERT_EQ(got.size(), c.size) << c.start << " " << c.limit;
+      EXPECT_EQ(got.empty() ? "" : got.front().key + " " + got.back().key, got.empty() ? "" : std::string(c.first) + " " + c.last);
     }
     std::string value = "kept";
     bool found = true;

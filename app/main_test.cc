@@ -1,11 +1,7 @@
 // Runs the real kandb-meta binary as a child process and checks what it
 // prints and how it exits.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -15,17 +11,16 @@
 #include "app/meta_server_test_util.h"
 #include "common/test_util.h"
 #include "pdpb/messages.h"
+#include "rpc/rpc_test_util.h"
 
 namespace kandb {
 namespace {
 
 using ::kandb::testing::ChildProcess;
-using ::kandb::testing::MakeTempDir;
+using ::kandb::testing::ExitCode;
 using ::kandb::testing::MetaBanner;
 using ::kandb::testing::MetaServer;
 using ::kandb::testing::ProgramResult;
-using ::kandb::testing::RemoveTree;
-using ::kandb::testing::RunProgram;
 
 const char kUsage[] =
     "usage: " KANDB_META_BINARY
@@ -36,11 +31,9 @@ const char kUsage[] =
     "  --target_replicas      auto-heal: schedule adding replicas until each region reaches "
     "this member count (0 = off; promotion of caught-up learners is always on) (default: 0)\n";
 
-using ::kandb::testing::ExitCode;
-
 ProgramResult RunMeta(std::vector<std::string> args) {
   args.insert(args.begin(), KANDB_META_BINARY);
-  return RunProgram(args);
+  return kandb::testing::RunProgram(args);
 }
 
 TEST(ProcessEntryFlagsTest, HelpPrintsUsageAndExitsZero) {
@@ -82,14 +75,10 @@ bool IsDirectory(const std::string& path) {
 }
 
 // A scratch directory removed at the end of the test.
-class ScratchDir {
- public:
-  ScratchDir() : path_(MakeTempDir("kandb-app")) {}
-  ~ScratchDir() { RemoveTree(path_); }
+struct ScratchDir {
+  ~ScratchDir() { kandb::testing::RemoveTree(path()); }
   const std::string& path() const { return path_; }
-
- private:
-  const std::string path_;
+  const std::string path_ = kandb::testing::MakeTempDir("kandb-app");
 };
 
 TEST(ProcessEntryTest, BannerIsTheOnlyOutputWhileServing) {
@@ -114,16 +103,7 @@ TEST(ProcessEntryTest, BannerIsTheOnlyOutputWhileServing) {
 TEST(ProcessEntryTest, DefaultsListenOnAllInterfacesWithStateInTheWorkingDirectory) {
   // The documented way to start the server: no flags at all. Skipped when
   // something else holds the default port.
-  const int probe = socket(AF_INET, SOCK_STREAM, 0);
-  ASSERT_GE(probe, 0);
-  int one = 1;
-  setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(2379);
-  const bool free_port = bind(probe, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-  close(probe);
-  if (!free_port) GTEST_SKIP() << "port 2379 is in use";
+  if (kanrpc::testing::ConnectTo(2379).valid()) GTEST_SKIP() << "port 2379 is in use";
 
   ScratchDir scratch;
   ChildProcess child;
@@ -153,71 +133,46 @@ TEST(ProcessEntryTest, PortAndTargetReplicasAreNarrowedTo32Bits) {
   kanrpc::RpcClient client("127.0.0.1:" + std::to_string(port), options);
 
   // A target of 2^32 + 2 acts as 2: a region with one member grows.
-  pdpb::BootstrapRequest boot;
-  boot.store.id = 1;
-  boot.store.address = "s1";
   pdpb::BootstrapResponse booted;
-  ASSERT_TRUE(client.Call("Pd.Bootstrap", boot, &booted).ok());
-  boot.store.id = 2;
-  boot.store.address = "s2";
-  ASSERT_TRUE(client.Call("Pd.Bootstrap", boot, &booted).ok());
-  pdpb::RegionHeartbeatRequest hb;
-  hb.store_id = 1;
-  hb.regions.resize(2);
-  hb.regions[0].region_id = 7;
-  hb.regions[0].member_store_ids = {1};
-  hb.regions[1].region_id = 8;
-  hb.regions[1].member_store_ids = {1, 2};
+  for (uint64_t store : {1, 2}) {
+    ASSERT_TRUE(client.Call("Pd.Bootstrap", pdpb::BootstrapRequest{{store, "s" + std::to_string(store), 0}, {}, {}},
+                            &booted).ok());
+  }
   pdpb::RegionHeartbeatResponse commands;
-  ASSERT_TRUE(client.Call("Pd.RegionHeartbeat", hb, &commands).ok());
-  ASSERT_EQ(commands.commands.size(), 1u);
-  EXPECT_EQ(commands.commands[0].kind, pdpb::kAddPeer);
-  EXPECT_EQ(commands.commands[0].region_id, 7u);
-  EXPECT_EQ(commands.commands[0].store_id, 2u);
+  ASSERT_TRUE(client.Call("Pd.RegionHeartbeat", pdpb::RegionHeartbeatRequest{1, {{7, {1}, {}, {}}, {8, {1, 2}, {}, {}}}, {}},
+                          &commands).ok());
+  EXPECT_EQ(commands.commands, (std::vector<pdpb::ScheduleCommand>{{pdpb::kAddPeer, 7, 2, "s2"}}));
   child.Kill(SIGKILL);
   child.Wait();
 }
 
 TEST(ProcessEntryTest, StartFailuresExactTextsAndStatus) {
   ScratchDir scratch;
-  const std::string dir = scratch.path() + "/state";
-
-  // Not a dotted IPv4 address: fails after the state directory was opened.
-  ProgramResult r = RunMeta({"--bind_addr=localhost", "--port=1", "--data_dir=" + dir});
-  EXPECT_EQ(ExitCode(r), 1);
-  EXPECT_EQ(r.err, "failed to start pd: InvalidArgument: invalid IPv4 bind address: localhost\n");
-  EXPECT_EQ(r.out, "");
-  EXPECT_TRUE(IsDirectory(dir));
-
-  // A port some other server holds.
-  MetaServer holder;
+  const std::string dir = scratch.path() + "/state", file = scratch.path() + "/file",
+                    orphan = scratch.path() + "/missing/state";
+  kandb::testing::WriteFileOrDie(file, "not a directory");
+  MetaServer holder;  // holds a port
   ASSERT_TRUE(holder.Start(scratch.path() + "/holder"));
   const std::string port = std::to_string(holder.port());
-  r = RunMeta({"--bind_addr=127.0.0.1", "--port=" + port, "--data_dir=" + dir});
-  EXPECT_EQ(ExitCode(r), 1);
-  EXPECT_EQ(r.err,
-            "failed to start pd: Corruption: bind 127.0.0.1:" + port +
-                " failed: Address already in use\n");
-  EXPECT_EQ(r.out, "");
-  holder.Kill();
-
-  // A state path that is a regular file.
-  const std::string file = scratch.path() + "/file";
-  kandb::testing::WriteFileOrDie(file, "not a directory");
-  r = RunMeta({"--bind_addr=127.0.0.1", "--port=" + port, "--data_dir=" + file});
-  EXPECT_EQ(ExitCode(r), 1);
-  EXPECT_EQ(r.err, "failed to open pd state at " + file + ": InvalidArgument: " + file +
-                       " exists and is not a directory\n");
-  EXPECT_EQ(r.out, "");
-
-  // A state directory whose parent is missing: directories are made one
-  // level deep only.
-  const std::string orphan = scratch.path() + "/missing/state";
-  r = RunMeta({"--bind_addr=127.0.0.1", "--port=" + port, "--data_dir=" + orphan});
-  EXPECT_EQ(ExitCode(r), 1);
-  EXPECT_EQ(r.err, "failed to open pd state at " + orphan + ": Corruption: mkdir " + orphan +
-                       ": No such file or directory\n");
-  EXPECT_EQ(r.out, "");
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      // Not a dotted IPv4 address: fails after the state directory was opened.
+      {{"--bind_addr=localhost", "--port=1", "--data_dir=" + dir},
+       "failed to start pd: InvalidArgument: invalid IPv4 bind address: localhost\n"},
+      {{"--bind_addr=127.0.0.1", "--port=" + port, "--data_dir=" + dir},
+       "failed to start pd: Corruption: bind 127.0.0.1:" + port + " failed: Address already in use\n"},
+      {{"--data_dir=" + file},
+       "failed to open pd state at " + file + ": InvalidArgument: " + file + " exists and is not a directory\n"},
+      // Directories are made one level deep only.
+      {{"--data_dir=" + orphan},
+       "failed to open pd state at " + orphan + ": Corruption: mkdir " + orphan + ": No such file or directory\n"},
+  };
+  for (const auto& [args, message] : cases) {
+    ProgramResult r = RunMeta(args);
+    EXPECT_EQ(ExitCode(r), 1);
+    EXPECT_EQ(r.err, message);
+    EXPECT_EQ(r.out, "");
+  }
+  EXPECT_TRUE(IsDirectory(dir));
   EXPECT_FALSE(IsDirectory(scratch.path() + "/missing"));
 }
 

@@ -304,9 +304,10 @@ TEST_F(PdTest, RoutingCorners) {
   EXPECT_EQ(Get(RegionKey(10)), "<absent>");
 }
 
-// Each case runs on its own service, with stores 1, 2, 3 and 10 registered
-// ("s<id>"), store 4 undecodable and store 5 without an address.
+// Each case runs on its own service, with stores 1, 2, 3 and 10 registered,
+// store 4 undecodable and store 5 without an address.
 TEST_F(PdTest, AutoHealAndPromotion) {
+  const std::string kS10 = MakeStore(10).address;
   const struct {
     uint32_t target;
     uint64_t reporter;
@@ -315,8 +316,8 @@ TEST_F(PdTest, AutoHealAndPromotion) {
   } cases[] = {
       // Add on the first usable store in key order ("pd/store/10" sorts
       // before "pd/store/3"), one per region per heartbeat.
-      {3, 1, {Entry(1, {1, 2}), Entry(5, {1})}, {Cmd(pdpb::kAddPeer, 1, 10, "s10"), Cmd(pdpb::kAddPeer, 5, 10, "s10")}},
-      {4, 1, {Entry(1, {1, 2, 10})}, {Cmd(pdpb::kAddPeer, 1, 3, "s3")}},
+      {3, 1, {Entry(1, {1, 2}), Entry(5, {1})}, {Cmd(pdpb::kAddPeer, 1, 10, kS10), Cmd(pdpb::kAddPeer, 5, 10, kS10)}},
+      {4, 1, {Entry(1, {1, 2, 10})}, {Cmd(pdpb::kAddPeer, 1, 3, MakeStore(3).address)}},
       // Every usable store holds a member: no add, but learners are promoted.
       {6, 1, {Entry(7, {1, 2, 3, 10}, {}, {9, 8})}, {Cmd(pdpb::kPromoteLearner, 7, 9), Cmd(pdpb::kPromoteLearner, 7, 8)}},
       // Remove a member the reporter marks as a candidate, else the first

@@ -4,7 +4,6 @@
 
 #include <functional>
 #include <limits>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -106,13 +105,6 @@ std::vector<Codec> AllCodecs() {
   };
 }
 
-TEST(MessagesTest, EveryMessageRoundTrips) {
-  for (const Codec& codec : AllCodecs()) {
-    SCOPED_TRACE(codec.name);
-    codec.round_trip();
-  }
-}
-
 TEST(MessagesTest, ExactByteLayouts) {
   // Records are tag (u16), length (u32), value; integers are 8 bytes LE.
   const std::string zero8(8, '\0');
@@ -148,7 +140,6 @@ TEST(MessagesTest, DecodersRejectMalformedInput) {
   const std::pair<const char*, std::string> region_cases[] = {
       {"torn header 1", valid + "\5"},
       {"torn header 5", valid + std::string(5, '\5')},
-      {"overrun by one", valid.substr(0, valid.size() - 1)},
       {"length near 2^32", Bytes({9, 0, 0xff, 0xff, 0xff, 0xff, 0})},
       {"integer of 4", Bytes({1, 0, 4, 0, 0, 0, 1, 1, 1, 1})},
       {"integer of 9", Bytes({1, 0, 9, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 1})},
@@ -208,9 +199,12 @@ TEST(MessagesTest, DecodersAreLenient) {
   EXPECT_EQ(upsert.removed_region_ids, (std::vector<uint64_t>{1, 2}));
 }
 
-TEST(MessagesTest, EveryPrefixDecodesIffItEndsOnARecordBoundary) {
+// Every message round-trips, and every prefix of its encoding decodes iff
+// it ends on a record boundary. Random damage is the fuzz target's.
+TEST(MessagesTest, RoundTripsAndPrefixesDecodeIffOnARecordBoundary) {
   for (const Codec& codec : AllCodecs()) {
     SCOPED_TRACE(codec.name);
+    codec.round_trip();
     std::vector<bool> boundary(codec.valid.size() + 1, false);
     for (size_t pos = 0;; pos += kFieldHeaderSize + DecodeFixed32(codec.valid.data() + pos + 2)) {
       boundary[pos] = true;
@@ -219,31 +213,6 @@ TEST(MessagesTest, EveryPrefixDecodesIffItEndsOnARecordBoundary) {
     for (size_t n = 0; n <= codec.valid.size(); ++n) {
       EXPECT_EQ(codec.decode(codec.valid.substr(0, n)), boundary[n]) << "prefix " << n;
     }
-  }
-}
-
-// Random damage must never make a decoder read outside its input nor accept
-// something it cannot re-encode.
-TEST(MessagesTest, DecodersSurviveRandomDamage) {
-  std::mt19937 rng(20240601);
-  auto below = [&rng](size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng); };
-  for (const Codec& codec : AllCodecs()) {
-    SCOPED_TRACE(codec.name);
-    int accepted = 0;
-    for (int round = 0; round < 3000; ++round) {
-      std::string input = codec.valid;
-      for (int e = 0, edits = 1 + static_cast<int>(below(3)); e < edits && !input.empty(); ++e) {
-        switch (below(4)) {
-          case 0: input[below(input.size())] = static_cast<char>(below(256)); break;
-          case 1: input[below(input.size())] ^= static_cast<char>(1 << below(8)); break;
-          case 2: input.resize(below(input.size())); break;
-          default:
-            input.insert(below(input.size() + 1), std::string(1 + below(7), char(below(256))));
-        }
-      }
-      accepted += codec.decode(input) ? 1 : 0;
-    }
-    EXPECT_GT(accepted, 0);  // damage inside values or unknown tags is accepted
   }
 }
 

