@@ -207,7 +207,7 @@ TEST(HostileClientsTest, WellBehavedClientsKeepGettingAnswersWithBoundedMemory) 
   // connection thread is given a moment to end.
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   const ProcessStatus baseline = testing::ReadProcessStatus(pid);
-  Probe probe(server.target(), pid);
+  auto probe = std::make_unique<Probe>(server.target(), pid);
 
   std::vector<Connection> idle;
   for (int i = 0; i < kIdleConnections; i++) {
@@ -345,7 +345,9 @@ TEST(HostileClientsTest, WellBehavedClientsKeepGettingAnswersWithBoundedMemory) 
 
   // Once every client has gone, the probe included, so have the server's
   // connection threads.
-  probe.Stop();
+  probe->Stop();
+  const int64_t probe_calls = probe->calls, probe_failures = probe->failures, probe_peak_kib = probe->peak_rss_kib;
+  probe.reset();  // its connection too
   stalled.clear();
   idle.clear();
   const auto drain_deadline = Clock::now() + std::chrono::seconds(60);
@@ -357,10 +359,10 @@ TEST(HostileClientsTest, WellBehavedClientsKeepGettingAnswersWithBoundedMemory) 
   // Still serving, and nothing was said on standard error.
   pdpb::TsoResponse tso;
   EXPECT_TRUE(server.NewClient()->Call("Pd.Tso", pdpb::TsoRequest{1}, &tso).ok());
-  EXPECT_EQ(probe.failures.load(), 0);
-  EXPECT_GT(probe.calls.load(), 0);
+  EXPECT_EQ(probe_failures, 0);
+  EXPECT_GT(probe_calls, 0);
   EXPECT_EQ(server.child()->Stderr(), "");
-  const int64_t peak_kib = std::max<int64_t>(probe.peak_rss_kib, at_peak.hwm_kib);
+  const int64_t peak_kib = std::max<int64_t>(probe_peak_kib, at_peak.hwm_kib);
   EXPECT_LT(peak_kib, kPeakResidentCeilingKiB);
   std::printf("hostile clients%s: peak %.1f MiB resident; address space %.2f MiB per connection thread, "
               "%.2f MiB per stalled announcement\n",

@@ -96,7 +96,6 @@ inline int64_t RaiseOpenFileLimit(int64_t wanted) {
 // The engine files of a state directory, by the names the engine gives them.
 struct StateFiles {
   std::set<uint64_t> tables;
-  std::set<uint64_t> logs;
   // "*.tmp" names: publications that a kill interrupted.
   std::set<std::string> temporary;
 };
@@ -113,16 +112,7 @@ inline StateFiles ListStateFiles(const std::string& dir) {
         continue;
       }
       uint64_t number = 0;
-      switch (lsm::ParseFileName(name, &number)) {
-        case lsm::FileKind::kTable:
-          files.tables.insert(number);
-          break;
-        case lsm::FileKind::kLog:
-          files.logs.insert(number);
-          break;
-        case lsm::FileKind::kOther:
-          break;
-      }
+      if (lsm::ParseFileName(name, &number) == lsm::FileKind::kTable) files.tables.insert(number);
     }
     closedir(d);
   }

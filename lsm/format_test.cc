@@ -343,7 +343,7 @@ TEST_F(FormatTest, LogFailuresCarryThePathOrSystemError) {
 TEST_F(FormatTest, TableLayoutWithAndWithoutChecksums) {
   std::vector<Entry> big;  // crosses the write buffer several times
   for (int i = 0; i < 600; ++i) big.push_back(Put("key" + std::to_string(100000 + i), std::string(1500, 'a' + i % 26)));
-  for (const std::vector<Entry>& entries : {std::vector<Entry>(), MakeEntries(17), big}) {
+  for (const std::vector<Entry>& entries : {std::vector<Entry>(), MakeEntries(200), big}) {
     SCOPED_TRACE(std::to_string(entries.size()) + " entries");
     const std::string checked = HandBuiltTable(entries, true);
     ASSERT_TRUE(WriteTable(&io_, sst_, entries).ok());
@@ -365,8 +365,19 @@ TEST_F(FormatTest, TableLayoutWithAndWithoutChecksums) {
       EXPECT_EQ(reader->has_checksums(), with_checksums);
       EXPECT_EQ(reader->entry_count(), entries.size());
       EXPECT_EQ(reader->index_entries(), (entries.size() + 15) / 16);
-      EXPECT_EQ(ReadAll(*reader, 4096), entries);
+      for (size_t buffer : {size_t{1}, size_t{4096}, kCompactionReadBuffer}) EXPECT_EQ(ReadAll(*reader, buffer), entries);
       for (const Entry& e : entries) EXPECT_EQ(Lookup(*reader, e.key), std::to_string(e.op) + ":" + e.value);
+      if (entries.size() != 200) continue;
+      // Just below and just above every key, across the index intervals.
+      auto it = reader->NewIterator(32);
+      for (size_t i = 0; i < entries.size(); ++i) {
+        const std::string below = entries[i].key.substr(0, 2);
+        EXPECT_EQ(Lookup(*reader, below), "absent");
+        ASSERT_TRUE(it->Seek(below).ok() && it->Valid());
+        EXPECT_EQ(it->key(), entries[i].key);
+        ASSERT_TRUE(it->Seek(entries[i].key + '\0').ok());
+        EXPECT_EQ(it->Valid() ? it->key() : "<end>", i + 1 < entries.size() ? entries[i + 1].key : "<end>");
+      }
     }
   }
   // The smallest table: a 52-byte footer alone.
@@ -375,35 +386,6 @@ TEST_F(FormatTest, TableLayoutWithAndWithoutChecksums) {
   EXPECT_EQ(reader->entry_count(), 0u);
   EXPECT_TRUE(ReadAll(*reader, 4096).empty());
   EXPECT_EQ(Lookup(*reader, "k"), "absent");
-}
-
-TEST_F(FormatTest, TableGetAndSeekAcrossIndexIntervals) {
-  const std::vector<Entry> entries = MakeEntries(200);
-  for (bool with_checksums : {true, false}) {
-    WriteFileOrDie(sst_, HandBuiltTable(entries, with_checksums));
-    auto reader = OpenTableOrDie();
-    for (size_t buffer : {size_t{1}, size_t{64}, kCompactionReadBuffer}) {
-      EXPECT_EQ(ReadAll(*reader, buffer), entries) << "buffer " << buffer;
-    }
-    auto it = reader->NewIterator(32);
-    for (size_t i = 0; i < entries.size(); ++i) {
-      const Entry& e = entries[i];
-      EXPECT_EQ(Lookup(*reader, e.key), std::to_string(e.op) + ":" + e.value) << i;  // deletions too
-      EXPECT_EQ(Lookup(*reader, e.key.substr(0, 2)), "absent");
-      ASSERT_TRUE(it->Seek(e.key.substr(0, 2)).ok());  // just below
-      ASSERT_TRUE(it->Valid());
-      EXPECT_EQ(it->key(), e.key);
-      ASSERT_TRUE(it->Seek(e.key + '\0').ok());  // just above
-      ASSERT_EQ(it->Valid(), i + 1 < entries.size());
-      if (it->Valid()) {
-        EXPECT_EQ(it->key(), entries[i + 1].key);
-      }
-    }
-    ASSERT_TRUE(it->Seek("a").ok());  // below the first key
-    EXPECT_EQ(it->key(), entries[0].key);
-    ASSERT_TRUE(it->Seek("l").ok());  // above the last key
-    EXPECT_FALSE(it->Valid());
-  }
 }
 
 // One flipped bit at every byte of a checked table: opening names the
