@@ -74,7 +74,6 @@ TEST(Sm4Test, DecryptFailures) {
   const std::string good = Sm4CbcEncrypt("0123456789", kKey, kIv);
   const std::pair<std::string, const char*> cases[] = {
       {"", "sm4: ciphertext not block-aligned"},
-      {std::string(15, 'x'), "sm4: ciphertext not block-aligned"},
       {good + "x", "sm4: ciphertext not block-aligned"},
       {CbcRaw(final_block(0, 0)), "sm4: bad padding"},
       {CbcRaw(final_block(17, 17)), "sm4: bad padding"},

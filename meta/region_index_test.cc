@@ -1,10 +1,8 @@
 // The routing index against the walk over the region records it stands in
-// for: random sequences of bootstraps, upserts that overlap or leave gaps,
-// splits, removals, records damaged under the store and restarts; after
-// every step both must answer every probe key alike, in every field and
-// status. KANDB_ROUTING_STEPS runs longer sequences (default 400).
-// Then writers and readers at once: the index follows concurrent writes to
-// the same records in the store's order.
+// for: after every step of a random sequence (bootstraps, overlapping or
+// gapped upserts, splits, removals, damaged records, restarts) both answer
+// every probe key alike, in every field and status (KANDB_ROUTING_STEPS,
+// default 400). Then concurrent writers: the index follows the store's order.
 
 #include "meta/region_index.h"
 
@@ -77,11 +75,7 @@ std::string RandomKey(std::mt19937_64* rng) {
 }
 
 pdpb::Region MakeRegion(uint64_t id, std::string start, std::string end, std::mt19937_64* rng) {
-  pdpb::Region r;
-  r.id = id;
-  r.start_key = std::move(start);
-  r.end_key = std::move(end);
-  r.epoch = {(*rng)() % 5, (*rng)() % 5};
+  pdpb::Region r{id, std::move(start), std::move(end), {(*rng)() % 5, (*rng)() % 5}, {}};
   for (uint64_t n = (*rng)() % 4; n > 0; n--) r.peers.push_back({(*rng)() % 100, (*rng)() % 6, 0});
   return r;
 }

@@ -92,8 +92,7 @@ class MetaStoreTest : public ::testing::Test {
 
   std::unique_ptr<MetaStore> Open(const std::string& passphrase) {
     std::unique_ptr<MetaStore> store;
-    Status s = MetaStore::Open(dir_, passphrase, 0, &store);
-    EXPECT_TRUE(s.ok()) << s.ToString();
+    EXPECT_TRUE(MetaStore::Open(dir_, passphrase, 0, &store).ok());
     return store;
   }
   // The value, "<absent>", or the rendered failure.
@@ -104,8 +103,7 @@ class MetaStoreTest : public ::testing::Test {
     if (!s.ok()) return s.ToString() + (value == "untouched" ? "" : " (output changed)");
     return found ? value : "<absent>";
   }
-  static std::vector<KeyValue> Scan(MetaStore* store, const std::string& start,
-                                    const std::string& end, uint32_t limit) {
+  static std::vector<KeyValue> Scan(MetaStore* store, const std::string& start, const std::string& end, uint32_t limit) {
     std::vector<KeyValue> out = {{"stale", "entry"}};
     EXPECT_TRUE(store->Scan(start, end, limit, &out).ok());
     return out;
@@ -127,9 +125,8 @@ TEST_F(MetaStoreTest, PlainBatchesAndRangeReads) {
   ASSERT_TRUE(store->Write({{"c", "3"}, {"b", "new"}}, {"b", "a", "absent"}).ok());
   EXPECT_EQ(Scan(store.get(), "", "", 100), (std::vector<KeyValue>{{"c", "3"}}));
 
-  ASSERT_TRUE(store->Put({{"pd/region/10", "r10"}, {"pd/region/9", "r9"}, {"pd/region0", "x"},
-                          {"pd/regio", "x"}, {"pd/region/", "p"}})
-                  .ok());
+  ASSERT_TRUE(
+      store->Put({{"pd/region/10", "r10"}, {"pd/region/9", "r9"}, {"pd/region0", "x"}, {"pd/regio", "x"}, {"pd/region/", "p"}}).ok());
   EXPECT_EQ(Scan(store.get(), "pd/region/", "pd/region0", 1000),
             (std::vector<KeyValue>{{"pd/region/", "p"}, {"pd/region/10", "r10"}, {"pd/region/9", "r9"}}));
   EXPECT_EQ(Scan(store.get(), "pd/region/", "pd/region0", 2),
