@@ -41,6 +41,36 @@ constexpr Crc32cTables MakeTables() {
 
 constexpr Crc32cTables kTables = MakeTables();
 
+// The hardware path runs three independent CRC streams over consecutive
+// stripes, since one stream waits out the instruction's latency on every
+// word; the registers are then joined by shifting the earlier ones past the
+// stripes after them. Shifting a register past n zero bytes is linear, so
+// it is four table look-ups: kShift[t][v] is the shift of byte v placed at
+// byte t of the register.
+constexpr size_t kStripe = 128;
+using ShiftTables = std::array<std::array<uint32_t, 256>, 4>;
+
+uint32_t ShiftSlow(uint32_t reg, size_t zero_bytes) {
+  for (size_t i = 0; i < zero_bytes; ++i) reg = (reg >> 8) ^ kTables[0][reg & 0xFF];
+  return reg;
+}
+
+ShiftTables MakeShiftTables(size_t zero_bytes) {
+  ShiftTables tables{};
+  for (uint32_t t = 0; t < 4; ++t) {
+    for (uint32_t v = 0; v < 256; ++v) tables[t][v] = ShiftSlow(v << (8 * t), zero_bytes);
+  }
+  return tables;
+}
+
+// Defined before kHardwareCrc, so that they are ready whenever it is true.
+const ShiftTables kShiftOne = MakeShiftTables(kStripe);
+const ShiftTables kShiftTwo = MakeShiftTables(2 * kStripe);
+
+inline uint32_t Shift(const ShiftTables& t, uint32_t reg) {
+  return t[0][reg & 0xFF] ^ t[1][(reg >> 8) & 0xFF] ^ t[2][(reg >> 16) & 0xFF] ^ t[3][reg >> 24];
+}
+
 #if KANDB_CRC32C_X86
 bool DetectSse42() {
   // Static constructors may run before the compiler's own CPU-model
@@ -80,6 +110,17 @@ uint32_t Crc32cExtendTable(uint32_t crc, const char* data, size_t n) {
 __attribute__((target("sse4.2"))) uint32_t Crc32cExtendHardware(uint32_t crc, const char* data,
                                                                 size_t n) {
   uint64_t reg = ~crc;
+  for (; n >= 3 * kStripe; n -= 3 * kStripe, data += 3 * kStripe) {
+    uint64_t b = 0;
+    uint64_t c = 0;
+    for (size_t i = 0; i < kStripe; i += 8) {
+      reg = _mm_crc32_u64(reg, DecodeFixed64(data + i));
+      b = _mm_crc32_u64(b, DecodeFixed64(data + kStripe + i));
+      c = _mm_crc32_u64(c, DecodeFixed64(data + 2 * kStripe + i));
+    }
+    reg = Shift(kShiftTwo, static_cast<uint32_t>(reg)) ^ Shift(kShiftOne, static_cast<uint32_t>(b)) ^
+          static_cast<uint32_t>(c);
+  }
   for (; n >= 8; n -= 8, data += 8) {
     reg = _mm_crc32_u64(reg, DecodeFixed64(data));
   }

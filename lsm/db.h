@@ -7,6 +7,7 @@
 // one when there are too many. Any number of threads may call Write, Get
 // and Scan at once.
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -95,22 +96,31 @@ class LsmDb {
 
   // One Write call waiting in, or leading, the group-commit queue. Lives on
   // the caller's stack for the duration of the call.
+  // A thread's way to sleep until a leader wakes it: a semaphore taken
+  // from a pool for the thread's life and never freed, so that a leader may
+  // post to it even after the writer it woke has returned (a late post only
+  // wakes that thread once more, and it looks again).
+  class Waiter;
+
   struct WriterSlot {
-    WriterSlot(const WriteBatch* b, Mutex* queue_mutex) : batch(b), mu(queue_mutex), cv(queue_mutex) {}
+    WriterSlot(const WriteBatch* b, Mutex* queue_mutex, Waiter* w) : batch(b), mu(queue_mutex), waiter(w) {}
     // The caller's batch; the leader reads it while the caller waits.
     const WriteBatch* const batch;
     // Always the engine's write_queue_mutex_. Holding a pointer to it here
-    // lets the analysis check result and done; code that holds the queue
-    // lock says so with mu->AssertHeld().
+    // lets the analysis check the fields it guards; code that holds the
+    // queue lock says so with mu->AssertHeld().
     Mutex* const mu;
-    // Set by the leader of the slot's group, under mu, before done.
-    Status result GUARDED_BY(mu);
-    bool done GUARDED_BY(mu) = false;
-    // Wakes the caller when its group is done or it has become the head.
-    CondVar cv;
+    // The calling thread's; posted when the slot is done or has become the
+    // head of the queue.
+    Waiter* const waiter;
+    // Set by the leader of the slot's group before done; read by the
+    // caller once it has seen done (the store of done publishes it).
+    Status result;
+    std::atomic<bool> done{false};
   };
 
   LsmDb(std::string dir, const Options& options);
+  static Waiter* ThisThreadWaiter();
 
   // Open's recovery: manifest, directory listing, orphan tables, live
   // tables, log replay, the fresh log and the manifest rewrite.
@@ -226,6 +236,9 @@ class LsmDb {
   // Slots in arrival order; the front one leads. A group leaves the queue
   // only when it is done, so the next leader starts after the previous one.
   std::deque<WriterSlot*> writers_ GUARDED_BY(write_queue_mutex_);
+  // A leader is writing groups; the slot at the front, woken for any
+  // reason, does not lead while it is set.
+  bool leading_ GUARDED_BY(write_queue_mutex_) = false;
 
   // Started at the end of Open, joined by the destructor.
   std::thread background_thread_;

@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -28,6 +29,7 @@
 #include "lsm/manifest.h"
 #include "lsm/memtable.h"
 #include "lsm/table.h"
+#include "lsm/table_builder.h"
 
 namespace kandb::lsm {
 
@@ -145,11 +147,18 @@ Status LsmDb::FlushOldestMemTable() {
     number = next_file_++;
   }
 
-  // The memtable is immutable now; the dump keeps deletion markers, which
-  // must go on hiding older versions in older tables.
-  const std::vector<Entry> entries = mem->Dump(std::string(), std::string(), 0);
+  // The memtable is immutable now, so its walk streams straight into the
+  // table file; deletion markers go too, to go on hiding older versions in
+  // older tables.
   const std::string path = TableFileName(dir_, number);
-  Status s = WriteTable(io_, path, entries);
+  std::unique_ptr<TableBuilder> builder;
+  Status s = TableBuilder::Open(io_, path, mem->EntryCount(), &builder);
+  if (s.ok()) {
+    MemTable::Iterator it(mem.get());
+    for (it.SeekToFirst(); s.ok() && it.Valid(); it.Next()) s = builder->Add(it.op(), it.key(), it.value());
+  }
+  if (s.ok()) s = builder->Finish();
+  builder.reset();
   std::shared_ptr<SstReader> reader;
   if (s.ok()) s = SstReader::Open(io_, path, &reader);
   if (!s.ok()) {
@@ -178,11 +187,15 @@ Status LsmDb::FlushOldestMemTable() {
 
 namespace {
 
-// Merges the tables, newest first, into the live entries of all of them:
-// the newest version of each key, with deletion markers dropped. Dropping
-// them is right only because the merge covers every table file and every
-// memtable is newer than every table.
-Status MergeTables(const std::vector<std::shared_ptr<SstReader>>& tables, std::vector<Entry>* out) {
+// Merges the tables, newest first, into `out`: the newest version of each
+// key, with deletion markers dropped. Dropping them is right only because
+// the merge covers every table file and every memtable is newer than every
+// table. Every run of a checked table is checked as it is read, so a
+// damaged table fails the merge instead of being copied into the output.
+// `between_steps` runs after every kMergeStepKeys keys.
+constexpr uint64_t kMergeStepKeys = 4096;
+Status MergeTables(const std::vector<std::shared_ptr<SstReader>>& tables, TableBuilder* out,
+                   const std::function<void()>& between_steps) {
   std::vector<std::unique_ptr<SstIterator>> iters;
   iters.reserve(tables.size());
   for (const std::shared_ptr<SstReader>& table : tables) {
@@ -193,7 +206,8 @@ Status MergeTables(const std::vector<std::shared_ptr<SstReader>>& tables, std::v
   }
 
   std::string key;
-  for (;;) {
+  for (uint64_t merged = 1;; ++merged) {
+    if (merged % kMergeStepKeys == 0) between_steps();
     // Smallest key first; on a tie the newest table (earliest in the list)
     // wins because the comparison is strict.
     SstIterator* winner = nullptr;
@@ -201,16 +215,18 @@ Status MergeTables(const std::vector<std::shared_ptr<SstReader>>& tables, std::v
       if (it->Valid() && (winner == nullptr || it->key() < winner->key())) winner = it.get();
     }
     if (winner == nullptr) return Status::OK();
-    const uint8_t op = winner->op();
+    // Written before the iterators move on, while the winner still holds it.
+    if (winner->op() == kOpPut) {
+      Status s = out->Add(kOpPut, winner->key(), winner->value());
+      if (!s.ok()) return s;
+    }
     key = winner->key();
-    std::string value = winner->value();
     for (const std::unique_ptr<SstIterator>& it : iters) {
       if (it->Valid() && it->key() == key) {
         Status s = it->Next();
         if (!s.ok()) return s;
       }
     }
-    if (op == kOpPut) out->push_back(Entry{kOpPut, key, std::move(value)});
   }
 }
 
@@ -229,13 +245,37 @@ Status LsmDb::CompactAllTables() {
   }
   if (inputs.size() < 2) return Status::OK();
 
-  std::vector<Entry> merged;
-  Status s = MergeTables(inputs, &merged);
-  if (!s.ok()) return s;
-  // Written even when empty, so that the inputs can be dropped.
+  // The merge streams into the table file; written even when empty, so
+  // that the inputs can be dropped. Its record count is known only at the
+  // end.
   const std::string path = TableFileName(dir_, number);
-  s = WriteTable(io_, path, merged);
-  merged = std::vector<Entry>();
+  std::unique_ptr<TableBuilder> builder;
+  Status s = TableBuilder::Open(io_, path, TableBuilder::kUnknownCount, &builder);
+  // Writers never wait for the background thread, so every memtable they
+  // fill during a long merge would stay in memory until it ends, and a
+  // merge takes longer the more data there is. Full memtables are flushed
+  // between merge steps instead: such a table is newer than every input and
+  // keeps its place in front of the merged one. A failed flush is reported
+  // and left to the loop's retry once the merge is done.
+  bool flushes_failing = false;
+  auto flush_waiting = [this, &flushes_failing] {
+    if (flushes_failing) return;
+    {
+      MutexLock lock(&db_mutex_);
+      if (imm_.empty() || stop_) return;
+    }
+    Status flushed = FlushOldestMemTable();
+    if (!flushed.ok()) {
+      flushes_failing = true;
+      ReportFault("storage", "flush during compaction failed: " + flushed.ToString());
+    }
+  };
+  if (s.ok()) {
+    builder->set_between_steps(flush_waiting);
+    s = MergeTables(inputs, builder.get(), flush_waiting);
+  }
+  if (s.ok()) s = builder->Finish();
+  builder.reset();
   std::shared_ptr<SstReader> reader;
   if (s.ok()) s = SstReader::Open(io_, path, &reader);
   if (!s.ok()) {

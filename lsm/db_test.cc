@@ -5,12 +5,14 @@
 
 #include <atomic>
 #include <cstdio>
+#include <fstream>
 #include <thread>
 
 #include "lsm/db.h"
 #include "lsm/db_test_util.h"
 #include "lsm/filename.h"
 #include "lsm/log.h"
+#include "lsm/table_builder.h"
 
 namespace kandb::lsm {
 namespace {
@@ -245,6 +247,56 @@ TEST_F(DbTest, CompactionDropsDeletionsAndOverwrittenVersions) {
   ASSERT_TRUE(OpenDb(SmallOptions(1, 2, false)).ok());
   EXPECT_EQ(GetOrAbsent(db_.get(), "a"), "2");
   EXPECT_EQ(GetOrAbsent(db_.get(), "b"), "<absent>");
+}
+
+// A bit flipped in a table's records fails the reads that reach its run and
+// every compaction, which would otherwise copy the damage into a table
+// that looks good; the tables stay as they are and the rest is served.
+TEST_F(DbTest, DamagedTableFailsItsReadsAndCompactionButNothingElse) {
+  ASSERT_TRUE(OpenDb(SmallOptions(1, 2, false)).ok());
+  LsmDbTestPeer peer(db_.get());
+  for (const Entry& e : {Put("a", "1"), Put("b", "2")}) {
+    ASSERT_TRUE(db_->Write({e}).ok());
+    db_->WaitForBackgroundIdle();
+  }
+  const std::vector<uint64_t> live = peer.LiveTables();
+  ASSERT_EQ(live.size(), 2u);
+  // The older table holds a=1 as its only record; flip a bit of its value
+  // in place, under the open reader.
+  const std::string damaged = TableFileName(dir_.path(), live[1]);
+  {
+    std::fstream f(damaged, std::ios::in | std::ios::out | std::ios::binary);
+    f.seekp(10);
+    f.put('1' ^ 0x02);
+  }
+  const std::string error = "Corruption: sst checksum mismatch: " + damaged + " at offset 0";
+  std::string value;
+  bool found = false;
+  EXPECT_EQ(db_->Get("a", &value, &found).ToString(), error);
+  std::vector<Entry> out;
+  EXPECT_EQ(db_->Scan("", "", 10, &out).ToString(), error);
+  EXPECT_EQ(GetOrAbsent(db_.get(), "b"), "2");
+
+  std::atomic<int> abandoned{0};
+  io_.on_unlink = [&abandoned](const std::string& path) {
+    if (path.size() > 8 && path.compare(path.size() - 8, 8, ".sst.tmp") == 0) ++abandoned;
+  };
+  ASSERT_TRUE(db_->Write({Put("c", "3")}).ok());  // a third table: a compaction is due
+  ASSERT_TRUE(Eventually([&] { return abandoned.load() >= 1; }));  // and failed
+  std::vector<uint64_t> now = peer.LiveTables();
+  ASSERT_EQ(now.size(), 3u);
+  EXPECT_EQ(std::vector<uint64_t>(now.begin() + 1, now.end()), live);
+  const std::string manifest = Manifest();
+  EXPECT_EQ(manifest.substr(manifest.find('\n') + 1), "sst " + std::to_string(now[0]) + "\nsst " +
+                                                          std::to_string(live[0]) + "\nsst " + std::to_string(live[1]) + "\n");
+  std::vector<std::string> tables;
+  for (const std::string& name : ListNames(dir_.path())) {
+    if (name.rfind("sst-", 0) == 0) tables.push_back(name);
+  }
+  EXPECT_EQ(tables.size(), 3u) << "no merged output is left behind";
+  EXPECT_EQ(GetOrAbsent(db_.get(), "c"), "3");
+  db_.reset();
+  io_.on_unlink = nullptr;
 }
 
 TEST_F(DbTest, TableFlushedDuringCompactionSurvivesIt) {

@@ -12,43 +12,122 @@
 
 namespace kandb::lsm {
 
-Status LsmDb::Write(const WriteBatch& batch) {
-  WriterSlot slot(&batch, &write_queue_mutex_);
-  std::vector<WriterSlot*> group;
-  {
-    MutexLock lock(&write_queue_mutex_);
-    slot.mu->AssertHeld();
-    writers_.push_back(&slot);
-    // A follower never runs a step itself: it sleeps until the leader of its
-    // group has finished it, or until it is woken as the new head.
-    for (;;) {
-      if (slot.done) return slot.result;
-      if (writers_.front() == &slot) break;
-      slot.cv.Wait();
+// A counting semaphore on a plain mutex and condition variable: a waiter
+// sleeps in the kernel at once instead of spinning first, which on a few
+// processors shared by many connection threads costs the leader its time.
+class LsmDb::Waiter {
+ public:
+  void Wait() {
+    MutexLock lock(&mu_);
+    while (posts_ == 0) cv_.Wait();
+    posts_--;
+  }
+  void Post() {
+    {
+      MutexLock lock(&mu_);
+      posts_++;
     }
-    // The group is the whole queue as it stands, with no size limit.
+    cv_.Signal();
+  }
+
+ private:
+  Mutex mu_;
+  CondVar cv_{&mu_};
+  uint64_t posts_ GUARDED_BY(mu_) = 0;
+};
+
+namespace {
+
+// How many groups one leader writes in a row before it hands the lead on
+// and returns to its own caller.
+constexpr int kMaxGroupsPerLeader = 8;
+
+}  // namespace
+
+LsmDb::Waiter* LsmDb::ThisThreadWaiter() {
+  // Waiters go back to the pool when their thread ends and are never
+  // freed: a leader may still post to one after its writer has returned.
+  struct Pool {
+    Mutex mu;
+    std::vector<Waiter*> free GUARDED_BY(mu);
+  };
+  static Pool* const pool = new Pool;
+  struct Lease {
+    Lease() {
+      MutexLock lock(&pool->mu);
+      if (pool->free.empty()) {
+        waiter = new Waiter;
+      } else {
+        waiter = pool->free.back();
+        pool->free.pop_back();
+      }
+    }
+    ~Lease() {
+      MutexLock lock(&pool->mu);
+      pool->free.push_back(waiter);
+    }
+    Waiter* waiter;
+  };
+  thread_local Lease lease;
+  return lease.waiter;
+}
+
+Status LsmDb::Write(const WriteBatch& batch) {
+  WriterSlot slot(&batch, &write_queue_mutex_, ThisThreadWaiter());
+  std::vector<WriterSlot*> group;
+  std::vector<Waiter*> to_wake;
+  write_queue_mutex_.Lock();
+  writers_.push_back(&slot);
+  // A follower never runs a step itself: it sleeps until a leader has
+  // written its group, or until it is woken as the new head while no
+  // leader runs. It sleeps without the queue lock and, once done, returns
+  // without taking it again.
+  for (;;) {
+    if (writers_.front() == &slot && !leading_) break;
+    write_queue_mutex_.Unlock();
+    slot.waiter->Wait();
+    if (slot.done.load(std::memory_order_acquire)) return slot.result;
+    write_queue_mutex_.Lock();
+  }
+  leading_ = true;
+  // Each group is the whole queue as it stands, with no size limit. The
+  // leader goes on with the group that queued behind its own while it ran:
+  // handing the lead to a sleeping thread would leave the disk idle until
+  // that thread got a processor, which at many connections takes longer
+  // than a sync. After a few groups it hands on, so that its own caller is
+  // not kept waiting long.
+  Status own;
+  for (int led = 0; led < kMaxGroupsPerLeader && !writers_.empty(); ++led) {
     group.assign(writers_.begin(), writers_.end());
+    // The queue lock is released before db_mutex_ is taken: writers keep
+    // queueing behind this group while it is logged and synced.
+    write_queue_mutex_.Unlock();
+    const Status status = WriteGroup(group);
+    write_queue_mutex_.Lock();
+    to_wake.clear();
+    for (WriterSlot* member : group) {
+      writers_.pop_front();
+      if (member == &slot) {
+        own = status;
+        continue;
+      }
+      // The result first, then done, which publishes it; after that the
+      // slot may be gone, so its waiter was read before.
+      to_wake.push_back(member->waiter);
+      member->result = status;
+      member->done.store(true, std::memory_order_release);
+    }
+    // Woken outside the queue lock, so that they need not wait for it.
+    write_queue_mutex_.Unlock();
+    for (Waiter* waiter : to_wake) waiter->Post();
+    write_queue_mutex_.Lock();
   }
-
-  // The queue lock is released before db_mutex_ is taken: writers keep
-  // queueing behind this group while it is logged and synced.
-  const Status status = WriteGroup(group);
-
-  MutexLock lock(&write_queue_mutex_);
-  for (WriterSlot* member : group) {
-    writers_.pop_front();
-    if (member == &slot) continue;
-    member->mu->AssertHeld();
-    member->result = status;
-    member->done = true;
-    // Signalled with the lock held: once it is released the follower may
-    // return and its slot, this condition variable included, is gone.
-    member->cv.Signal();
-  }
-  // The next leader is woken only now that this group has left the queue,
-  // so two leaders never run at once.
-  if (!writers_.empty()) writers_.front()->cv.Signal();
-  return status;
+  leading_ = false;
+  // The next leader is woken only now that every group led here has left
+  // the queue, so two leaders never run at once.
+  if (!writers_.empty()) writers_.front()->waiter->Post();
+  write_queue_mutex_.Unlock();
+  return own;
 }
 
 Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {

@@ -5,6 +5,7 @@ add_library(kandb_lsm_format STATIC
   filename.cc
   log.cc
   table.cc
+  table_builder.cc
   manifest.cc
   state_dir.cc)
 target_link_libraries(kandb_lsm_format PUBLIC kandb_common kandb_crypto PRIVATE kandb_warnings)

@@ -3,6 +3,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 #include <gtest/gtest.h>
 
 #include "common/coding.h"
@@ -14,6 +16,7 @@
 #include "lsm/log.h"
 #include "lsm/manifest.h"
 #include "lsm/table.h"
+#include "lsm/table_builder.h"
 
 namespace kandb::lsm {
 namespace {
@@ -62,6 +65,37 @@ std::string Footer(uint64_t index_offset, uint64_t index_size, uint64_t filter_o
   for (uint64_t v : {index_offset, index_size, filter_offset, filter_size, entry_count}) PutFixed64(&s, v);
   PutFixed32(&s, crypto::Crc32c(s.data(), 40));
   return s + "\x37\x37\x27\x46\xe6\x16\xb6\x06";  // 0x6B616E646273737
+}
+
+// A table as the writer lays it out, built independently of it: records,
+// index, filter, then (with checksums) one CRC-32C per run of 16 records
+// and the trailer, then the footer.
+std::string HandBuiltTable(const std::vector<Entry>& entries, bool with_checksums) {
+  std::string data, index, block;
+  crypto::BloomFilter bloom(entries.size(), 10);
+  size_t run_start = 0;
+  for (size_t i = 0; i < entries.size(); ++i) {
+    if (i % 16 == 0) index += IndexEntry(entries[i].key, data.size());
+    data += Record(entries[i].op, entries[i].key, entries[i].value);
+    bloom.Add(entries[i].key);
+    if (i % 16 == 15 || i + 1 == entries.size()) {
+      PutFixed32(&block, crypto::Crc32c(data.data() + run_start, data.size() - run_start));
+      run_start = data.size();
+    }
+  }
+  const std::string filter = bloom.Serialize();
+  std::string checksums;
+  if (with_checksums) {
+    checksums = block;
+    PutFixed32(&checksums, crypto::Crc32c(index.data(), index.size()));
+    PutFixed32(&checksums, crypto::Crc32c(filter.data(), filter.size()));
+    PutFixed64(&checksums, block.size() / 4);
+    PutFixed64(&checksums, block.size());
+    PutFixed32(&checksums, crypto::Crc32c(checksums.data(), checksums.size()));
+    checksums += "crcbdnak";  // 0x6B616E6462637263
+  }
+  return data + index + filter + checksums +
+         Footer(data.size(), index.size(), data.size() + index.size(), filter.size(), entries.size());
 }
 
 // Keys "k" + byte(i) + "x" (bytes above 0x7f sort last); every seventh
@@ -306,31 +340,41 @@ TEST_F(FormatTest, LogFailuresCarryThePathOrSystemError) {
   EXPECT_EQ(Replay().size(), 1u);
 }
 
-TEST_F(FormatTest, TableLayoutIsRecordsIndexFilterFooter) {
-  // Seventeen entries: records 0 and 16 are indexed.
-  const std::vector<Entry> entries = MakeEntries(17);
-  ASSERT_TRUE(WriteTable(&io_, sst_, entries).ok());
-  std::string data, index;
-  crypto::BloomFilter bloom(17, 10);
-  for (size_t i = 0; i < entries.size(); ++i) {
-    if (i == 0 || i == 16) index += IndexEntry(entries[i].key, data.size());
-    data += Record(entries[i].op, entries[i].key, entries[i].value);
-    bloom.Add(entries[i].key);
-  }
-  const std::string filter = bloom.Serialize();
-  // 170 bits round up to 22 bytes; 10 bits per key give 6 probes.
-  EXPECT_EQ(filter.substr(0, 5), Bytes({0xb0, 0, 0, 0, 6}));
-  ASSERT_EQ(filter.size(), 5u + 22u);
-  EXPECT_EQ(ReadFileOrEmpty(sst_),
-            data + index + filter + Footer(data.size(), index.size(), data.size() + index.size(), filter.size(), 17));
-  EXPECT_NE(::access(TempFileName(sst_).c_str(), F_OK), 0);
-  auto reader = OpenTableOrDie();
-  EXPECT_EQ(reader->entry_count(), 17u);
-  EXPECT_EQ(reader->index_entries(), 2u);
+// The writer's bytes, built here independently of it, and what a reader
+// makes of them, with the checksum block and, as every table written
+// before the block existed, without it.
+TEST_F(FormatTest, TableLayoutWithAndWithoutChecksums) {
+  std::vector<Entry> big;  // crosses the write buffer several times
+  for (int i = 0; i < 600; ++i) big.push_back(Put("key" + std::to_string(100000 + i), std::string(1500, 'a' + i % 26)));
+  for (const std::vector<Entry>& entries : {std::vector<Entry>(), MakeEntries(17), big}) {
+    SCOPED_TRACE(std::to_string(entries.size()) + " entries");
+    const std::string checked = HandBuiltTable(entries, true);
+    ASSERT_TRUE(WriteTable(&io_, sst_, entries).ok());
+    EXPECT_TRUE(ReadFileOrEmpty(sst_) == checked);
+    EXPECT_NE(::access(TempFileName(sst_).c_str(), F_OK), 0);
+    // A merge's output, whose count is known only at the end, and written
+    // through short writes: the same bytes.
+    io_.set_short_writes(true);
+    std::unique_ptr<TableBuilder> builder;
+    ASSERT_TRUE(TableBuilder::Open(&io_, sst_, TableBuilder::kUnknownCount, &builder).ok());
+    for (const Entry& e : entries) ASSERT_TRUE(builder->Add(e.op, e.key, e.value).ok());
+    ASSERT_TRUE(builder->Finish().ok());
+    io_.set_short_writes(false);
+    EXPECT_TRUE(ReadFileOrEmpty(sst_) == checked);
 
+    for (bool with_checksums : {true, false}) {
+      WriteFileOrDie(sst_, HandBuiltTable(entries, with_checksums));
+      auto reader = OpenTableOrDie();
+      EXPECT_EQ(reader->has_checksums(), with_checksums);
+      EXPECT_EQ(reader->entry_count(), entries.size());
+      EXPECT_EQ(reader->index_entries(), (entries.size() + 15) / 16);
+      EXPECT_EQ(ReadAll(*reader, 4096), entries);
+      for (const Entry& e : entries) EXPECT_EQ(Lookup(*reader, e.key), std::to_string(e.op) + ":" + e.value);
+    }
+  }
   // The smallest table: a 52-byte footer alone.
   WriteFileOrDie(sst_, Footer(0, 0, 0, 0, 0));
-  reader = OpenTableOrDie();
+  auto reader = OpenTableOrDie();
   EXPECT_EQ(reader->entry_count(), 0u);
   EXPECT_TRUE(ReadAll(*reader, 4096).empty());
   EXPECT_EQ(Lookup(*reader, "k"), "absent");
@@ -338,30 +382,94 @@ TEST_F(FormatTest, TableLayoutIsRecordsIndexFilterFooter) {
 
 TEST_F(FormatTest, TableGetAndSeekAcrossIndexIntervals) {
   const std::vector<Entry> entries = MakeEntries(200);
-  ASSERT_TRUE(WriteTable(&io_, sst_, entries).ok());
-  auto reader = OpenTableOrDie();
-  for (size_t buffer : {size_t{1}, size_t{64}, kCompactionReadBuffer}) {
-    EXPECT_EQ(ReadAll(*reader, buffer), entries) << "buffer " << buffer;
+  for (bool with_checksums : {true, false}) {
+    WriteFileOrDie(sst_, HandBuiltTable(entries, with_checksums));
+    auto reader = OpenTableOrDie();
+    for (size_t buffer : {size_t{1}, size_t{64}, kCompactionReadBuffer}) {
+      EXPECT_EQ(ReadAll(*reader, buffer), entries) << "buffer " << buffer;
+    }
+    auto it = reader->NewIterator(32);
+    for (size_t i = 0; i < entries.size(); ++i) {
+      const Entry& e = entries[i];
+      EXPECT_EQ(Lookup(*reader, e.key), std::to_string(e.op) + ":" + e.value) << i;  // deletions too
+      EXPECT_EQ(Lookup(*reader, e.key.substr(0, 2)), "absent");
+      ASSERT_TRUE(it->Seek(e.key.substr(0, 2)).ok());  // just below
+      ASSERT_TRUE(it->Valid());
+      EXPECT_EQ(it->key(), e.key);
+      ASSERT_TRUE(it->Seek(e.key + '\0').ok());  // just above
+      ASSERT_EQ(it->Valid(), i + 1 < entries.size());
+      if (it->Valid()) {
+        EXPECT_EQ(it->key(), entries[i + 1].key);
+      }
+    }
+    ASSERT_TRUE(it->Seek("a").ok());  // below the first key
+    EXPECT_EQ(it->key(), entries[0].key);
+    ASSERT_TRUE(it->Seek("l").ok());  // above the last key
+    EXPECT_FALSE(it->Valid());
   }
-  auto it = reader->NewIterator(32);
-  for (size_t i = 0; i < entries.size(); ++i) {
-    const Entry& e = entries[i];
-    EXPECT_EQ(Lookup(*reader, e.key), std::to_string(e.op) + ":" + e.value) << i;  // deletions too
-    EXPECT_EQ(Lookup(*reader, e.key.substr(0, 2)), "absent");
-    ASSERT_TRUE(it->Seek(e.key.substr(0, 2)).ok());  // just below
-    ASSERT_TRUE(it->Valid());
-    EXPECT_EQ(it->key(), e.key);
-    ASSERT_TRUE(it->Seek(e.key + '\0').ok());  // just above
-    ASSERT_EQ(it->Valid(), i + 1 < entries.size());
-    if (it->Valid()) {
-      EXPECT_EQ(it->key(), entries[i + 1].key);
+}
+
+// One flipped bit at every byte of a checked table: opening names the
+// damaged block, and damage in the records fails exactly the reads that
+// reach its run, naming the run's offset; every other read returns the
+// right bytes. No read ever returns wrong bytes with success.
+TEST_F(FormatTest, EveryFlippedBitIsFoundOrHarmless) {
+  std::vector<Entry> entries = MakeEntries(40);  // three runs
+  entries[0].value = "v0";
+  const std::string good = HandBuiltTable(entries, true);
+  WriteFileOrDie(sst_, good);
+  std::vector<uint64_t> runs;
+  SstReader::Layout layout;
+  {
+    auto reader = OpenTableOrDie();
+    layout = reader->layout();
+    for (const auto& entry : reader->index()) runs.push_back(entry.second);
+  }
+  ASSERT_EQ(runs.size(), 3u);
+  const uint64_t footer = good.size() - kTableFooterSize;
+  const uint64_t trailer = footer - kTableChecksumTrailerSize;
+  // What opening says of damage past the records, by where it lies.
+  const struct {
+    uint64_t end;
+    std::string message;
+  } regions[] = {
+      {layout.filter_offset, "sst index checksum mismatch: " + sst_},
+      {layout.checksum_offset, "sst filter checksum mismatch: " + sst_},
+      {trailer, "sst checksum block mismatch: " + sst_},
+      {trailer + 8, "sst checksum block mismatch: " + sst_},  // the index and filter checksums
+      {trailer + 24, "sst bad checksum trailer: " + sst_},     // run count, block size
+      {trailer + 28, "sst checksum block mismatch: " + sst_},  // the trailer's own checksum
+      {footer, "sst bad checksum trailer: " + sst_},           // its magic
+      {footer + 44, "sst footer crc mismatch"},
+      {footer + 52, "sst bad magic"},
+  };
+  for (uint64_t at = 0; at < good.size(); ++at) {
+    SCOPED_TRACE("byte " + std::to_string(at));
+    std::string bad = good;
+    bad[at] ^= static_cast<char>(1 << (at % 8));
+    WriteFileOrDie(sst_, bad);
+    std::shared_ptr<SstReader> reader;
+    Status s = SstReader::Open(&io_, sst_, &reader);
+    if (at >= layout.index_offset) {
+      size_t r = 0;
+      while (at >= regions[r].end) ++r;
+      EXPECT_TRUE(s.IsCorruption());
+      EXPECT_EQ(s.message(), regions[r].message);
+      continue;
+    }
+    ASSERT_TRUE(s.ok()) << s.ToString();
+    const size_t run = std::upper_bound(runs.begin(), runs.end(), at) - runs.begin() - 1;
+    const std::string error = "sst checksum mismatch: " + sst_ + " at offset " + std::to_string(runs[run]);
+    for (size_t buffer : {size_t{1}, size_t{4096}}) {
+      std::string got;
+      EXPECT_EQ(ReadAll(*reader, buffer, &got), std::vector<Entry>(entries.begin(), entries.begin() + 16 * run));
+      EXPECT_EQ(got, error);
+    }
+    for (size_t i = 0; i < entries.size(); ++i) {
+      EXPECT_EQ(Lookup(*reader, entries[i].key), i / 16 == run ? error : std::to_string(entries[i].op) + ":" +
+                                                                           entries[i].value);
     }
   }
-  ASSERT_TRUE(it->Seek("a").ok());  // below the first key
-  EXPECT_EQ(it->key(), entries[0].key);
-  ASSERT_TRUE(it->Seek("l").ok());  // above the last key
-  EXPECT_FALSE(it->Valid());
-
 }
 
 TEST_F(FormatTest, DamagedTablesAreRefusedWithTheExactReason) {
@@ -398,10 +506,11 @@ TEST_F(FormatTest, DamagedTablesAreRefusedWithTheExactReason) {
     EXPECT_EQ(s.message().substr(0, c.message.size()), c.message);
   }
 
-  // Records: a bad op fails the read that meets it; a data region that ends
-  // inside the second record's header, key or value is truncated.
-  std::string file = good;
+  // Records of a table without checksums: a bad op fails the read that
+  // meets it; a data region that ends inside the second record's header,
+  // key or value is truncated.
   const std::vector<Entry> entries = MakeEntries(20);
+  std::string file = HandBuiltTable(entries, false);
   file[Record(entries[0].op, entries[0].key, entries[0].value).size()] = 3;
   WriteFileOrDie(sst_, file);
   reader = OpenTableOrDie();
@@ -448,6 +557,16 @@ TEST_F(FormatTest, TableWriteFailuresLeaveNoFileBehind) {
   auto reader = OpenTableOrDie();
   io_.FailNth(FileOp::kPread, 1);
   EXPECT_EQ(Lookup(*reader, entries[5].key), "sst pread: Input/output error");
+
+  // A merge's filter is built from the keys read back before the tail.
+  ASSERT_EQ(::unlink(sst_.c_str()), 0);
+  std::unique_ptr<TableBuilder> builder;
+  ASSERT_TRUE(TableBuilder::Open(&io_, sst_, TableBuilder::kUnknownCount, &builder).ok());
+  for (const Entry& e : entries) ASSERT_TRUE(builder->Add(e.op, e.key, e.value).ok());
+  io_.FailNth(FileOp::kPread, 1);
+  EXPECT_EQ(builder->Finish().message(), "sst read back: Input/output error");
+  EXPECT_NE(::access(tmp.c_str(), F_OK), 0);
+  EXPECT_NE(::access(sst_.c_str(), F_OK), 0);
 }
 
 TEST_F(FormatTest, ManifestLinesAndWhereReadingStops) {

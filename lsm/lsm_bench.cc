@@ -33,6 +33,7 @@
 #include "lsm/filename.h"
 #include "lsm/manifest.h"
 #include "lsm/table.h"
+#include "lsm/table_builder.h"
 
 namespace kandb::lsm {
 namespace {

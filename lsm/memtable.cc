@@ -128,6 +128,7 @@ void MemTable::Apply(const WriteBatch& batch) {
     }
     x = NewNode(e.key, height);
     x->value.store(value, std::memory_order_relaxed);
+    entry_count_.store(EntryCount() + 1, std::memory_order_relaxed);
     for (int i = 0; i < height; i++) {
       x->next[i].store(prev[i]->next[i].load(std::memory_order_relaxed), std::memory_order_relaxed);
       // Publishes the node, its key and value to readers of this link.

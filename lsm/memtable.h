@@ -52,6 +52,9 @@ class MemTable {
 
   // Grow-only size estimate compared with the write buffer size.
   uint64_t ApproximateBytes() const { return approximate_bytes_.load(std::memory_order_relaxed); }
+  // Distinct keys stored (deletion markers included). Exact once the
+  // memtable is immutable: the flush sizes its table's filter with it.
+  uint64_t EntryCount() const { return entry_count_.load(std::memory_order_relaxed); }
 
   // Records a write-ahead log whose records went into this memtable; the
   // file is deleted once the memtable has been flushed to a table file.
@@ -109,6 +112,8 @@ class MemTable {
   // Never decreases: overwrites and deletions add their size too, so a
   // memtable that keeps rewriting one key still fills up and is switched.
   std::atomic<uint64_t> approximate_bytes_{0};
+  // Written by the one writer only.
+  std::atomic<uint64_t> entry_count_{0};
 
   // Guards wal_files_ only. Only the holder of the engine's db mutex
   // appends; the background flush reads it after the memtable was retired.
