@@ -264,10 +264,15 @@ Status LsmDb::CompactAllTables() {
       MutexLock lock(&db_mutex_);
       if (imm_.empty() || stop_) return;
     }
+    const auto began = std::chrono::steady_clock::now();
     Status flushed = FlushOldestMemTable();
-    if (!flushed.ok()) {
+    MutexLock lock(&db_mutex_);
+    if (flushed.ok()) {
+      ++stats_.flushes;
+      stats_.flush_nanos += NanosSince(began);
+    } else {
       flushes_failing = true;
-      ReportFault("storage", "flush during compaction failed: " + flushed.ToString());
+      ReportStorageFault("flush during compaction failed: " + flushed.ToString());
     }
   };
   if (s.ok()) {

@@ -22,6 +22,8 @@ struct EngineStats {
   uint64_t flushes = 0;         // memtables written to table files
   uint64_t flush_nanos = 0;     // time those flushes took, in all
   uint64_t compactions = 0;     // merges of every table file into one
+  // Time those merges took, flushes made between their steps included
+  // (those count in flushes and flush_nanos as well).
   uint64_t compaction_nanos = 0;
   // Faults the engine survived, by kind: the disk was full, a sync failed
   // (fdatasync of the log, fsync of a table or the manifest, a directory
