@@ -140,7 +140,10 @@ class Exposition {
   std::string text_;
 };
 
-// A label value with backslash, double quote and newline escaped.
+// A label value with backslash, double quote and newline escaped, the only
+// escapes the format has; any other byte outside printable ASCII (a fault
+// text may name a path in any encoding) becomes '?', so the value is
+// always valid UTF-8.
 std::string LabelValue(std::string_view value) {
   std::string out;
   for (char c : value) {
@@ -149,6 +152,8 @@ std::string LabelValue(std::string_view value) {
       out += c;
     } else if (c == '\n') {
       out += "\\n";
+    } else if (c < ' ' || c > '~') {
+      out += '?';
     } else {
       out += c;
     }
