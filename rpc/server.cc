@@ -126,9 +126,11 @@ void RpcServer::AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd) {
     }
     // Thread creation reports its failure by exception; it is caught here,
     // as a connection refused for want of resources, not a server failure.
-    // The counters are moved only once the thread exists.
+    // The thread takes the counters over only once it exists: until the
+    // entry is erased below, Stats may still be reading them.
     try {
-      std::thread(&RpcServer::ServeConnection, shared, conn, std::move(counters)).detach();
+      std::thread(&RpcServer::ServeConnection, shared, conn, counters.get()).detach();
+      (void)counters.release();  // the thread owns them now
     } catch (const std::system_error& e) {
       {
         MutexLock lock(&shared->mu);
@@ -171,8 +173,8 @@ bool RpcServer::Dispatch(Shared* shared, const std::string& method, const std::s
   return true;
 }
 
-void RpcServer::ServeConnection(std::shared_ptr<Shared> shared, int fd,
-                                std::unique_ptr<ConnectionCounters> counters) {
+void RpcServer::ServeConnection(std::shared_ptr<Shared> shared, int fd, ConnectionCounters* counters_owned) {
+  const std::unique_ptr<ConnectionCounters> counters(counters_owned);
   FrameReader reader(fd);
   // Reused across requests so that a steady stream of small calls does not
   // allocate for its frames.

@@ -120,8 +120,9 @@ class RpcServer {
   };
 
   static void AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd);
-  static void ServeConnection(std::shared_ptr<Shared> shared, int fd,
-                              std::unique_ptr<ConnectionCounters> counters);
+  // Serves `fd` until it closes; takes ownership of `counters`, which the
+  // accept thread listed under it in `connections`.
+  static void ServeConnection(std::shared_ptr<Shared> shared, int fd, ConnectionCounters* counters);
   // Runs the handler of `method` and counts the call in *counters; false
   // when the server is stopping and the call was not made. *method_index
   // is the method's registration index, or -1 for an unknown method.
