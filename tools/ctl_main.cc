@@ -511,7 +511,7 @@ int RunStats(const std::vector<std::string>& args) {
                  "Shows the server's live statistics: requests, errors and latencies per method, "
                  "connections, the storage engine and routing, counted since the server started (Pd.Stats).");
   cl.AddSwitch("prometheus", &prometheus, "print in the Prometheus text exposition format");
-  cl.AddString("watch", &watch, "redraw the rates over every INTERVAL (e.g. 1s, 500ms) until interrupted");
+  cl.AddString("watch", &watch, "redraw the rates every VALUE, an interval such as 1s or 500ms, until Ctrl-C");
   AddCommon(&cl, &c, false);
   cl.SetEpilogue(
       "--prometheus prints every figure with a kandb_meta_ prefix, latencies as histograms in\n"
