@@ -90,22 +90,21 @@ bool RegionIndex::Overlap(const Region* before, const Region* after) {
 }
 
 void RegionIndex::Link(const Region* region) {
-  auto it = by_start_.emplace(region->second.start, region).first;
-  const Region* prev = it == by_start_.begin() ? nullptr : std::prev(it)->region;
-  const Region* next = std::next(it) == by_start_.end() ? nullptr : std::next(it)->region;
+  const auto around = by_start_.Insert(StartKey(region->second.start, region));
+  const Region* prev = around.prev ? around.prev->region : nullptr;
+  const Region* next = around.next ? around.next->region : nullptr;
   if (prev != nullptr && next != nullptr) overlapping_pairs_ -= Overlap(prev, next);
   if (prev != nullptr) overlapping_pairs_ += Overlap(prev, region);
   if (next != nullptr) overlapping_pairs_ += Overlap(region, next);
 }
 
 void RegionIndex::Unlink(const Region* region) {
-  auto it = by_start_.find(StartKey(region->second.start, region));
-  const Region* prev = it == by_start_.begin() ? nullptr : std::prev(it)->region;
-  const Region* next = std::next(it) == by_start_.end() ? nullptr : std::next(it)->region;
+  const auto around = by_start_.Erase(StartKey(region->second.start, region));
+  const Region* prev = around.prev ? around.prev->region : nullptr;
+  const Region* next = around.next ? around.next->region : nullptr;
   if (prev != nullptr) overlapping_pairs_ -= Overlap(prev, region);
   if (next != nullptr) overlapping_pairs_ -= Overlap(region, next);
   if (prev != nullptr && next != nullptr) overlapping_pairs_ += Overlap(prev, next);
-  by_start_.erase(it);
 }
 
 void RegionIndex::EraseRegion(const std::string& key) {
@@ -159,13 +158,12 @@ bool RegionIndex::Route(const std::string& key, pdpb::GetRegionResponse* resp, S
   if (overlapping_pairs_ > 0 || undecodable_ > 0 || regions_.size() > kRegionScanLimit) return false;
 
   // The last range starting at or below the key is the only candidate.
-  auto it = by_start_.upper_bound(StartKey(key));
-  if (it == by_start_.begin() ||
-      !RangeCovers(std::prev(it)->region->second.start, std::prev(it)->region->second.end, key)) {
+  const StartKey* floor = by_start_.Floor(StartKey(key));
+  if (floor == nullptr || !RangeCovers(floor->region->second.start, floor->region->second.end, key)) {
     *status = Status::NotFound("no region covers key");
     return true;
   }
-  const RegionRecord& record = std::prev(it)->region->second;
+  const RegionRecord& record = floor->region->second;
   pdpb::Region region;
   pdpb::Decode(record.value.size(), record.value.data(), &region);
   *status = AnswerRoute(std::move(region), [this](uint64_t store_id, std::string* value, bool* found) {

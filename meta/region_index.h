@@ -19,7 +19,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <string_view>
 
@@ -27,6 +26,7 @@
 #include "common/status.h"
 #include "common/thread_annotations.h"
 #include "lsm/entry.h"
+#include "meta/sorted_blocks.h"
 #include "pdpb/messages.h"
 #include "store/meta_store.h"
 
@@ -60,9 +60,9 @@ class RegionIndex {
   };
   using Region = std::pair<const std::string, RegionRecord>;
   // A region's place in the order by range start. The first bytes of the
-  // start are held in the element itself, so that a search compares
-  // within the tree's own nodes and follows the pointer to the record only
-  // when two starts agree on all of them.
+  // start are held in the element itself, so that a search compares within
+  // the index's own arrays and follows the pointer to the record only when
+  // two starts agree on all of them.
   struct StartKey {
     static constexpr size_t kInline = 16;
     explicit StartKey(std::string_view key, const Region* r = nullptr);
@@ -97,7 +97,7 @@ class RegionIndex {
   // Every record of the region range, by its key in the store.
   std::map<std::string, RegionRecord> regions_ GUARDED_BY(mu_);
   // The decodable records whose range holds a key, by range start.
-  std::set<StartKey, ByStart> by_start_ GUARDED_BY(mu_);
+  SortedBlocks<StartKey, ByStart> by_start_ GUARDED_BY(mu_);
   // Neighbours in by_start_ whose ranges overlap; 0 in a clean partition.
   size_t overlapping_pairs_ GUARDED_BY(mu_) = 0;
   // Records that do not decode or cannot be opened.
