@@ -23,6 +23,7 @@
 #include "common/test_util.h"
 #include "meta/keys.h"
 #include "pdpb/messages.h"
+#include "pdpb/stats.h"
 #include "store/meta_store.h"
 
 namespace kandb {
@@ -145,6 +146,12 @@ TEST(FullDiskTest, RestartsAndWritesOnAFullDiskLoseNothing) {
   EXPECT_TRUE(std::regex_search(err, std::regex("(^|\n)\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z storage: write "
                                                 "failed: Corruption: wal write: No space left on device")))
       << err;
+  // Pd.Stats counts each failed write as a full disk, and keeps its text.
+  pdpb::StatsResponse stats;
+  ASSERT_TRUE(client->Call("Pd.Stats", pdpb::StatsRequest{}, &stats).ok());
+  EXPECT_GE(stats.engine.disk_full_faults, 6u);
+  EXPECT_EQ(stats.engine.sync_faults + stats.engine.other_faults, 0u);
+  EXPECT_NE(stats.engine.last_fault.find("No space left on device"), std::string::npos) << stats.engine.last_fault;
   server.Kill();
 
   // Every record is there: the regions, the store and the marker.

@@ -20,6 +20,7 @@
 #include "common/mutex.h"
 #include "common/status.h"
 #include "common/thread_annotations.h"
+#include "lsm/db_stats.h"
 #include "lsm/entry.h"
 #include "lsm/file_io.h"
 
@@ -85,6 +86,10 @@ class LsmDb {
   void WaitForBackgroundIdle();
   uint64_t TableFileCount();
   uint64_t ImmutableMemTableCount();
+
+  // The counters since Open and the current sizes. Takes db_mutex_, so it
+  // may wait for a write group's sync to end.
+  EngineStats GetStats() EXCLUDES(db_mutex_);
 
  private:
   friend class LsmDbTestPeer;
@@ -165,6 +170,13 @@ class LsmDb {
   // the files that waited for it.
   Status RewriteManifest() REQUIRES(db_mutex_);
 
+  // Statistics (db_stats.cc). The log sync of a write group, timed.
+  Status SyncLog() REQUIRES(db_mutex_);
+  // A group of `batches` whose log append wrote `logged` bytes.
+  void NoteWriteGroup(size_t batches, size_t logged) REQUIRES(db_mutex_);
+  // Reports a fault on standard error (see fault_log.h) and counts it.
+  void ReportStorageFault(const std::string& text) REQUIRES(db_mutex_);
+
   const std::string dir_;
   const Options options_;
   FileIo* const io_;
@@ -207,6 +219,9 @@ class LsmDb {
   std::string record_ GUARDED_BY(db_mutex_);
   // Set by the destructor; the background thread ends when it sees it.
   bool stop_ GUARDED_BY(db_mutex_) = false;
+  // The counters of GetStats. They live under the lock that the write
+  // leader and the background thread hold anyway when they count.
+  EngineStats stats_ GUARDED_BY(db_mutex_);
 
   // Guards view_ alone, and is held only to copy or replace the pointer:
   // a read never waits for a write group's sync, only for the moment in

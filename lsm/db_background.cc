@@ -24,7 +24,6 @@
 #include <utility>
 #include <vector>
 
-#include "common/fault_log.h"
 #include "lsm/db.h"
 #include "lsm/filename.h"
 #include "lsm/manifest.h"
@@ -39,6 +38,11 @@ namespace {
 constexpr std::chrono::milliseconds kFirstRetryPause{50};
 constexpr std::chrono::milliseconds kLongestRetryPause{5000};
 
+uint64_t NanosSince(std::chrono::steady_clock::time_point began) {
+  return static_cast<uint64_t>(
+      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - began).count());
+}
+
 }  // namespace
 
 void LsmDb::BackgroundLoop() {
@@ -49,11 +53,16 @@ void LsmDb::BackgroundLoop() {
   while (!stop_) {
     Status s;
     const char* step = nullptr;
+    const auto began = std::chrono::steady_clock::now();
     if (!imm_.empty()) {
       step = "flush";
       db_mutex_.Unlock();
       s = FlushOldestMemTable();
       db_mutex_.Lock();
+      if (s.ok()) {
+        ++stats_.flushes;
+        stats_.flush_nanos += NanosSince(began);
+      }
     } else if (manifest_unsynced_) {
       step = "manifest rewrite";
       s = RewriteManifest();
@@ -65,6 +74,10 @@ void LsmDb::BackgroundLoop() {
       db_mutex_.Unlock();
       s = CompactAllTables();
       db_mutex_.Lock();
+      if (s.ok()) {
+        ++stats_.compactions;
+        stats_.compaction_nanos += NanosSince(began);
+      }
     } else {
       background_cv_.Wait();
       continue;
@@ -74,8 +87,8 @@ void LsmDb::BackgroundLoop() {
       continue;
     }
     pause = pause.count() == 0 ? kFirstRetryPause : std::min(pause * 2, kLongestRetryPause);
-    ReportFault("storage", std::string(step) + " failed: " + s.ToString() + " (retrying in " +
-                               std::to_string(pause.count()) + " ms)");
+    ReportStorageFault(std::string(step) + " failed: " + s.ToString() + " (retrying in " +
+                       std::to_string(pause.count()) + " ms)");
     // A switch or the destructor wakes the pause early; either way the loop
     // looks at the state again.
     if (!stop_) background_cv_.WaitFor(pause);
@@ -251,10 +264,15 @@ Status LsmDb::CompactAllTables() {
       MutexLock lock(&db_mutex_);
       if (imm_.empty() || stop_) return;
     }
+    const auto began = std::chrono::steady_clock::now();
     Status flushed = FlushOldestMemTable();
-    if (!flushed.ok()) {
+    MutexLock lock(&db_mutex_);
+    if (flushed.ok()) {
+      ++stats_.flushes;
+      stats_.flush_nanos += NanosSince(began);
+    } else {
       flushes_failing = true;
-      ReportFault("storage", "flush during compaction failed: " + flushed.ToString());
+      ReportStorageFault("flush during compaction failed: " + flushed.ToString());
     }
   };
   if (s.ok()) {

@@ -4,7 +4,6 @@
 #include <utility>
 #include <vector>
 
-#include "common/fault_log.h"
 #include "lsm/db.h"
 #include "lsm/file_io.h"
 #include "lsm/filename.h"
@@ -138,7 +137,7 @@ Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {
   if (wal_ == nullptr) {
     Status s = CreateLog(&wal_);
     if (!s.ok()) {
-      ReportFault("storage", "write failed: " + s.ToString());
+      ReportStorageFault("write failed: " + s.ToString());
       return s;
     }
     wal_acknowledged_ = false;
@@ -150,11 +149,12 @@ Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {
   record_.clear();
   for (WriterSlot* member : group) AppendRecord(*member->batch, &record_);
   Status status = wal_->AppendFramed(record_.data(), record_.size());
+  NoteWriteGroup(group.size(), status.ok() ? record_.size() : 0);
   // A large group must not pin its size in memory until the next one.
   if (record_.capacity() > (4u << 20)) std::string().swap(record_);
-  if (status.ok() && options_.sync) status = wal_->Sync();
+  if (status.ok() && options_.sync) status = SyncLog();
   if (!status.ok()) {
-    ReportFault("storage", "write failed: " + status.ToString());
+    ReportStorageFault("write failed: " + status.ToString());
     AbandonLog();
     return status;
   }
@@ -171,7 +171,7 @@ Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {
     // The group's data is already logged and applied; a failed switch is
     // still reported to all its writers.
     status = SwitchMemTable();
-    if (!status.ok()) ReportFault("storage", "memtable switch failed: " + status.ToString());
+    if (!status.ok()) ReportStorageFault("memtable switch failed: " + status.ToString());
   }
   return status;
 }

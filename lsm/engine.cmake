@@ -6,7 +6,8 @@ add_library(kandb_lsm STATIC
   db.cc
   db_write.cc
   db_read.cc
-  db_background.cc)
+  db_background.cc
+  db_stats.cc)
 target_link_libraries(kandb_lsm PUBLIC kandb_lsm_format Threads::Threads PRIVATE kandb_warnings)
 
 kandb_test(lsm_engine_test

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "common/coding.h"
+#include "meta/service_stats.h"
 #include "rpc/server.h"
 #include "store/etcd_backend.h"
 
@@ -224,6 +225,23 @@ void HaServer::RegisterTo(kanrpc::RpcServer* server) {
   Bind(server, "Pd.GetRegion", &PdService::GetRegion);
   Bind(server, "Pd.UpsertRegion", &PdService::UpsertRegion);
   Bind(server, "Pd.RegionHeartbeat", &PdService::RegionHeartbeat);
+  // Every member answers with its own counters, leading or not. The store
+  // lies on etcd, so the engine part is always absent; routing counts only
+  // while a term's service exists.
+  server->Register<pdpb::StatsRequest, pdpb::StatsResponse>(
+      "Pd.Stats", [this, server](const pdpb::StatsRequest&, pdpb::StatsResponse* resp) {
+        std::shared_ptr<Term> term;
+        {
+          MutexLock lock(&mu_);
+          term = term_;
+        }
+        if (term != nullptr && term->service() != nullptr) {
+          term->service()->GetStats(*server, resp);
+        } else {
+          SetServerStats(server->Stats(), resp);
+        }
+        return Status::OK();
+      });
 }
 
 void HaServer::Run() {

@@ -72,7 +72,7 @@ class HaServer {
   HaServer& operator=(const HaServer&) = delete;
 
   // Registers the six methods, each dispatched to the current term's
-  // service, before the RPC server starts.
+  // service, and "Pd.Stats", before the RPC server starts.
   void RegisterTo(kanrpc::RpcServer* server);
   // Starts campaigning on a thread of its own.
   void Start();

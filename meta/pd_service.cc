@@ -182,8 +182,12 @@ Status PdService::Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapRe
 Status PdService::GetRegion(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp) {
   if (index_ != nullptr) {
     Status s;
-    if (index_->Route(req.key, resp, &s)) return s;
+    if (index_->Route(req.key, resp, &s)) {
+      index_lookups_.Increment();
+      return s;
+    }
   }
+  walk_lookups_.Increment();
   return RouteByWalk(req, resp);
 }
 

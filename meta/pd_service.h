@@ -21,9 +21,11 @@
 
 #include "common/mutex.h"
 #include "common/status.h"
+#include "common/striped_counter.h"
 #include "common/thread_annotations.h"
 #include "meta/region_index.h"
 #include "pdpb/messages.h"
+#include "pdpb/stats.h"
 #include "store/meta_store.h"
 
 namespace kandb::kanrpc {
@@ -103,9 +105,16 @@ class PdService {
   using TsoAdmit = std::function<Status(uint64_t physical)>;
   void SetTsoCeiling(uint64_t floor, TsoAdmit admit) EXCLUDES(tso_mutex_);
 
+  // The live statistics: the counters of `server`, of the store's engine
+  // (absent on etcd) and of routing. Reads only counters and sizes; never
+  // fails.
+  void GetStats(const kanrpc::RpcServer& server, pdpb::StatsResponse* resp);
+
   // Registers the six methods ("Pd.Tso", "Pd.AllocId", "Pd.Bootstrap",
   // "Pd.GetRegion", "Pd.UpsertRegion", "Pd.RegionHeartbeat") on `server`,
-  // before it starts. The service must outlive the server's use of them.
+  // before it starts, and beside them the read-only "Pd.Stats", which
+  // answers GetStats of that server. The service must outlive the server's
+  // use of them.
   void RegisterTo(kanrpc::RpcServer* server);
 
  private:
@@ -125,6 +134,10 @@ class PdService {
   const ClockMs clock_ms_;
   // Built by Create; follows the store's writes on its own.
   std::unique_ptr<RegionIndex> index_;
+  // GetRegion calls answered by the index and by the walk; striped, since
+  // every connection thread counts them.
+  StripedCounter index_lookups_;
+  StripedCounter walk_lookups_;
 
   // Serialises identifier batches, including their read and write of the
   // persisted mark; no other handler takes it.

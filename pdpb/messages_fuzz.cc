@@ -1,4 +1,5 @@
-// Fuzz target: every message decoder of the placement-driver protocol.
+// Fuzz target: every message decoder of the placement-driver protocol,
+// the live statistics of "Pd.Stats" included.
 //
 // The first input byte picks the message type (modulo the number of types),
 // the rest is the encoded message. Whatever decodes must survive a round
@@ -13,6 +14,7 @@
 
 #include "common/fuzz_util.h"
 #include "pdpb/messages.h"
+#include "pdpb/stats.h"
 
 namespace {
 
@@ -64,6 +66,7 @@ constexpr Checker kCheckers[] = {
     CheckMessage<RegionEpoch>,          CheckMessage<Peer>,
     CheckMessage<Store>,                CheckRegionBounds,
     CheckMessage<RegionHeartbeatEntry>, CheckMessage<ScheduleCommand>,
+    CheckMessage<StatsRequest>,         CheckMessage<StatsResponse>,
 };
 constexpr size_t kTypes = sizeof(kCheckers) / sizeof(kCheckers[0]);
 
@@ -100,6 +103,16 @@ std::vector<std::string> MakeSeeds() {
   const ScheduleCommand add{kAddPeer, 2, 10, "10.0.0.1:20160"};
   RegionHeartbeatResponse commands;
   commands.commands = {add, ScheduleCommand{kTransferLeader, 2, 3, ""}};
+  StatsResponse stats;
+  stats.uptime_ms = 61000;
+  stats.methods = {MethodStats{"Pd.Tso", 40, {}, LatencyHistogram{{1, 2, 4}, {10, 20, 9, 1}, 40, 90000}},
+                   MethodStats{"Pd.GetRegion", 5, {ErrorCount{3, 2}}, LatencyHistogram{}}};
+  stats.connections = {2, 9, 0};
+  stats.has_engine = true;
+  stats.engine.write_groups = 7;
+  stats.engine.sync_latency = LatencyHistogram{{512}, {6, 1}, 7, 4000000};
+  stats.engine.last_fault = "write failed: Corruption: wal fdatasync: No space left on device";
+  stats.routing = {3, 5, 0};
 
   return {
       Tagged(0, TsoRequest{3}),
@@ -120,6 +133,8 @@ std::vector<std::string> MakeSeeds() {
       Tagged(15, region),
       Tagged(16, entry),
       Tagged(17, add),
+      Tagged(18, StatsRequest{}),
+      Tagged(19, stats),
       // The empty message decodes for every type.
       std::string(1, '\0'),
   };

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "pdpb/stats.h"
 #include "pdpb/wire.h"
 
 namespace kandb::pdpb {
@@ -72,6 +73,22 @@ Codec MakeCodec(const char* name, const M& sample) {
   return {name, Encode(sample), round_trip, decode};
 }
 
+// Live statistics with every field set, histograms of two layouts.
+StatsResponse SampleStats() {
+  StatsResponse stats;
+  stats.uptime_ms = kMax;
+  const LatencyHistogram latency{{1, 2, 4}, {0, kMax, 3, 1}, 9, kMax};
+  stats.methods = {MethodStats{"Pd.Tso", kMax, {ErrorCount{1, 2}, ErrorCount{0xffffffffu, kMax}}, latency},
+                   MethodStats{kBinary, 0, {}, LatencyHistogram{}}};
+  stats.unknown_method_requests = 3;
+  stats.connections = {16, kMax, 1};
+  stats.has_engine = true;
+  EngineStats& e = stats.engine;
+  e = {1, 2, 3, 4, LatencyHistogram{{1}, {5, 6}, 11, 12}, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, kBinary};
+  stats.routing = {2500, kMax, 1};
+  return stats;
+}
+
 std::vector<Codec> AllCodecs() {
   const RegionHeartbeatEntry entry{kMax, {1, 2, 3}, {kMax}, {4, 5}};
   return {
@@ -102,6 +119,7 @@ std::vector<Codec> AllCodecs() {
       MakeCodec("RegionHeartbeatResponse",
                 RegionHeartbeatResponse{{ScheduleCommand{kPromoteLearner, 1, 2, ""},
                                          ScheduleCommand{kTransferLeader, kMax, kMax, "h:1"}}}),
+      MakeCodec("StatsResponse", SampleStats()),
   };
 }
 
@@ -129,6 +147,25 @@ TEST(MessagesTest, ExactByteLayouts) {
   EXPECT_EQ(Encode(resp), no_stores + Bytes({4, 0, 35, 0, 0, 0}) + Encode(resp.stores[0]) +
                               Bytes({4, 0, 34, 0, 0, 0}) + Encode(resp.stores[1]));
   EXPECT_EQ(Encode(UpsertRegionRequest{{}, {1, kMax}}), U64(2, 1) + U64(2, kMax));
+
+  // Pd.Stats: an empty request; in the answer a histogram's bounds, then
+  // its counts, count and sum; every single field written, the engine's
+  // too when there is none, and has_engine as one byte.
+  EXPECT_EQ(Encode(StatsRequest{}), "");
+  EXPECT_EQ(Encode(LatencyHistogram{{1, 2}, {3, 4, 5}, 12, 99}),
+            U64(1, 1) + U64(1, 2) + U64(2, 3) + U64(2, 4) + U64(2, 5) + U64(3, 12) + U64(4, 99));
+  StatsResponse stats;
+  stats.uptime_ms = 7;
+  stats.methods = {MethodStats{"Pd.Tso", 2, {ErrorCount{3, 1}}, {}}};
+  stats.has_engine = true;
+  const std::string method = Bytes({1, 0, 6, 0, 0, 0}) + "Pd.Tso" + U64(2, 2) + Bytes({3, 0, 28, 0, 0, 0}) +
+                             U64(1, 3) + U64(2, 1) + Bytes({4, 0, 28, 0, 0, 0}) + U64(3, 0) + U64(4, 0);
+  const std::string zero_engine = Encode(EngineStats{});
+  ASSERT_EQ(zero_engine.size(), 16 * 14 + 6 + 28 + 6u);
+  const std::string three_zeros = U64(1, 0) + U64(2, 0) + U64(3, 0);
+  EXPECT_EQ(Encode(stats), U64(1, 7) + Bytes({2, 0, 94, 0, 0, 0}) + method + U64(3, 0) +
+                               Bytes({4, 0, 42, 0, 0, 0}) + three_zeros + Bytes({5, 0, 1, 0, 0, 0, 1}) +
+                               Bytes({6, 0, 8, 1, 0, 0}) + zero_engine + Bytes({7, 0, 42, 0, 0, 0}) + three_zeros);
 }
 
 TEST(MessagesTest, DecodersRejectMalformedInput) {

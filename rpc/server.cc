@@ -24,7 +24,13 @@ RpcServer::RpcServer() : shared_(std::make_shared<Shared>()) {}
 RpcServer::~RpcServer() { Stop(); }
 
 void RpcServer::RegisterRaw(const std::string& method, RawHandler handler) {
-  shared_->methods[method] = std::move(handler);
+  auto it = shared_->methods.find(method);
+  if (it != shared_->methods.end()) {
+    it->second.handler = std::move(handler);
+    return;
+  }
+  const size_t index = shared_->methods.size();
+  shared_->methods.emplace(method, Shared::Method{std::move(handler), index});
 }
 
 Status RpcServer::Start(int port, const std::string& bind_addr) {
@@ -62,6 +68,12 @@ Status RpcServer::Start(int port, const std::string& bind_addr) {
     bound_port_ = ntohs(bound.sin_port);
   }
   listen_fd_.store(fd);
+  shared_->started = std::chrono::steady_clock::now();
+  {
+    MutexLock lock(&shared_->mu);
+    shared_->ended.methods.resize(shared_->methods.size());
+    for (const auto& [name, entry] : shared_->methods) shared_->ended.methods[entry.index].method = name;
+  }
   MutexLock lock(&join_mu_);
   // The thread start publishes the method table to every later reader.
   accept_thread_ = std::thread(&RpcServer::AcceptLoop, shared_, fd);
@@ -92,6 +104,10 @@ void RpcServer::AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd) {
       if (error == EINTR) continue;
       // Stop shuts the listening socket down, which lands here.
       if (shared->stopping.load(std::memory_order_acquire)) break;
+      {
+        MutexLock lock(&shared->mu);
+        ++shared->ended.failed_accepts;
+      }
       pause_ms = pause_ms == 0 ? 10 : std::min(pause_ms * 2, 100);
       ReportFault("accept", std::string(TransientAcceptError(error) ? "" : "unexpected: ") +
                                 "accept failed: " + ErrnoText(error) + " (retrying in " +
@@ -102,18 +118,24 @@ void RpcServer::AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd) {
     pause_ms = 0;
     const int one = 1;
     setsockopt(conn, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    auto counters = std::make_unique<ConnectionCounters>(shared->methods.size());
     {
       MutexLock lock(&shared->mu);
-      shared->connections.insert(conn);
+      shared->connections.emplace(conn, counters.get());
+      ++shared->ended.accepted_connections;
     }
     // Thread creation reports its failure by exception; it is caught here,
     // as a connection refused for want of resources, not a server failure.
+    // The thread takes the counters over only once it exists: until the
+    // entry is erased below, Stats may still be reading them.
     try {
-      std::thread(&RpcServer::ServeConnection, shared, conn).detach();
+      std::thread(&RpcServer::ServeConnection, shared, conn, counters.get()).detach();
+      (void)counters.release();  // the thread owns them now
     } catch (const std::system_error& e) {
       {
         MutexLock lock(&shared->mu);
         shared->connections.erase(conn);
+        ++shared->ended.failed_accepts;
       }
       close(conn);
       ReportFault("accept", std::string("cannot start a connection thread: ") + e.what());
@@ -122,11 +144,14 @@ void RpcServer::AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd) {
 }
 
 bool RpcServer::Dispatch(Shared* shared, const std::string& method, const std::string& payload,
-                         FrameType* type, std::string* response) {
+                         ConnectionCounters* counters, FrameType* type, std::string* response,
+                         ptrdiff_t* method_index) {
   auto it = shared->methods.find(method);
   if (it == shared->methods.end()) {
     *type = FrameType::kError;
     response->append("unknown method: ").append(method);
+    counters->CountUnknownMethod();
+    *method_index = -1;
     return true;
   }
   {
@@ -134,11 +159,13 @@ bool RpcServer::Dispatch(Shared* shared, const std::string& method, const std::s
     if (shared->stopping.load(std::memory_order_acquire)) return false;
     ++shared->running_handlers;
   }
-  Status s = it->second(payload, response);
+  Status s = it->second.handler(payload, response);
   {
     MutexLock lock(&shared->mu);
     if (--shared->running_handlers == 0) shared->handlers_done.SignalAll();
   }
+  *method_index = static_cast<ptrdiff_t>(it->second.index);
+  counters->CountCall(it->second.index, s.code());
   if (!s.ok()) {
     *type = FrameType::kError;
     *response = s.ToString();
@@ -146,7 +173,8 @@ bool RpcServer::Dispatch(Shared* shared, const std::string& method, const std::s
   return true;
 }
 
-void RpcServer::ServeConnection(std::shared_ptr<Shared> shared, int fd) {
+void RpcServer::ServeConnection(std::shared_ptr<Shared> shared, int fd, ConnectionCounters* counters_owned) {
+  const std::unique_ptr<ConnectionCounters> counters(counters_owned);
   FrameReader reader(fd);
   // Reused across requests so that a steady stream of small calls does not
   // allocate for its frames.
@@ -158,20 +186,46 @@ void RpcServer::ServeConnection(std::shared_ptr<Shared> shared, int fd) {
     // likes. A frame that cannot be read leaves the stream at an unknown
     // position, so the connection is dropped without an answer.
     if (!reader.Read(&request, -1).ok()) break;
+    const auto began = std::chrono::steady_clock::now();
 
     FrameType type = FrameType::kResponse;
     response.clear();
-    if (!Dispatch(shared.get(), request.method, request.payload, &type, &response)) break;
+    ptrdiff_t method_index = -1;
+    if (!Dispatch(shared.get(), request.method, request.payload, counters.get(), &type, &response,
+                  &method_index)) {
+      break;
+    }
 
     out.clear();
     AppendFrame(&out, type, request.request_id, request.method, response);
     if (!WriteAll(fd, out.data(), out.size(), kWriteTimeoutMs).ok()) break;
+    if (method_index >= 0) {
+      counters->CountLatency(static_cast<size_t>(method_index),
+                             static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                                       std::chrono::steady_clock::now() - began)
+                                                       .count()));
+    }
   }
   {
     MutexLock lock(&shared->mu);
     shared->connections.erase(fd);
+    counters->AddTo(&shared->ended);
   }
   close(fd);
+}
+
+ServerStats RpcServer::Stats() const {
+  ServerStats out;
+  MutexLock lock(&shared_->mu);
+  out = shared_->ended;
+  for (const auto& [fd, counters] : shared_->connections) counters->AddTo(&out);
+  out.open_connections = shared_->connections.size();
+  if (shared_->started != std::chrono::steady_clock::time_point()) {
+    out.uptime_ms = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                              std::chrono::steady_clock::now() - shared_->started)
+                                              .count());
+  }
+  return out;
 }
 
 void RpcServer::Wait() {
@@ -205,7 +259,7 @@ void RpcServer::Stop() {
   // Handlers still running finish their call before Stop returns, so that
   // the service and store they use may be torn down right after.
   MutexLock lock(&shared_->mu);
-  for (int conn : shared_->connections) shutdown(conn, SHUT_RD);
+  for (const auto& [conn, counters] : shared_->connections) shutdown(conn, SHUT_RD);
   while (shared_->running_handlers > 0) shared_->handlers_done.Wait();
 }
 

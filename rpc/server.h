@@ -6,10 +6,11 @@
 // method name, write back a response frame or an error frame, repeat.
 
 #include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <thread>
 
@@ -17,6 +18,7 @@
 #include "common/status.h"
 #include "common/thread_annotations.h"
 #include "rpc/frame.h"
+#include "rpc/server_stats.h"
 
 namespace kandb::kanrpc {
 
@@ -70,6 +72,13 @@ class RpcServer {
   // the server never started. May be called from another thread than Stop.
   void Wait() EXCLUDES(join_mu_);
 
+  // The counters since Start (see server_stats.h): every method registered,
+  // the connections, and the calls of every connection, those being
+  // served included. Cheap enough to call every second under full load:
+  // it sums a few hundred counters per open connection under the lock
+  // that guards the connection list.
+  ServerStats Stats() const;
+
   // Stops accepting, joins the accept thread, shuts every open connection
   // down and waits until no handler runs any more, so that what handlers
   // use may be destroyed as soon as Stop returns. A second call does
@@ -81,17 +90,29 @@ class RpcServer {
   // held by shared pointer so that it outlives the server for as long as any
   // connection thread runs.
   struct Shared {
+    struct Method {
+      RawHandler handler;
+      size_t index;  // registration order: where its counters are kept
+    };
     // Written only before Start, read without locking afterwards: the thread
     // start in Start orders every registration before every lookup.
-    std::map<std::string, RawHandler, std::less<>> methods;
+    std::map<std::string, Method, std::less<>> methods;
+    // Written by Start before the accept thread exists, read-only after.
+    std::chrono::steady_clock::time_point started;
     // False until the first Stop; loops check it before blocking again.
     std::atomic<bool> stopping{false};
-    // Guards the two members below; never held while a handler runs.
+    // Guards the members below; never held while a handler runs.
     Mutex mu;
-    // The sockets of the connections being served, so that Stop can shut
-    // them down. A connection thread removes its socket before closing it,
-    // so Stop never touches a descriptor number that was reused.
-    std::set<int> connections GUARDED_BY(mu);
+    // The connections being served, by socket, with their counters (owned
+    // by the connection's thread), so that Stop can shut them down and
+    // Stats can read them. A connection thread removes its entry before
+    // closing the socket, so Stop never touches a descriptor number that
+    // was reused, and before freeing the counters.
+    std::map<int, const ConnectionCounters*> connections GUARDED_BY(mu);
+    // The counters of the connections that ended (folded in as each one
+    // ends, with the entry's removal) and of the accept thread; `methods`
+    // is sized by Start.
+    ServerStats ended GUARDED_BY(mu);
     // Handler calls in progress; Stop waits for it to reach 0. A call
     // starts only while stopping is false, tested under mu.
     int running_handlers GUARDED_BY(mu) = 0;
@@ -99,11 +120,15 @@ class RpcServer {
   };
 
   static void AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd);
-  static void ServeConnection(std::shared_ptr<Shared> shared, int fd);
-  // Runs the handler of `method`; false when the server is stopping and
-  // the call was not made.
+  // Serves `fd` until it closes; takes ownership of `counters`, which the
+  // accept thread listed under it in `connections`.
+  static void ServeConnection(std::shared_ptr<Shared> shared, int fd, ConnectionCounters* counters);
+  // Runs the handler of `method` and counts the call in *counters; false
+  // when the server is stopping and the call was not made. *method_index
+  // is the method's registration index, or -1 for an unknown method.
   static bool Dispatch(Shared* shared, const std::string& method, const std::string& payload,
-                       FrameType* type, std::string* response);
+                       ConnectionCounters* counters, FrameType* type, std::string* response,
+                       ptrdiff_t* method_index);
 
   const std::shared_ptr<Shared> shared_;
   // The listening socket, -1 when closed. Set by Start; Stop shuts it down,

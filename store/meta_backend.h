@@ -48,6 +48,9 @@ class MetaBackend {
   // it does and in that order (one at a time); an empty hook stops it. The
   // hook runs while writes wait: it must be quick and must not call back.
   virtual void SetApplyHook(ApplyHook hook) = 0;
+  // The embedded engine's statistics into *out, true; false, with *out
+  // untouched, for a backend that has no engine of its own (etcd).
+  virtual bool GetEngineStats(lsm::EngineStats* /*out*/) { return false; }
 };
 
 // The embedded engine as a backend: each call is the engine's own.
@@ -66,6 +69,10 @@ class LsmBackend final : public MetaBackend {
     return db_->ForEach(start, end, limit, visit);
   }
   void SetApplyHook(ApplyHook hook) override EXCLUDES(hook_mu_);
+  bool GetEngineStats(lsm::EngineStats* out) override {
+    *out = db_->GetStats();
+    return true;
+  }
 
  private:
   LsmBackend() = default;

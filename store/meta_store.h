@@ -100,6 +100,10 @@ class MetaStore {
   // quick and must not call into the store.
   void SetApplyObserver(std::function<void(const lsm::WriteBatch&)> observer);
 
+  // The storage engine's statistics, true; false, with *out untouched,
+  // when the store lies on a backend without an engine of its own (etcd).
+  bool GetEngineStats(lsm::EngineStats* out) { return db_->GetEngineStats(out); }
+
  private:
   MetaStore(std::unique_ptr<MetaBackend> backend, const StoreCrypto& crypto)
       : db_(std::move(backend)), crypto_(crypto) {}

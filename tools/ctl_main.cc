@@ -3,7 +3,13 @@
 // --json; a failed call prints the failure (the server's own text for a
 // remote error) on standard error and exits with status 1.
 
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -17,10 +23,12 @@
 #include <nlohmann/json.hpp>
 
 #include "pdpb/messages.h"
+#include "pdpb/stats.h"
 #include "rpc/client.h"
 #include "tools/command_line.h"
 #include "tools/describe.h"
 #include "tools/json_messages.h"
+#include "tools/stats_view.h"
 #include "tools/text.h"
 
 namespace kandb::tools {
@@ -442,6 +450,95 @@ int RunHeartbeat(const std::vector<std::string>& args) {
   return kExitOk;
 }
 
+// Set by SIGINT while `stats --watch` runs.
+volatile std::sig_atomic_t interrupted = 0;
+
+void OnInterrupt(int) { interrupted = 1; }
+
+// Sleeps until `deadline` or until interrupted.
+void SleepUntil(std::chrono::steady_clock::time_point deadline) {
+  while (!interrupted) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= deadline) return;
+    const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline - now).count();
+    struct timespec pause = {static_cast<time_t>(left / 1000000000), static_cast<long>(left % 1000000000)};
+    nanosleep(&pause, nullptr);  // SIGINT cuts it short
+  }
+}
+
+// Calls Pd.Stats every `interval_ms` on one connection and redraws the
+// rates since the previous answer, as top does, until SIGINT.
+int WatchStats(const Common& c, int64_t interval_ms) {
+  struct sigaction action = {};
+  action.sa_handler = OnInterrupt;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGINT, &action, nullptr);  // no SA_RESTART: the sleep ends at once
+  sigaction(SIGTERM, &action, nullptr);
+
+  kanrpc::RpcClientOptions options;
+  options.timeout_ms = static_cast<int32_t>(c.timeout_ms);
+  options.attempts = static_cast<int32_t>(c.attempts);
+  kanrpc::RpcClient client(c.addr, options);
+  const bool terminal = isatty(STDOUT_FILENO) != 0;
+  pdpb::StatsResponse before;  // the first page shows the rates since start
+  auto next = std::chrono::steady_clock::now();
+  while (!interrupted) {
+    pdpb::StatsResponse now;
+    Status s = client.Call("Pd.Stats", pdpb::StatsRequest{}, &now);
+    std::string page = std::string(kProgram) + " stats --watch, " + c.addr + " (Ctrl-C to stop)\n";
+    if (s.ok()) {
+      page += StatsRates(before, now);
+      before = std::move(now);
+    } else {
+      page += s.message() + "\n";
+    }
+    // A terminal is cleared for each page; a pipe or file gets them in a row.
+    std::fputs(terminal ? "\x1b[H\x1b[2J" : "\n", stdout);
+    std::fputs(page.c_str(), stdout);
+    std::fflush(stdout);
+    next += std::chrono::milliseconds(interval_ms);
+    SleepUntil(next);
+  }
+  return kExitOk;
+}
+
+int RunStats(const std::vector<std::string>& args) {
+  const std::string command = CommandName("stats");
+  Common c;
+  bool prometheus = false;
+  std::string watch;
+  CommandLine cl(command,
+                 "Shows the server's live statistics: requests, errors and latencies per method, "
+                 "connections, the storage engine and routing, counted since the server started (Pd.Stats).");
+  cl.AddSwitch("prometheus", &prometheus, "print in the Prometheus text exposition format");
+  cl.AddString("watch", &watch, "redraw the rates every VALUE, an interval such as 1s or 500ms, until Ctrl-C");
+  AddCommon(&cl, &c, false);
+  cl.SetEpilogue(
+      "--prometheus prints every figure with a kandb_meta_ prefix, latencies as histograms in\n"
+      "seconds; written to a file named *.prom it can be published by a textfile collector.\n"
+      "Latency quantiles in the readable output are bucket bounds (powers of two of microseconds).\n");
+  if (int rc = cl.Parse(args, stdout, stderr); rc >= 0) return rc;
+  if (c.json && prometheus) return UsageError(command, "--json and --prometheus exclude each other");
+  if (cl.Given("watch")) {
+    if (c.json || prometheus) return UsageError(command, "--watch cannot be combined with --json or --prometheus");
+    int64_t interval_ms = 0;
+    Status s = ParseDurationMillis(watch, &interval_ms);
+    if (!s.ok()) return UsageError(command, "--watch: " + s.message());
+    if (interval_ms <= 0) return UsageError(command, "--watch: the interval must be positive");
+    return WatchStats(c, interval_ms);
+  }
+  pdpb::StatsResponse response;
+  if (int rc = CallServer(c, "Pd.Stats", pdpb::StatsRequest{}, &response); rc >= 0) return rc;
+  if (c.json) {
+    PrintJson(ToJson(response));
+  } else if (prometheus) {
+    std::fputs(StatsPrometheus(response).c_str(), stdout);
+  } else {
+    std::fputs(StatsText(response).c_str(), stdout);
+  }
+  return kExitOk;
+}
+
 struct Subcommand {
   const char* name;
   const char* summary;
@@ -455,6 +552,7 @@ const Subcommand kSubcommands[] = {
     {"get-region", "route a key to its region", RunGetRegion},
     {"upsert-region", "write or delete region records", RunUpsertRegion},
     {"heartbeat", "send a region heartbeat, print the scheduling commands", RunHeartbeat},
+    {"stats", "show live statistics (also --prometheus, --watch 1s)", RunStats},
 };
 
 std::string TopUsage() {

@@ -162,6 +162,95 @@ TEST_F(CtlTest, BootstrapRouteUpsertAndHeartbeat) {
   EXPECT_EQ(r.err, "remote: NotFound: no region covers key\n");
 }
 
+// Parses Prometheus text with the Prometheus client library's own parser
+// (Debian's python3-prometheus-client) and prints every sample as
+// {"name{label=value,...}": value} and every family's type as
+// {"#TYPE name": type}, as one JSON object.
+constexpr char kPrometheusToJson[] = R"(
+import json, sys
+from prometheus_client.parser import text_string_to_metric_families
+out = {}
+for family in text_string_to_metric_families(open(sys.argv[1]).read()):
+    out["#TYPE " + family.name] = family.type
+    for s in family.samples:
+        labels = ",".join("%s=%s" % kv for kv in sorted(s.labels.items()))
+        out[s.name + ("{" + labels + "}" if labels else "")] = s.value
+print(json.dumps(out))
+)";
+
+TEST_F(CtlTest, StatsCountRealLoadAndTheirPrometheusFormParses) {
+  ProgramResult r = RunProgram({KANDB_META_BENCH_BINARY, "--addr", server_.target(), "--method", "mix", "--conns",
+                                "2", "--requests", "600", "--preload-regions", "50", "--json"},
+                               120000);
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  const json bench = json::parse(r.out, nullptr, false);
+  ASSERT_FALSE(bench.is_discarded()) << r.out;
+  // One call the server cannot decode and one for a method it lacks.
+  auto client = server_.NewClient();
+  std::string answer;
+  EXPECT_FALSE(client->CallRaw("Pd.Tso", "abc", &answer).ok());
+  EXPECT_FALSE(client->CallRaw("Pd.Nothing", "", &answer).ok());
+
+  r = Ctl("stats", {"--prometheus"});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  WriteFileOrDie(dir_ + "/stats.prom", r.out);
+  WriteFileOrDie(dir_ + "/parse.py", kPrometheusToJson);
+  ProgramResult parsed = RunProgram({"/usr/bin/python3", dir_ + "/parse.py", dir_ + "/stats.prom"});
+  ASSERT_EQ(ExitCode(parsed), 0) << parsed.err << r.out;
+  json m = json::parse(parsed.out, nullptr, false);  // a missing sample reads as null
+  ASSERT_TRUE(m.is_object()) << parsed.out;
+  for (const auto& [name, value] : m.items()) {
+    EXPECT_EQ(name.rfind(name[0] == '#' ? "#TYPE kandb_meta_" : "kandb_meta_", 0), 0u) << name;
+  }
+  EXPECT_EQ(m["#TYPE kandb_meta_requests"], "counter");
+  EXPECT_EQ(m["#TYPE kandb_meta_request_duration_seconds"], "histogram");
+  EXPECT_EQ(m["#TYPE kandb_meta_connections_open"], "gauge");
+
+  // Every call of the load was counted under its method, with its latency.
+  const std::pair<const char*, const char*> methods[] = {{"tso", "Pd.Tso"},
+                                                         {"alloc-id", "Pd.AllocId"},
+                                                         {"get-region", "Pd.GetRegion"},
+                                                         {"upsert-region", "Pd.UpsertRegion"},
+                                                         {"heartbeat", "Pd.RegionHeartbeat"}};
+  for (const auto& [bench_name, method] : methods) {
+    SCOPED_TRACE(method);
+    const std::string label = std::string("{method=") + method + "}";
+    const double requests = m["kandb_meta_requests_total" + label];
+    EXPECT_GE(requests, bench["per_method"][bench_name]["requests"].get<double>());
+    EXPECT_EQ(m["kandb_meta_request_duration_seconds_count" + label], requests);
+    EXPECT_EQ(m[std::string("kandb_meta_request_duration_seconds_bucket{le=+Inf,method=") + method + "}"], requests);
+    EXPECT_GT(m["kandb_meta_request_duration_seconds_sum" + label].get<double>(), 0);
+  }
+  EXPECT_EQ(m["kandb_meta_request_errors_total{code=InvalidArgument,method=Pd.Tso}"], 1);
+  EXPECT_EQ(m["kandb_meta_unknown_method_requests_total"], 1);
+  EXPECT_GE(m["kandb_meta_connections_accepted_total"].get<double>(), 4);  // bench, client, ctl
+  EXPECT_GE(m["kandb_meta_connections_open"].get<double>(), 1);
+
+  // The writes went through the engine in groups, one fdatasync each.
+  EXPECT_EQ(m["kandb_meta_engine_present"], 1);
+  const double groups = m["kandb_meta_engine_write_groups_total"];
+  EXPECT_GE(m["kandb_meta_engine_batches_total"].get<double>(),
+            bench["per_method"]["upsert-region"]["requests"].get<double>());
+  EXPECT_GE(m["kandb_meta_engine_batches_total"].get<double>(), groups);
+  EXPECT_EQ(m["kandb_meta_engine_syncs_total"], groups);
+  EXPECT_EQ(m["kandb_meta_engine_sync_duration_seconds_count"], groups);
+  EXPECT_GT(m["kandb_meta_engine_log_written_bytes_total"].get<double>(), 0);
+  EXPECT_GT(m["kandb_meta_engine_memtable_bytes"].get<double>(), 0);
+  EXPECT_EQ(m["kandb_meta_engine_faults_total{kind=disk_full}"], 0);
+
+  // The preloaded regions are a clean partition: the index answered.
+  EXPECT_GE(m["kandb_meta_routing_index_regions"].get<double>(), 50);
+  EXPECT_GE(m["kandb_meta_routing_lookups_total{answered_by=index}"].get<double>(),
+            bench["per_method"]["get-region"]["requests"].get<double>());
+
+  const json stats = CtlJson("stats", {});
+  EXPECT_EQ(stats["has_engine"], true);
+  EXPECT_EQ(stats["unknown_method_requests"], 1);
+  r = Ctl("stats", {});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_NE(r.out.find("\nerrors of Pd.Tso: InvalidArgument 1\n"), std::string::npos) << r.out;
+}
+
 TEST_F(CtlTest, BadCommandLinesAndDocumentsExitTwoWithoutCallingTheServer) {
   WriteFileOrDie(dir_ + "/bad.json", R"({"regions": [{"id": 1, "peers": [{"store": 1}]}]})");
   WriteFileOrDie(dir_ + "/broken.json", R"({"regions": [)");
@@ -180,6 +269,9 @@ TEST_F(CtlTest, BadCommandLinesAndDocumentsExitTwoWithoutCallingTheServer) {
        "kandb-meta-ctl upsert-region: --remove cannot be combined with --request\n"},
       {{"heartbeat", "--request", dir_ + "/missing.json"},
        "kandb-meta-ctl heartbeat: cannot read " + dir_ + "/missing.json: No such file or directory\n"},
+      {{"stats", "--watch", "1s", "--prometheus"},
+       "kandb-meta-ctl stats: --watch cannot be combined with --json or --prometheus\n"},
+      {{"stats", "--watch", "0s"}, "kandb-meta-ctl stats: --watch: the interval must be positive\n"},
   };
   for (const auto& [args, message] : cases) {
     ProgramResult r = Ctl(args[0], std::vector<std::string>(args.begin() + 1, args.end()));
@@ -217,7 +309,7 @@ TEST_F(CtlTest, BadCommandLinesAndDocumentsExitTwoWithoutCallingTheServer) {
 }
 
 TEST(CtlHelpTest, EverySubcommandHasHelp) {
-  for (const char* sub : {"tso", "alloc-id", "bootstrap", "get-region", "upsert-region", "heartbeat"}) {
+  for (const char* sub : {"tso", "alloc-id", "bootstrap", "get-region", "upsert-region", "heartbeat", "stats"}) {
     ProgramResult help = RunProgram({KANDB_META_CTL_BINARY, sub, "--help"});
     EXPECT_EQ(ExitCode(help), 0) << sub;
     EXPECT_EQ(help.out.rfind(std::string("usage: kandb-meta-ctl ") + sub + " [options]", 0), 0u) << help.out;

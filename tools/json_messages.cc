@@ -293,6 +293,60 @@ json ToJson(const pdpb::RegionHeartbeatResponse& response) {
   return json{{"commands", commands}};
 }
 
+json ToJson(const pdpb::LatencyHistogram& histogram) {
+  return json{{"bounds_micros", UintArray(histogram.bounds_micros)},
+              {"counts", UintArray(histogram.counts)},
+              {"count", histogram.count},
+              {"sum_nanos", histogram.sum_nanos}};
+}
+
+json ToJson(const pdpb::StatsResponse& response) {
+  json methods = json::array();
+  for (const pdpb::MethodStats& method : response.methods) {
+    json errors = json::array();
+    for (const pdpb::ErrorCount& error : method.errors) {
+      errors.push_back(json{{"code", error.code}, {"count", error.count}});
+    }
+    methods.push_back(json{{"method", method.method},
+                           {"requests", method.requests},
+                           {"errors", errors},
+                           {"latency", ToJson(method.latency)}});
+  }
+  const pdpb::ConnectionStats& c = response.connections;
+  const pdpb::EngineStats& e = response.engine;
+  const pdpb::RoutingStats& r = response.routing;
+  json out{{"uptime_ms", response.uptime_ms},
+           {"methods", methods},
+           {"unknown_method_requests", response.unknown_method_requests},
+           {"connections", json{{"open", c.open}, {"accepted", c.accepted}, {"failed_accepts", c.failed_accepts}}},
+           {"has_engine", response.has_engine},
+           {"routing", json{{"index_regions", r.index_regions},
+                            {"index_lookups", r.index_lookups},
+                            {"walk_lookups", r.walk_lookups}}}};
+  // Without an engine of its own (etcd) there is nothing to show.
+  if (response.has_engine) {
+    out["engine"] = json{{"write_groups", e.write_groups},
+                         {"batches", e.batches},
+                         {"max_group_size", e.max_group_size},
+                         {"syncs", e.syncs},
+                         {"sync_latency", ToJson(e.sync_latency)},
+                         {"log_bytes", e.log_bytes},
+                         {"memtable_bytes", e.memtable_bytes},
+                         {"immutable_memtables", e.immutable_memtables},
+                         {"table_files", e.table_files},
+                         {"table_bytes", e.table_bytes},
+                         {"flushes", e.flushes},
+                         {"flush_nanos", e.flush_nanos},
+                         {"compactions", e.compactions},
+                         {"compaction_nanos", e.compaction_nanos},
+                         {"disk_full_faults", e.disk_full_faults},
+                         {"sync_faults", e.sync_faults},
+                         {"other_faults", e.other_faults},
+                         {"last_fault", EscapeBytes(e.last_fault)}};
+  }
+  return out;
+}
+
 Status FromJson(const json& value, pdpb::Region* out) { return ReadRegion(value, "", out); }
 
 Status FromJson(const json& value, pdpb::TsoRequest* out) {

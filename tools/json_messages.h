@@ -19,6 +19,7 @@
 
 #include "common/status.h"
 #include "pdpb/messages.h"
+#include "pdpb/stats.h"
 
 namespace kandb::tools {
 
@@ -34,6 +35,9 @@ nlohmann::json ToJson(const pdpb::UpsertRegionRequest& request);
 nlohmann::json ToJson(const pdpb::UpsertRegionResponse& response);
 nlohmann::json ToJson(const pdpb::RegionHeartbeatRequest& request);
 nlohmann::json ToJson(const pdpb::RegionHeartbeatResponse& response);
+// The live statistics; "engine" is left out when has_engine is false.
+// last_fault is escaped like every byte string.
+nlohmann::json ToJson(const pdpb::StatsResponse& response);
 
 Status FromJson(const nlohmann::json& json, pdpb::Region* out);
 Status FromJson(const nlohmann::json& json, pdpb::TsoRequest* out);
