@@ -118,19 +118,19 @@ void RpcServer::AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd) {
     pause_ms = 0;
     const int one = 1;
     setsockopt(conn, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-    auto counters = std::make_unique<ConnectionCounters>(shared->methods.size());
+    auto connection = std::make_unique<Connection>(shared->methods.size());
     {
       MutexLock lock(&shared->mu);
-      shared->connections.emplace(conn, counters.get());
+      shared->connections.emplace(conn, connection.get());
       ++shared->ended.accepted_connections;
     }
     // Thread creation reports its failure by exception; it is caught here,
     // as a connection refused for want of resources, not a server failure.
-    // The thread takes the counters over only once it exists: until the
-    // entry is erased below, Stats may still be reading them.
+    // The thread takes the connection over only once it exists: until the
+    // entry is erased below, Stats may still be reading its counters.
     try {
-      std::thread(&RpcServer::ServeConnection, shared, conn, counters.get()).detach();
-      (void)counters.release();  // the thread owns them now
+      std::thread(&RpcServer::ServeConnection, shared, conn, connection.get()).detach();
+      (void)connection.release();  // the thread owns it now
     } catch (const std::system_error& e) {
       {
         MutexLock lock(&shared->mu);
@@ -144,8 +144,9 @@ void RpcServer::AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd) {
 }
 
 bool RpcServer::Dispatch(Shared* shared, const std::string& method, const std::string& payload,
-                         ConnectionCounters* counters, FrameType* type, std::string* response,
+                         Connection* connection, FrameType* type, std::string* response,
                          ptrdiff_t* method_index) {
+  ConnectionCounters* counters = &connection->counters;
   auto it = shared->methods.find(method);
   if (it == shared->methods.end()) {
     *type = FrameType::kError;
@@ -154,16 +155,13 @@ bool RpcServer::Dispatch(Shared* shared, const std::string& method, const std::s
     *method_index = -1;
     return true;
   }
-  {
-    MutexLock lock(&shared->mu);
-    if (shared->stopping.load(std::memory_order_acquire)) return false;
-    ++shared->running_handlers;
+  connection->in_call.store(true, std::memory_order_seq_cst);
+  if (shared->stopping.load(std::memory_order_seq_cst)) {
+    connection->in_call.store(false, std::memory_order_release);
+    return false;
   }
   Status s = it->second.handler(payload, response);
-  {
-    MutexLock lock(&shared->mu);
-    if (--shared->running_handlers == 0) shared->handlers_done.SignalAll();
-  }
+  connection->in_call.store(false, std::memory_order_seq_cst);
   *method_index = static_cast<ptrdiff_t>(it->second.index);
   counters->CountCall(it->second.index, s.code());
   if (!s.ok()) {
@@ -173,8 +171,9 @@ bool RpcServer::Dispatch(Shared* shared, const std::string& method, const std::s
   return true;
 }
 
-void RpcServer::ServeConnection(std::shared_ptr<Shared> shared, int fd, ConnectionCounters* counters_owned) {
-  const std::unique_ptr<ConnectionCounters> counters(counters_owned);
+void RpcServer::ServeConnection(std::shared_ptr<Shared> shared, int fd, Connection* connection_owned) {
+  const std::unique_ptr<Connection> connection(connection_owned);
+  ConnectionCounters* counters = &connection->counters;
   FrameReader reader(fd);
   // Reused across requests so that a steady stream of small calls does not
   // allocate for its frames.
@@ -191,7 +190,7 @@ void RpcServer::ServeConnection(std::shared_ptr<Shared> shared, int fd, Connecti
     FrameType type = FrameType::kResponse;
     response.clear();
     ptrdiff_t method_index = -1;
-    if (!Dispatch(shared.get(), request.method, request.payload, counters.get(), &type, &response,
+    if (!Dispatch(shared.get(), request.method, request.payload, connection.get(), &type, &response,
                   &method_index)) {
       break;
     }
@@ -218,7 +217,7 @@ ServerStats RpcServer::Stats() const {
   ServerStats out;
   MutexLock lock(&shared_->mu);
   out = shared_->ended;
-  for (const auto& [fd, counters] : shared_->connections) counters->AddTo(&out);
+  for (const auto& [fd, connection] : shared_->connections) connection->counters.AddTo(&out);
   out.open_connections = shared_->connections.size();
   if (shared_->started != std::chrono::steady_clock::time_point()) {
     out.uptime_ms = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -235,12 +234,9 @@ void RpcServer::Wait() {
 
 void RpcServer::Stop() {
   bool expected = false;
-  {
-    // Set under the lock that handler calls start under, so that no call
-    // starts after the wait below has begun.
-    MutexLock lock(&shared_->mu);
-    if (!shared_->stopping.compare_exchange_strong(expected, true)) return;
-  }
+  // Sequentially consistent, as the connections' in_call flags are: see
+  // Connection.
+  if (!shared_->stopping.compare_exchange_strong(expected, true, std::memory_order_seq_cst)) return;
   const int fd = listen_fd_.load();
   // Shutting the listening socket down fails the blocked accept, which ends
   // the accept loop. The socket is closed only after the join, so that its
@@ -258,9 +254,25 @@ void RpcServer::Stop() {
   // Only reading is shut down, so a call in flight still sends its answer.
   // Handlers still running finish their call before Stop returns, so that
   // the service and store they use may be torn down right after.
-  MutexLock lock(&shared_->mu);
-  for (const auto& [conn, counters] : shared_->connections) shutdown(conn, SHUT_RD);
-  while (shared_->running_handlers > 0) shared_->handlers_done.Wait();
+  // The lock is not held across the wait: a handler may take it (Stats).
+  {
+    MutexLock lock(&shared_->mu);
+    for (const auto& [conn, connection] : shared_->connections) shutdown(conn, SHUT_RD);
+  }
+  for (;;) {
+    bool busy = false;
+    {
+      MutexLock lock(&shared_->mu);
+      for (const auto& [conn, connection] : shared_->connections) {
+        if (connection->in_call.load(std::memory_order_seq_cst)) {
+          busy = true;
+          break;
+        }
+      }
+    }
+    if (!busy) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
 }
 
 }  // namespace kandb::kanrpc

@@ -86,6 +86,19 @@ class RpcServer {
   void Stop() EXCLUDES(join_mu_);
 
  private:
+  // What a connection's thread owns and what Stop and Stats read of it.
+  struct Connection {
+    explicit Connection(size_t methods) : counters(methods) {}
+    ConnectionCounters counters;
+    // True while a handler runs for this connection. Set before the thread
+    // tests `stopping` and cleared after the handler returns, both with
+    // sequentially consistent order, while Stop sets `stopping` before it
+    // reads these flags: either the call sees `stopping` and is not made,
+    // or Stop sees the flag and waits for it to clear. No lock is taken per
+    // request.
+    std::atomic<bool> in_call{false};
+  };
+
   // What the accept thread and the detached connection threads share. It is
   // held by shared pointer so that it outlives the server for as long as any
   // connection thread runs.
@@ -108,26 +121,23 @@ class RpcServer {
     // Stats can read them. A connection thread removes its entry before
     // closing the socket, so Stop never touches a descriptor number that
     // was reused, and before freeing the counters.
-    std::map<int, const ConnectionCounters*> connections GUARDED_BY(mu);
+    std::map<int, const Connection*> connections GUARDED_BY(mu);
     // The counters of the connections that ended (folded in as each one
     // ends, with the entry's removal) and of the accept thread; `methods`
     // is sized by Start.
     ServerStats ended GUARDED_BY(mu);
-    // Handler calls in progress; Stop waits for it to reach 0. A call
-    // starts only while stopping is false, tested under mu.
-    int running_handlers GUARDED_BY(mu) = 0;
-    CondVar handlers_done{&mu};
   };
 
   static void AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd);
-  // Serves `fd` until it closes; takes ownership of `counters`, which the
+  // Serves `fd` until it closes; takes ownership of `connection`, which the
   // accept thread listed under it in `connections`.
-  static void ServeConnection(std::shared_ptr<Shared> shared, int fd, ConnectionCounters* counters);
-  // Runs the handler of `method` and counts the call in *counters; false
-  // when the server is stopping and the call was not made. *method_index
-  // is the method's registration index, or -1 for an unknown method.
+  static void ServeConnection(std::shared_ptr<Shared> shared, int fd, Connection* connection);
+  // Runs the handler of `method` and counts the call in the connection's
+  // counters; false when the server is stopping and the call was not made.
+  // *method_index is the method's registration index, or -1 for an unknown
+  // method.
   static bool Dispatch(Shared* shared, const std::string& method, const std::string& payload,
-                       ConnectionCounters* counters, FrameType* type, std::string* response,
+                       Connection* connection, FrameType* type, std::string* response,
                        ptrdiff_t* method_index);
 
   const std::shared_ptr<Shared> shared_;
