@@ -64,6 +64,12 @@ class CondVar {
     cv_.wait_for(lock, timeout);
     lock.release();
   }
+  // Waits until `deadline` at the latest; as WaitFor, it may return early.
+  void WaitUntil(std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock<std::mutex> lock(mu_->mu_, std::adopt_lock);
+    cv_.wait_until(lock, deadline);
+    lock.release();
+  }
   void Signal() { cv_.notify_one(); }
   void SignalAll() { cv_.notify_all(); }
 

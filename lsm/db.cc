@@ -42,7 +42,10 @@ Status PrepareDirectory(FileIo* io, const std::string& dir) {
 }  // namespace
 
 LsmDb::LsmDb(std::string dir, const Options& options)
-    : dir_(std::move(dir)), options_(options), io_(options.io != nullptr ? options.io : DefaultFileIo()) {}
+    : dir_(std::move(dir)),
+      options_(options),
+      io_(options.io != nullptr ? options.io : DefaultFileIo()),
+      gather_limit_(8 * std::max(1u, std::thread::hardware_concurrency())) {}
 
 Status LsmDb::Open(const std::string& dir, const Options& options, std::unique_ptr<LsmDb>* out) {
   std::unique_ptr<LsmDb> db(new LsmDb(dir, options));

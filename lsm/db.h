@@ -121,6 +121,9 @@ class LsmDb {
 
   LsmDb(std::string dir, const Options& options);
   static Waiter* ThisThreadWaiter();
+  // Before a leader takes the queue as its group: waits, for a fraction of
+  // the last group's time, for the writers of that group to queue again.
+  void GatherWriters() REQUIRES(write_queue_mutex_);
 
   // Open's recovery: manifest, directory listing, orphan tables, live
   // tables, log replay, the fresh log and the manifest rewrite.
@@ -239,6 +242,23 @@ class LsmDb {
   // A leader is writing groups; the slot at the front, woken for any
   // reason, does not lead while it is set.
   bool leading_ GUARDED_BY(write_queue_mutex_) = false;
+  // The writers of the last group, other than the leader that wrote it, as
+  // its tag (see Waiter) and their number; how many of them have queued
+  // again since; how long that group took to log and sync. A leader about
+  // to take the queue waits a little for the rest of them (GatherWriters).
+  uint64_t last_group_tag_ GUARDED_BY(write_queue_mutex_) = 0;
+  size_t last_group_writers_ GUARDED_BY(write_queue_mutex_) = 0;
+  size_t returned_writers_ GUARDED_BY(write_queue_mutex_) = 0;
+  std::chrono::steady_clock::duration last_group_time_ GUARDED_BY(write_queue_mutex_){};
+  // False after a wait in which none of them came back: the next group
+  // does not wait.
+  bool gather_ GUARDED_BY(write_queue_mutex_) = true;
+  // Set while a leader waits for returning writers; signalled by the
+  // arrival that completes them.
+  bool gathering_ GUARDED_BY(write_queue_mutex_) = false;
+  CondVar gathered_{&write_queue_mutex_};
+  // The most writers for which a leader waits at all: 8 per processor.
+  const size_t gather_limit_;
 
   // Started at the end of Open, joined by the destructor.
   std::thread background_thread_;

@@ -1,6 +1,9 @@
 // The write path: group commit, the log append and sync, the memtable
 // apply, and the switch to a new memtable and log.
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <utility>
 #include <vector>
 
@@ -30,6 +33,11 @@ class LsmDb::Waiter {
     cv_.Signal();
   }
 
+  // The tag of the last group this thread's write was in (when it was not
+  // that group's leader); tags are unique across engines. Atomic because a
+  // thread may write to several engines, each under its own queue lock.
+  std::atomic<uint64_t> group_tag{0};
+
  private:
   Mutex mu_;
   CondVar cv_{&mu_};
@@ -41,6 +49,12 @@ namespace {
 // How many groups one leader writes in a row before it hands the lead on
 // and returns to its own caller.
 constexpr int kMaxGroupsPerLeader = 8;
+
+// The longest a leader waits for the writers of the last group to queue
+// again, whatever that group took.
+constexpr auto kMaxGather = std::chrono::microseconds(500);
+
+std::atomic<uint64_t> next_group_tag{1};
 
 }  // namespace
 
@@ -78,6 +92,10 @@ Status LsmDb::Write(const WriteBatch& batch) {
   std::vector<Waiter*> to_wake;
   write_queue_mutex_.Lock();
   writers_.push_back(&slot);
+  if (slot.waiter->group_tag.load(std::memory_order_relaxed) == last_group_tag_ &&
+      ++returned_writers_ == last_group_writers_ && gathering_) {
+    gathered_.Signal();
+  }
   // A follower never runs a step itself: it sleeps until a leader has
   // written its group, or until it is woken as the new head while no
   // leader runs. It sleeps without the queue lock and, once done, returns
@@ -98,12 +116,25 @@ Status LsmDb::Write(const WriteBatch& batch) {
   // not kept waiting long.
   Status own;
   for (int led = 0; led < kMaxGroupsPerLeader && !writers_.empty(); ++led) {
+    GatherWriters();
     group.assign(writers_.begin(), writers_.end());
+    const uint64_t tag = next_group_tag.fetch_add(1, std::memory_order_relaxed);
+    last_group_tag_ = tag;
+    last_group_writers_ = 0;
+    returned_writers_ = 0;
+    for (WriterSlot* member : group) {
+      if (member == &slot) continue;
+      member->waiter->group_tag.store(tag, std::memory_order_relaxed);
+      ++last_group_writers_;
+    }
     // The queue lock is released before db_mutex_ is taken: writers keep
     // queueing behind this group while it is logged and synced.
     write_queue_mutex_.Unlock();
+    const auto began = std::chrono::steady_clock::now();
     const Status status = WriteGroup(group);
+    const auto took = std::chrono::steady_clock::now() - began;
     write_queue_mutex_.Lock();
+    last_group_time_ = took;
     to_wake.clear();
     for (WriterSlot* member : group) {
       writers_.pop_front();
@@ -128,6 +159,32 @@ Status LsmDb::Write(const WriteBatch& batch) {
   if (!writers_.empty()) writers_.front()->waiter->Post();
   write_queue_mutex_.Unlock();
   return own;
+}
+
+void LsmDb::GatherWriters() {
+  // Writers that were just answered tend to write again at once (a client
+  // with one request at a time). Without this wait, those that queued
+  // during the last sync form the next group alone, the answered ones the
+  // group after it, and every writer waits for two syncs. A lone writer,
+  // or a group that came back whole, does not wait; nor does the group
+  // after a wait in which none came back. The wait is bounded by half the
+  // last group's time, so it costs at most half a sync.
+  if (!options_.sync || last_group_writers_ == 0 || returned_writers_ >= last_group_writers_) return;
+  // Many more writers than processors: their turnaround is bound by the
+  // processors, and syncing what has queued while they run beats waiting.
+  if (writers_.size() + (last_group_writers_ - returned_writers_) > gather_limit_) return;
+  if (!gather_) {
+    gather_ = true;
+    return;
+  }
+  const auto deadline = std::chrono::steady_clock::now() +
+                        std::min<std::chrono::steady_clock::duration>(last_group_time_ / 4, kMaxGather);
+  gathering_ = true;
+  while (returned_writers_ < last_group_writers_ && std::chrono::steady_clock::now() < deadline) {
+    gathered_.WaitUntil(deadline);
+  }
+  gathering_ = false;
+  gather_ = returned_writers_ > 0;
 }
 
 Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {

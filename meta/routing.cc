@@ -16,9 +16,12 @@ Status AnswerRoute(pdpb::Region region, const StoreLookup& lookup, pdpb::GetRegi
       return Status::Corruption("bad store record");
     }
     // The peers' stores, in peer order; absent and undecodable records are
-    // left out (the leader's was already checked above).
+    // left out. The first peer is the leader, whose record was just read
+    // and checked: it is not read a second time.
     answer.stores.reserve(region.peers.size());
-    for (const pdpb::Peer& peer : region.peers) {
+    if (found) answer.stores.push_back(answer.leader_store);
+    for (size_t i = 1; i < region.peers.size(); ++i) {
+      const pdpb::Peer& peer = region.peers[i];
       found = false;
       s = lookup(peer.store_id, &value, &found);
       if (!s.ok()) return s;
