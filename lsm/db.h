@@ -29,6 +29,7 @@ namespace kandb::lsm {
 class LogFile;
 class MemTable;
 class SstReader;
+class TableBuilder;
 struct ReadView;
 
 class LsmDb {
@@ -155,6 +156,11 @@ class LsmDb {
   void BackgroundLoop() EXCLUDES(db_mutex_);
   Status FlushOldestMemTable() EXCLUDES(db_mutex_);
   Status CompactAllTables() EXCLUDES(db_mutex_);
+  // Ends a table file written to `path`: finishes and closes `builder` when
+  // `s` is OK and opens the result for reading; on any failure the file is
+  // deleted and the failure returned.
+  Status FinishTable(Status s, std::unique_ptr<TableBuilder> builder, const std::string& path,
+                     std::shared_ptr<SstReader>* reader);
   // Whether the table files are many enough to merge; never for fewer than
   // two, so that a limit of 0 cannot make the background thread spin.
   bool NeedsCompaction() const REQUIRES(db_mutex_);

@@ -137,6 +137,15 @@ Status LsmDb::RewriteManifest() {
   return RetireFiles({}, s);
 }
 
+Status LsmDb::FinishTable(Status s, std::unique_ptr<TableBuilder> builder, const std::string& path,
+                          std::shared_ptr<SstReader>* reader) {
+  if (s.ok()) s = builder->Finish();
+  builder.reset();
+  if (s.ok()) s = SstReader::Open(io_, path, reader);
+  if (!s.ok()) io_->Unlink(path.c_str());
+  return s;
+}
+
 Status LsmDb::FlushOldestMemTable() {
   std::shared_ptr<MemTable> mem;
   uint64_t number = 0;
@@ -157,14 +166,9 @@ Status LsmDb::FlushOldestMemTable() {
     MemTable::Iterator it(mem.get());
     for (it.SeekToFirst(); s.ok() && it.Valid(); it.Next()) s = builder->Add(it.op(), it.key(), it.value());
   }
-  if (s.ok()) s = builder->Finish();
-  builder.reset();
   std::shared_ptr<SstReader> reader;
-  if (s.ok()) s = SstReader::Open(io_, path, &reader);
-  if (!s.ok()) {
-    io_->Unlink(path.c_str());
-    return s;
-  }
+  s = FinishTable(s, std::move(builder), path, &reader);
+  if (!s.ok()) return s;
 
   MutexLock lock(&db_mutex_);
   std::vector<uint64_t> tables = live_tables_;
@@ -279,14 +283,9 @@ Status LsmDb::CompactAllTables() {
     builder->set_between_steps(flush_waiting);
     s = MergeTables(inputs, builder.get(), flush_waiting);
   }
-  if (s.ok()) s = builder->Finish();
-  builder.reset();
   std::shared_ptr<SstReader> reader;
-  if (s.ok()) s = SstReader::Open(io_, path, &reader);
-  if (!s.ok()) {
-    io_->Unlink(path.c_str());
-    return s;
-  }
+  s = FinishTable(s, std::move(builder), path, &reader);
+  if (!s.ok()) return s;
 
   MutexLock lock(&db_mutex_);
   // Tables installed after the inputs were copied are newer than all of
