@@ -162,20 +162,10 @@ Status FrameReader::Fill(size_t need, int timeout_ms) {
   return Status::OK();
 }
 
-Status FrameReader::Read(Frame* frame, int timeout_ms) {
-  if (start_ == end_) {
-    start_ = end_ = 0;
-    if (capacity_ > kKeepCapacity) {
-      buf_.reset();
-      capacity_ = 0;
-    }
-  }
-
-  // Each length is checked as soon as it is buffered, before waiting for the
-  // bytes it announces.
-  Status s = Fill(kFrameHeaderSize, timeout_ms);
-  if (!s.ok()) return s;
-  const char* p = buf_.get() + start_;
+Status ParseFrame(const char* p, size_t n, Frame* frame, size_t* size, size_t* need) {
+  *size = 0;
+  *need = kFrameHeaderSize;
+  if (n < kFrameHeaderSize) return Status::OK();
   if (std::memcmp(p, kFrameMagic, sizeof(kFrameMagic)) != 0) {
     return Status::Corruption("kanrpc: bad magic");
   }
@@ -183,16 +173,14 @@ Status FrameReader::Read(Frame* frame, int timeout_ms) {
   if (method_length > kMaxMethodLength) return Status::Corruption("kanrpc: method too long");
 
   const size_t payload_offset = kFrameHeaderSize + method_length + 4;
-  s = Fill(payload_offset, timeout_ms);
-  if (!s.ok()) return s;
-  p = buf_.get() + start_;
+  *need = payload_offset;
+  if (n < payload_offset) return Status::OK();
   const size_t payload_length = DecodeFixed32(p + payload_offset - 4);
   if (payload_length > kMaxPayloadLength) return Status::Corruption("kanrpc: payload too large");
 
   const size_t total = payload_offset + payload_length + kFrameCrcSize;
-  s = Fill(total, timeout_ms);
-  if (!s.ok()) return s;
-  p = buf_.get() + start_;
+  *need = total;
+  if (n < total) return Status::OK();
   // The received bytes are exactly the wire encoding of the fields, so the
   // checksum is computed over them in place.
   const uint32_t expected = DecodeFixed32(p + total - kFrameCrcSize);
@@ -204,8 +192,61 @@ Status FrameReader::Read(Frame* frame, int timeout_ms) {
   frame->request_id = DecodeFixed64(p + 5);
   frame->method.assign(p + kFrameHeaderSize, method_length);
   frame->payload.assign(p + payload_offset, payload_length);
-  start_ += total;
+  *size = total;
   return Status::OK();
+}
+
+void FrameReader::ReleaseIfDrained() {
+  if (start_ != end_) return;
+  start_ = end_ = 0;
+  if (capacity_ > kKeepCapacity) {
+    buf_.reset();
+    capacity_ = 0;
+  }
+}
+
+Status FrameReader::Read(Frame* frame, int timeout_ms) {
+  ReleaseIfDrained();
+  // Each length is checked as soon as it is buffered, before waiting for the
+  // bytes it announces.
+  for (;;) {
+    size_t size = 0;
+    size_t need = 0;
+    Status s = ParseFrame(buf_.get() + start_, end_ - start_, frame, &size, &need);
+    if (!s.ok()) return s;
+    if (size > 0) {
+      start_ += size;
+      return Status::OK();
+    }
+    s = Fill(need, timeout_ms);
+    if (!s.ok()) return s;
+  }
+}
+
+Status FrameReader::ReadAvailable(Frame* frame, bool* got) {
+  *got = false;
+  ReleaseIfDrained();
+  for (;;) {
+    size_t size = 0;
+    size_t need = 0;
+    Status s = ParseFrame(buf_.get() + start_, end_ - start_, frame, &size, &need);
+    if (!s.ok()) return s;
+    if (size > 0) {
+      start_ += size;
+      *got = true;
+      return Status::OK();
+    }
+    MakeRoom(need);
+    const ssize_t r = recv(fd_, buf_.get() + end_, capacity_ - end_, MSG_DONTWAIT);
+    if (r > 0) {
+      end_ += static_cast<size_t>(r);
+      continue;
+    }
+    if (r == 0) return Closed();
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return Status::OK();
+    return IoError(errno);
+  }
 }
 
 Status ReadFrame(int fd, Frame* frame, int timeout_ms) {

@@ -70,6 +70,13 @@ Status WriteAll(int fd, const char* data, size_t n, int timeout_ms);
 // Receives exactly n bytes into buf, never more.
 Status ReadExact(int fd, char* buf, size_t n, int timeout_ms);
 
+// Checks and decodes the frame at the start of p[0, n), in wire order as far
+// as the bytes go: magic, method length, payload length, crc. When the frame
+// is whole, fills *frame and sets *size to its length; when it is not, sets
+// *size to 0 and *need to the byte count that the next check needs. Fails
+// (Corruption) only on bytes that can never become a valid frame.
+Status ParseFrame(const char* p, size_t n, Frame* frame, size_t* size, size_t* need);
+
 // Reads frames from one connection. In read-ahead mode each receive takes as
 // many bytes as the socket holds (up to the buffer's free space), so a request
 // that arrived whole costs one receive, and frames sent back to back are
@@ -94,6 +101,12 @@ class FrameReader {
   // or Reset the reader onto a new connection.
   Status Read(Frame* frame, int timeout_ms);
 
+  // For a socket polled for readiness: returns the next frame in *frame with
+  // *got true when the buffer holds one or the bytes the socket has ready
+  // complete one; *got false when it needs more than has arrived. Never
+  // blocks, whatever the socket's mode. Failures as Read.
+  Status ReadAvailable(Frame* frame, bool* got);
+
   // Starts over on another (or the same, reconnected) socket, dropping every
   // buffered byte.
   void Reset(int fd);
@@ -106,6 +119,9 @@ class FrameReader {
  private:
   // Receives until at least `need` unread bytes are buffered.
   Status Fill(size_t need, int timeout_ms);
+  // Drops a drained buffer's read position, and the buffer itself when a
+  // large frame grew it.
+  void ReleaseIfDrained();
   // Makes free space after end_, compacting or growing towards `need`.
   void MakeRoom(size_t need);
 
