@@ -60,6 +60,7 @@ Status LsmDb::Open(const std::string& dir, const Options& options, std::unique_p
   // On failure the half-built engine is destroyed before its thread exists.
   if (!s.ok()) return s;
   db->background_thread_ = std::thread([raw = db.get()] { raw->BackgroundLoop(); });
+  db->commit_thread_ = std::thread([raw = db.get()] { raw->CommitLoop(); });
   *out = std::move(db);
   return Status::OK();
 }
@@ -120,6 +121,13 @@ Status LsmDb::ReplayLogs(const std::vector<uint64_t>& log_numbers) {
 }
 
 LsmDb::~LsmDb() {
+  // Queued asynchronous writes are still written and answered first.
+  {
+    MutexLock lock(&write_queue_mutex_);
+    commit_stop_ = true;
+  }
+  commit_cv_.SignalAll();
+  if (commit_thread_.joinable()) commit_thread_.join();
   {
     MutexLock lock(&db_mutex_);
     stop_ = true;

@@ -66,6 +66,12 @@ class LsmDb {
   // Logs `batch` as one record (synced when Options::sync) and then makes it
   // visible as a whole. Concurrent callers share one log write group.
   Status Write(const std::vector<Entry>& batch);
+  // The same write without waiting for it: the batch joins the write queue
+  // and `done` is called with what Write would have returned, once the
+  // batch is synced and visible (or has failed), on the thread of the
+  // group's leader: the engine's commit thread, or a Write caller leading
+  // that group. `done` must be quick and must not write to this engine.
+  void WriteAsync(WriteBatch batch, std::function<void(const Status&)> done) EXCLUDES(write_queue_mutex_);
 
   // Newest version of `key`. A missing or deleted key succeeds with *found
   // false; *value is set only when *found is true.
@@ -105,6 +111,10 @@ class LsmDb {
 
   struct WriterSlot {
     WriterSlot(const WriteBatch* b, Mutex* queue_mutex, Waiter* w) : batch(b), mu(queue_mutex), waiter(w) {}
+    // An asynchronous write's slot, on the heap and owning its batch; the
+    // leader that writes it calls `callback` and frees it.
+    WriterSlot(WriteBatch b, Mutex* queue_mutex, std::function<void(const Status&)> done)
+        : batch(&owned), mu(queue_mutex), waiter(nullptr), owned(std::move(b)), callback(std::move(done)) {}
     // The caller's batch; the leader reads it while the caller waits.
     const WriteBatch* const batch;
     // Always the engine's write_queue_mutex_. Holding a pointer to it here
@@ -112,8 +122,10 @@ class LsmDb {
     // queue lock says so with mu->AssertHeld().
     Mutex* const mu;
     // The calling thread's; posted when the slot is done or has become the
-    // head of the queue.
+    // head of the queue. Null for an asynchronous write.
     Waiter* const waiter;
+    const WriteBatch owned;
+    const std::function<void(const Status&)> callback;
     // Set by the leader of the slot's group before done; read by the
     // caller once it has seen done (the store of done publishes it).
     Status result;
@@ -125,6 +137,19 @@ class LsmDb {
   // Before a leader takes the queue as its group: waits, for a fraction of
   // the last group's time, for the writers of that group to queue again.
   void GatherWriters() REQUIRES(write_queue_mutex_);
+  // A writer of the last group queued again.
+  void NoteReturningWriter() REQUIRES(write_queue_mutex_);
+  // Writes the queue as groups, `own` (the caller's slot at the front, or
+  // null) in the first, at most `max_groups` of them, then hands the lead
+  // to the new front. Returns own's status. Releases the queue lock while
+  // each group is written, and holds it again on return.
+  Status LeadGroups(WriterSlot* own, int max_groups) REQUIRES(write_queue_mutex_);
+  // Wakes the writer that should lead next: the front slot's thread, or the
+  // commit thread for an asynchronous one.
+  void WakeNextLeader() REQUIRES(write_queue_mutex_);
+  // The commit thread: leads whenever an asynchronous write is at the front
+  // of the queue and no leader runs.
+  void CommitLoop() EXCLUDES(write_queue_mutex_);
 
   // Open's recovery: manifest, directory listing, orphan tables, live
   // tables, log replay, the fresh log and the manifest rewrite.
@@ -255,6 +280,8 @@ class LsmDb {
   uint64_t last_group_tag_ GUARDED_BY(write_queue_mutex_) = 0;
   size_t last_group_writers_ GUARDED_BY(write_queue_mutex_) = 0;
   size_t returned_writers_ GUARDED_BY(write_queue_mutex_) = 0;
+  // Whether the last group held asynchronous writes (which carry no tag).
+  bool last_group_async_ GUARDED_BY(write_queue_mutex_) = false;
   std::chrono::steady_clock::duration last_group_time_ GUARDED_BY(write_queue_mutex_){};
   // False after a wait in which none of them came back: the next group
   // does not wait.
@@ -265,6 +292,14 @@ class LsmDb {
   CondVar gathered_{&write_queue_mutex_};
   // The most writers for which a leader waits at all: 8 per processor.
   const size_t gather_limit_;
+  // Wakes the commit thread: an asynchronous write reached the front of the
+  // queue with no leader running, or commit_stop_ was set.
+  CondVar commit_cv_{&write_queue_mutex_};
+  // Set by the destructor: the commit thread ends once no asynchronous
+  // write is queued.
+  bool commit_stop_ GUARDED_BY(write_queue_mutex_) = false;
+  // Started at the end of Open, joined first by the destructor.
+  std::thread commit_thread_;
 
   // Started at the end of Open, joined by the destructor.
   std::thread background_thread_;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <limits>
 #include <utility>
 #include <vector>
 
@@ -88,14 +89,9 @@ LsmDb::Waiter* LsmDb::ThisThreadWaiter() {
 
 Status LsmDb::Write(const WriteBatch& batch) {
   WriterSlot slot(&batch, &write_queue_mutex_, ThisThreadWaiter());
-  std::vector<WriterSlot*> group;
-  std::vector<Waiter*> to_wake;
   write_queue_mutex_.Lock();
   writers_.push_back(&slot);
-  if (slot.waiter->group_tag.load(std::memory_order_relaxed) == last_group_tag_ &&
-      ++returned_writers_ == last_group_writers_ && gathering_) {
-    gathered_.Signal();
-  }
+  if (slot.waiter->group_tag.load(std::memory_order_relaxed) == last_group_tag_) NoteReturningWriter();
   // A follower never runs a step itself: it sleeps until a leader has
   // written its group, or until it is woken as the new head while no
   // leader runs. It sleeps without the queue lock and, once done, returns
@@ -107,24 +103,77 @@ Status LsmDb::Write(const WriteBatch& batch) {
     if (slot.done.load(std::memory_order_acquire)) return slot.result;
     write_queue_mutex_.Lock();
   }
+  const Status own = LeadGroups(&slot, kMaxGroupsPerLeader);
+  write_queue_mutex_.Unlock();
+  return own;
+}
+
+void LsmDb::WriteAsync(WriteBatch batch, std::function<void(const Status&)> done) {
+  auto* slot = new WriterSlot(std::move(batch), &write_queue_mutex_, std::move(done));
+  MutexLock lock(&write_queue_mutex_);
+  writers_.push_back(slot);
+  // Asynchronous writers carry no tag: any of them counts as one of the
+  // last group's coming back, which is what a client waiting for its
+  // answer before it writes again does.
+  if (last_group_async_) NoteReturningWriter();
+  if (writers_.front() == slot && !leading_) commit_cv_.Signal();
+}
+
+void LsmDb::NoteReturningWriter() {
+  if (++returned_writers_ == last_group_writers_ && gathering_) gathered_.Signal();
+}
+
+void LsmDb::CommitLoop() {
+  MutexLock lock(&write_queue_mutex_);
+  for (;;) {
+    const bool ours = !leading_ && !writers_.empty() && writers_.front()->waiter == nullptr;
+    if (ours) {
+      // No slot of its own: every result went to its writer or callback.
+      (void)LeadGroups(nullptr, std::numeric_limits<int>::max());
+      continue;
+    }
+    if (commit_stop_) return;
+    commit_cv_.Wait();
+  }
+}
+
+void LsmDb::WakeNextLeader() {
+  if (writers_.empty()) return;
+  WriterSlot* next = writers_.front();
+  if (next->waiter != nullptr) {
+    next->waiter->Post();
+  } else {
+    commit_cv_.Signal();
+  }
+}
+
+Status LsmDb::LeadGroups(WriterSlot* own, int max_groups) {
   leading_ = true;
   // Each group is the whole queue as it stands, with no size limit. The
   // leader goes on with the group that queued behind its own while it ran:
   // handing the lead to a sleeping thread would leave the disk idle until
   // that thread got a processor, which at many connections takes longer
-  // than a sync. After a few groups it hands on, so that its own caller is
-  // not kept waiting long.
-  Status own;
-  for (int led = 0; led < kMaxGroupsPerLeader && !writers_.empty(); ++led) {
+  // than a sync. A writer leading for itself hands on after a few groups,
+  // so that its own caller is not kept waiting long.
+  std::vector<WriterSlot*> group;
+  std::vector<Waiter*> to_wake;
+  std::vector<WriterSlot*> to_call;
+  Status own_status;
+  for (int led = 0; led < max_groups && !writers_.empty(); ++led) {
     GatherWriters();
     group.assign(writers_.begin(), writers_.end());
     const uint64_t tag = next_group_tag.fetch_add(1, std::memory_order_relaxed);
     last_group_tag_ = tag;
     last_group_writers_ = 0;
+    last_group_async_ = false;
     returned_writers_ = 0;
     for (WriterSlot* member : group) {
-      if (member == &slot) continue;
-      member->waiter->group_tag.store(tag, std::memory_order_relaxed);
+      if (member == own) continue;
+      if (member->waiter != nullptr) {
+        member->waiter->group_tag.store(tag, std::memory_order_relaxed);
+      } else {
+        last_group_async_ = true;
+      }
       ++last_group_writers_;
     }
     // The queue lock is released before db_mutex_ is taken: writers keep
@@ -136,29 +185,36 @@ Status LsmDb::Write(const WriteBatch& batch) {
     write_queue_mutex_.Lock();
     last_group_time_ = took;
     to_wake.clear();
+    to_call.clear();
     for (WriterSlot* member : group) {
       writers_.pop_front();
-      if (member == &slot) {
-        own = status;
-        continue;
+      if (member == own) {
+        own_status = status;
+      } else if (member->waiter == nullptr) {
+        to_call.push_back(member);
+      } else {
+        // The result first, then done, which publishes it; after that the
+        // slot may be gone, so its waiter was read before.
+        to_wake.push_back(member->waiter);
+        member->result = status;
+        member->done.store(true, std::memory_order_release);
       }
-      // The result first, then done, which publishes it; after that the
-      // slot may be gone, so its waiter was read before.
-      to_wake.push_back(member->waiter);
-      member->result = status;
-      member->done.store(true, std::memory_order_release);
     }
-    // Woken outside the queue lock, so that they need not wait for it.
+    // Woken and answered outside the queue lock, so that they need not wait
+    // for it and may queue again at once.
     write_queue_mutex_.Unlock();
     for (Waiter* waiter : to_wake) waiter->Post();
+    for (WriterSlot* member : to_call) {
+      member->callback(status);
+      delete member;
+    }
     write_queue_mutex_.Lock();
   }
   leading_ = false;
   // The next leader is woken only now that every group led here has left
   // the queue, so two leaders never run at once.
-  if (!writers_.empty()) writers_.front()->waiter->Post();
-  write_queue_mutex_.Unlock();
-  return own;
+  WakeNextLeader();
+  return own_status;
 }
 
 void LsmDb::GatherWriters() {

@@ -228,22 +228,40 @@ Status PdService::RouteByWalk(const pdpb::GetRegionRequest& req, pdpb::GetRegion
                      resp);
 }
 
+namespace {
+
+// The records an upsert writes and the keys it deletes. Deliberately
+// unconditional: no epoch or range checks. The reporting stores are
+// trusted to send records no older than those stored.
+void RegionWrite(const pdpb::UpsertRegionRequest& req, std::vector<store::KeyValue>* puts,
+                 std::vector<std::string>* deletes) {
+  puts->reserve(req.regions.size());
+  for (const pdpb::Region& region : req.regions) {
+    puts->emplace_back(RegionKey(region.id), pdpb::Encode(region));
+  }
+  deletes->reserve(req.removed_region_ids.size());
+  for (uint64_t id : req.removed_region_ids) deletes->push_back(RegionKey(id));
+}
+
+}  // namespace
+
 Status PdService::UpsertRegion(const pdpb::UpsertRegionRequest& req,
                                pdpb::UpsertRegionResponse* resp) {
-  // Deliberately unconditional: no epoch or range checks. The reporting
-  // stores are trusted to send records no older than those stored.
   std::vector<store::KeyValue> puts;
-  puts.reserve(req.regions.size());
-  for (const pdpb::Region& region : req.regions) {
-    puts.emplace_back(RegionKey(region.id), pdpb::Encode(region));
-  }
   std::vector<std::string> deletes;
-  deletes.reserve(req.removed_region_ids.size());
-  for (uint64_t id : req.removed_region_ids) deletes.push_back(RegionKey(id));
+  RegionWrite(req, &puts, &deletes);
   Status s = store_->Write(std::move(puts), std::move(deletes));
   if (!s.ok()) return s;
   resp->message.clear();
   return Status::OK();
+}
+
+void PdService::UpsertRegionAsync(const pdpb::UpsertRegionRequest& req,
+                                  std::function<void(const Status&)> done) {
+  std::vector<store::KeyValue> puts;
+  std::vector<std::string> deletes;
+  RegionWrite(req, &puts, &deletes);
+  store_->WriteAsync(std::move(puts), std::move(deletes), std::move(done));
 }
 
 }  // namespace kandb::meta

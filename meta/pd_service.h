@@ -90,6 +90,9 @@ class PdService {
   const RegionIndex* routing_index() const { return index_.get(); }
   // Writes and deletes region records as one batch, unconditionally.
   Status UpsertRegion(const pdpb::UpsertRegionRequest& req, pdpb::UpsertRegionResponse* resp);
+  // The same write without waiting for it: `done` gets its result once the
+  // store knows it (see MetaStore::WriteAsync); the response is empty.
+  void UpsertRegionAsync(const pdpb::UpsertRegionRequest& req, std::function<void(const Status&)> done);
   // Scheduling commands for the regions the reporting store leads.
   Status RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
                          pdpb::RegionHeartbeatResponse* resp) EXCLUDES(heartbeat_mutex_);
@@ -114,7 +117,10 @@ class PdService {
   // "Pd.GetRegion", "Pd.UpsertRegion", "Pd.RegionHeartbeat") on `server`,
   // before it starts, and beside them the read-only "Pd.Stats", which
   // answers GetStats of that server. The service must outlive the server's
-  // use of them.
+  // use of them. For a store on the embedded engine, whose reads never wait
+  // on the network: timestamps (without a ceiling), routing and statistics
+  // are answered on the server's event loops, upserts are answered when
+  // their group is synced, and the rest run on its worker threads.
   void RegisterTo(kanrpc::RpcServer* server);
 
  private:

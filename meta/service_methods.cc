@@ -13,10 +13,16 @@ namespace kandb::meta {
 void PdService::RegisterTo(kanrpc::RpcServer* server) {
   // Each closure holds only the service pointer (and Pd.Stats the server's
   // too); the entry point destroys the server before the service.
+  bool ceiling = false;
+  {
+    MutexLock lock(&tso_mutex_);
+    ceiling = tso_admit_ != nullptr;
+  }
+  // Without a ceiling a timestamp batch never waits for anything.
   server->Register<pdpb::TsoRequest, pdpb::TsoResponse>(
-      "Pd.Tso", [this](const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) {
-        return Tso(req, resp);
-      });
+      "Pd.Tso",
+      [this](const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) { return Tso(req, resp); },
+      ceiling ? kanrpc::CallMode::kBlocking : kanrpc::CallMode::kInline);
   server->Register<pdpb::AllocIdRequest, pdpb::AllocIdResponse>(
       "Pd.AllocId", [this](const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp) {
         return AllocId(req, resp);
@@ -26,13 +32,12 @@ void PdService::RegisterTo(kanrpc::RpcServer* server) {
         return Bootstrap(req, resp);
       });
   server->Register<pdpb::GetRegionRequest, pdpb::GetRegionResponse>(
-      "Pd.GetRegion", [this](const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp) {
-        return GetRegion(req, resp);
-      });
-  server->Register<pdpb::UpsertRegionRequest, pdpb::UpsertRegionResponse>(
-      "Pd.UpsertRegion",
-      [this](const pdpb::UpsertRegionRequest& req, pdpb::UpsertRegionResponse* resp) {
-        return UpsertRegion(req, resp);
+      "Pd.GetRegion",
+      [this](const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp) { return GetRegion(req, resp); },
+      kanrpc::CallMode::kInline);
+  server->RegisterAsync<pdpb::UpsertRegionRequest>(
+      "Pd.UpsertRegion", [this](const pdpb::UpsertRegionRequest& req, kanrpc::Reply reply) {
+        UpsertRegionAsync(req, [reply](const Status& s) { reply.Done(s, pdpb::UpsertRegionResponse{}); });
       });
   server->Register<pdpb::RegionHeartbeatRequest, pdpb::RegionHeartbeatResponse>(
       "Pd.RegionHeartbeat",
@@ -42,10 +47,12 @@ void PdService::RegisterTo(kanrpc::RpcServer* server) {
   // Read-only and answered from counters, taking none of the service's
   // locks, so that calling it every second costs the six methods nothing.
   server->Register<pdpb::StatsRequest, pdpb::StatsResponse>(
-      "Pd.Stats", [this, server](const pdpb::StatsRequest&, pdpb::StatsResponse* resp) {
+      "Pd.Stats",
+      [this, server](const pdpb::StatsRequest&, pdpb::StatsResponse* resp) {
         GetStats(*server, resp);
         return Status::OK();
-      });
+      },
+      kanrpc::CallMode::kInline);
 }
 
 }  // namespace kandb::meta

@@ -3,34 +3,224 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <deque>
 #include <system_error>
+#include <unordered_set>
 #include <utility>
 
 #include "common/fault_log.h"
-
 #include "rpc/frame.h"
 #include "rpc/sys_error.h"
 
 namespace kandb::kanrpc {
 
-RpcServer::RpcServer() : shared_(std::make_shared<Shared>()) {}
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Frames served from one connection before the loop turns to the others, so
+// that a client sending back to back cannot keep its loop to itself.
+constexpr int kFramesPerTurn = 16;
+// Readiness events taken from the kernel per wait.
+constexpr int kEventsPerWait = 256;
+// A worker thread with nothing to do for this long ends.
+constexpr auto kWorkerIdle = std::chrono::seconds(5);
+
+enum class Kind { kUnknown, kBlocking, kInline, kAsync };
+
+}  // namespace
+
+struct RpcServer::Shared {
+  struct Method {
+    Kind kind = Kind::kUnknown;
+    RawHandler handler;        // kBlocking, kInline
+    AsyncRawHandler async;     // kAsync
+    size_t index = 0;          // registration order: where its counters are kept
+  };
+  // Written only before Start, read without locking afterwards: the thread
+  // starts in Start order every registration before every lookup.
+  std::map<std::string, Method, std::less<>> methods;
+  // Written by Start before any thread exists, read-only after.
+  Clock::time_point started;
+  // False until the first Stop.
+  std::atomic<bool> stopping{false};
+  // Created by Start before the accept thread, destroyed with Shared; the
+  // loops are joined by Stop.
+  std::vector<std::unique_ptr<Loop>> loops;
+  std::unique_ptr<Workers> workers;
+  // Guards the members below; never held while a handler runs.
+  Mutex mu;
+  // The connections being served, by socket, so that Stats can read their
+  // counters. A loop lists a connection when it adopts it and removes it
+  // before closing the socket and freeing the counters.
+  std::map<int, const Connection*> connections GUARDED_BY(mu);
+  // The counters of the connections that ended (folded in as each ends)
+  // and of the accept thread; sized by Start.
+  ServerStats ended GUARDED_BY(mu);
+};
+
+// One client connection. Owned by its loop; the fields below are the loop
+// thread's alone, except those of the call in flight, which the thread that
+// answers it writes before it posts the connection back to the loop (the
+// loop's inbox lock orders the two).
+struct Connection {
+  Connection(int socket, RpcServer::Loop* owner, size_t methods)
+      : fd(socket), loop(owner), reader(socket), counters(methods) {}
+
+  const int fd;
+  RpcServer::Loop* const loop;
+  FrameReader reader;
+  ConnectionCounters counters;
+
+  // The call in flight: its request, the method's entry and when it was
+  // read; the answer goes to status and response.
+  Frame request;
+  const RpcServer::Shared::Method* method = nullptr;
+  Clock::time_point began;
+  bool calling = false;
+  Status status;
+  std::string response;
+
+  // Answers not yet taken by the socket, from out_done on; reading waits
+  // until they are. A peer that takes nothing for kWriteTimeoutMs is
+  // dropped.
+  std::string out;
+  size_t out_done = 0;
+  Clock::time_point write_deadline;
+  // Listed on the loop's ready list, to be served again in its turn.
+  bool ready = false;
+  // Closed: freed at the end of the loop's current round.
+  bool dead = false;
+};
+
+// The worker threads that run blocking calls. Threads are started as calls
+// need them and end after kWorkerIdle without work; one parked call costs
+// one thread, as it would anywhere.
+class RpcServer::Workers {
+ public:
+  // Queues `connection`'s call; false when no thread could be started for it.
+  bool Submit(std::shared_ptr<Shared> shared, Connection* connection) EXCLUDES(mu_);
+  // Idle threads end at once; running ones after their call.
+  void Stop() EXCLUDES(mu_);
+
+ private:
+  void Run(std::shared_ptr<Shared> shared) EXCLUDES(mu_);
+
+  Mutex mu_;
+  CondVar cv_{&mu_};
+  std::deque<Connection*> calls_ GUARDED_BY(mu_);
+  size_t idle_ GUARDED_BY(mu_) = 0;
+  bool stopping_ GUARDED_BY(mu_) = false;
+};
+
+// One event loop: a thread waiting on an epoll set of its connections and on
+// an eventfd that other threads signal when they hand it a new connection or
+// an answered call.
+class RpcServer::Loop {
+ public:
+  explicit Loop(Shared* shared) : shared_(shared) {}
+  ~Loop();
+
+  Status Open();
+  void Start(std::shared_ptr<Shared> shared) { thread_ = std::thread(&Loop::Run, this, std::move(shared)); }
+  void Join() {
+    if (thread_.joinable()) thread_.join();
+  }
+
+  // From the accept thread: serve `fd` from now on.
+  void Adopt(int fd) EXCLUDES(mu_);
+  // From whoever answered `connection`'s call (any thread, the loop too).
+  void Answered(Connection* connection) EXCLUDES(mu_);
+  // From Stop: close what is idle, finish what is in flight, then end.
+  void Wake() EXCLUDES(mu_);
+
+ private:
+  void Run(std::shared_ptr<Shared> shared);
+  // Takes in what other threads handed over.
+  void DrainInbox();
+  // Answers the calls in *answered and serves their connections on.
+  void FinishAnswered(std::vector<Connection*>* answered);
+  // Reads and serves frames until a call stays in flight, the socket has
+  // nothing more, or the connection's turn is over.
+  void Serve(Connection* connection);
+  // Starts the call of the frame just read; true when it was answered at
+  // once (kInline, unknown method), false when it stays in flight.
+  bool StartCall(Connection* connection);
+  // Frames the answer, counts the call and sends what the socket takes.
+  void FinishCall(Connection* connection);
+  // Sends pending answers; false when the connection was closed.
+  bool Flush(Connection* connection);
+  void Close(Connection* connection);
+  void CloseIdleOnStop();
+  void DropStalledWriters(Clock::time_point now);
+
+  Shared* const shared_;
+  std::shared_ptr<Shared> keep_;  // set by Run: Workers::Submit needs it
+  int epoll_fd_ = -1;
+  int wake_fd_ = -1;
+  std::thread thread_;
+
+  // Guards the inbox. Other threads post under it and signal wake_fd_
+  // when the loop was not already signalled.
+  Mutex mu_;
+  std::vector<int> adopted_ GUARDED_BY(mu_);
+  std::vector<Connection*> answered_ GUARDED_BY(mu_);
+  bool signalled_ GUARDED_BY(mu_) = false;
+  bool wake_ GUARDED_BY(mu_) = false;
+
+  // The loop that the current thread runs, if any: an answer given on the
+  // loop itself (an asynchronous handler that answered at once) goes to
+  // local_answers_, without lock or signal.
+  static thread_local Loop* current;
+
+  // The loop thread's own.
+  std::vector<Connection*> local_answers_;
+  std::unordered_set<Connection*> connections_;
+  std::vector<Connection*> ready_;
+  std::vector<Connection*> closed_;
+  std::vector<Connection*> inbox_;  // answered calls taken from answered_
+  std::vector<int> new_fds_;
+  size_t calls_in_flight_ = 0;
+  bool stop_seen_ = false;
+  Clock::time_point next_write_check_;
+};
+
+void Reply::Send(const Status& status, std::string response) const {
+  connection_->status = status;
+  connection_->response = std::move(response);
+  connection_->loop->Answered(connection_);
+}
+
+RpcServer::RpcServer(size_t loops) : shared_(std::make_shared<Shared>()) {
+  if (loops == 0) loops = std::max(1u, std::thread::hardware_concurrency());
+  for (size_t i = 0; i < loops; ++i) shared_->loops.push_back(std::make_unique<Loop>(shared_.get()));
+  shared_->workers = std::make_unique<Workers>();
+}
 
 RpcServer::~RpcServer() { Stop(); }
 
-void RpcServer::RegisterRaw(const std::string& method, RawHandler handler) {
-  auto it = shared_->methods.find(method);
-  if (it != shared_->methods.end()) {
-    it->second.handler = std::move(handler);
-    return;
-  }
-  const size_t index = shared_->methods.size();
-  shared_->methods.emplace(method, Shared::Method{std::move(handler), index});
+void RpcServer::RegisterRaw(const std::string& method, RawHandler handler, CallMode mode) {
+  Shared::Method& entry = shared_->methods.try_emplace(method).first->second;
+  if (entry.kind == Kind::kUnknown) entry.index = shared_->methods.size() - 1;
+  entry.kind = mode == CallMode::kInline ? Kind::kInline : Kind::kBlocking;
+  entry.handler = std::move(handler);
+  entry.async = nullptr;
+}
+
+void RpcServer::RegisterAsyncRaw(const std::string& method, AsyncRawHandler handler) {
+  Shared::Method& entry = shared_->methods.try_emplace(method).first->second;
+  if (entry.kind == Kind::kUnknown) entry.index = shared_->methods.size() - 1;
+  entry.kind = Kind::kAsync;
+  entry.handler = nullptr;
+  entry.async = std::move(handler);
 }
 
 Status RpcServer::Start(int port, const std::string& bind_addr) {
@@ -61,6 +251,13 @@ Status RpcServer::Start(int port, const std::string& bind_addr) {
     close(fd);
     return Status::Corruption("listen failed");
   }
+  for (auto& loop : shared_->loops) {
+    Status s = loop->Open();
+    if (!s.ok()) {
+      close(fd);
+      return s;
+    }
+  }
 
   struct sockaddr_in bound = {};
   socklen_t bound_length = sizeof(bound);
@@ -68,14 +265,15 @@ Status RpcServer::Start(int port, const std::string& bind_addr) {
     bound_port_ = ntohs(bound.sin_port);
   }
   listen_fd_.store(fd);
-  shared_->started = std::chrono::steady_clock::now();
+  shared_->started = Clock::now();
   {
     MutexLock lock(&shared_->mu);
     shared_->ended.methods.resize(shared_->methods.size());
     for (const auto& [name, entry] : shared_->methods) shared_->ended.methods[entry.index].method = name;
   }
+  // The thread starts publish the method table to every later reader.
+  for (auto& loop : shared_->loops) loop->Start(shared_);
   MutexLock lock(&join_mu_);
-  // The thread start publishes the method table to every later reader.
   accept_thread_ = std::thread(&RpcServer::AcceptLoop, shared_, fd);
   return Status::OK();
 }
@@ -97,8 +295,9 @@ void RpcServer::AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd) {
   // go on: short enough to serve again soon after descriptors free up,
   // long enough not to spin on a listening socket that stays readable.
   int pause_ms = 0;
+  size_t next_loop = 0;
   while (!shared->stopping.load(std::memory_order_acquire)) {
-    const int conn = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+    const int conn = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (conn < 0) {
       const int error = errno;
       if (error == EINTR) continue;
@@ -118,99 +317,392 @@ void RpcServer::AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd) {
     pause_ms = 0;
     const int one = 1;
     setsockopt(conn, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-    auto connection = std::make_unique<Connection>(shared->methods.size());
     {
       MutexLock lock(&shared->mu);
-      shared->connections.emplace(conn, connection.get());
       ++shared->ended.accepted_connections;
     }
-    // Thread creation reports its failure by exception; it is caught here,
-    // as a connection refused for want of resources, not a server failure.
-    // The thread takes the connection over only once it exists: until the
-    // entry is erased below, Stats may still be reading its counters.
-    try {
-      std::thread(&RpcServer::ServeConnection, shared, conn, connection.get()).detach();
-      (void)connection.release();  // the thread owns it now
-    } catch (const std::system_error& e) {
-      {
-        MutexLock lock(&shared->mu);
-        shared->connections.erase(conn);
-        ++shared->ended.failed_accepts;
-      }
-      close(conn);
-      ReportFault("accept", std::string("cannot start a connection thread: ") + e.what());
-    }
+    shared->loops[next_loop]->Adopt(conn);
+    next_loop = (next_loop + 1) % shared->loops.size();
   }
 }
 
-bool RpcServer::Dispatch(Shared* shared, const std::string& method, const std::string& payload,
-                         Connection* connection, FrameType* type, std::string* response,
-                         ptrdiff_t* method_index) {
-  ConnectionCounters* counters = &connection->counters;
-  auto it = shared->methods.find(method);
-  if (it == shared->methods.end()) {
-    *type = FrameType::kError;
-    response->append("unknown method: ").append(method);
-    counters->CountUnknownMethod();
-    *method_index = -1;
+bool RpcServer::Workers::Submit(std::shared_ptr<Shared> shared, Connection* connection) {
+  MutexLock lock(&mu_);
+  calls_.push_back(connection);
+  if (calls_.size() <= idle_) {
+    cv_.Signal();
     return true;
   }
-  connection->in_call.store(true, std::memory_order_seq_cst);
-  if (shared->stopping.load(std::memory_order_seq_cst)) {
-    connection->in_call.store(false, std::memory_order_release);
+  // Thread creation reports its failure by exception; it is caught here, as
+  // a call refused for want of resources, not a server failure.
+  try {
+    std::thread(&Workers::Run, this, std::move(shared)).detach();
+    return true;
+  } catch (const std::system_error& e) {
+    calls_.pop_back();
+    ReportFault("accept", std::string("cannot start a worker thread: ") + e.what());
     return false;
   }
-  Status s = it->second.handler(payload, response);
-  connection->in_call.store(false, std::memory_order_seq_cst);
-  *method_index = static_cast<ptrdiff_t>(it->second.index);
-  counters->CountCall(it->second.index, s.code());
-  if (!s.ok()) {
-    *type = FrameType::kError;
-    *response = s.ToString();
+}
+
+void RpcServer::Workers::Stop() {
+  MutexLock lock(&mu_);
+  stopping_ = true;
+  cv_.SignalAll();
+}
+
+void RpcServer::Workers::Run(std::shared_ptr<Shared> shared) {
+  // `shared` owns this object: holding it keeps the pool alive as long as
+  // the thread.
+  (void)shared;
+  for (;;) {
+    Connection* connection = nullptr;
+    {
+      MutexLock lock(&mu_);
+      const auto deadline = Clock::now() + kWorkerIdle;
+      ++idle_;
+      while (calls_.empty() && !stopping_ && Clock::now() < deadline) cv_.WaitUntil(deadline);
+      --idle_;
+      if (calls_.empty()) return;
+      connection = calls_.front();
+      calls_.pop_front();
+    }
+    connection->status = connection->method->handler(connection->request.payload, &connection->response);
+    connection->loop->Answered(connection);
   }
+}
+
+RpcServer::Loop::~Loop() {
+  for (Connection* connection : connections_) {
+    close(connection->fd);
+    delete connection;
+  }
+  if (epoll_fd_ >= 0) close(epoll_fd_);
+  if (wake_fd_ >= 0) close(wake_fd_);
+}
+
+Status RpcServer::Loop::Open() {
+  epoll_fd_ = epoll_create1(EPOLL_CLOEXEC);
+  if (epoll_fd_ < 0) return Status::Corruption("epoll_create1 failed: " + ErrnoText(errno));
+  wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (wake_fd_ < 0) return Status::Corruption("eventfd failed: " + ErrnoText(errno));
+  struct epoll_event event = {};
+  event.events = EPOLLIN;
+  event.data.ptr = nullptr;
+  if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, wake_fd_, &event) != 0) {
+    return Status::Corruption("epoll_ctl failed: " + ErrnoText(errno));
+  }
+  return Status::OK();
+}
+
+void RpcServer::Loop::Adopt(int fd) {
+  bool signal = false;
+  {
+    MutexLock lock(&mu_);
+    adopted_.push_back(fd);
+    signal = !signalled_;
+    signalled_ = true;
+  }
+  if (signal) {
+    const uint64_t one = 1;
+    (void)!write(wake_fd_, &one, sizeof(one));
+  }
+}
+
+thread_local RpcServer::Loop* RpcServer::Loop::current = nullptr;
+
+void RpcServer::Loop::Answered(Connection* connection) {
+  if (current == this) {
+    local_answers_.push_back(connection);
+    return;
+  }
+  bool signal = false;
+  {
+    MutexLock lock(&mu_);
+    answered_.push_back(connection);
+    signal = !signalled_;
+    signalled_ = true;
+  }
+  if (signal) {
+    const uint64_t one = 1;
+    (void)!write(wake_fd_, &one, sizeof(one));
+  }
+}
+
+void RpcServer::Loop::Wake() {
+  {
+    MutexLock lock(&mu_);
+    wake_ = true;
+    signalled_ = true;
+  }
+  const uint64_t one = 1;
+  (void)!write(wake_fd_, &one, sizeof(one));
+}
+
+void RpcServer::Loop::DrainInbox() {
+  uint64_t count = 0;
+  (void)!read(wake_fd_, &count, sizeof(count));
+  {
+    MutexLock lock(&mu_);
+    signalled_ = false;
+    new_fds_.swap(adopted_);
+    inbox_.swap(answered_);
+    if (wake_) stop_seen_ = true;
+  }
+  for (int fd : new_fds_) {
+    if (stop_seen_) {
+      close(fd);
+      continue;
+    }
+    auto* connection = new Connection(fd, this, shared_->methods.size());
+    {
+      MutexLock lock(&shared_->mu);
+      shared_->connections.emplace(fd, connection);
+    }
+    connections_.insert(connection);
+    struct epoll_event event = {};
+    // Edge-triggered: the loop reads until the socket would block, or
+    // remembers the connection on its ready list, so no edge is lost.
+    event.events = EPOLLIN | EPOLLOUT | EPOLLET;
+    event.data.ptr = connection;
+    if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event) != 0) {
+      ReportFault("accept", "cannot watch a connection: " + ErrnoText(errno));
+      Close(connection);
+      continue;
+    }
+    // Bytes may have arrived before the socket was watched.
+    Serve(connection);
+  }
+  new_fds_.clear();
+  FinishAnswered(&inbox_);
+}
+
+void RpcServer::Loop::FinishAnswered(std::vector<Connection*>* answered) {
+  for (Connection* connection : *answered) {
+    --calls_in_flight_;
+    FinishCall(connection);
+    if (!connection->dead) Serve(connection);
+  }
+  answered->clear();
+}
+
+void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
+  keep_ = std::move(shared);
+  current = this;
+  struct epoll_event events[kEventsPerWait];
+  next_write_check_ = Clock::now() + std::chrono::seconds(1);
+  for (;;) {
+    if (stop_seen_) {
+      CloseIdleOnStop();
+      if (calls_in_flight_ == 0) break;
+    }
+    if (!local_answers_.empty()) {
+      std::vector<Connection*> answered;
+      answered.swap(local_answers_);
+      FinishAnswered(&answered);
+      continue;
+    }
+    int timeout_ms = -1;
+    if (!ready_.empty()) {
+      timeout_ms = 0;
+    } else {
+      for (Connection* connection : connections_) {
+        if (!connection->out.empty()) {
+          timeout_ms = 1000;
+          break;
+        }
+      }
+    }
+    const int n = epoll_wait(epoll_fd_, events, kEventsPerWait, timeout_ms);
+    if (n < 0 && errno != EINTR) {
+      ReportFault("accept", "epoll_wait failed: " + ErrnoText(errno));
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    for (int i = 0; i < n; ++i) {
+      auto* connection = static_cast<Connection*>(events[i].data.ptr);
+      if (connection == nullptr) {
+        DrainInbox();
+        continue;
+      }
+      if (connection->dead || connection->calling) continue;
+      if (!connection->out.empty() && !Flush(connection)) continue;
+      if (connection->out.empty()) Serve(connection);
+    }
+    if (!ready_.empty()) {
+      std::vector<Connection*> turn;
+      turn.swap(ready_);
+      for (Connection* connection : turn) {
+        connection->ready = false;
+        if (!connection->dead && !connection->calling && connection->out.empty()) Serve(connection);
+      }
+    }
+    const Clock::time_point now = Clock::now();
+    if (now >= next_write_check_) {
+      DropStalledWriters(now);
+      next_write_check_ = now + std::chrono::seconds(1);
+    }
+    for (Connection* connection : closed_) delete connection;
+    closed_.clear();
+  }
+  for (Connection* connection : closed_) delete connection;
+  closed_.clear();
+  current = nullptr;
+  // Shared owns this loop: holding it past the run would keep both alive.
+  keep_.reset();
+}
+
+void RpcServer::Loop::Serve(Connection* connection) {
+  for (int frames = 0; !connection->calling && connection->out.empty(); ++frames) {
+    if (stop_seen_) {
+      Close(connection);
+      return;
+    }
+    if (frames == kFramesPerTurn) {
+      if (!connection->ready) {
+        connection->ready = true;
+        ready_.push_back(connection);
+      }
+      return;
+    }
+    bool got = false;
+    // A frame that cannot be read leaves the stream at an unknown position,
+    // so the connection is dropped without an answer. No time-out: an idle
+    // client may keep its connection as long as it likes.
+    if (!connection->reader.ReadAvailable(&connection->request, &got).ok()) {
+      Close(connection);
+      return;
+    }
+    if (!got) return;
+    if (!StartCall(connection)) return;
+    FinishCall(connection);
+    if (connection->dead) return;
+  }
+}
+
+bool RpcServer::Loop::StartCall(Connection* connection) {
+  connection->began = Clock::now();
+  connection->response.clear();
+  auto it = shared_->methods.find(connection->request.method);
+  if (it == shared_->methods.end()) {
+    connection->method = nullptr;
+    connection->status = Status::OK();
+    return true;
+  }
+  const Shared::Method* method = &it->second;
+  connection->method = method;
+  switch (method->kind) {
+    case Kind::kInline:
+      connection->status = method->handler(connection->request.payload, &connection->response);
+      return true;
+    case Kind::kAsync:
+      connection->calling = true;
+      ++calls_in_flight_;
+      method->async(connection->request.payload, Reply(connection));
+      return false;
+    case Kind::kBlocking:
+    case Kind::kUnknown:
+      break;
+  }
+  if (!shared_->workers->Submit(keep_, connection)) {
+    connection->status = Status::Corruption("kanrpc: cannot start a worker thread");
+    return true;
+  }
+  connection->calling = true;
+  ++calls_in_flight_;
+  return false;
+}
+
+void RpcServer::Loop::FinishCall(Connection* connection) {
+  connection->calling = false;
+  const Frame& request = connection->request;
+  const Shared::Method* method = connection->method;
+  if (method == nullptr) {
+    connection->counters.CountUnknownMethod();
+    AppendFrame(&connection->out, FrameType::kError, request.request_id, request.method,
+                "unknown method: " + request.method);
+  } else {
+    connection->counters.CountCall(method->index, connection->status.code());
+    if (connection->status.ok()) {
+      AppendFrame(&connection->out, FrameType::kResponse, request.request_id, request.method,
+                  connection->response);
+    } else {
+      AppendFrame(&connection->out, FrameType::kError, request.request_id, request.method,
+                  connection->status.ToString());
+    }
+  }
+  if (!Flush(connection)) return;
+  if (method != nullptr) {
+    connection->counters.CountLatency(
+        method->index,
+        static_cast<uint64_t>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - connection->began).count()));
+  }
+}
+
+bool RpcServer::Loop::Flush(Connection* connection) {
+  std::string& out = connection->out;
+  while (connection->out_done < out.size()) {
+    const ssize_t r =
+        send(connection->fd, out.data() + connection->out_done, out.size() - connection->out_done,
+             MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (r > 0) {
+      connection->out_done += static_cast<size_t>(r);
+      continue;
+    }
+    if (r < 0 && errno == EINTR) continue;
+    if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      // The peer is not reading; the clock runs from the first refusal.
+      if (connection->write_deadline == Clock::time_point()) {
+        connection->write_deadline = Clock::now() + std::chrono::milliseconds(kWriteTimeoutMs);
+      }
+      return true;
+    }
+    Close(connection);
+    return false;
+  }
+  // A large answer must not pin its size until the next one.
+  if (out.capacity() > (1u << 20)) {
+    std::string().swap(out);
+  } else {
+    out.clear();
+  }
+  connection->out_done = 0;
+  connection->write_deadline = Clock::time_point();
   return true;
 }
 
-void RpcServer::ServeConnection(std::shared_ptr<Shared> shared, int fd, Connection* connection_owned) {
-  const std::unique_ptr<Connection> connection(connection_owned);
-  ConnectionCounters* counters = &connection->counters;
-  FrameReader reader(fd);
-  // Reused across requests so that a steady stream of small calls does not
-  // allocate for its frames.
-  Frame request;
-  std::string response;
-  std::string out;
-  while (!shared->stopping.load(std::memory_order_acquire)) {
-    // No time-out: an idle client may keep its connection as long as it
-    // likes. A frame that cannot be read leaves the stream at an unknown
-    // position, so the connection is dropped without an answer.
-    if (!reader.Read(&request, -1).ok()) break;
-    const auto began = std::chrono::steady_clock::now();
-
-    FrameType type = FrameType::kResponse;
-    response.clear();
-    ptrdiff_t method_index = -1;
-    if (!Dispatch(shared.get(), request.method, request.payload, connection.get(), &type, &response,
-                  &method_index)) {
-      break;
-    }
-
-    out.clear();
-    AppendFrame(&out, type, request.request_id, request.method, response);
-    if (!WriteAll(fd, out.data(), out.size(), kWriteTimeoutMs).ok()) break;
-    if (method_index >= 0) {
-      counters->CountLatency(static_cast<size_t>(method_index),
-                             static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                                       std::chrono::steady_clock::now() - began)
-                                                       .count()));
-    }
-  }
+void RpcServer::Loop::Close(Connection* connection) {
+  if (connection->dead) return;
+  connection->dead = true;
   {
-    MutexLock lock(&shared->mu);
-    shared->connections.erase(fd);
-    counters->AddTo(&shared->ended);
+    MutexLock lock(&shared_->mu);
+    shared_->connections.erase(connection->fd);
+    connection->counters.AddTo(&shared_->ended);
   }
-  close(fd);
+  // Removed from the epoll set by the close; freed at the end of the round,
+  // since events of this round may still name it.
+  close(connection->fd);
+  connections_.erase(connection);
+  closed_.push_back(connection);
+}
+
+void RpcServer::Loop::CloseIdleOnStop() {
+  std::vector<Connection*> idle;
+  for (Connection* connection : connections_) {
+    if (!connection->calling) idle.push_back(connection);
+  }
+  for (Connection* connection : idle) Close(connection);
+}
+
+void RpcServer::Loop::DropStalledWriters(Clock::time_point now) {
+  std::vector<Connection*> stalled;
+  for (Connection* connection : connections_) {
+    if (!connection->out.empty() && connection->write_deadline != Clock::time_point() &&
+        now >= connection->write_deadline) {
+      stalled.push_back(connection);
+    }
+  }
+  for (Connection* connection : stalled) Close(connection);
 }
 
 ServerStats RpcServer::Stats() const {
@@ -219,10 +711,9 @@ ServerStats RpcServer::Stats() const {
   out = shared_->ended;
   for (const auto& [fd, connection] : shared_->connections) connection->counters.AddTo(&out);
   out.open_connections = shared_->connections.size();
-  if (shared_->started != std::chrono::steady_clock::time_point()) {
-    out.uptime_ms = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                              std::chrono::steady_clock::now() - shared_->started)
-                                              .count());
+  if (shared_->started != Clock::time_point()) {
+    out.uptime_ms = static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - shared_->started).count());
   }
   return out;
 }
@@ -234,44 +725,25 @@ void RpcServer::Wait() {
 
 void RpcServer::Stop() {
   bool expected = false;
-  // Sequentially consistent, as the connections' in_call flags are: see
-  // Connection.
-  if (!shared_->stopping.compare_exchange_strong(expected, true, std::memory_order_seq_cst)) return;
+  if (!shared_->stopping.compare_exchange_strong(expected, true, std::memory_order_acq_rel)) return;
   const int fd = listen_fd_.load();
   // Shutting the listening socket down fails the blocked accept, which ends
   // the accept loop. The socket is closed only after the join, so that its
   // number cannot be reused under a thread still calling accept on it.
   if (fd >= 0) shutdown(fd, SHUT_RDWR);
-  {
-    MutexLock lock(&join_mu_);
-    if (accept_thread_.joinable()) accept_thread_.join();
-  }
+  MutexLock lock(&join_mu_);
+  if (accept_thread_.joinable()) accept_thread_.join();
   if (fd >= 0) {
     close(fd);
     listen_fd_.store(-1);
   }
-  // Wakes every connection blocked in a read; each then ends on its own.
-  // Only reading is shut down, so a call in flight still sends its answer.
-  // Handlers still running finish their call before Stop returns, so that
-  // the service and store they use may be torn down right after.
-  // The lock is not held across the wait: a handler may take it (Stats).
-  {
-    MutexLock lock(&shared_->mu);
-    for (const auto& [conn, connection] : shared_->connections) shutdown(conn, SHUT_RD);
-  }
-  for (;;) {
-    bool busy = false;
-    {
-      MutexLock lock(&shared_->mu);
-      for (const auto& [conn, connection] : shared_->connections) {
-        if (connection->in_call.load(std::memory_order_seq_cst)) {
-          busy = true;
-          break;
-        }
-      }
-    }
-    if (!busy) return;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  // Every loop closes its idle connections, lets the calls in flight answer
+  // and ends; after the join no handler runs and none will.
+  if (!loops_joined_) {
+    loops_joined_ = true;
+    for (auto& loop : shared_->loops) loop->Wake();
+    for (auto& loop : shared_->loops) loop->Join();
+    shared_->workers->Stop();
   }
 }
 

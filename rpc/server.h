@@ -2,8 +2,18 @@
 #define KANDB_RPC_SERVER_H_
 
 // RpcServer: accepts TCP connections on one IPv4 address and port and serves
-// each on a detached thread of its own: read a request frame, dispatch it by
-// method name, write back a response frame or an error frame, repeat.
+// them from a few event loops (one per processor): read a request frame,
+// dispatch it by method name, write back a response frame or an error frame,
+// repeat. A connection has at most one call in flight; the next frame is read
+// once the answer is on its way, so answers come back in request order.
+//
+// Where a call runs depends on how its method was registered:
+//  - kBlocking (the default): on a pool of worker threads, for handlers that
+//    may wait on a disk sync, the network or a lock held across either;
+//  - kInline: on the event loop itself, for handlers that never wait;
+//  - asynchronous: the handler starts the work on the loop and answers
+//    later, from any thread, through its Reply (a durable write answered by
+//    the engine's commit thread, with no thread parked per call).
 
 #include <atomic>
 #include <chrono>
@@ -13,6 +23,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "common/mutex.h"
 #include "common/status.h"
@@ -27,15 +38,47 @@ namespace kandb::kanrpc {
 // rendered text (Status::ToString) in an error frame and ignores `response`.
 using RawHandler = std::function<Status(const std::string& request, std::string* response)>;
 
+enum class CallMode {
+  kBlocking,  // runs on a worker thread
+  kInline,    // runs on the event loop; must never wait
+};
+
+struct Connection;
+
+// The answer to one asynchronous call. Send it exactly once, from any
+// thread; the connection reads nothing more until it is sent. Copies refer
+// to the same call.
+class Reply {
+ public:
+  explicit Reply(Connection* connection) : connection_(connection) {}
+  // On OK the response payload, else the failure's text in an error frame.
+  void Send(const Status& status, std::string response) const;
+  // The same with a typed response, encoded only on OK.
+  template <class Resp>
+  void Done(const Status& status, const Resp& resp) const {
+    std::string out;
+    if (status.ok()) EncodeTo(resp, &out);
+    Send(status, std::move(out));
+  }
+
+ private:
+  Connection* connection_;
+};
+
+// An asynchronous handler: it must not wait, and answers through `reply`.
+// `request` stays valid until then.
+using AsyncRawHandler = std::function<void(const std::string& request, Reply reply)>;
+
 class RpcServer {
  public:
   // How long a response write may wait for the peer to make room.
   static constexpr int kWriteTimeoutMs = 30000;
   static constexpr int kListenBacklog = 256;
 
-  RpcServer();
-  // Runs Stop. Connection threads still draining keep the method table
-  // alive on their own; they never call a handler after Stop returned.
+  // `loops` event loops serve the connections; 0 means one per processor.
+  explicit RpcServer(size_t loops = 0);
+  // Runs Stop. Idle worker threads still ending keep what they use alive on
+  // their own; they never call a handler after Stop returned.
   ~RpcServer();
   RpcServer(const RpcServer&) = delete;
   RpcServer& operator=(const RpcServer&) = delete;
@@ -52,9 +95,15 @@ class RpcServer {
   // Registration happens before Start; a second registration of a name
   // replaces the first.
   template <class Req, class Resp>
-  void Register(const std::string& method, std::function<Status(const Req&, Resp*)> handler);
+  void Register(const std::string& method, std::function<Status(const Req&, Resp*)> handler,
+                CallMode mode = CallMode::kBlocking);
   // Registers a handler over raw payload bytes, before Start.
-  void RegisterRaw(const std::string& method, RawHandler handler);
+  void RegisterRaw(const std::string& method, RawHandler handler, CallMode mode = CallMode::kBlocking);
+  // Registers an asynchronous handler; the typed form decodes as Register
+  // does (a payload that does not decode is answered at once).
+  template <class Req>
+  void RegisterAsync(const std::string& method, std::function<void(const Req&, Reply)> handler);
+  void RegisterAsyncRaw(const std::string& method, AsyncRawHandler handler);
 
   // Listens on bind_addr (dotted IPv4 only; host names are not resolved) and
   // port, and starts the accept thread. Returns at once. A server starts at
@@ -79,66 +128,20 @@ class RpcServer {
   // that guards the connection list.
   ServerStats Stats() const;
 
-  // Stops accepting, joins the accept thread, shuts every open connection
-  // down and waits until no handler runs any more, so that what handlers
-  // use may be destroyed as soon as Stop returns. A second call does
-  // nothing.
+  // Stops accepting, joins the accept thread, closes every connection
+  // without a call in flight, lets each call in flight finish and send its
+  // answer, and joins the event loops: no handler runs any more and no
+  // answer is pending, so what handlers use may be destroyed as soon as
+  // Stop returns. A second call does nothing.
   void Stop() EXCLUDES(join_mu_);
 
  private:
-  // What a connection's thread owns and what Stop and Stats read of it.
-  struct Connection {
-    explicit Connection(size_t methods) : counters(methods) {}
-    ConnectionCounters counters;
-    // True while a handler runs for this connection. Set before the thread
-    // tests `stopping` and cleared after the handler returns, both with
-    // sequentially consistent order, while Stop sets `stopping` before it
-    // reads these flags: either the call sees `stopping` and is not made,
-    // or Stop sees the flag and waits for it to clear. No lock is taken per
-    // request.
-    std::atomic<bool> in_call{false};
-  };
-
-  // What the accept thread and the detached connection threads share. It is
-  // held by shared pointer so that it outlives the server for as long as any
-  // connection thread runs.
-  struct Shared {
-    struct Method {
-      RawHandler handler;
-      size_t index;  // registration order: where its counters are kept
-    };
-    // Written only before Start, read without locking afterwards: the thread
-    // start in Start orders every registration before every lookup.
-    std::map<std::string, Method, std::less<>> methods;
-    // Written by Start before the accept thread exists, read-only after.
-    std::chrono::steady_clock::time_point started;
-    // False until the first Stop; loops check it before blocking again.
-    std::atomic<bool> stopping{false};
-    // Guards the members below; never held while a handler runs.
-    Mutex mu;
-    // The connections being served, by socket, with their counters (owned
-    // by the connection's thread), so that Stop can shut them down and
-    // Stats can read them. A connection thread removes its entry before
-    // closing the socket, so Stop never touches a descriptor number that
-    // was reused, and before freeing the counters.
-    std::map<int, const Connection*> connections GUARDED_BY(mu);
-    // The counters of the connections that ended (folded in as each one
-    // ends, with the entry's removal) and of the accept thread; `methods`
-    // is sized by Start.
-    ServerStats ended GUARDED_BY(mu);
-  };
+  friend struct Connection;
+  struct Shared;
+  class Loop;
+  class Workers;
 
   static void AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd);
-  // Serves `fd` until it closes; takes ownership of `connection`, which the
-  // accept thread listed under it in `connections`.
-  static void ServeConnection(std::shared_ptr<Shared> shared, int fd, Connection* connection);
-  // Runs the handler of `method` and counts the call in the connection's
-  // counters; false when the server is stopping and the call was not made.
-  // *method_index is the method's registration index, or -1 for an unknown
-  // method.
-  static bool Dispatch(Shared* shared, const std::string& method, const std::string& payload,
-                       Connection* connection, FrameType* type, std::string* response,
-                       ptrdiff_t* method_index);
 
   const std::shared_ptr<Shared> shared_;
   // The listening socket, -1 when closed. Set by Start; Stop shuts it down,
@@ -150,22 +153,38 @@ class RpcServer {
   // Serialises joining the accept thread between Wait and Stop.
   Mutex join_mu_;
   std::thread accept_thread_ GUARDED_BY(join_mu_);
+  // Stop joins the loops once, after the accept thread.
+  bool loops_joined_ GUARDED_BY(join_mu_) = false;
 };
 
 template <class Req, class Resp>
-void RpcServer::Register(const std::string& method,
-                         std::function<Status(const Req&, Resp*)> handler) {
-  RegisterRaw(method, [handler = std::move(handler)](const std::string& request,
-                                                     std::string* response) -> Status {
+void RpcServer::Register(const std::string& method, std::function<Status(const Req&, Resp*)> handler,
+                         CallMode mode) {
+  RegisterRaw(
+      method,
+      [handler = std::move(handler)](const std::string& request, std::string* response) -> Status {
+        Req req;
+        if (!Decode(request.size(), request.data(), &req)) {
+          return Status::InvalidArgument("bad request payload");
+        }
+        Resp resp;
+        Status s = handler(req, &resp);
+        if (!s.ok()) return s;
+        EncodeTo(resp, response);
+        return Status::OK();
+      },
+      mode);
+}
+
+template <class Req>
+void RpcServer::RegisterAsync(const std::string& method, std::function<void(const Req&, Reply)> handler) {
+  RegisterAsyncRaw(method, [handler = std::move(handler)](const std::string& request, Reply reply) {
     Req req;
     if (!Decode(request.size(), request.data(), &req)) {
-      return Status::InvalidArgument("bad request payload");
+      reply.Send(Status::InvalidArgument("bad request payload"), std::string());
+      return;
     }
-    Resp resp;
-    Status s = handler(req, &resp);
-    if (!s.ok()) return s;
-    EncodeTo(resp, response);
-    return Status::OK();
+    handler(req, reply);
   });
 }
 

@@ -14,6 +14,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "common/mutex.h"
@@ -40,6 +41,13 @@ class MetaBackend {
   // Applies `batch` (puts and deletes, in order) as one unit: all of it or
   // none becomes visible, and none of it is lost once this returned OK.
   virtual Status Write(const lsm::WriteBatch& batch) = 0;
+  // The same write, its result handed to `done` once it is known, on
+  // whatever thread learns it. The embedded engine queues the batch and
+  // returns at once; a backend without a queue of its own writes before it
+  // returns (the default).
+  virtual void WriteAsync(lsm::WriteBatch batch, std::function<void(const Status&)> done) {
+    done(Write(batch));
+  }
   // Hands the live pairs of [start, end) to `visit` in key order (an empty
   // `end` means no upper bound), at most `limit` of them, as they are read.
   virtual Status ForEach(const std::string& start, const std::string& end, uint32_t limit,
@@ -64,6 +72,9 @@ class LsmBackend final : public MetaBackend {
     return db_->Get(key, value, found);
   }
   Status Write(const lsm::WriteBatch& batch) override { return db_->Write(batch); }
+  void WriteAsync(lsm::WriteBatch batch, std::function<void(const Status&)> done) override {
+    db_->WriteAsync(std::move(batch), std::move(done));
+  }
   Status ForEach(const std::string& start, const std::string& end, uint32_t limit,
                  const RangeVisitor& visit) override {
     return db_->ForEach(start, end, limit, visit);

@@ -76,6 +76,15 @@ Status MetaStore::Put(std::vector<KeyValue> pairs) { return Write(std::move(pair
 Status MetaStore::Delete(std::vector<std::string> keys) { return Write({}, std::move(keys)); }
 
 Status MetaStore::Write(std::vector<KeyValue> puts, std::vector<std::string> deletes) {
+  return db_->Write(MakeBatch(std::move(puts), std::move(deletes)));
+}
+
+void MetaStore::WriteAsync(std::vector<KeyValue> puts, std::vector<std::string> deletes,
+                           std::function<void(const Status&)> done) {
+  db_->WriteAsync(MakeBatch(std::move(puts), std::move(deletes)), std::move(done));
+}
+
+lsm::WriteBatch MetaStore::MakeBatch(std::vector<KeyValue> puts, std::vector<std::string> deletes) const {
   lsm::WriteBatch batch;
   batch.reserve(puts.size() + deletes.size());
   for (KeyValue& kv : puts) {
@@ -85,7 +94,7 @@ Status MetaStore::Write(std::vector<KeyValue> puts, std::vector<std::string> del
   for (std::string& key : deletes) {
     batch.push_back(lsm::Entry{lsm::kOpDelete, std::move(key), std::string()});
   }
-  return db_->Write(batch);
+  return batch;
 }
 
 Status MetaStore::Scan(const std::string& start, const std::string& end, uint32_t limit,

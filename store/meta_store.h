@@ -68,6 +68,11 @@ class MetaStore {
   Status Delete(std::vector<std::string> keys);
   // One write holding all puts (in order), then all deletions.
   Status Write(std::vector<KeyValue> puts, std::vector<std::string> deletes);
+  // The same write, its result handed to `done` once known (see
+  // MetaBackend::WriteAsync): on the embedded engine this returns at once
+  // and `done` runs on the thread that synced the batch.
+  void WriteAsync(std::vector<KeyValue> puts, std::vector<std::string> deletes,
+                  std::function<void(const Status&)> done);
 
   // Clears *out and appends the live pairs of [start, end) in key order (an
   // empty `end` means no upper bound), at most `limit` of them, values
@@ -105,6 +110,8 @@ class MetaStore {
   bool GetEngineStats(lsm::EngineStats* out) { return db_->GetEngineStats(out); }
 
  private:
+  lsm::WriteBatch MakeBatch(std::vector<KeyValue> puts, std::vector<std::string> deletes) const;
+
   MetaStore(std::unique_ptr<MetaBackend> backend, const StoreCrypto& crypto)
       : db_(std::move(backend)), crypto_(crypto) {}
 
