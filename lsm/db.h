@@ -71,7 +71,23 @@ class LsmDb {
   // batch is synced and visible (or has failed), on the thread of the
   // group's leader: the engine's commit thread, or a Write caller leading
   // that group. `done` must be quick and must not write to this engine.
-  void WriteAsync(WriteBatch batch, std::function<void(const Status&)> done) EXCLUDES(write_queue_mutex_);
+  //
+  // With `defer_lead` the caller promises to call LeadDeferred once it has
+  // queued the rest of what it holds (an event loop, after its pass), and
+  // the commit thread is not woken for this batch meanwhile.
+  void WriteAsync(WriteBatch batch, std::function<void(const Status&)> done, bool defer_lead = false)
+      EXCLUDES(write_queue_mutex_);
+  // Writes the queue as one group on the calling thread when no leader
+  // runs, the queue and the last group each held one write, and the last
+  // group took at most kCallerLeadLimit (a lone client on a quick disk: the
+  // caller's thread saves two hand-offs); otherwise, or for what queued
+  // meanwhile, wakes the commit thread. Calls the callbacks of the caller's
+  // own batches on the calling thread.
+  void LeadDeferred() EXCLUDES(write_queue_mutex_);
+  // The longest a group may have taken for LeadDeferred to lead the next
+  // one itself: a slower disk keeps the caller's thread (an event loop
+  // serving other connections) out of the sync.
+  static constexpr std::chrono::milliseconds kCallerLeadLimit{2};
 
   // Newest version of `key`. A missing or deleted key succeeds with *found
   // false; *value is set only when *found is true.

@@ -82,16 +82,31 @@ TEST_F(DbTest, QueuedWritersShareOneSyncAndItsFailure) {
     Status first;
     std::thread leader([&] { first = db_->Write({Put(p + "leader", "L")}); });
     EXPECT_TRUE(gate.WaitArrived());
+    // Odd followers write asynchronously: they share the group, its sync
+    // and its failure, each answered exactly once.
     std::vector<Status> results(kFollowers);
+    std::atomic<int> answered{0};
     std::vector<std::thread> followers;
     for (int i = 0; i < kFollowers; ++i) {
-      followers.emplace_back([&, i] { results[i] = db_->Write({Put(p + "f" + std::to_string(i), "a"), Put(p + "g", "b")}); });
+      WriteBatch batch = {Put(p + "f" + std::to_string(i), "a"), Put(p + "g", "b")};
+      if (i % 2 == 1) {
+        db_->WriteAsync(batch, [&, i](const Status& s) {
+          results[i] = s;
+          answered++;
+        });
+        continue;
+      }
+      followers.emplace_back([&, i, batch] {
+        results[i] = db_->Write(batch);
+        answered++;
+      });
     }
     EXPECT_TRUE(Eventually([&] { return LsmDbTestPeer(db_.get()).QueuedWriters() == 1 + kFollowers; }));
     if (fail) io_.FailNth(FileOp::kFdatasync, 2);
     gate.Open();
     leader.join();
     for (std::thread& t : followers) t.join();
+    EXPECT_TRUE(Eventually([&] { return answered.load() == kFollowers; }));
     io_.on_fdatasync = nullptr;
 
     EXPECT_TRUE(first.ok()) << first.ToString();

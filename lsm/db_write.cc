@@ -108,7 +108,7 @@ Status LsmDb::Write(const WriteBatch& batch) {
   return own;
 }
 
-void LsmDb::WriteAsync(WriteBatch batch, std::function<void(const Status&)> done) {
+void LsmDb::WriteAsync(WriteBatch batch, std::function<void(const Status&)> done, bool defer_lead) {
   auto* slot = new WriterSlot(std::move(batch), &write_queue_mutex_, std::move(done));
   MutexLock lock(&write_queue_mutex_);
   writers_.push_back(slot);
@@ -116,7 +116,25 @@ void LsmDb::WriteAsync(WriteBatch batch, std::function<void(const Status&)> done
   // last group's coming back, which is what a client waiting for its
   // answer before it writes again does.
   if (last_group_async_) NoteReturningWriter();
-  if (writers_.front() == slot && !leading_) commit_cv_.Signal();
+  if (writers_.front() == slot && !leading_ && !defer_lead) commit_cv_.Signal();
+}
+
+void LsmDb::LeadDeferred() {
+  MutexLock lock(&write_queue_mutex_);
+  if (leading_ || writers_.empty()) return;
+  if (writers_.front()->waiter != nullptr) {
+    // A writer leading for itself is at the front; it is awake or woken.
+    return;
+  }
+  // Only a lone writer, after a lone writer, is led here: with more
+  // writers about, the commit thread gathers them into one group while the
+  // loop goes on reading, and a slow disk never holds the loop up.
+  if (writers_.size() > 1 || last_group_writers_ > 1 || last_group_time_ > kCallerLeadLimit) {
+    commit_cv_.Signal();
+    return;
+  }
+  // No slot of its own: every result went to its writer or callback.
+  (void)LeadGroups(nullptr, 1);
 }
 
 void LsmDb::NoteReturningWriter() {

@@ -257,11 +257,11 @@ Status PdService::UpsertRegion(const pdpb::UpsertRegionRequest& req,
 }
 
 void PdService::UpsertRegionAsync(const pdpb::UpsertRegionRequest& req,
-                                  std::function<void(const Status&)> done) {
+                                  std::function<void(const Status&)> done, bool defer_lead) {
   std::vector<store::KeyValue> puts;
   std::vector<std::string> deletes;
   RegionWrite(req, &puts, &deletes);
-  store_->WriteAsync(std::move(puts), std::move(deletes), std::move(done));
+  store_->WriteAsync(std::move(puts), std::move(deletes), std::move(done), defer_lead);
 }
 
 }  // namespace kandb::meta

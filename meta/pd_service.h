@@ -92,7 +92,10 @@ class PdService {
   Status UpsertRegion(const pdpb::UpsertRegionRequest& req, pdpb::UpsertRegionResponse* resp);
   // The same write without waiting for it: `done` gets its result once the
   // store knows it (see MetaStore::WriteAsync); the response is empty.
-  void UpsertRegionAsync(const pdpb::UpsertRegionRequest& req, std::function<void(const Status&)> done);
+  // With `defer_lead`, the caller calls store's LeadDeferredWrites after
+  // its pass (see MetaStore::WriteAsync).
+  void UpsertRegionAsync(const pdpb::UpsertRegionRequest& req, std::function<void(const Status&)> done,
+                         bool defer_lead = false);
   // Scheduling commands for the regions the reporting store leads.
   Status RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
                          pdpb::RegionHeartbeatResponse* resp) EXCLUDES(heartbeat_mutex_);

@@ -37,8 +37,13 @@ void PdService::RegisterTo(kanrpc::RpcServer* server) {
       kanrpc::CallMode::kInline);
   server->RegisterAsync<pdpb::UpsertRegionRequest>(
       "Pd.UpsertRegion", [this](const pdpb::UpsertRegionRequest& req, kanrpc::Reply reply) {
-        UpsertRegionAsync(req, [reply](const Status& s) { reply.Done(s, pdpb::UpsertRegionResponse{}); });
+        UpsertRegionAsync(
+            req, [reply](const Status& s) { reply.Done(s, pdpb::UpsertRegionResponse{}); },
+            /*defer_lead=*/true);
       });
+  // After a pass that queued upserts, the loop leads their group itself
+  // when the disk has been quick, else hands it to the commit thread.
+  server->SetPassHook([this] { store_->LeadDeferredWrites(); });
   server->Register<pdpb::RegionHeartbeatRequest, pdpb::RegionHeartbeatResponse>(
       "Pd.RegionHeartbeat",
       [this](const pdpb::RegionHeartbeatRequest& req, pdpb::RegionHeartbeatResponse* resp) {

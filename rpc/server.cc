@@ -48,6 +48,8 @@ struct RpcServer::Shared {
   // Written only before Start, read without locking afterwards: the thread
   // starts in Start order every registration before every lookup.
   std::map<std::string, Method, std::less<>> methods;
+  // Set before Start, read-only afterwards.
+  std::function<void()> pass_hook;
   // Written by Start before any thread exists, read-only after.
   Clock::time_point started;
   // False until the first Stop.
@@ -189,6 +191,8 @@ class RpcServer::Loop {
   std::vector<Connection*> inbox_;  // answered calls taken from answered_
   std::vector<int> new_fds_;
   size_t calls_in_flight_ = 0;
+  // An asynchronous call started since the pass hook last ran.
+  bool started_async_ = false;
   bool stop_seen_ = false;
   Clock::time_point next_write_check_;
 };
@@ -214,6 +218,8 @@ void RpcServer::RegisterRaw(const std::string& method, RawHandler handler, CallM
   entry.handler = std::move(handler);
   entry.async = nullptr;
 }
+
+void RpcServer::SetPassHook(std::function<void()> hook) { shared_->pass_hook = std::move(hook); }
 
 void RpcServer::RegisterAsyncRaw(const std::string& method, AsyncRawHandler handler) {
   Shared::Method& entry = shared_->methods.try_emplace(method).first->second;
@@ -496,6 +502,10 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
       CloseIdleOnStop();
       if (calls_in_flight_ == 0) break;
     }
+    if (started_async_) {
+      started_async_ = false;
+      if (shared_->pass_hook) shared_->pass_hook();
+    }
     if (!local_answers_.empty()) {
       std::vector<Connection*> answered;
       answered.swap(local_answers_);
@@ -597,6 +607,7 @@ bool RpcServer::Loop::StartCall(Connection* connection) {
     case Kind::kAsync:
       connection->calling = true;
       ++calls_in_flight_;
+      started_async_ = true;
       method->async(connection->request.payload, Reply(connection));
       return false;
     case Kind::kBlocking:

@@ -105,6 +105,11 @@ class RpcServer {
   void RegisterAsync(const std::string& method, std::function<void(const Req&, Reply)> handler);
   void RegisterAsyncRaw(const std::string& method, AsyncRawHandler handler);
 
+  // Called by an event loop at the end of each pass in which it started an
+  // asynchronous call, before it waits again: where the work those calls
+  // queued is started (one sync for all of them). Set before Start.
+  void SetPassHook(std::function<void()> hook);
+
   // Listens on bind_addr (dotted IPv4 only; host names are not resolved) and
   // port, and starts the accept thread. Returns at once. A server starts at
   // most once: a second Start, or a Start after Stop, fails with

@@ -100,22 +100,38 @@ TEST(ServerTest, AnswersInOrderAndClosesOnUnreadableFrames) {
   }
 }
 
-// Stop (and the destructor) return only once no handler runs, so that what
-// handlers use can be torn down right after; the call in flight still gets
-// its answer, and the connection is closed after it. Stop twice is harmless.
-TEST(ServerTest, StopWaitsForRunningHandlers) {
-  for (bool destroy : {false, true}) {
+// Stop (and the destructor) return only once no handler runs and no
+// asynchronous call waits for its answer, so that what handlers use can be
+// torn down right after; the call in flight still gets its answer, and the
+// connection is closed after it. Stop twice is harmless.
+TEST(ServerTest, StopWaitsForCallsInFlight) {
+  for (int variant = 0; variant < 4; ++variant) {
+    const bool destroy = variant % 2 == 1;
+    const bool async = variant >= 2;
+    SCOPED_TRACE(std::string(async ? "answered from another thread" : "worker thread") +
+                 (destroy ? ", destroyed" : ", stopped"));
     auto server = std::make_unique<RpcServer>();
     Counter entered = std::make_shared<std::atomic<int>>(0);
     Counter release = std::make_shared<std::atomic<int>>(0);
     Counter finished = std::make_shared<std::atomic<int>>(0);
-    server->RegisterRaw("Hold", [entered, release, finished](const std::string& req, std::string* resp) {
+    auto hold = [entered, release, finished](const std::string& req, std::string* resp) {
       entered->store(1);
       while (release->load() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
       *resp = req;
       finished->store(1);
       return Status::OK();
-    });
+    };
+    if (async) {
+      server->RegisterAsyncRaw("Hold", [hold](const std::string& req, Reply reply) {
+        std::thread([hold, req, reply] {
+          std::string resp;
+          const Status s = hold(req, &resp);
+          reply.Send(s, resp);
+        }).detach();
+      });
+    } else {
+      server->RegisterRaw("Hold", hold);
+    }
     ASSERT_TRUE(server->Start(0, "127.0.0.1").ok());
     const int port = server->port();
     Socket conn = ConnectTo(port);

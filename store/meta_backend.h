@@ -45,9 +45,13 @@ class MetaBackend {
   // whatever thread learns it. The embedded engine queues the batch and
   // returns at once; a backend without a queue of its own writes before it
   // returns (the default).
-  virtual void WriteAsync(lsm::WriteBatch batch, std::function<void(const Status&)> done) {
+  // With `defer_lead` the caller promises to call LeadDeferredWrites after
+  // it queued the rest of what it holds (see LsmDb::WriteAsync).
+  virtual void WriteAsync(lsm::WriteBatch batch, std::function<void(const Status&)> done,
+                          bool /*defer_lead*/ = false) {
     done(Write(batch));
   }
+  virtual void LeadDeferredWrites() {}
   // Hands the live pairs of [start, end) to `visit` in key order (an empty
   // `end` means no upper bound), at most `limit` of them, as they are read.
   virtual Status ForEach(const std::string& start, const std::string& end, uint32_t limit,
@@ -72,9 +76,11 @@ class LsmBackend final : public MetaBackend {
     return db_->Get(key, value, found);
   }
   Status Write(const lsm::WriteBatch& batch) override { return db_->Write(batch); }
-  void WriteAsync(lsm::WriteBatch batch, std::function<void(const Status&)> done) override {
-    db_->WriteAsync(std::move(batch), std::move(done));
+  void WriteAsync(lsm::WriteBatch batch, std::function<void(const Status&)> done,
+                  bool defer_lead = false) override {
+    db_->WriteAsync(std::move(batch), std::move(done), defer_lead);
   }
+  void LeadDeferredWrites() override { db_->LeadDeferred(); }
   Status ForEach(const std::string& start, const std::string& end, uint32_t limit,
                  const RangeVisitor& visit) override {
     return db_->ForEach(start, end, limit, visit);

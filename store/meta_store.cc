@@ -80,8 +80,8 @@ Status MetaStore::Write(std::vector<KeyValue> puts, std::vector<std::string> del
 }
 
 void MetaStore::WriteAsync(std::vector<KeyValue> puts, std::vector<std::string> deletes,
-                           std::function<void(const Status&)> done) {
-  db_->WriteAsync(MakeBatch(std::move(puts), std::move(deletes)), std::move(done));
+                           std::function<void(const Status&)> done, bool defer_lead) {
+  db_->WriteAsync(MakeBatch(std::move(puts), std::move(deletes)), std::move(done), defer_lead);
 }
 
 lsm::WriteBatch MetaStore::MakeBatch(std::vector<KeyValue> puts, std::vector<std::string> deletes) const {

@@ -72,7 +72,9 @@ class MetaStore {
   // MetaBackend::WriteAsync): on the embedded engine this returns at once
   // and `done` runs on the thread that synced the batch.
   void WriteAsync(std::vector<KeyValue> puts, std::vector<std::string> deletes,
-                  std::function<void(const Status&)> done);
+                  std::function<void(const Status&)> done, bool defer_lead = false);
+  // After WriteAsync calls with `defer_lead`: see MetaBackend.
+  void LeadDeferredWrites() { db_->LeadDeferredWrites(); }
 
   // Clears *out and appends the live pairs of [start, end) in key order (an
   // empty `end` means no upper bound), at most `limit` of them, values
