@@ -205,7 +205,7 @@ TEST(HostileClientsTest, WellBehavedClientsKeepGettingAnswersWithBoundedMemory) 
                   .ok());
 
   // What the server costs before anyone connects; the bootstrap client's
-  // connection thread is given a moment to end.
+  // connection is given a moment to close.
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   const ProcessStatus baseline = testing::ReadProcessStatus(pid);
   auto probe = std::make_unique<Probe>(server.target(), pid);
@@ -267,8 +267,8 @@ TEST(HostileClientsTest, WellBehavedClientsKeepGettingAnswersWithBoundedMemory) 
   while (connected < kBusyClients) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   const ProcessStatus with_busy = testing::ReadProcessStatus(pid);
 
-  // The stalled announcements: each costs a connection thread and what it
-  // sent, not the 64 MiB it announced.
+  // The stalled announcements: each costs what it sent, not the 64 MiB it
+  // announced.
   const std::string announcement =
       kanrpc::BuildFrame(FrameType::kRequest, 9, "Pd.Tso", std::string(kanrpc::kMaxPayloadLength, 's'))
           .substr(0, kanrpc::kFrameHeaderSize + 6 + 4 + kStalledPayloadSent);

@@ -18,7 +18,7 @@ namespace kandb::lsm {
 
 // A counting semaphore on a plain mutex and condition variable: a waiter
 // sleeps in the kernel at once instead of spinning first, which on a few
-// processors shared by many connection threads costs the leader its time.
+// processors shared by many writer threads costs the leader its time.
 class LsmDb::Waiter {
  public:
   void Wait() {

@@ -85,7 +85,7 @@ class HaServer {
             Status (PdService::*handler)(const Req&, Resp*));
 
   // The term to serve a request with, or null with *refusal set. The term
-  // stays alive until this thread asks again: each connection thread keeps
+  // stays alive until this thread asks again: each worker thread keeps
   // the term it last served with, and takes mu_ only when terms changed,
   // so that a request costs no lock and no shared count of its own.
   Term* Serving(Status* refusal) EXCLUDES(mu_);

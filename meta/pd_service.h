@@ -12,7 +12,7 @@
 // the heartbeat bookkeeping live in memory, each under its own mutex; the
 // three mutexes are never held together and never across a call into
 // another subsystem except the metadata store. Handlers run concurrently on
-// the RPC server's connection threads.
+// the RPC server's event loops and worker threads.
 
 #include <cstdint>
 #include <functional>
@@ -144,7 +144,7 @@ class PdService {
   // Built by Create; follows the store's writes on its own.
   std::unique_ptr<RegionIndex> index_;
   // GetRegion calls answered by the index and by the walk; striped, since
-  // every connection thread counts them.
+  // every event loop counts them.
   StripedCounter index_lookups_;
   StripedCounter walk_lookups_;
 

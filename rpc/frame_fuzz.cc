@@ -1,5 +1,5 @@
 // Fuzz target: the frame reader fed an arbitrary byte stream, as a
-// connection thread of the server reads what a peer sends.
+// server's event loop reads what a peer sends.
 //
 // The input is the whole stream; the peer then closes its side. Frames are
 // read until the first failure, twice: by a read-ahead FrameReader (what the

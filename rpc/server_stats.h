@@ -5,8 +5,8 @@
 // and the latency, the requests for unknown methods, and the connections.
 //
 // The request path counts without sharing a cache line with any other
-// connection: each connection thread owns a ConnectionCounters that only it
-// writes. A statistics call sums the counters of the connections being
+// connection: each connection owns a ConnectionCounters that only its event
+// loop writes. A statistics call sums the counters of the connections being
 // served with the totals of those that ended, into which each connection
 // folds its own as it closes.
 

@@ -21,7 +21,7 @@ using testing::PeerClosed;
 using testing::SendAllOrDie;
 using testing::Socket;
 
-// Handlers may run on connection threads that outlive the test body, so the
+// Handlers may run on worker threads that outlive the test body, so the
 // state they touch is held by shared pointer.
 using Counter = std::shared_ptr<std::atomic<int>>;
 

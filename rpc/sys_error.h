@@ -6,7 +6,7 @@
 namespace kandb::kanrpc {
 
 // The system's text for an errno value, safe to call from any thread
-// (connection threads report failures concurrently).
+// (event loops and workers report failures concurrently).
 std::string ErrnoText(int err);
 
 }  // namespace kandb::kanrpc
