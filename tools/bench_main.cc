@@ -1,19 +1,34 @@
 // kandb-meta-bench: a closed-loop load generator for the placement-driver
-// server. Each connection is one thread with its own client that sends the
-// next request as soon as the previous answer arrived. Every answer is
+// server. Every connection keeps exactly one request outstanding and sends
+// the next as soon as the previous answer arrived. The connections are driven
+// by a few threads (--threads, one by default), each running one event loop
+// over non-blocking sockets for its share, so that the load generator takes
+// little of the CPU it shares with the server it measures. Every answer is
 // checked: timestamps increase, identifier ranges never overlap, the routed
 // region covers the key. It prints a progress line each second on standard
 // error and a final report (or --json) on standard output, and exits with
 // status 1 when any call failed or any answer was wrong.
 
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <random>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -21,12 +36,16 @@
 
 #include "pdpb/messages.h"
 #include "rpc/client.h"
+#include "rpc/frame.h"
+#include "rpc/sys_error.h"
 #include "tools/command_line.h"
 #include "tools/latency.h"
 #include "tools/text.h"
 
 namespace kandb::tools {
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 constexpr char kProgram[] = "kandb-meta-bench";
 // Region records per preload request: large enough to load 100,000 regions
@@ -49,6 +68,7 @@ struct Config {
   std::string addr = "127.0.0.1:2379";
   std::string method = "tso";
   uint64_t conns = 1;
+  uint64_t threads = 1;
   std::string duration;
   uint64_t requests = 0;
   uint64_t preload = 0;
@@ -110,106 +130,504 @@ struct MethodStats {
   uint64_t errors = 0;
 };
 
-// One connection: its client, its own tallies, and what it checks.
+// Splits "host:port" at the last colon; a bracketed host ("[::1]") loses its
+// brackets. False when either part is missing.
+bool SplitHostPort(const std::string& target, std::string* host, std::string* port) {
+  const size_t colon = target.rfind(':');
+  if (colon == std::string::npos || colon == 0 || colon + 1 == target.size()) return false;
+  std::string h = target.substr(0, colon);
+  if (h.size() >= 2 && h.front() == '[' && h.back() == ']') h = h.substr(1, h.size() - 2);
+  if (h.empty()) return false;
+  *host = std::move(h);
+  *port = target.substr(colon + 1);
+  return true;
+}
+
+// The servers of --addr: one, or those of a replicated cluster.
+std::vector<std::string> SplitTargets(const std::string& addr) {
+  std::vector<std::string> targets;
+  size_t start = 0;
+  for (;;) {
+    const size_t comma = addr.find(',', start);
+    targets.push_back(addr.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
+    if (comma == std::string::npos) return targets;
+    start = comma + 1;
+  }
+}
+
+struct Address {
+  int family = 0;
+  int protocol = 0;
+  sockaddr_storage addr = {};
+  socklen_t length = 0;
+};
+
+// The addresses of "host:port", in the resolver's order; none when the
+// target does not parse or resolve.
+std::vector<Address> Resolve(const std::string& target) {
+  std::vector<Address> addresses;
+  std::string host, port;
+  if (!SplitHostPort(target, &host, &port)) return addresses;
+  addrinfo hints = {};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_NUMERICSERV;
+  addrinfo* list = nullptr;
+  if (getaddrinfo(host.c_str(), port.c_str(), &hints, &list) != 0) return addresses;
+  for (const addrinfo* ai = list; ai != nullptr; ai = ai->ai_next) {
+    if (ai->ai_addrlen > sizeof(sockaddr_storage)) continue;
+    Address a;
+    a.family = ai->ai_family;
+    a.protocol = ai->ai_protocol;
+    std::memcpy(&a.addr, ai->ai_addr, ai->ai_addrlen);
+    a.length = ai->ai_addrlen;
+    addresses.push_back(a);
+  }
+  freeaddrinfo(list);
+  return addresses;
+}
+
+class Connection;
+
+// One driver thread's event loop over its share of the connections. The
+// loop sleeps in epoll_wait until a socket is ready or the earliest time at
+// which some connection has to act (a time-out, the end of a pause). From Run
+// on, only the driver's thread touches it and its connections; their tallies
+// are read once the thread has been joined.
+class Driver {
+ public:
+  Driver() = default;
+  ~Driver() {
+    if (epoll_fd_ >= 0) close(epoll_fd_);
+  }
+  Driver(const Driver&) = delete;
+  Driver& operator=(const Driver&) = delete;
+
+  Status Open() {
+    epoll_fd_ = epoll_create1(EPOLL_CLOEXEC);
+    if (epoll_fd_ < 0) return Status::Corruption("epoll_create1: " + kanrpc::ErrnoText(errno));
+    return Status::OK();
+  }
+  void Add(Connection* connection);
+  // Runs every connection until each has finished: the run is over, or the
+  // request budget is used up.
+  void Run();
+
+  int epoll_fd() const { return epoll_fd_; }
+  // A connection has to act at `when` unless a socket event comes first.
+  void WakeAt(Clock::time_point when) { next_check_ = std::min(next_check_, when); }
+  void Finished() { --active_; }
+
+ private:
+  int epoll_fd_ = -1;
+  std::vector<Connection*> connections_;
+  size_t active_ = 0;  // connections not finished
+  // No connection's deadline is earlier: the time at which to look at them.
+  Clock::time_point next_check_ = Clock::time_point::max();
+};
+
+// One connection with exactly one request outstanding: it sends a request,
+// checks the answer when its socket has it whole, and sends the next at once.
+// Only its driver's thread touches it while the load runs.
+//
+// Every failed call closes the socket, as the blocking client drops its
+// connection after a failure, and the next call connects again after a
+// pause; so no socket is open while a connection pauses or has finished.
 class Connection {
  public:
   Connection(const Config& config, const Regions& regions, Shared* shared, uint64_t seed)
-      : config_(config), regions_(regions), shared_(shared), random_(seed) {
-    kanrpc::RpcClientOptions options;
-    options.timeout_ms = static_cast<int32_t>(config.timeout_ms);
-    options.attempts = 1;
-    client_ = std::make_unique<kanrpc::RpcClient>(config.addr, options);
-  }
+      : config_(config), regions_(regions), shared_(shared), random_(seed), targets_(SplitTargets(config.addr)) {}
+  ~Connection() { CloseSocket(); }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
 
+  void set_driver(Driver* driver) { driver_ = driver; }
   // A region of its own for upsert-region without preloaded regions.
   void set_own_region(uint64_t id) { own_region_ = id; }
 
-  void Run() {
-    std::uniform_int_distribution<int> percent(0, 99);
-    while (!shared_->stop.load(std::memory_order_relaxed)) {
-      if (config_.requests > 0 && shared_->budget.fetch_sub(1) <= 0) break;
-      Method method = config_.single;
-      if (config_.mix) {
-        int roll = percent(random_);
-        int m = 0;
-        while (roll >= kMixWeights[m]) roll -= kMixWeights[m++];
-        method = static_cast<Method>(m);
-      }
-      const auto start = std::chrono::steady_clock::now();
-      Status s = Issue(method);
-      const auto nanos = std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start);
-      stats_[method].latency.Record(static_cast<uint64_t>(nanos.count()));
-      shared_->done.fetch_add(1, std::memory_order_relaxed);
-      if (!s.ok()) {
-        stats_[method].errors++;
-        shared_->errors.fetch_add(1, std::memory_order_relaxed);
-        shared_->Keep(std::string(kMethodNames[method]) + ": " + s.message());
-        // A server that is gone would otherwise be hammered in a tight loop.
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      }
+  // Claims and sends the next request, or finishes when the run is over.
+  void Next(Clock::time_point now) {
+    if (shared_->stop.load(std::memory_order_relaxed) ||
+        (config_.requests > 0 && shared_->budget.fetch_sub(1) <= 0)) {
+      CloseSocket();
+      state_ = State::kFinished;
+      driver_->Finished();
+      return;
     }
+    method_ = config_.single;
+    if (config_.mix) {
+      int roll = percent_(random_);
+      int m = 0;
+      while (roll >= kMixWeights[m]) roll -= kMixWeights[m++];
+      method_ = static_cast<Method>(m);
+    }
+    request_.clear();
+    BuildRequest();
+    start_ = now;
+    redirects_ = 0;
+    Attempt(now);
+  }
+
+  // The socket is ready; what to do depends on what the connection waits for.
+  void OnReady(Clock::time_point now) {
+    switch (state_) {
+      case State::kConnecting:
+        FinishConnect(now);
+        return;
+      case State::kSending:
+        Flush(now);
+        return;
+      case State::kAwaiting:
+        Receive(now);
+        return;
+      case State::kPaused:
+      case State::kFinished:
+        return;
+    }
+  }
+
+  // Acts when the deadline of its wait has passed, and tells the driver the
+  // next one.
+  void CheckDeadline(Clock::time_point now) {
+    if (state_ == State::kFinished) return;
+    if (now >= deadline_) {
+      switch (state_) {
+        case State::kPaused:
+          Next(now);
+          break;
+        case State::kConnecting:
+          CloseSocket();
+          ConnectNextAddress(now);
+          break;
+        case State::kSending:
+        case State::kAwaiting:
+          Failed("kanrpc: io timeout", now);
+          break;
+        case State::kFinished:
+          break;
+      }
+      return;  // every transition above set a new deadline or finished
+    }
+    driver_->WakeAt(deadline_);
   }
 
   const MethodStats& stats(Method m) const { return stats_[m]; }
   const std::vector<std::pair<uint64_t, uint64_t>>& id_ranges() const { return id_ranges_; }
 
  private:
+  enum class State {
+    kConnecting,  // a non-blocking connect is under way
+    kSending,     // the request did not fit the socket at once
+    kAwaiting,    // the request is sent; the answer is due
+    kPaused,      // after a failed call, before the next one
+    kFinished,
+  };
+
+  // Waits of every kind are bounded by the time-out; a pause by its length.
+  void SetDeadline(Clock::time_point when) {
+    deadline_ = when;
+    driver_->WakeAt(when);
+  }
+  void SetTimeout(Clock::time_point now) { SetDeadline(now + std::chrono::milliseconds(config_.timeout_ms)); }
+
+  // One attempt of the call: on the open connection, or on a new one.
+  void Attempt(Clock::time_point now) {
+    reached_ = fd_ >= 0;
+    if (fd_ >= 0) {
+      Send(now);
+      return;
+    }
+    addresses_ = Resolve(targets_[current_]);
+    next_address_ = 0;
+    ConnectNextAddress(now);
+  }
+
+  // Tries the target's addresses in turn until one accepts.
+  void ConnectNextAddress(Clock::time_point now) {
+    while (next_address_ < addresses_.size()) {
+      const Address& a = addresses_[next_address_++];
+      const int fd = socket(a.family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, a.protocol);
+      if (fd < 0) continue;
+      fd_ = fd;
+      if (connect(fd, reinterpret_cast<const sockaddr*>(&a.addr), a.length) == 0) {
+        Connected(now);
+        return;
+      }
+      if (errno == EINPROGRESS && Watch(EPOLLOUT)) {
+        state_ = State::kConnecting;
+        SetTimeout(now);
+        return;
+      }
+      CloseSocket();
+    }
+    Failed("cannot connect to " + targets_[current_], now);
+  }
+
+  void FinishConnect(Clock::time_point now) {
+    int error = 0;
+    socklen_t length = sizeof(error);
+    if (getsockopt(fd_, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
+      CloseSocket();
+      ConnectNextAddress(now);
+      return;
+    }
+    Connected(now);
+  }
+
+  void Connected(Clock::time_point now) {
+    const int one = 1;
+    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    reader_.Reset(fd_);
+    reached_ = true;
+    Send(now);
+  }
+
+  // Frames the request under a new id; each attempt has its own, as the
+  // blocking client numbers them.
+  void Send(Clock::time_point now) {
+    request_id_ = next_request_id_++;
+    out_.clear();
+    sent_ = 0;
+    kanrpc::AppendFrame(&out_, kanrpc::FrameType::kRequest, request_id_, kRpcNames[method_], request_);
+    state_ = State::kSending;
+    Flush(now);
+  }
+
+  void Flush(Clock::time_point now) {
+    SetTimeout(now);
+    while (sent_ < out_.size()) {
+      const ssize_t n = send(fd_, out_.data() + sent_, out_.size() - sent_, MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (n > 0) {
+        sent_ += static_cast<size_t>(n);
+        continue;
+      }
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        if (!Watch(EPOLLOUT)) Failed("epoll_ctl: " + kanrpc::ErrnoText(errno), now);
+        return;
+      }
+      Failed(n == 0 ? "kanrpc: connection closed" : "kanrpc io: " + kanrpc::ErrnoText(errno), now);
+      return;
+    }
+    if (!Watch(EPOLLIN)) {
+      Failed("epoll_ctl: " + kanrpc::ErrnoText(errno), now);
+      return;
+    }
+    state_ = State::kAwaiting;
+  }
+
+  // Checks the answer as the blocking client does: the id of the request
+  // outstanding, then the frame type, then the payload.
+  void Receive(Clock::time_point now) {
+    const size_t buffered = reader_.buffered();
+    bool got = false;
+    Status s = reader_.ReadAvailable(&answer_, &got);
+    if (!s.ok()) {
+      Failed(s.message(), now);
+      return;
+    }
+    if (!got) {
+      // Part of a frame arrived: the wait starts over, as each wait of the
+      // blocking client's read is bounded on its own.
+      if (reader_.buffered() > buffered) SetTimeout(now);
+      return;
+    }
+    if (answer_.request_id != request_id_) {
+      Failed("kanrpc: request id mismatch", now);
+      return;
+    }
+    switch (answer_.type) {
+      case kanrpc::FrameType::kResponse:
+        break;
+      case kanrpc::FrameType::kError:
+        Failed("remote: " + answer_.payload, now);
+        return;
+      default:
+        Failed("kanrpc: bad frame type", now);
+        return;
+    }
+    if (!CheckAnswer()) {
+      // The call went through, so the next goes to the same server, on a
+      // new connection as after any failure.
+      CloseSocket();
+      Complete("kanrpc: bad response payload", now);
+      return;
+    }
+    Complete("", now);
+  }
+
+  // A failed attempt. Within a cluster, the call follows a redirect to the
+  // leader at once, and any other failure moves the next call on, as the
+  // blocking client does with one attempt.
+  void Failed(const std::string& failure, Clock::time_point now) {
+    CloseSocket();
+    if (targets_.size() > 1 && ChooseNextTarget(failure) && redirects_ < targets_.size()) {
+      ++redirects_;
+      Attempt(now);
+      return;
+    }
+    Complete(failure, now);
+  }
+
+  // True when the failure named the leader, which becomes the target.
+  bool ChooseNextTarget(const std::string& failure) {
+    const std::string_view text = failure;
+    constexpr std::string_view kNotLeader = "remote: Unavailable: not leader; ";
+    constexpr std::string_view kLeaderAt = "leader at ";
+    const bool refused = text.starts_with(kNotLeader);
+    if (refused && text.substr(kNotLeader.size()).starts_with(kLeaderAt)) {
+      const std::string leader(text.substr(kNotLeader.size() + kLeaderAt.size()));
+      auto it = std::find(targets_.begin(), targets_.end(), leader);
+      if (it == targets_.end()) it = targets_.insert(targets_.end(), leader);
+      current_ = static_cast<size_t>(it - targets_.begin());
+      return true;
+    }
+    // A server that could not be reached, broke off or knows no leader: the
+    // next call tries the next one. A server that refused the request keeps it.
+    if (refused || !reached_ || !text.starts_with("remote: ")) current_ = (current_ + 1) % targets_.size();
+    return false;
+  }
+
+  // The call is over: its latency is recorded and, after a failure, the
+  // next waits out a pause so that a server that is gone is not hammered.
+  void Complete(const std::string& failure, Clock::time_point now) {
+    const auto nanos = std::chrono::duration_cast<std::chrono::nanoseconds>(now - start_);
+    stats_[method_].latency.Record(static_cast<uint64_t>(nanos.count()));
+    shared_->done.fetch_add(1, std::memory_order_relaxed);
+    if (failure.empty()) {
+      Next(now);
+      return;
+    }
+    stats_[method_].errors++;
+    shared_->errors.fetch_add(1, std::memory_order_relaxed);
+    shared_->Keep(std::string(kMethodNames[method_]) + ": " + failure);
+    state_ = State::kPaused;
+    SetDeadline(now + std::chrono::milliseconds(10));
+  }
+
+  // Polls the socket for `events`; false when epoll refused (errno says why).
+  bool Watch(uint32_t events) {
+    if (watched_ == events) return true;
+    epoll_event event = {};
+    event.events = events;
+    event.data.ptr = this;
+    if (epoll_ctl(driver_->epoll_fd(), watched_ == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, fd_, &event) != 0) {
+      return false;
+    }
+    watched_ = events;
+    return true;
+  }
+
+  void CloseSocket() {
+    if (fd_ < 0) return;
+    close(fd_);  // which also takes it out of the epoll set
+    fd_ = -1;
+    watched_ = 0;
+    reader_.Reset(-1);
+  }
+
   void CheckFailed(const std::string& what) {
     shared_->check_failures.fetch_add(1, std::memory_order_relaxed);
     shared_->Keep("check: " + what);
   }
 
-  Status Issue(Method method) {
-    switch (method) {
+  // Encodes the request of method_ into request_, noting what its answer
+  // is checked against.
+  void BuildRequest() {
+    switch (method_) {
       case kTso:
-        return Tso();
+        tso_seen_before_ = shared_->tso_high.load();
+        EncodeTo(pdpb::TsoRequest{static_cast<uint32_t>(config_.count)}, &request_);
+        return;
       case kAllocId:
-        return AllocId();
+        EncodeTo(pdpb::AllocIdRequest{static_cast<uint32_t>(config_.count)}, &request_);
+        return;
       case kGetRegion:
-        return GetRegion();
+        key_ = RandomKey();
+        EncodeTo(pdpb::GetRegionRequest{key_}, &request_);
+        return;
       case kUpsertRegion:
-        return UpsertRegion();
+        EncodeTo(UpsertRequest(), &request_);
+        return;
       case kHeartbeat:
-        return Heartbeat();
+        EncodeTo(HeartbeatRequest(), &request_);
+        return;
+      case kMethodCount:
+        return;
+    }
+  }
+
+  // Decodes and checks the answer in answer_; false when it does not decode.
+  bool CheckAnswer() {
+    const std::string& payload = answer_.payload;
+    switch (method_) {
+      case kTso: {
+        pdpb::TsoResponse response;
+        if (!Decode(payload.size(), payload.data(), &response)) return false;
+        CheckTso(response);
+        return true;
+      }
+      case kAllocId: {
+        pdpb::AllocIdResponse response;
+        if (!Decode(payload.size(), payload.data(), &response)) return false;
+        const uint64_t n = std::max<uint64_t>(1, config_.count);
+        if (response.count != n) CheckFailed("alloc-id answered count " + std::to_string(response.count));
+        // Overlaps across connections are found at the end, when all ranges are known.
+        id_ranges_.emplace_back(response.first_id, response.count);
+        return true;
+      }
+      case kGetRegion: {
+        pdpb::GetRegionResponse response;
+        if (!Decode(payload.size(), payload.data(), &response)) return false;
+        CheckRoute(response);
+        return true;
+      }
+      case kUpsertRegion: {
+        pdpb::UpsertRegionResponse response;
+        return Decode(payload.size(), payload.data(), &response);
+      }
+      case kHeartbeat: {
+        pdpb::RegionHeartbeatResponse response;
+        if (!Decode(payload.size(), payload.data(), &response)) return false;
+        for (const pdpb::ScheduleCommand& command : response.commands) {
+          if (command.region_id != heartbeat_region_) {
+            CheckFailed("heartbeat for region " + std::to_string(heartbeat_region_) +
+                        " answered a command for region " + std::to_string(command.region_id));
+          }
+        }
+        return true;
+      }
       case kMethodCount:
         break;
     }
-    return Status::OK();
+    return true;
   }
 
-  Status Tso() {
-    pdpb::TsoRequest request{static_cast<uint32_t>(config_.count)};
-    const uint64_t seen_before = shared_->tso_high.load();
-    pdpb::TsoResponse response;
-    Status s = client_->Call(kRpcNames[kTso], request, &response);
-    if (!s.ok()) return s;
+  void CheckTso(const pdpb::TsoResponse& response) {
     const uint64_t n = std::max<uint64_t>(1, config_.count);
     if (response.count != n) CheckFailed("tso answered count " + std::to_string(response.count));
     if (response.timestamp <= last_timestamp_) {
       CheckFailed("timestamp " + std::to_string(response.timestamp) + " not above this connection's previous " +
                   std::to_string(last_timestamp_));
     }
-    if (response.timestamp <= seen_before) {
+    if (response.timestamp <= tso_seen_before_) {
       CheckFailed("timestamp " + std::to_string(response.timestamp) + " not above " +
-                  std::to_string(seen_before) + ", answered before the request was sent");
+                  std::to_string(tso_seen_before_) + ", answered before the request was sent");
     }
     last_timestamp_ = response.timestamp + n - 1;
     uint64_t high = shared_->tso_high.load();
     while (high < last_timestamp_ && !shared_->tso_high.compare_exchange_weak(high, last_timestamp_)) {
     }
-    return Status::OK();
   }
 
-  Status AllocId() {
-    pdpb::AllocIdRequest request{static_cast<uint32_t>(config_.count)};
-    pdpb::AllocIdResponse response;
-    Status s = client_->Call(kRpcNames[kAllocId], request, &response);
-    if (!s.ok()) return s;
-    const uint64_t n = std::max<uint64_t>(1, config_.count);
-    if (response.count != n) CheckFailed("alloc-id answered count " + std::to_string(response.count));
-    // Overlaps across connections are found at the end, when all ranges are known.
-    id_ranges_.emplace_back(response.first_id, response.count);
-    return Status::OK();
+  void CheckRoute(const pdpb::GetRegionResponse& response) {
+    const pdpb::Region& r = response.region;
+    const bool covers =
+        (r.start_key.empty() || r.start_key <= key_) && (r.end_key.empty() || key_ < r.end_key);
+    if (!covers) CheckFailed("region " + std::to_string(r.id) + " does not cover key " + EscapeBytes(key_));
+    if (!r.peers.empty() && !(response.leader == r.peers[0])) {
+      CheckFailed("leader of region " + std::to_string(r.id) + " is not its first peer");
+    }
   }
 
   std::string RandomKey() {
@@ -224,22 +642,7 @@ class Connection {
     return "bench/key/" + std::to_string(random_());
   }
 
-  Status GetRegion() {
-    pdpb::GetRegionRequest request{RandomKey()};
-    pdpb::GetRegionResponse response;
-    Status s = client_->Call(kRpcNames[kGetRegion], request, &response);
-    if (!s.ok()) return s;
-    const pdpb::Region& r = response.region;
-    const bool covers = (r.start_key.empty() || r.start_key <= request.key) &&
-                        (r.end_key.empty() || request.key < r.end_key);
-    if (!covers) CheckFailed("region " + std::to_string(r.id) + " does not cover key " + EscapeBytes(request.key));
-    if (!r.peers.empty() && !(response.leader == r.peers[0])) {
-      CheckFailed("leader of region " + std::to_string(r.id) + " is not its first peer");
-    }
-    return Status::OK();
-  }
-
-  Status UpsertRegion() {
+  pdpb::UpsertRegionRequest UpsertRequest() {
     pdpb::UpsertRegionRequest request;
     if (regions_.tiles > 0) {
       // Rewrites a tile with the same range and a later version, so that
@@ -255,42 +658,91 @@ class Connection {
       region.peers.push_back(pdpb::Peer{own_region_ + 1, kBenchStoreId, 0});
       request.regions.push_back(std::move(region));
     }
-    pdpb::UpsertRegionResponse response;
-    return client_->Call(kRpcNames[kUpsertRegion], request, &response);
+    return request;
   }
 
-  Status Heartbeat() {
+  pdpb::RegionHeartbeatRequest HeartbeatRequest() {
     pdpb::RegionHeartbeatRequest request;
     request.store_id = kBenchStoreId;
     pdpb::RegionHeartbeatEntry entry;
-    uint64_t region_id = regions_.first_id;
-    if (regions_.tiles > 0) region_id += random_() % regions_.tiles;
-    entry.region_id = region_id;
+    heartbeat_region_ = regions_.first_id;
+    if (regions_.tiles > 0) heartbeat_region_ += random_() % regions_.tiles;
+    entry.region_id = heartbeat_region_;
     entry.member_store_ids = {kBenchStoreId};
     request.regions.push_back(entry);
-    pdpb::RegionHeartbeatResponse response;
-    Status s = client_->Call(kRpcNames[kHeartbeat], request, &response);
-    if (!s.ok()) return s;
-    for (const pdpb::ScheduleCommand& command : response.commands) {
-      if (command.region_id != region_id) {
-        CheckFailed("heartbeat for region " + std::to_string(region_id) + " answered a command for region " +
-                    std::to_string(command.region_id));
-      }
-    }
-    return Status::OK();
+    return request;
   }
 
   const Config& config_;
   const Regions& regions_;
   Shared* const shared_;
+  Driver* driver_ = nullptr;
   std::mt19937_64 random_;
-  std::unique_ptr<kanrpc::RpcClient> client_;
+  std::uniform_int_distribution<int> percent_{0, 99};
+
+  // The servers calls may go to, and the one they go to.
+  std::vector<std::string> targets_;
+  size_t current_ = 0;
+  // The addresses of the target being connected, and the next to try.
+  std::vector<Address> addresses_;
+  size_t next_address_ = 0;
+  int fd_ = -1;
+  uint32_t watched_ = 0;  // epoll events the socket is registered for; 0 when it is not
+  kanrpc::FrameReader reader_{-1};
+
+  State state_ = State::kPaused;
+  Clock::time_point deadline_;
+  // The call under way: its method, encoded request, start, and the
+  // attempt on the wire.
+  Method method_ = kTso;
+  std::string request_;
+  Clock::time_point start_;
+  size_t redirects_ = 0;
+  bool reached_ = false;  // this attempt got a connection
+  uint64_t next_request_id_ = 1;
+  uint64_t request_id_ = 0;
+  std::string out_;  // the framed request
+  size_t sent_ = 0;  // bytes of out_ the socket took
+  kanrpc::Frame answer_;
+  // What the answer is checked against.
+  uint64_t tso_seen_before_ = 0;
+  std::string key_;
+  uint64_t heartbeat_region_ = 0;
+
   MethodStats stats_[kMethodCount];
   uint64_t last_timestamp_ = 0;
   uint64_t version_ = 1;
   uint64_t own_region_ = 0;
   std::vector<std::pair<uint64_t, uint64_t>> id_ranges_;  // first id, count
 };
+
+void Driver::Add(Connection* connection) {
+  connection->set_driver(this);
+  connections_.push_back(connection);
+}
+
+void Driver::Run() {
+  active_ = connections_.size();
+  for (Connection* c : connections_) c->Next(Clock::now());
+  epoll_event events[64];
+  while (active_ > 0) {
+    Clock::time_point now = Clock::now();
+    if (now >= next_check_) {
+      next_check_ = Clock::time_point::max();
+      for (Connection* c : connections_) c->CheckDeadline(now);
+      if (active_ == 0) break;
+    }
+    // Rounded up, so that the loop does not wake just before the deadline.
+    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(next_check_ - now).count();
+    const int n = epoll_wait(epoll_fd_, events, static_cast<int>(std::size(events)),
+                             static_cast<int>(std::min<int64_t>(wait, INT32_MAX)));
+    if (n < 0 && errno != EINTR) {
+      std::fprintf(stderr, "%s: epoll_wait: %s\n", kProgram, kanrpc::ErrnoText(errno).c_str());
+      std::abort();
+    }
+    for (int i = 0; i < n; ++i) static_cast<Connection*>(events[i].data.ptr)->OnReady(Clock::now());
+  }
+}
 
 Status AllocIds(kanrpc::RpcClient* client, uint64_t count, uint64_t* first) {
   pdpb::AllocIdResponse response;
@@ -392,7 +844,9 @@ int Main(int argc, char** argv) {
   cl.AddString("addr", &config.addr, "server address HOST:PORT, or the servers of a replicated cluster H1:P1,H2:P2,... (default 127.0.0.1:2379)");
   cl.AddString("method", &config.method,
                "tso, alloc-id, get-region, upsert-region, heartbeat or mix (default tso)");
-  cl.AddUint("conns", &config.conns, 4096, "connections, one thread each (default 1)");
+  cl.AddUint("conns", &config.conns, 4096, "connections, each with one request outstanding (default 1)");
+  cl.AddUint("threads", &config.threads, 4096,
+             "threads driving the connections, one event loop each (default 1, at most --conns)");
   cl.AddString("duration", &config.duration, "how long to run, e.g. 500ms, 3s, 2m (default 10s)");
   cl.AddUint("requests", &config.requests, INT64_MAX, "stop after this many requests in all instead");
   cl.AddUint("preload-regions", &config.preload, UINT32_MAX / 2,
@@ -421,6 +875,7 @@ int Main(int argc, char** argv) {
     config.single = static_cast<Method>(it - std::begin(kMethodNames));
   }
   if (config.conns == 0) return usage_error("--conns must be at least 1");
+  if (config.threads == 0) return usage_error("--threads must be at least 1");
   if (!config.duration.empty() && config.requests > 0) return usage_error("give --duration or --requests, not both");
   if (!config.duration.empty()) {
     Status s = ParseDurationMillis(config.duration, &config.duration_ms);
@@ -457,9 +912,21 @@ int Main(int argc, char** argv) {
     for (uint64_t i = 0; i < config.conns; ++i) connections[i]->set_own_region(first + 2 * i);
   }
 
+  // Connection i runs on driver i mod the thread count.
+  std::vector<std::unique_ptr<Driver>> drivers;
+  for (uint64_t i = 0; i < std::min(config.threads, config.conns); ++i) {
+    drivers.push_back(std::make_unique<Driver>());
+    s = drivers.back()->Open();
+    if (!s.ok()) {
+      std::fprintf(stderr, "%s: setup failed: %s\n", kProgram, s.message().c_str());
+      return kExitUsage;
+    }
+  }
+  for (uint64_t i = 0; i < config.conns; ++i) drivers[i % drivers.size()]->Add(connections[i].get());
+
   const auto start = std::chrono::steady_clock::now();
   std::vector<std::thread> threads;
-  for (auto& c : connections) threads.emplace_back([conn = c.get()] { conn->Run(); });
+  for (auto& d : drivers) threads.emplace_back([driver = d.get()] { driver->Run(); });
 
   // Progress once a second until the duration is over or the request budget
   // is used up.

@@ -42,8 +42,8 @@ class BenchTest : public ::testing::Test {
 };
 
 TEST_F(BenchTest, TwoSecondsOfMixedLoadOverPreloadedRegionsWithoutAnError) {
-  ProgramResult r = Bench({"--method", "mix", "--conns", "4", "--duration", "2s", "--preload-regions", "2500",
-                           "--json"});
+  ProgramResult r = Bench({"--method", "mix", "--conns", "4", "--threads", "2", "--duration", "2s",
+                           "--preload-regions", "2500", "--json"});
   ASSERT_EQ(ExitCode(r), 0) << r.out << r.err;
   const json report = json::parse(r.out, nullptr, false);
   ASSERT_FALSE(report.is_discarded()) << r.out;
@@ -67,7 +67,8 @@ TEST_F(BenchTest, TwoSecondsOfMixedLoadOverPreloadedRegionsWithoutAnError) {
 }
 
 TEST_F(BenchTest, RequestCountBoundsTheRunAndIdentifierBatchesNeverOverlap) {
-  ProgramResult r = Bench({"--method", "alloc-id", "--conns", "8", "--requests", "400", "--count", "3"});
+  ProgramResult r =
+      Bench({"--method", "alloc-id", "--conns", "8", "--threads", "3", "--requests", "400", "--count", "3"});
   ASSERT_EQ(ExitCode(r), 0) << r.out << r.err;
   EXPECT_EQ(r.out.rfind("kandb-meta-bench: alloc-id against " + server_.target() + ", 8 connections, ", 0), 0u)
       << r.out;
