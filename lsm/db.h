@@ -78,10 +78,10 @@ class LsmDb {
   void WriteAsync(WriteBatch batch, std::function<void(const Status&)> done, bool defer_lead = false)
       EXCLUDES(write_queue_mutex_);
   // Writes the queue as one group on the calling thread when no leader
-  // runs, the queue and the last group each held one write, and the last
-  // group took at most kCallerLeadLimit (a lone client on a quick disk: the
-  // caller's thread saves two hand-offs); otherwise, or for what queued
-  // meanwhile, wakes the commit thread. Calls the callbacks of the caller's
+  // runs, every writer of the last group has queued again, and the last
+  // group took at most kCallerLeadLimit (the caller's thread saves two
+  // hand-offs); otherwise leaves the queue to the commit thread, waking it
+  // unless it already waits for the rest of those writers. Calls the callbacks of the caller's
   // own batches on the calling thread.
   void LeadDeferred() EXCLUDES(write_queue_mutex_);
   // The longest a group may have taken for LeadDeferred to lead the next
@@ -314,6 +314,14 @@ class LsmDb {
   // Set by the destructor: the commit thread ends once no asynchronous
   // write is queued.
   bool commit_stop_ GUARDED_BY(write_queue_mutex_) = false;
+  // After a group of a few asynchronous writers (at most gather_limit_):
+  // until when they are expected back. Until then the commit thread waits
+  // for them (in a timed wait) rather than leading part of them, and an
+  // event loop that queued some does not wake it; zero when none are due.
+  std::chrono::steady_clock::time_point returns_due_ GUARDED_BY(write_queue_mutex_);
+  // The commit thread sleeps without a deadline: a new returns_due_ must
+  // wake it.
+  bool commit_idle_untimed_ GUARDED_BY(write_queue_mutex_) = false;
   // Started at the end of Open, joined first by the destructor.
   std::thread commit_thread_;
 

