@@ -391,13 +391,13 @@ TEST(HostileClientsTest, RunningOutOfDescriptorsNeverEndsTheServer) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     EXPECT_NE(server.child()->Stderr().find(report), std::string::npos) << server.child()->Stderr();
-    EXPECT_EQ(server.child()->Wait(0), -1) << "the server ended";
+    EXPECT_EQ(server.child()->Wait(0), -1) << "the server ended: " << server.child()->Stderr();
     flood.clear();
     pdpb::TsoResponse tso;
     kanrpc::RpcClient client(server.target(), kanrpc::RpcClientOptions{kCallTimeoutMs, 20});
     Status s = client.Call("Pd.Tso", pdpb::TsoRequest{1}, &tso);
     EXPECT_TRUE(s.ok()) << s.ToString();
-    EXPECT_EQ(server.child()->Wait(0), -1) << "the server ended";
+    EXPECT_EQ(server.child()->Wait(0), -1) << "the server ended: " << server.child()->Stderr();
   }
   server.Kill();
   testing::RemoveTree(dir);

@@ -17,10 +17,13 @@
 
 namespace kandb::kanrpc {
 
+// A cluster's servers answer a follower's "not leader" with this text
+// behind "remote: ", and the leader's address after it when one is known.
 namespace {
+constexpr char kNotLeader[] = "remote: Unavailable: not leader; ";
+constexpr char kLeaderAt[] = "leader at ";
+}  // namespace
 
-// Splits "host:port" at the last colon; a bracketed host ("[::1]") loses its
-// brackets. False when either part is missing.
 bool ParseTarget(const std::string& target, std::string* host, std::string* port) {
   const size_t colon = target.rfind(':');
   if (colon == std::string::npos || colon == 0 || colon + 1 == target.size()) return false;
@@ -32,11 +35,6 @@ bool ParseTarget(const std::string& target, std::string* host, std::string* port
   return true;
 }
 
-// A cluster's servers answer a follower's "not leader" with this text
-// behind "remote: ", and the leader's address after it when one is known.
-constexpr char kNotLeader[] = "remote: Unavailable: not leader; ";
-constexpr char kLeaderAt[] = "leader at ";
-
 std::vector<std::string> SplitTargets(const std::string& target) {
   std::vector<std::string> targets;
   size_t start = 0;
@@ -47,8 +45,6 @@ std::vector<std::string> SplitTargets(const std::string& target) {
     start = comma + 1;
   }
 }
-
-}  // namespace
 
 RpcClient::RpcClient(std::string target, RpcClientOptions options)
     : target_(std::move(target)), options_(options), reader_(-1) {

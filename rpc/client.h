@@ -19,6 +19,13 @@
 
 namespace kandb::kanrpc {
 
+// Splits "host:port" at the last colon; a bracketed host ("[::1]") loses its
+// brackets. False when either part is missing.
+bool ParseTarget(const std::string& target, std::string* host, std::string* port);
+// The servers of a target: one "host:port", or a comma-separated list of a
+// replicated cluster's members.
+std::vector<std::string> SplitTargets(const std::string& target);
+
 struct RpcClientOptions {
   // Bounds every single wait of a write or a read, in milliseconds; negative
   // waits without limit. Connecting is not bounded by it.

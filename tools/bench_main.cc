@@ -130,31 +130,6 @@ struct MethodStats {
   uint64_t errors = 0;
 };
 
-// Splits "host:port" at the last colon; a bracketed host ("[::1]") loses its
-// brackets. False when either part is missing.
-bool SplitHostPort(const std::string& target, std::string* host, std::string* port) {
-  const size_t colon = target.rfind(':');
-  if (colon == std::string::npos || colon == 0 || colon + 1 == target.size()) return false;
-  std::string h = target.substr(0, colon);
-  if (h.size() >= 2 && h.front() == '[' && h.back() == ']') h = h.substr(1, h.size() - 2);
-  if (h.empty()) return false;
-  *host = std::move(h);
-  *port = target.substr(colon + 1);
-  return true;
-}
-
-// The servers of --addr: one, or those of a replicated cluster.
-std::vector<std::string> SplitTargets(const std::string& addr) {
-  std::vector<std::string> targets;
-  size_t start = 0;
-  for (;;) {
-    const size_t comma = addr.find(',', start);
-    targets.push_back(addr.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
-    if (comma == std::string::npos) return targets;
-    start = comma + 1;
-  }
-}
-
 struct Address {
   int family = 0;
   int protocol = 0;
@@ -167,7 +142,7 @@ struct Address {
 std::vector<Address> Resolve(const std::string& target) {
   std::vector<Address> addresses;
   std::string host, port;
-  if (!SplitHostPort(target, &host, &port)) return addresses;
+  if (!kanrpc::ParseTarget(target, &host, &port)) return addresses;
   addrinfo hints = {};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
@@ -236,7 +211,7 @@ class Driver {
 class Connection {
  public:
   Connection(const Config& config, const Regions& regions, Shared* shared, uint64_t seed)
-      : config_(config), regions_(regions), shared_(shared), random_(seed), targets_(SplitTargets(config.addr)) {}
+      : config_(config), regions_(regions), shared_(shared), random_(seed), targets_(kanrpc::SplitTargets(config.addr)) {}
   ~Connection() { CloseSocket(); }
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
