@@ -7,6 +7,7 @@
 #include <signal.h>
 
 #include <chrono>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -132,6 +133,20 @@ class HaServers {
         "kandb-meta-ha listening on 127.0.0.1:" + port + ", cluster " + cluster_ + "\n", 30000);
   }
   void Signal(int i, int signal) { processes_[i]->Kill(signal); }
+  // SIGSTOP, returning once the process is seen stopped: the signal is
+  // delivered asynchronously, and a request sent in between would still be
+  // answered by a running server.
+  void Pause(int i) {
+    Signal(i, SIGSTOP);
+    const std::string stat = "/proc/" + std::to_string(processes_[i]->pid()) + "/stat";
+    for (int tries = 0; tries < 10000; ++tries) {
+      std::ifstream in(stat);
+      std::string pid, name, state;
+      // The name is in parentheses without spaces (kandb-meta-ha).
+      if (in >> pid >> name >> state && state == "T") return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
   void Kill(int i) {
     processes_[i]->Kill(SIGKILL);
     processes_[i]->Wait(10000);

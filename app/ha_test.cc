@@ -299,7 +299,7 @@ TEST_F(HaTest, PausedLeaderAnswersNothingAndWritesNothing) {
   ASSERT_GE(old, 0);
   const int other = 1 - old;
 
-  servers.Signal(old, SIGSTOP);
+  servers.Pause(old);
   // Each request waits on its own connection to the paused leader.
   const std::pair<const char*, std::string> requests[] = {{"Pd.UpsertRegion", pdpb::Encode(UpsertAt(777, "u/paused"))},
                                                           {"Pd.Tso", pdpb::Encode(pdpb::TsoRequest{1})},
