@@ -179,14 +179,16 @@ Status PdService::Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapRe
   return Status::OK();
 }
 
+bool PdService::GetRegionFromIndex(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp,
+                                   Status* status) {
+  if (index_ == nullptr || !index_->Route(req.key, resp, status)) return false;
+  index_lookups_.Increment();
+  return true;
+}
+
 Status PdService::GetRegion(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp) {
-  if (index_ != nullptr) {
-    Status s;
-    if (index_->Route(req.key, resp, &s)) {
-      index_lookups_.Increment();
-      return s;
-    }
-  }
+  Status s;
+  if (GetRegionFromIndex(req, resp, &s)) return s;
   walk_lookups_.Increment();
   return RouteByWalk(req, resp);
 }

@@ -83,6 +83,10 @@ class PdService {
   // the routing index when the records form a clean partition of the key
   // space, else by RouteByWalk.
   Status GetRegion(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp);
+  // GetRegion's answer from the routing index alone: true with *status
+  // (and *resp on OK) when the index answered, false when only the walk
+  // can, which may take milliseconds at a large cluster.
+  bool GetRegionFromIndex(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp, Status* status);
   // The same answer from a walk over the region records in key order, up to
   // the first that covers the key: the reference the index must match.
   Status RouteByWalk(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp);
@@ -121,9 +125,10 @@ class PdService {
   // before it starts, and beside them the read-only "Pd.Stats", which
   // answers GetStats of that server. The service must outlive the server's
   // use of them. For a store on the embedded engine, whose reads never wait
-  // on the network: timestamps (without a ceiling), routing and statistics
-  // are answered on the server's event loops, upserts are answered when
-  // their group is synced, and the rest run on its worker threads.
+  // on the network: timestamps (without a ceiling), routing by the index
+  // and statistics are answered on the server's event loops, upserts when
+  // their group is synced, routing that the index cannot answer and the
+  // rest run on its worker threads.
   void RegisterTo(kanrpc::RpcServer* server);
 
  private:

@@ -31,10 +31,14 @@ void PdService::RegisterTo(kanrpc::RpcServer* server) {
       "Pd.Bootstrap", [this](const pdpb::BootstrapRequest& req, pdpb::BootstrapResponse* resp) {
         return Bootstrap(req, resp);
       });
-  server->Register<pdpb::GetRegionRequest, pdpb::GetRegionResponse>(
+  // The index answers in microseconds; a walk over every region record is
+  // left to a worker, so that it never holds up the loop's other calls.
+  server->RegisterTryInline<pdpb::GetRegionRequest, pdpb::GetRegionResponse>(
       "Pd.GetRegion",
-      [this](const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp) { return GetRegion(req, resp); },
-      kanrpc::CallMode::kInline);
+      [this](const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp, Status* status) {
+        return GetRegionFromIndex(req, resp, status);
+      },
+      [this](const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp) { return GetRegion(req, resp); });
   server->RegisterAsync<pdpb::UpsertRegionRequest>(
       "Pd.UpsertRegion", [this](const pdpb::UpsertRegionRequest& req, kanrpc::Reply reply) {
         UpsertRegionAsync(

@@ -34,14 +34,15 @@ constexpr int kEventsPerWait = 256;
 // A worker thread with nothing to do for this long ends.
 constexpr auto kWorkerIdle = std::chrono::seconds(5);
 
-enum class Kind { kUnknown, kBlocking, kInline, kAsync };
+enum class Kind { kUnknown, kBlocking, kInline, kTryInline, kAsync };
 
 }  // namespace
 
 struct RpcServer::Shared {
   struct Method {
     Kind kind = Kind::kUnknown;
-    RawHandler handler;        // kBlocking, kInline
+    RawHandler handler;        // kBlocking, kInline, kTryInline (when the attempt declines)
+    RawAttempt attempt;        // kTryInline
     AsyncRawHandler async;     // kAsync
     size_t index = 0;          // registration order: where its counters are kept
   };
@@ -219,6 +220,17 @@ void RpcServer::RegisterRaw(const std::string& method, RawHandler handler, CallM
   if (entry.kind == Kind::kUnknown) entry.index = shared_->methods.size() - 1;
   entry.kind = mode == CallMode::kInline ? Kind::kInline : Kind::kBlocking;
   entry.handler = std::move(handler);
+  entry.attempt = nullptr;
+  entry.async = nullptr;
+}
+
+void RpcServer::RegisterTryInlineRaw(const std::string& method, RawAttempt attempt, RawHandler handler) {
+  Shared::Method& entry = shared_->methods.try_emplace(method).first->second;
+  if (entry.kind == Kind::kUnknown) entry.index = shared_->methods.size() - 1;
+  entry.kind = Kind::kTryInline;
+  // A null handler keeps the one registered before (the typed form's).
+  if (handler) entry.handler = std::move(handler);
+  entry.attempt = std::move(attempt);
   entry.async = nullptr;
 }
 
@@ -229,6 +241,7 @@ void RpcServer::RegisterAsyncRaw(const std::string& method, AsyncRawHandler hand
   if (entry.kind == Kind::kUnknown) entry.index = shared_->methods.size() - 1;
   entry.kind = Kind::kAsync;
   entry.handler = nullptr;
+  entry.attempt = nullptr;
   entry.async = std::move(handler);
 }
 
@@ -607,6 +620,10 @@ bool RpcServer::Loop::StartCall(Connection* connection) {
     case Kind::kInline:
       connection->status = method->handler(connection->request.payload, &connection->response);
       return true;
+    case Kind::kTryInline:
+      if (method->attempt(connection->request.payload, &connection->response, &connection->status)) return true;
+      connection->response.clear();
+      break;
     case Kind::kAsync:
       connection->calling = true;
       ++calls_in_flight_;

@@ -65,6 +65,11 @@ class Reply {
   Connection* connection_;
 };
 
+// An attempt to answer on the event loop without waiting: true when it
+// answered (with *status, and *response on OK), false, having done nothing
+// visible, when only a blocking handler can.
+using RawAttempt = std::function<bool(const std::string& request, std::string* response, Status* status)>;
+
 // An asynchronous handler: it must not wait, and answers through `reply`.
 // `request` stays valid until then.
 using AsyncRawHandler = std::function<void(const std::string& request, Reply reply)>;
@@ -100,6 +105,13 @@ class RpcServer {
                 CallMode mode = CallMode::kBlocking);
   // Registers a handler over raw payload bytes, before Start.
   void RegisterRaw(const std::string& method, RawHandler handler, CallMode mode = CallMode::kBlocking);
+  // Registers a method answered on the loop by `attempt` when it can, and
+  // otherwise by `handler` on a worker thread; the typed form decodes as
+  // Register does.
+  template <class Req, class Resp>
+  void RegisterTryInline(const std::string& method, std::function<bool(const Req&, Resp*, Status*)> attempt,
+                         std::function<Status(const Req&, Resp*)> handler);
+  void RegisterTryInlineRaw(const std::string& method, RawAttempt attempt, RawHandler handler);
   // Registers an asynchronous handler; the typed form decodes as Register
   // does (a payload that does not decode is answered at once).
   template <class Req>
@@ -180,6 +192,27 @@ void RpcServer::Register(const std::string& method, std::function<Status(const R
         return Status::OK();
       },
       mode);
+}
+
+template <class Req, class Resp>
+void RpcServer::RegisterTryInline(const std::string& method,
+                                  std::function<bool(const Req&, Resp*, Status*)> attempt,
+                                  std::function<Status(const Req&, Resp*)> handler) {
+  Register<Req, Resp>(method, std::move(handler));
+  RegisterTryInlineRaw(
+      method,
+      [attempt = std::move(attempt)](const std::string& request, std::string* response, Status* status) {
+        Req req;
+        if (!Decode(request.size(), request.data(), &req)) {
+          *status = Status::InvalidArgument("bad request payload");
+          return true;
+        }
+        Resp resp;
+        if (!attempt(req, &resp, status)) return false;
+        if (status->ok()) EncodeTo(resp, response);
+        return true;
+      },
+      nullptr);
 }
 
 template <class Req>

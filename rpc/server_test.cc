@@ -50,12 +50,38 @@ TEST(ServerTest, AnswersInOrderAndClosesOnUnreadableFrames) {
         *resp = {1000, req.count};
         return Status::OK();
       });
-  server.RegisterRaw("Echo", [](const std::string& req, std::string* resp) {
-    *resp = req;
-    return Status::OK();
-  });
+  // One method of each kind, so that answers keep their order whichever
+  // thread gives them: the loop, a worker, or another thread later.
+  server.RegisterRaw(
+      "Echo",
+      [](const std::string& req, std::string* resp) {
+        *resp = req;
+        return Status::OK();
+      },
+      CallMode::kInline);
   server.RegisterRaw("Fail", [](const std::string& req, std::string*) {
     return Status::NotFound("region " + req + " not found");
+  });
+  server.RegisterTryInlineRaw(
+      "Maybe",
+      [](const std::string& req, std::string* resp, Status* status) {
+        if (req != "fast") {
+          *resp = "partial";  // must not leak into the worker's answer
+          return false;
+        }
+        *resp = "loop";
+        *status = Status::OK();
+        return true;
+      },
+      [](const std::string& req, std::string* resp) {
+        resp->append("worker:" + req);
+        return Status::OK();
+      });
+  server.RegisterAsyncRaw("Later", [](const std::string& req, Reply reply) {
+    std::thread([req, reply] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      reply.Send(Status::OK(), "later:" + req);
+    }).detach();
   });
   ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
   const std::string big(100000, 'e');
@@ -71,6 +97,10 @@ TEST(ServerTest, AnswersInOrderAndClosesOnUnreadableFrames) {
       {"Fail", "7", FrameType::kError, "NotFound: region 7 not found"},
       {"pd.tso", "", FrameType::kError, "unknown method: pd.tso"},
       {"Pd.Nothing", "", FrameType::kError, "unknown method: Pd.Nothing"},
+      {"Later", "1", FrameType::kResponse, "later:1"},
+      {"Maybe", "slow", FrameType::kResponse, "worker:slow"},
+      {"Maybe", "fast", FrameType::kResponse, "loop"},
+      {"Later", "2", FrameType::kResponse, "later:2"},
       {"Echo", big, FrameType::kResponse, big},
   };
   std::string batch;
