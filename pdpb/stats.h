@@ -48,7 +48,7 @@ struct MethodStats {
 struct ConnectionStats {
   uint64_t open = 0;            // 1, being served now
   uint64_t accepted = 0;        // 2, since start
-  uint64_t failed_accepts = 0;  // 3, accept failures and connections refused a thread
+  uint64_t failed_accepts = 0;  // 3, accept failures and calls refused a worker thread
   bool operator==(const ConnectionStats&) const = default;
 };
 

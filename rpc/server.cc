@@ -349,22 +349,27 @@ void RpcServer::AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd) {
 }
 
 bool RpcServer::Workers::Submit(std::shared_ptr<Shared> shared, Connection* connection) {
-  MutexLock lock(&mu_);
-  calls_.push_back(connection);
-  if (calls_.size() <= idle_) {
-    cv_.Signal();
-    return true;
+  Shared* const counted = shared.get();
+  {
+    MutexLock lock(&mu_);
+    calls_.push_back(connection);
+    if (calls_.size() <= idle_) {
+      cv_.Signal();
+      return true;
+    }
+    // Thread creation reports its failure by exception; it is caught here,
+    // as a call refused for want of resources, not a server failure.
+    try {
+      std::thread(&Workers::Run, this, std::move(shared)).detach();
+      return true;
+    } catch (const std::system_error& e) {
+      calls_.pop_back();
+      ReportFault("accept", std::string("cannot start a worker thread: ") + e.what());
+    }
   }
-  // Thread creation reports its failure by exception; it is caught here, as
-  // a call refused for want of resources, not a server failure.
-  try {
-    std::thread(&Workers::Run, this, std::move(shared)).detach();
-    return true;
-  } catch (const std::system_error& e) {
-    calls_.pop_back();
-    ReportFault("accept", std::string("cannot start a worker thread: ") + e.what());
-    return false;
-  }
+  MutexLock lock(&counted->mu);
+  ++counted->ended.failed_accepts;
+  return false;
 }
 
 void RpcServer::Workers::Stop() {

@@ -40,8 +40,8 @@ struct ServerStats {
   uint64_t unknown_method_requests = 0;
   uint64_t open_connections = 0;
   uint64_t accepted_connections = 0;
-  // accept() failures, and accepted connections that could not be served
-  // for want of a thread.
+  // accept() failures, and calls that could not be served for want of a
+  // worker thread.
   uint64_t failed_accepts = 0;
 };
 

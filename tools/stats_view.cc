@@ -243,7 +243,7 @@ std::string StatsPrometheus(const pdpb::StatsResponse& s) {
   x.Family("connections_accepted_total", "counter", "Client connections accepted.");
   x.Sample("", s.connections.accepted);
   x.Family("accept_failures_total", "counter",
-           "Failed accepts, and accepted connections refused for want of a thread.");
+           "Failed accepts, and calls refused for want of a worker thread.");
   x.Sample("", s.connections.failed_accepts);
 
   x.Family("engine_present", "gauge", "1 when the metadata store has a storage engine of its own, 0 on etcd.");
