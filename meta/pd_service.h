@@ -125,8 +125,8 @@ class PdService {
   // before it starts, and beside them the read-only "Pd.Stats", which
   // answers GetStats of that server. The service must outlive the server's
   // use of them. For a store on the embedded engine, whose reads never wait
-  // on the network: timestamps (without a ceiling), routing by the index
-  // and statistics are answered on the server's event loops, upserts when
+  // on the network: timestamps (without a ceiling) and routing by the index
+  // are answered on the server's event loops, upserts when
   // their group is synced, routing that the index cannot answer and the
   // rest run on its worker threads.
   void RegisterTo(kanrpc::RpcServer* server);

@@ -55,13 +55,13 @@ void PdService::RegisterTo(kanrpc::RpcServer* server) {
       });
   // Read-only and answered from counters, taking none of the service's
   // locks, so that calling it every second costs the six methods nothing.
+  // On a worker: the engine's counters wait for a sync in progress, which
+  // on a stalled disk must not hold up a loop.
   server->Register<pdpb::StatsRequest, pdpb::StatsResponse>(
-      "Pd.Stats",
-      [this, server](const pdpb::StatsRequest&, pdpb::StatsResponse* resp) {
+      "Pd.Stats", [this, server](const pdpb::StatsRequest&, pdpb::StatsResponse* resp) {
         GetStats(*server, resp);
         return Status::OK();
-      },
-      kanrpc::CallMode::kInline);
+      });
 }
 
 }  // namespace kandb::meta
