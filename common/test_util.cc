@@ -16,8 +16,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <thread>
+
+#include "common/mutex.h"
 
 namespace kandb::testing {
 
@@ -49,19 +52,27 @@ void WriteFileOrDie(const std::string& path, const std::string& contents) {
 }
 
 int PickFreePort() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = 0;
-  socklen_t len = sizeof(addr);
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-    std::abort();
+  // The kernel may hand a port it just freed out again; one process never
+  // gets the same port twice (an etcd member's client port equal to
+  // another's peer port left that member dead).
+  static Mutex mu;
+  static std::set<int> given;  // guarded by mu
+  for (;;) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = 0;
+    socklen_t len = sizeof(addr);
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+      std::abort();
+    }
+    const int port = ntohs(addr.sin_port);
+    close(fd);
+    MutexLock lock(&mu);
+    if (given.insert(port).second) return port;
   }
-  int port = ntohs(addr.sin_port);
-  close(fd);
-  return port;
 }
 
 ChildProcess::~ChildProcess() {
