@@ -205,37 +205,34 @@ void FrameReader::ReleaseIfDrained() {
   }
 }
 
+Status FrameReader::TakeBuffered(Frame* frame, bool* got, size_t* need) {
+  size_t size = 0;
+  Status s = ParseFrame(buf_.get() + start_, end_ - start_, frame, &size, need);
+  *got = s.ok() && size > 0;
+  if (*got) start_ += size;
+  return s;
+}
+
 Status FrameReader::Read(Frame* frame, int timeout_ms) {
   ReleaseIfDrained();
   // Each length is checked as soon as it is buffered, before waiting for the
   // bytes it announces.
   for (;;) {
-    size_t size = 0;
+    bool got = false;
     size_t need = 0;
-    Status s = ParseFrame(buf_.get() + start_, end_ - start_, frame, &size, &need);
-    if (!s.ok()) return s;
-    if (size > 0) {
-      start_ += size;
-      return Status::OK();
-    }
+    Status s = TakeBuffered(frame, &got, &need);
+    if (!s.ok() || got) return s;
     s = Fill(need, timeout_ms);
     if (!s.ok()) return s;
   }
 }
 
 Status FrameReader::ReadAvailable(Frame* frame, bool* got) {
-  *got = false;
   ReleaseIfDrained();
   for (;;) {
-    size_t size = 0;
     size_t need = 0;
-    Status s = ParseFrame(buf_.get() + start_, end_ - start_, frame, &size, &need);
-    if (!s.ok()) return s;
-    if (size > 0) {
-      start_ += size;
-      *got = true;
-      return Status::OK();
-    }
+    Status s = TakeBuffered(frame, got, &need);
+    if (!s.ok() || *got) return s;
     MakeRoom(need);
     const ssize_t r = recv(fd_, buf_.get() + end_, capacity_ - end_, MSG_DONTWAIT);
     if (r > 0) {

@@ -119,6 +119,9 @@ class FrameReader {
  private:
   // Receives until at least `need` unread bytes are buffered.
   Status Fill(size_t need, int timeout_ms);
+  // Parses the buffered bytes: *got true (and the frame consumed) when they
+  // hold a whole frame, else *need is what the next check needs.
+  Status TakeBuffered(Frame* frame, bool* got, size_t* need);
   // Drops a drained buffer's read position, and the buffer itself when a
   // large frame grew it.
   void ReleaseIfDrained();

@@ -147,6 +147,10 @@ class RpcServer::Loop {
 
  private:
   void Run(std::shared_ptr<Shared> shared);
+  // After posting to the inbox: whether the eventfd must be written (no
+  // signal is pending yet); the loop clears that when it drains.
+  bool TakeSignal() REQUIRES(mu_);
+  void SignalWake();
   // Takes in what other threads handed over.
   void DrainInbox();
   // Answers the calls in *answered and serves their connections on.
@@ -192,6 +196,9 @@ class RpcServer::Loop {
   std::vector<Connection*> inbox_;  // answered calls taken from answered_
   std::vector<int> new_fds_;
   size_t calls_in_flight_ = 0;
+  // Connections whose answers wait for the peer to read (write_deadline
+  // set), so that an idle loop need not look at every connection.
+  size_t stalled_writers_ = 0;
   // An asynchronous call started since the pass hook last ran.
   bool started_async_ = false;
   bool stop_seen_ = false;
@@ -422,18 +429,25 @@ Status RpcServer::Loop::Open() {
   return Status::OK();
 }
 
+bool RpcServer::Loop::TakeSignal() {
+  const bool signal = !signalled_;
+  signalled_ = true;
+  return signal;
+}
+
+void RpcServer::Loop::SignalWake() {
+  const uint64_t one = 1;
+  (void)!write(wake_fd_, &one, sizeof(one));
+}
+
 void RpcServer::Loop::Adopt(int fd) {
   bool signal = false;
   {
     MutexLock lock(&mu_);
     adopted_.push_back(fd);
-    signal = !signalled_;
-    signalled_ = true;
+    signal = TakeSignal();
   }
-  if (signal) {
-    const uint64_t one = 1;
-    (void)!write(wake_fd_, &one, sizeof(one));
-  }
+  if (signal) SignalWake();
 }
 
 thread_local RpcServer::Loop* RpcServer::Loop::current = nullptr;
@@ -447,13 +461,9 @@ void RpcServer::Loop::Answered(Connection* connection) {
   {
     MutexLock lock(&mu_);
     answered_.push_back(connection);
-    signal = !signalled_;
-    signalled_ = true;
+    signal = TakeSignal();
   }
-  if (signal) {
-    const uint64_t one = 1;
-    (void)!write(wake_fd_, &one, sizeof(one));
-  }
+  if (signal) SignalWake();
 }
 
 void RpcServer::Loop::Wake() {
@@ -462,8 +472,7 @@ void RpcServer::Loop::Wake() {
     wake_ = true;
     signalled_ = true;
   }
-  const uint64_t one = 1;
-  (void)!write(wake_fd_, &one, sizeof(one));
+  SignalWake();
 }
 
 void RpcServer::Loop::DrainInbox() {
@@ -533,17 +542,9 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
       FinishAnswered(&answered);
       continue;
     }
-    int timeout_ms = -1;
-    if (!ready_.empty()) {
-      timeout_ms = 0;
-    } else {
-      for (Connection* connection : connections_) {
-        if (!connection->out.empty()) {
-          timeout_ms = 1000;
-          break;
-        }
-      }
-    }
+    // Connections with answers the peer has not taken are checked once a
+    // second for their write time-out.
+    const int timeout_ms = !ready_.empty() ? 0 : stalled_writers_ > 0 ? 1000 : -1;
     const int n = epoll_wait(epoll_fd_, events, kEventsPerWait, timeout_ms);
     if (n < 0 && errno != EINTR) {
       ReportFault("accept", "epoll_wait failed: " + ErrnoText(errno));
@@ -568,7 +569,7 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
       }
     }
     const Clock::time_point now = Clock::now();
-    if (now >= next_write_check_) {
+    if (stalled_writers_ > 0 && now >= next_write_check_) {
       DropStalledWriters(now);
       next_write_check_ = now + std::chrono::seconds(1);
     }
@@ -690,6 +691,7 @@ bool RpcServer::Loop::Flush(Connection* connection) {
       // The peer is not reading; the clock runs from the first refusal.
       if (connection->write_deadline == Clock::time_point()) {
         connection->write_deadline = Clock::now() + std::chrono::milliseconds(kWriteTimeoutMs);
+        ++stalled_writers_;
       }
       return true;
     }
@@ -703,6 +705,7 @@ bool RpcServer::Loop::Flush(Connection* connection) {
     out.clear();
   }
   connection->out_done = 0;
+  if (connection->write_deadline != Clock::time_point()) --stalled_writers_;
   connection->write_deadline = Clock::time_point();
   return true;
 }
@@ -710,6 +713,7 @@ bool RpcServer::Loop::Flush(Connection* connection) {
 void RpcServer::Loop::Close(Connection* connection) {
   if (connection->dead) return;
   connection->dead = true;
+  if (connection->write_deadline != Clock::time_point()) --stalled_writers_;
   {
     MutexLock lock(&shared_->mu);
     shared_->connections.erase(connection->fd);
