@@ -68,6 +68,12 @@ Status PdService::ReadIdMark(store::MetaStore* store, uint64_t* mark) {
 
 Status PdService::Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) {
   const uint64_t n = req.count == 0 ? 1 : req.count;
+  // A batch longer than one millisecond's logical range would run into the
+  // physical bits: one request could move the clock of every later
+  // timestamp hours ahead of the wall clock.
+  if (n > kMaxLogical) {
+    return Status::InvalidArgument("tso count " + std::to_string(n) + " is over " + std::to_string(kMaxLogical));
+  }
   MutexLock lock(&tso_mutex_);
   const uint64_t now = clock_ms_();
   uint64_t physical = tso_physical_;
@@ -85,19 +91,12 @@ Status PdService::Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) {
     tso_logical_ = logical = 0;
   }
   if (tso_admit_) {
-    // A large batch runs on into later milliseconds: its last one counts.
-    Status s = tso_admit_(((physical << kLogicalBits | logical) + n - 1) >> kLogicalBits);
+    Status s = tso_admit_(physical);
     if (!s.ok()) return s;
   }
   resp->timestamp = physical << kLogicalBits | logical;
   resp->count = static_cast<uint32_t>(n);
-  // The next batch starts after this one's end. A batch of more than
-  // kMaxLogical runs on into the following milliseconds, and the state
-  // follows it there: keeping the physical part and only adding to the
-  // logical one would let the next batch start inside this one.
-  const uint64_t end = resp->timestamp + n;
-  tso_physical_ = end >> kLogicalBits;
-  tso_logical_ = end & kMaxLogical;
+  tso_logical_ += n;
   return Status::OK();
 }
 

@@ -64,10 +64,9 @@ class PdService {
 
   // Each handler fills *resp only when it returns OK.
 
-  // A batch of `count` (0 read as 1) consecutive timestamps. Always OK,
-  // unless a timestamp ceiling (SetTsoCeiling) refuses the batch.
-  // Batches never overlap, also when a count runs past the logical part:
-  // the next batch starts after its end.
+  // A batch of `count` (0 read as 1) consecutive timestamps within one
+  // millisecond. Fails with InvalidArgument when `count` is over
+  // kMaxLogical, or when a timestamp ceiling (SetTsoCeiling) refuses it.
   Status Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) EXCLUDES(tso_mutex_);
   // A batch of `count` (0 read as 1) identifiers never handed out before,
   // across restarts too. Fails when the high-water mark cannot be read or
@@ -105,9 +104,8 @@ class PdService {
                          pdpb::RegionHeartbeatResponse* resp) EXCLUDES(heartbeat_mutex_);
 
   // The replicated server's timestamp ceiling. `admit` is consulted under
-  // tso_mutex_ with the physical part of each batch's last timestamp before
-  // the batch is answered,
-  // and fails the batch when no ceiling above that part could be persisted;
+  // tso_mutex_ with the physical part of each batch before the batch is
+  // answered, and fails the batch when no ceiling above that part could be persisted;
   // `floor` is where the physical part starts (the ceiling a previous leader
   // persisted), so timestamps never repeat across leaders. Set once, before
   // the methods are registered. Unset, as on the embedded server, Tso is

@@ -17,6 +17,10 @@
 #include "common/coding.h"
 #include "common/test_util.h"
 #include "lsm/fault_injection.h"
+#include "lsm/filename.h"
+#include "lsm/manifest.h"
+#include "lsm/table.h"
+#include "lsm/table_builder.h"
 #include "meta/keys.h"
 #include "store/meta_store.h"
 
@@ -140,10 +144,15 @@ TEST_F(PdTest, StoppedClockOverflowsIntoNextMillisecondNeverUsingMaxLogical) {
   EXPECT_EQ(Tso(5), ((t0 + 2) << 18) | 2);
   now_ = t0 + 10;  // a newer millisecond restarts the logical part
   EXPECT_EQ(Tso(0), (t0 + 10) << 18);
-  // A batch longer than a millisecond's logical part runs into the next
-  // ones, and the batch after it starts past its end.
-  EXPECT_EQ(Tso(600000), (t0 + 11) << 18);
-  EXPECT_EQ(Tso(1), ((t0 + 11) << 18) + 600000);
+  // A batch longer than a millisecond's logical part is refused and moves
+  // nothing: it would run into the physical bits.
+  for (const uint32_t count : {262144u, 600000u, 4294967295u}) {
+    pdpb::TsoResponse resp{7, 7};
+    EXPECT_EQ(service_->Tso(pdpb::TsoRequest{count}, &resp).ToString(),
+              "InvalidArgument: tso count " + std::to_string(count) + " is over 262143");
+    EXPECT_EQ(resp.timestamp, 7u);
+  }
+  EXPECT_EQ(Tso(1), ((t0 + 10) << 18) | 1);
 }
 
 TEST_F(PdTest, ConcurrentBatchesNeverOverlap) {
@@ -158,7 +167,7 @@ TEST_F(PdTest, ConcurrentBatchesNeverOverlap) {
       for (int i = 0; i < 300; i++) {
         // Big, uneven batches force the overflow rule many times per ms; the
         // clock ticks now and then.
-        const auto count = static_cast<uint32_t>(1 + (i * 7919 + t * 104729) % 150000);
+        const auto count = static_cast<uint32_t>(1 + (i * 7919 + t * 104729) % 262143);
         if (i % 50 == 0) now_++;
         ts[t].push_back({Tso(count), count});
         const auto n = static_cast<uint32_t>(1 + (i + t) % 13);
