@@ -5,6 +5,7 @@
 #include <iterator>
 #include <utility>
 
+#include "common/fault_log.h"
 #include "meta/keys.h"
 #include "meta/routing.h"
 
@@ -66,7 +67,15 @@ Status RegionIndex::Build(store::MetaStore* store, std::unique_ptr<RegionIndex>*
                                return true;
                              });
   }
-  if (!s.ok()) return s;  // the index's destructor stops following
+  if (!s.ok()) {
+    // A record that cannot be read (a damaged table, say) must not keep the
+    // server from starting: the walk meets the damage only where a lookup
+    // needs it, and every other method serves. The index stays, following
+    // the writes, but declines every lookup, since what it missed is
+    // unknown.
+    raw->load_status_ = s;
+    ReportFault("routing", "index not loaded, lookups walk the region records: " + s.ToString());
+  }
   *out = std::move(index);
   return Status::OK();
 }
@@ -149,13 +158,13 @@ void RegionIndex::Apply(const lsm::WriteBatch& batch) {
 
 bool RegionIndex::Route(const std::string& key, pdpb::GetRegionResponse* resp, Status* status) const {
   ReaderLock lock(&mu_);
-  if (regions_.empty()) {
+  if (regions_.empty() && load_status_.ok()) {
     *status = Status::NotFound("cluster not bootstrapped");
     return true;
   }
   // Where the first covering record in key order is not the only one, or
   // the walk would stop short of some records, only the walk knows.
-  if (overlapping_pairs_ > 0 || undecodable_ > 0 || regions_.size() > kRegionScanLimit) return false;
+  if (!load_status_.ok() || overlapping_pairs_ > 0 || undecodable_ > 0 || regions_.size() > kRegionScanLimit) return false;
 
   // The last range starting at or below the key is the only candidate.
   const StartKey* floor = by_start_.Floor(StartKey(key));

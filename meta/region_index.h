@@ -37,6 +37,9 @@ class RegionIndex {
   // Starts following the writes of `store` (not owned; it must outlive the
   // index) and loads every region and store record. Must run before the
   // service serves, but concurrent writes are seen in order all the same.
+  // A record that cannot be read does not fail it: the index then declines
+  // every lookup (the walk answers, with the read's failure where it meets
+  // it), and the failure is reported on standard error.
   static Status Build(store::MetaStore* store, std::unique_ptr<RegionIndex>* out);
   // Stops following the store.
   ~RegionIndex();
@@ -102,6 +105,8 @@ class RegionIndex {
   size_t overlapping_pairs_ GUARDED_BY(mu_) = 0;
   // Records that do not decode or cannot be opened.
   size_t undecodable_ GUARDED_BY(mu_) = 0;
+  // Not OK when the load could not read every record: the index declines.
+  Status load_status_ GUARDED_BY(mu_);
   // Every record of the store range, by its key in the store.
   std::map<std::string, StoreRecord, std::less<>> stores_ GUARDED_BY(mu_);
 };
