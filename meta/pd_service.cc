@@ -1,5 +1,6 @@
 #include "meta/pd_service.h"
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <utility>
@@ -22,29 +23,43 @@ uint64_t WallClockMs() {
 }  // namespace
 
 Status PdService::Create(store::MetaStore* store, uint32_t target_replicas, std::unique_ptr<PdService>* out) {
-  return Create(store, target_replicas, WallClockMs, out);
+  return Create(store, Options{target_replicas, WallClockMs, nullptr, false}, out);
 }
 
 Status PdService::Create(store::MetaStore* store, uint32_t target_replicas, ClockMs clock_ms,
                          std::unique_ptr<PdService>* out) {
+  return Create(store, Options{target_replicas, std::move(clock_ms), nullptr, false}, out);
+}
+
+Status PdService::Create(store::MetaStore* store, Options options, std::unique_ptr<PdService>* out) {
   uint64_t mark = 0;
   Status s = ReadIdMark(store, &mark);
   if (!s.ok()) return s;
-  std::unique_ptr<PdService> service(new PdService(store, target_replicas, std::move(clock_ms)));
+  if (!options.clock_ms) options.clock_ms = WallClockMs;
+  const RegionRouter* router = options.router;
+  std::unique_ptr<PdService> service(new PdService(store, std::move(options)));
   {
     MutexLock lock(&service->id_mutex_);
     service->next_id_ = mark;
   }
+  if (router != nullptr) {
+    service->router_ = router;
+  } else {
 #ifndef KANDB_NO_ROUTING_INDEX
-  s = RegionIndex::Build(store, &service->index_);
-  if (!s.ok()) return s;
+    s = RegionIndex::Build(store, &service->index_);
+    if (!s.ok()) return s;
+    service->router_ = service->index_.get();
 #endif
+  }
   *out = std::move(service);
   return Status::OK();
 }
 
-PdService::PdService(store::MetaStore* store, uint32_t target_replicas, ClockMs clock_ms)
-    : store_(store), target_replicas_(target_replicas), clock_ms_(std::move(clock_ms)) {}
+PdService::PdService(store::MetaStore* store, Options options)
+    : store_(store),
+      target_replicas_(options.target_replicas),
+      clock_ms_(std::move(options.clock_ms)),
+      own_id_marks_(options.own_id_marks) {}
 
 Status PdService::ReadIdMark(store::MetaStore* store, uint64_t* mark) {
   std::string value;
@@ -112,34 +127,52 @@ void PdService::SetTsoCeiling(uint64_t floor, TsoAdmit admit) {
 Status PdService::AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp) {
   const uint64_t n = req.count == 0 ? 1 : req.count;
   MutexLock lock(&id_mutex_);
-  // Re-read the mark each time rather than trusting memory. A mark that
-  // cannot be read, or is damaged, fails the batch: writing over it from
-  // memory could lower a mark that someone else raised.
-  uint64_t persisted = 0;
-  std::string value;
-  bool found = false;
-  Status s = store_->Get(kIdAllocKey, &value, &found);
-  if (!s.ok()) return s;
-  if (found) {
-    if (value.size() != 8) {
-      return Status::Corruption(std::string("identifier mark ") + kIdAllocKey + " has " +
-                                std::to_string(value.size()) + " bytes, not 8");
-    }
-    persisted = DecodeFixed64(value.data());
-  }
   const uint64_t end = next_id_ + n;
-  if (persisted < end) {
-    // The mark must be durable before any id below it is handed out: after
-    // a crash numbering resumes at the mark, skipping but never reusing ids.
-    std::string mark;
-    PutFixed64(&mark, end + kIdMargin);
-    s = store_->Put({{kIdAllocKey, mark}});
+  uint64_t mark = end + kIdMargin;
+  if (own_id_marks_) {
+    // Only what this service wrote counts: another server may have raised
+    // the stored mark and be handing out what lies under it. The write is
+    // fenced, so once another leads it fails instead of lowering its mark.
+    if (written_mark_ < end) {
+      mark = std::max(mark, tried_mark_);
+      tried_mark_ = mark;
+      Status s = WriteIdMark(mark);
+      if (!s.ok()) return s;
+      written_mark_ = mark;
+    }
+  } else {
+    // Re-read the mark each time rather than trusting memory. A mark that
+    // cannot be read, or is damaged, fails the batch: writing over it from
+    // memory could lower a mark that someone else raised.
+    uint64_t persisted = 0;
+    std::string value;
+    bool found = false;
+    Status s = store_->Get(kIdAllocKey, &value, &found);
     if (!s.ok()) return s;
+    if (found) {
+      if (value.size() != 8) {
+        return Status::Corruption(std::string("identifier mark ") + kIdAllocKey + " has " +
+                                  std::to_string(value.size()) + " bytes, not 8");
+      }
+      persisted = DecodeFixed64(value.data());
+    }
+    if (persisted < end) {
+      s = WriteIdMark(mark);
+      if (!s.ok()) return s;
+    }
   }
   resp->first_id = next_id_;
   resp->count = static_cast<uint32_t>(n);
   next_id_ = end;
   return Status::OK();
+}
+
+Status PdService::WriteIdMark(uint64_t mark) {
+  // The mark must be durable before any id below it is handed out: after
+  // a crash numbering resumes at the mark, skipping but never reusing ids.
+  std::string value;
+  PutFixed64(&value, mark);
+  return store_->Put({{kIdAllocKey, value}});
 }
 
 Status PdService::Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapResponse* resp) {
@@ -180,7 +213,7 @@ Status PdService::Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapRe
 
 bool PdService::GetRegionFromIndex(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp,
                                    Status* status) {
-  if (index_ == nullptr || !index_->Route(req.key, resp, status)) return false;
+  if (router_ == nullptr || !router_->Route(req.key, resp, status)) return false;
   index_lookups_.Increment();
   return true;
 }

@@ -49,11 +49,28 @@ class PdService {
   // handed out, so that most allocations need no write.
   static constexpr uint64_t kIdMargin = 1000;
 
-  // Builds the service on `store` (not owned; it must outlive the service)
-  // with the wall clock. `target_replicas` 0 turns auto-heal off. Loads the
-  // identifier counter from the persisted high-water mark, and fails,
-  // naming it, when the mark cannot be read or is damaged: numbering again
-  // from a guess could hand out identifiers twice.
+  struct Options {
+    // The member count auto-heal aims for; 0 turns it off.
+    uint32_t target_replicas = 0;
+    // The timestamp oracle's clock; empty: the wall clock.
+    ClockMs clock_ms;
+    // Asked for routing before the walk (not owned; it must outlive the
+    // service). Null: the service builds a region index over its store.
+    const RegionRouter* router = nullptr;
+    // Hand out identifiers only below a high-water mark this service
+    // itself wrote, never below one merely read back: on a store that
+    // another server may also write (a replicated server's term), a mark
+    // read back may have been raised by a newer leader that hands out the
+    // identifiers under it.
+    bool own_id_marks = false;
+  };
+
+  // Builds the service on `store` (not owned; it must outlive the service).
+  // Loads the identifier counter from the persisted high-water mark, and
+  // fails, naming it, when the mark cannot be read or is damaged: numbering
+  // again from a guess could hand out identifiers twice.
+  static Status Create(store::MetaStore* store, Options options, std::unique_ptr<PdService>* out);
+  // With the wall clock and its own region index.
   static Status Create(store::MetaStore* store, uint32_t target_replicas, std::unique_ptr<PdService>* out);
   // The same with another clock, so tests can stand time still.
   static Status Create(store::MetaStore* store, uint32_t target_replicas, ClockMs clock_ms,
@@ -89,7 +106,8 @@ class PdService {
   // The same answer from a walk over the region records in key order, up to
   // the first that covers the key: the reference the index must match.
   Status RouteByWalk(const pdpb::GetRegionRequest& req, pdpb::GetRegionResponse* resp);
-  // The routing index, or null when the service was built without it.
+  // The service's own routing index, or null when it was built without
+  // one (or routes through another router).
   const RegionIndex* routing_index() const { return index_.get(); }
   // Writes and deletes region records as one batch, unconditionally.
   Status UpsertRegion(const pdpb::UpsertRegionRequest& req, pdpb::UpsertRegionResponse* resp);
@@ -130,11 +148,13 @@ class PdService {
   void RegisterTo(kanrpc::RpcServer* server);
 
  private:
-  PdService(store::MetaStore* store, uint32_t target_replicas, ClockMs clock_ms);
+  PdService(store::MetaStore* store, Options options);
 
   // The persisted identifier high-water mark, or kFirstId when none was
   // ever written. Fails when it cannot be read or is not 8 bytes long.
   static Status ReadIdMark(store::MetaStore* store, uint64_t* mark);
+  // Persists `mark` as the identifier high-water mark.
+  Status WriteIdMark(uint64_t mark) REQUIRES(id_mutex_);
 
   // The leadership transfers of one heartbeat (appended to *resp), after
   // recording the reporter as the last reporter of each entry's region.
@@ -144,8 +164,13 @@ class PdService {
   store::MetaStore* const store_;
   const uint32_t target_replicas_;
   const ClockMs clock_ms_;
-  // Built by Create; follows the store's writes on its own.
+  const bool own_id_marks_;
+  // Built by Create unless another router was given; follows the store's
+  // writes on its own.
   std::unique_ptr<RegionIndex> index_;
+  // index_, the router given, or null (built without an index). Set by
+  // Create, before the service is shared.
+  const RegionRouter* router_ = nullptr;
   // GetRegion calls answered by the index and by the walk; striped, since
   // every event loop counts them.
   StripedCounter index_lookups_;
@@ -155,6 +180,12 @@ class PdService {
   // persisted mark; no other handler takes it.
   Mutex id_mutex_;
   uint64_t next_id_ GUARDED_BY(id_mutex_);  // first identifier not yet handed out
+  // With own_id_marks_: the highest mark this service wrote and saw
+  // acknowledged (identifiers below it are its own), and the highest it
+  // tried to write (a write without an answer may have landed), so that
+  // the stored mark never goes down.
+  uint64_t written_mark_ GUARDED_BY(id_mutex_) = 0;
+  uint64_t tried_mark_ GUARDED_BY(id_mutex_) = 0;
 
   // Serialises timestamp batches only.
   Mutex tso_mutex_;

@@ -323,6 +323,51 @@ TEST(PdDamageTest, DamagedTableRecordFailsOnlyTheReadsThatMeetIt) {
   kandb::testing::RemoveTree(dir);
 }
 
+// A term of a replicated server hands out identifiers only below a mark
+// it wrote itself: a mark raised by someone else is neither trusted nor
+// lowered by a write of its own, and a write that failed (it may still have
+// landed) is never followed by a lower one.
+TEST(PdOwnMarksTest, IdentifiersOnlyBelowMarksItWrote) {
+  lsm::FaultInjectingFileIo io;
+  const std::string dir = kandb::testing::MakeTempDir("kandb-pd-own");
+  {
+    std::unique_ptr<store::MetaStore> store;
+    ASSERT_TRUE(store::MetaStore::Open(dir, "", 0, &io, &store).ok());
+    PdService::Options options;
+    options.own_id_marks = true;
+    std::unique_ptr<PdService> service;
+    ASSERT_TRUE(PdService::Create(store.get(), options, &service).ok());
+    const auto alloc = [&](uint32_t n) {
+      pdpb::AllocIdResponse resp;
+      const Status s = service->AllocId({n}, &resp);
+      return s.ok() ? std::to_string(resp.first_id) : s.ToString();
+    };
+    const auto mark = [&] {
+      std::string value;
+      bool found = false;
+      EXPECT_TRUE(store->Get(kIdAllocKey, &value, &found).ok());
+      return found && value.size() == 8 ? DecodeFixed64(value.data()) : 0;
+    };
+    EXPECT_EQ(alloc(1), "1024");
+    EXPECT_EQ(mark(), 2025u);
+    // Another writer raises the mark: what lies below this service's own
+    // mark is still its own, and needs no write.
+    ASSERT_TRUE(store->Put({{kIdAllocKey, Mark(9000)}}).ok());
+    EXPECT_EQ(alloc(1000), "1025");
+    EXPECT_EQ(mark(), 9000u);
+    // Past it, a mark of its own is written (fenced, on etcd) rather than
+    // the raised one trusted.
+    EXPECT_EQ(alloc(1), "2025");
+    EXPECT_EQ(mark(), 3026u);
+    io.FailFrom(lsm::FileOp::kWrite, 1, "wal-");
+    EXPECT_NE(alloc(5000).find("wal write"), std::string::npos);
+    io.ClearAll();
+    EXPECT_EQ(alloc(1001), "2026");  // 3027 is enough, but 8026 was tried
+    EXPECT_EQ(mark(), 8026u);
+  }
+  kandb::testing::RemoveTree(dir);
+}
+
 TEST_F(PdTest, RoutingCorners) {
   PutStores({1, 3});
   Put(kBootstrappedKey, "");  // a marker with any value counts

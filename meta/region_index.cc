@@ -80,7 +80,9 @@ Status RegionIndex::Build(store::MetaStore* store, std::unique_ptr<RegionIndex>*
   return Status::OK();
 }
 
-RegionIndex::~RegionIndex() { store_->SetApplyObserver(nullptr); }
+RegionIndex::~RegionIndex() {
+  if (store_ != nullptr) store_->SetApplyObserver(nullptr);
+}
 
 size_t RegionIndex::regions() const {
   ReaderLock lock(&mu_);
@@ -153,6 +155,15 @@ void RegionIndex::Apply(const lsm::WriteBatch& batch) {
         stores_.erase(e.key);
       }
     }
+  }
+}
+
+void RegionIndex::PutUnopened(const std::string& key, const Status& why) {
+  WriterLock lock(&mu_);
+  if (InRange(key, kRegionPrefix, kRegionScanEnd)) {
+    PutRegion(key, std::string(), why);
+  } else if (InRange(key, kStorePrefix, kStoreScanEnd)) {
+    stores_[key] = StoreRecord{std::string(), why};
   }
 }
 

@@ -32,7 +32,21 @@
 
 namespace kandb::meta {
 
-class RegionIndex {
+// Where the service looks for a routing answer before it walks the region
+// records: the region index over its own store, or, on a replicated
+// server, the copy of the records that follows etcd.
+class RegionRouter {
+ public:
+  virtual ~RegionRouter() = default;
+  // Routes `key` as the walk over the records would: true with the answer
+  // in *resp (OK) or in *status (the failure), or false when only the walk
+  // can answer. Safe from any thread.
+  virtual bool Route(const std::string& key, pdpb::GetRegionResponse* resp, Status* status) const = 0;
+  // Region records held, for the statistics.
+  virtual size_t regions() const = 0;
+};
+
+class RegionIndex final : public RegionRouter {
  public:
   // Starts following the writes of `store` (not owned; it must outlive the
   // index) and loads every region and store record. Must run before the
@@ -41,18 +55,29 @@ class RegionIndex {
   // every lookup (the walk answers, with the read's failure where it meets
   // it), and the failure is reported on standard error.
   static Status Build(store::MetaStore* store, std::unique_ptr<RegionIndex>* out);
-  // Stops following the store.
-  ~RegionIndex();
+  // An empty index that follows no store: its owner feeds it with Apply.
+  RegionIndex() : store_(nullptr) {}
+  // Stops following the store, if it follows one.
+  ~RegionIndex() override;
   RegionIndex(const RegionIndex&) = delete;
   RegionIndex& operator=(const RegionIndex&) = delete;
 
   // Routes `key` as the walk over the records would: returns true with the
   // answer in *resp (OK) or in *status (the failure), or false when the
   // records are not a clean partition and the caller must walk them.
-  bool Route(const std::string& key, pdpb::GetRegionResponse* resp, Status* status) const EXCLUDES(mu_);
+  bool Route(const std::string& key, pdpb::GetRegionResponse* resp, Status* status) const override
+      EXCLUDES(mu_);
 
   // Region records held, decodable or not.
-  size_t regions() const EXCLUDES(mu_);
+  size_t regions() const override EXCLUDES(mu_);
+
+  // Applies the puts (values opened) and deletions of one batch as one
+  // change: a lookup sees all of it or none. Keys outside the region and
+  // store ranges are ignored.
+  void Apply(const lsm::WriteBatch& batch) EXCLUDES(mu_);
+  // Records a record whose value could not be opened: it counts as one
+  // that does not decode, so the index declines while it is there.
+  void PutUnopened(const std::string& key, const Status& why) EXCLUDES(mu_);
 
  private:
   struct RegionRecord {
@@ -85,7 +110,6 @@ class RegionIndex {
   };
 
   explicit RegionIndex(store::MetaStore* store) : store_(store) {}
-  void Apply(const lsm::WriteBatch& batch) EXCLUDES(mu_);
   void PutRegion(const std::string& key, std::string value, const Status& open_status) REQUIRES(mu_);
   void EraseRegion(const std::string& key) REQUIRES(mu_);
   // Adds or removes a ranged region and keeps overlapping_pairs_ right.
@@ -94,7 +118,7 @@ class RegionIndex {
   static bool Ranged(const RegionRecord& record);
   static bool Overlap(const Region* before, const Region* after);
 
-  store::MetaStore* const store_;
+  store::MetaStore* const store_;  // null when fed by its owner
 
   mutable SharedMutex mu_;
   // Every record of the region range, by its key in the store.

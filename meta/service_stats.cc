@@ -66,7 +66,7 @@ void PdService::GetStats(const kanrpc::RpcServer& server, pdpb::StatsResponse* r
   lsm::EngineStats engine;
   resp->has_engine = store_->GetEngineStats(&engine);
   if (resp->has_engine) resp->engine = EngineStatsMessage(engine);
-  resp->routing.index_regions = index_ != nullptr ? index_->regions() : 0;
+  resp->routing.index_regions = router_ != nullptr ? router_->regions() : 0;
   resp->routing.index_lookups = index_lookups_.Load();
   resp->routing.walk_lookups = walk_lookups_.Load();
 }
