@@ -1,6 +1,8 @@
 #include "store/etcd_client.h"
 
 #include <curl/curl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <mutex>
 #include <utility>
@@ -384,6 +386,207 @@ Status EtcdClient::LeaseKeepAlive(int64_t id, int64_t* ttl) {
 Status EtcdClient::LeaseRevoke(int64_t id) {
   std::string text;
   return Post("/v3/lease/revoke", "{\"ID\":" + Int(id) + "}", &text);
+}
+
+void EtcdWatchStop::Stop() {
+  MutexLock lock(&mu_);
+  stopped_.store(true, std::memory_order_release);
+  // Shutting the socket down fails the stream's read at once; the socket
+  // is closed by the stream's own thread.
+  if (socket_ >= 0) shutdown(socket_, SHUT_RDWR);
+}
+
+bool EtcdWatchStop::Track(int socket) {
+  MutexLock lock(&mu_);
+  if (stopped()) return false;
+  socket_ = socket;
+  return true;
+}
+
+void EtcdWatchStop::Close(int socket) {
+  MutexLock lock(&mu_);
+  if (socket_ == socket) socket_ = -1;
+  close(socket);
+}
+
+namespace {
+
+// What one watch stream has seen: the bytes of a line not yet complete,
+// and how it ended.
+struct WatchStream {
+  const std::function<bool(const EtcdWatchAnswer&)>* on_answer = nullptr;
+  EtcdWatchStop* stop = nullptr;
+  std::string pending;
+  bool answered = false;  // some answer arrived: the stream was up
+  bool ended = false;     // on_answer asked to end it
+  Status failure;         // an answer that did not parse, or a stream error
+};
+
+Status DecodeWatchAnswer(const std::string& line, EtcdWatchAnswer* out) {
+  json::Value message;
+  Status s = ParseAnswer(line, &message);
+  if (!s.ok()) return s;
+  const json::Value* result = message.Find("result");
+  if (result == nullptr || !result->is_object()) {
+    const json::Value* e = message.Find("error");
+    const json::Value* m = e != nullptr && e->is_object() ? e->Find("message") : nullptr;
+    if (m != nullptr && m->is_string()) return Status::Unavailable("etcd unreachable: " + m->text());
+    return BadAnswer("no watch result");
+  }
+  EtcdWatchAnswer answer;
+  const json::Value* flag = result->Find("created");
+  answer.created = flag != nullptr && flag->type() == json::Value::Type::kBool && flag->bool_value();
+  flag = result->Find("canceled");
+  answer.canceled = flag != nullptr && flag->type() == json::Value::Type::kBool && flag->bool_value();
+  if (!IntField(*result, "compact_revision", &answer.compact_revision)) return BadAnswer("bad compact revision");
+  const json::Value* reason = result->Find("cancel_reason");
+  if (reason != nullptr && reason->is_string()) answer.cancel_reason = reason->text();
+  const json::Value* events = result->Find("events");
+  if (events != nullptr) {
+    if (!events->is_array()) return BadAnswer("events is not a list");
+    answer.events.reserve(events->items().size());
+    for (const json::Value& item : events->items()) {
+      const json::Value* kv = item.is_object() ? item.Find("kv") : nullptr;
+      if (kv == nullptr || !kv->is_object()) return BadAnswer("event without a record");
+      EtcdEvent event;
+      const json::Value* type = item.Find("type");
+      if (type != nullptr) {
+        if (!type->is_string() || (type->text() != "PUT" && type->text() != "DELETE")) {
+          return BadAnswer("bad event type");
+        }
+        if (type->text() == "DELETE") event.type = EtcdEvent::Type::kDelete;
+      }
+      EtcdKv& record = event.kv;
+      if (!BytesField(*kv, "key", &record.key) || !BytesField(*kv, "value", &record.value) ||
+          !IntField(*kv, "create_revision", &record.create_revision) ||
+          !IntField(*kv, "mod_revision", &record.mod_revision) || !IntField(*kv, "lease", &record.lease)) {
+        return BadAnswer("bad event record");
+      }
+      answer.events.push_back(std::move(event));
+    }
+  }
+  *out = std::move(answer);
+  return Status::OK();
+}
+
+// Splits the stream into its lines (one answer each) as bytes arrive.
+// Returning less than it was given ends the transfer.
+size_t OnWatchBytes(char* data, size_t size, size_t count, void* user) {
+  auto* stream = static_cast<WatchStream*>(user);
+  const size_t bytes = size * count;
+  stream->pending.append(data, bytes);
+  size_t start = 0;
+  for (size_t newline; (newline = stream->pending.find('\n', start)) != std::string::npos; start = newline + 1) {
+    if (newline == start) continue;
+    EtcdWatchAnswer answer;
+    stream->failure = DecodeWatchAnswer(stream->pending.substr(start, newline - start), &answer);
+    if (!stream->failure.ok()) return 0;
+    stream->answered = true;
+    if (!(*stream->on_answer)(answer)) {
+      stream->ended = true;
+      return 0;
+    }
+  }
+  stream->pending.erase(0, start);
+  return bytes;
+}
+
+curl_socket_t OpenWatchSocket(void* user, curlsocktype, struct curl_sockaddr* address) {
+  const int fd = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (fd < 0) return CURL_SOCKET_BAD;
+  if (!static_cast<EtcdWatchStop*>(user)->Track(fd)) {
+    close(fd);
+    return CURL_SOCKET_BAD;
+  }
+  return fd;
+}
+
+int CloseWatchSocket(void* user, curl_socket_t fd) {
+  static_cast<EtcdWatchStop*>(user)->Close(fd);
+  return 0;
+}
+
+// Called by libcurl at least once a second during a transfer: a stop that
+// came between the socket's creation and its tracking is seen here.
+int WatchProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  return static_cast<EtcdWatchStop*>(user)->stopped() ? 1 : 0;
+}
+
+}  // namespace
+
+Status EtcdClient::Watch(const std::string& key, const std::string& range_end, int64_t start_revision,
+                         const std::function<bool(const EtcdWatchAnswer&)>& on_answer, EtcdWatchStop* stop) {
+  if (endpoints_.empty()) return Status::Unavailable("etcd unreachable: no endpoints");
+  std::string body = "{\"create_request\":{\"key\":";
+  AppendB64(key, &body);
+  if (!range_end.empty()) {
+    body.append(",\"range_end\":");
+    AppendB64(range_end, &body);
+  }
+  if (start_revision > 0) body.append(",\"start_revision\":" + Int(start_revision));
+  body.append("}}");
+
+  CURL* curl = curl_easy_init();
+  if (curl == nullptr) return Status::Unavailable("etcd unreachable: cannot create a connection handle");
+  curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
+  const size_t first = preferred_.load(std::memory_order_relaxed);
+  std::string last_error = "no endpoint tried";
+  Status result;
+  bool done = false;
+  for (size_t i = 0; i < endpoints_.size() && !done && !stop->stopped(); ++i) {
+    const size_t index = (first + i) % endpoints_.size();
+    const std::string url = endpoints_[index] + "/v3/watch";
+    WatchStream stream;
+    stream.on_answer = &on_answer;
+    stream.stop = stop;
+    curl_easy_reset(curl);
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_POST, 1L);
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, OnWatchBytes);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &stream);
+    curl_easy_setopt(curl, CURLOPT_OPENSOCKETFUNCTION, OpenWatchSocket);
+    curl_easy_setopt(curl, CURLOPT_OPENSOCKETDATA, stop);
+    curl_easy_setopt(curl, CURLOPT_CLOSESOCKETFUNCTION, CloseWatchSocket);
+    curl_easy_setopt(curl, CURLOPT_CLOSESOCKETDATA, stop);
+    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, WatchProgress);
+    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, stop);
+    // A stream lasts as long as it is wanted; only the connect is bounded.
+    // Keep-alive probes find a peer that went away without a word.
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout_ms_));
+    curl_easy_setopt(curl, CURLOPT_TCP_KEEPALIVE, 1L);
+    curl_easy_setopt(curl, CURLOPT_TCP_KEEPIDLE, 2L);
+    curl_easy_setopt(curl, CURLOPT_TCP_KEEPINTVL, 1L);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_TCP_NODELAY, 1L);
+    const CURLcode rc = curl_easy_perform(curl);
+    long http_status = 0;
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &http_status);
+    if (stream.ended || stop->stopped()) {
+      done = true;
+    } else if (!stream.failure.ok()) {
+      result = stream.failure;
+      done = true;
+    } else if (stream.answered) {
+      // A stream that was up and broke: the caller resumes from what it
+      // has, perhaps on another endpoint.
+      preferred_.store(index, std::memory_order_relaxed);
+      result = Status::Unavailable("etcd unreachable: " + endpoints_[index] + ": watch ended: " +
+                                   (rc == CURLE_OK ? std::string("closed by etcd") : curl_easy_strerror(rc)));
+      done = true;
+    } else {
+      last_error = endpoints_[index] + ": " +
+                   (rc == CURLE_OK ? "http status " + std::to_string(http_status) : curl_easy_strerror(rc));
+    }
+  }
+  curl_slist_free_all(headers);
+  curl_easy_cleanup(curl);
+  if (done || stop->stopped()) return result;
+  preferred_.store((first + 1) % endpoints_.size(), std::memory_order_relaxed);
+  return Status::Unavailable("etcd unreachable: " + last_error);
 }
 
 std::string PrefixEnd(const std::string& prefix) {

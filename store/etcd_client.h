@@ -24,6 +24,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -68,6 +69,48 @@ struct EtcdTxnResult {
   std::vector<std::vector<EtcdKv>> gets;
 };
 
+// One change of a watched range. A deletion carries the key and its
+// mod_revision (the revision of the deletion) only.
+struct EtcdEvent {
+  enum class Type { kPut, kDelete };
+  Type type = Type::kPut;
+  EtcdKv kv;
+};
+
+// One answer of a watch stream: the stream was created, or events came
+// (those of one revision are never split across answers, and they come in
+// revision order), or etcd cancelled it (`compact_revision` set when the
+// revisions asked for were compacted away).
+struct EtcdWatchAnswer {
+  bool created = false;
+  bool canceled = false;
+  int64_t compact_revision = 0;
+  std::string cancel_reason;
+  std::vector<EtcdEvent> events;
+};
+
+// Ends a watch stream from another thread: Stop makes the Watch call that
+// was given it return soon (at once when it is streaming), and every later
+// one at once. Thread-safe.
+class EtcdWatchStop {
+ public:
+  void Stop() EXCLUDES(mu_);
+  bool stopped() const { return stopped_.load(std::memory_order_acquire); }
+
+  // For the stream's own thread: the socket it opened (false, and the
+  // socket is not taken, once stopped), and its close.
+  bool Track(int socket) EXCLUDES(mu_);
+  void Close(int socket) EXCLUDES(mu_);
+
+ private:
+  // The socket of the stream in progress, so that Stop can shut it down;
+  // set and cleared under mu_ by the stream's own thread, which also closes
+  // it under mu_, so Stop never shuts down a reused number.
+  Mutex mu_;
+  int socket_ GUARDED_BY(mu_) = -1;
+  std::atomic<bool> stopped_{false};
+};
+
 class EtcdClient {
  public:
   // Splits "http://h1:p1,http://h2:p2" into endpoints. A bare "host:port"
@@ -98,6 +141,17 @@ class EtcdClient {
   // no longer exists.
   Status LeaseKeepAlive(int64_t id, int64_t* ttl);
   Status LeaseRevoke(int64_t id);
+
+  // Streams the changes of [key, range_end) (an empty range_end: the one
+  // key) from `start_revision` on, handing each answer to `on_answer` as it
+  // arrives, on the calling thread, until on_answer returns false or `stop`
+  // is stopped (then OK), or the stream fails or etcd cancels it (then why:
+  // code 4 "etcd unreachable: ..." when no endpoint could be reached or a
+  // stream broke, code 2 for an answer that does not parse). Endpoints are
+  // tried in turn until one streams; a stream has no time-out of its own,
+  // only the connect is bounded.
+  Status Watch(const std::string& key, const std::string& range_end, int64_t start_revision,
+               const std::function<bool(const EtcdWatchAnswer&)>& on_answer, EtcdWatchStop* stop);
 
   const std::vector<std::string>& endpoints() const { return endpoints_; }
 
