@@ -4,12 +4,20 @@
 // Real etcd members and real kandb-meta-ha servers on 127.0.0.1, on free
 // ports, started, killed, paused and restarted by the tests.
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -104,6 +112,113 @@ class EtcdCluster {
   std::vector<Member> members_;
 };
 
+// A TCP proxy in front of one etcd member that forwards every request at
+// once and can hold the answers back: etcd applies a write whose answer
+// the client then gives up on, so its outcome is unknown to the client.
+class AnswerDelayProxy {
+ public:
+  // `upstream` is an etcd client URL on 127.0.0.1 ("http://127.0.0.1:P").
+  explicit AnswerDelayProxy(const std::string& upstream)
+      : upstream_port_(std::stoi(upstream.substr(upstream.rfind(':') + 1))) {
+    listen_fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(addr);
+    const int one = 1;
+    setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || listen(listen_fd_, 64) != 0 ||
+        getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+      std::abort();
+    }
+    port_ = ntohs(addr.sin_port);
+    accept_thread_ = std::thread([this] { AcceptLoop(); });
+  }
+  ~AnswerDelayProxy() {
+    stop_.store(true);
+    shutdown(listen_fd_, SHUT_RDWR);
+    accept_thread_.join();
+    close(listen_fd_);
+    std::vector<std::thread> pumps;
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      for (int fd : sockets_) shutdown(fd, SHUT_RDWR);
+      pumps.swap(pumps_);
+    }
+    for (std::thread& t : pumps) t.join();
+    for (int fd : sockets_) close(fd);
+  }
+
+  std::string Url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  // Answers to requests for `path` ("/v3/kv/txn": writes) that arrive
+  // from etcd within the next `ms` are passed on only when that time is up.
+  void HoldAnswers(int ms, const std::string& path) {
+    std::lock_guard<std::mutex> lock(mu_);
+    held_path_ = path;
+    hold_until_ms_.store(SteadyMs() + ms);
+  }
+
+ private:
+  void AcceptLoop() {
+    while (!stop_.load()) {
+      const int client = accept(listen_fd_, nullptr, nullptr);
+      if (client < 0) continue;
+      const int upstream = socket(AF_INET, SOCK_STREAM, 0);
+      sockaddr_in addr{};
+      addr.sin_family = AF_INET;
+      addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      addr.sin_port = htons(static_cast<uint16_t>(upstream_port_));
+      if (connect(upstream, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+        close(client);
+        close(upstream);
+        continue;
+      }
+      std::lock_guard<std::mutex> lock(mu_);
+      sockets_.push_back(client);
+      sockets_.push_back(upstream);
+      auto path = std::make_shared<std::string>();  // of the last request on this connection
+      pumps_.emplace_back([this, client, upstream, path] { Pump(client, upstream, path, false); });
+      pumps_.emplace_back([this, client, upstream, path] { Pump(upstream, client, path, true); });
+    }
+  }
+  // Copies `from` to `to` until either side ends; answers to the held path
+  // wait out a hold. HTTP/1.1 answers come in request order, so an answer
+  // belongs to the last request line seen on its connection.
+  void Pump(int from, int to, const std::shared_ptr<std::string>& path, bool answers) {
+    char buffer[65536];
+    for (;;) {
+      const ssize_t n = read(from, buffer, sizeof(buffer));
+      if (n <= 0) break;
+      const std::string_view chunk(buffer, static_cast<size_t>(n));
+      if (!answers && chunk.substr(0, 5) == "POST ") {
+        std::lock_guard<std::mutex> lock(mu_);
+        *path = std::string(chunk.substr(5, chunk.find(' ', 5) - 5));
+      }
+      while (answers && !stop_.load() && SteadyMs() < hold_until_ms_.load()) {
+        {
+          std::lock_guard<std::mutex> lock(mu_);
+          if (*path != held_path_) break;
+        }
+        SleepMs(5);
+      }
+      if (send(to, buffer, static_cast<size_t>(n), MSG_NOSIGNAL) != n) break;
+    }
+    shutdown(from, SHUT_RDWR);
+    shutdown(to, SHUT_RDWR);
+  }
+
+  const int upstream_port_;
+  int listen_fd_ = -1;
+  int port_ = 0;
+  std::atomic<bool> stop_{false};
+  std::atomic<int64_t> hold_until_ms_{0};
+  std::thread accept_thread_;
+  std::mutex mu_;
+  std::string held_path_;     // guarded by mu_, as the pumps' paths
+  std::vector<int> sockets_;  // closed by the destructor, after the pumps
+  std::vector<std::thread> pumps_;
+};
+
 // kandb-meta-ha servers of one cluster name, each on its own port.
 class HaServers {
  public:
@@ -159,6 +274,7 @@ class HaServers {
     return list;
   }
   std::string Stderr(int i) const { return processes_[i]->Stderr(); }
+  pid_t Pid(int i) const { return processes_[i]->pid(); }
   std::string prefix() const { return store::EtcdClusterPrefix(cluster_); }
 
   // The leader key's record, if there is one.

@@ -22,6 +22,8 @@ constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kRenewRetryNs = 100 * kNsPerMs;
 // How often the leading thread wakes to renew, extend and check its term.
 constexpr int kLeadTickMs = 50;
+// A server that stepped down campaigns again only after this long.
+constexpr int kStepDownPauseMs = 3 * HaServer::kCampaignIntervalMs;
 
 int64_t SteadyNs() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -41,35 +43,67 @@ int64_t SafetyMarginNs(int64_t ttl_s) { return std::max<int64_t>(300 * kNsPerMs,
 
 }  // namespace
 
-// One leadership term: its fenced store, its service and its timestamp
-// ceiling. Requests hold it by shared pointer, so a term that ends stays
-// alive until the last request on it has answered.
+// One leadership term: its fenced store, its service, its timestamp
+// ceiling, and what bounds its answers (the lease, the proofs that its key
+// is still its own, and the revision its copy of the records must reach).
+// Requests hold it by shared pointer, so a term that ends stays alive
+// until the last request on it has answered.
 class HaServer::Term {
  public:
-  Term(store::EtcdClient* etcd, const std::string& prefix, const std::string& leader_key,
-       int64_t create_revision, int64_t deadline_ns)
+  Term(store::EtcdClient* etcd, const HaOptions& options, const std::string& leader_key, int64_t create_revision,
+       int64_t lease, int64_t sent_ns, int64_t ttl_s)
       : create_revision_(create_revision),
-        deadline_ns_(deadline_ns),
-        raw_(etcd, prefix, store::EtcdFence{leader_key, create_revision}, [this] { Lose(); }) {
+        window_ns_(ConfirmWindowMs(ttl_s) * kNsPerMs),
+        lease_deadline_ns_(sent_ns + ttl_s * 1000 * kNsPerMs - SafetyMarginNs(ttl_s)),
+        // The create transaction is the term's first proof.
+        confirmed_until_ns_(sent_ns + window_ns_ - kConfirmMarginMs * kNsPerMs),
+        last_proof_ns_(sent_ns),
+        barrier_(create_revision),
+        raw_(etcd, options.prefix, Fence(leader_key, create_revision, options.advertise, lease), Observer()) {
     // Without a passphrase the store cannot fail to open.
-    Status s = store::OpenEtcdMetaStore(etcd, prefix, store::EtcdFence{leader_key, create_revision},
-                                        "", [this] { Lose(); }, &store_);
+    Status s = store::OpenEtcdMetaStore(etcd, options.prefix,
+                                        Fence(leader_key, create_revision, options.advertise, lease), "",
+                                        Observer(), &store_);
     (void)s;
   }
 
-  // Whether requests may still be answered in this term.
+  // Whether requests may be answered in this term now.
   bool Valid() const {
-    return !lost_.load(std::memory_order_acquire) &&
-           SteadyNs() < deadline_ns_.load(std::memory_order_acquire);
+    const int64_t now = SteadyNs();
+    return !lost() && now >= serve_from_ns_.load(std::memory_order_acquire) &&
+           now < lease_deadline_ns_.load(std::memory_order_acquire) &&
+           now < confirmed_until_ns_.load(std::memory_order_acquire);
   }
+  // Whether the lease may have run out by this server's clock: the term
+  // is over.
+  bool LeaseRanOut() const { return SteadyNs() >= lease_deadline_ns_.load(std::memory_order_acquire); }
   bool lost() const { return lost_.load(std::memory_order_acquire); }
-  void Lose() { lost_.store(true, std::memory_order_release); }
-  void ExtendTo(int64_t deadline_ns) { deadline_ns_.store(deadline_ns, std::memory_order_release); }
+  // Ends the term for `why`; the first reason given is kept.
+  void Lose(const char* why) {
+    const char* expected = nullptr;
+    lost_why_.compare_exchange_strong(expected, why, std::memory_order_acq_rel);
+    lost_.store(true, std::memory_order_release);
+  }
+  const char* lost_why() const {
+    const char* why = lost_why_.load(std::memory_order_acquire);
+    return why != nullptr ? why : "term ended";
+  }
+  void ExtendLeaseTo(int64_t deadline_ns) { lease_deadline_ns_.store(deadline_ns, std::memory_order_release); }
+  void ServeFrom(int64_t ns) { serve_from_ns_.store(ns, std::memory_order_release); }
   int64_t create_revision() const { return create_revision_; }
+  // The newest revision the copy of the records must hold before routing
+  // may answer from it: the term's start (which follows every write of the
+  // terms before it) and every write this term acknowledged.
+  int64_t barrier() const { return barrier_.load(std::memory_order_acquire); }
+  // Whether a quarter of the window has passed since the last proof.
+  bool ProofDue() const {
+    return SteadyNs() - last_proof_ns_.load(std::memory_order_acquire) >= window_ns_ / 4;
+  }
 
   // Reads what the term starts from and builds its service. Fails, leaving
   // the term unusable, when etcd cannot tell where the previous term ended.
-  Status Begin(uint32_t target_replicas) {
+  Status Begin(uint32_t target_replicas, std::unique_ptr<RegionRouter> router) {
+    router_ = std::move(router);
     std::string stored;
     bool found = false;
     Status s = raw_.Get(kCeilingKey, &stored, &found);
@@ -83,7 +117,11 @@ class HaServer::Term {
     if (!s.ok()) return s;
     // The service loads the identifier counter from etcd, and fails when
     // the mark cannot be read.
-    s = PdService::Create(store_.get(), target_replicas, &service_);
+    PdService::Options service_options;
+    service_options.target_replicas = target_replicas;
+    service_options.router = router_.get();
+    service_options.own_id_marks = true;
+    s = PdService::Create(store_.get(), service_options, &service_);
     if (!s.ok()) return s;
     service_->SetTsoCeiling(floor, [this](uint64_t physical) { return Admit(physical); });
     return Status::OK();
@@ -98,7 +136,47 @@ class HaServer::Term {
     return RaiseCeiling(now + 1);
   }
 
+  // A write of nothing but the proof: extends the window and raises the
+  // barrier to a revision of its own.
+  Status Prove() { return raw_.Write({}); }
+
+  // Before a route is answered from the copy: after a write whose outcome
+  // is unknown, writes again, so that the barrier passes whatever etcd had
+  // applied of it by then. Fails when that write fails.
+  Status CatchUp() EXCLUDES(catch_up_mu_) {
+    const uint64_t unknown = unknown_writes_.load(std::memory_order_acquire);
+    if (unknown == resolved_unknown_.load(std::memory_order_acquire)) return Status::OK();
+    // One proof at a time; those who waited find it done.
+    MutexLock lock(&catch_up_mu_);
+    if (resolved_unknown_.load(std::memory_order_acquire) >= unknown) return Status::OK();
+    Status s = Prove();
+    if (s.ok()) resolved_unknown_.store(unknown, std::memory_order_release);
+    return s;
+  }
+
  private:
+  static store::EtcdFence Fence(const std::string& key, int64_t create_revision, const std::string& value,
+                                int64_t lease) {
+    return store::EtcdFence{key, create_revision, value, lease};
+  }
+  store::EtcdWriteObserver Observer() {
+    return store::EtcdWriteObserver{[this](int64_t revision, int64_t sent_ns) { Committed(revision, sent_ns); },
+                                    [this] { unknown_writes_.fetch_add(1, std::memory_order_acq_rel); },
+                                    [this] { Lose("fenced out: another server leads"); }};
+  }
+
+  // A fenced write etcd applied at `revision`, sent at `sent_ns`.
+  void Committed(int64_t revision, int64_t sent_ns) {
+    RaiseTo(&barrier_, revision);
+    RaiseTo(&last_proof_ns_, sent_ns);
+    RaiseTo(&confirmed_until_ns_, sent_ns + window_ns_ - kConfirmMarginMs * kNsPerMs);
+  }
+  static void RaiseTo(std::atomic<int64_t>* value, int64_t to) {
+    int64_t seen = value->load(std::memory_order_relaxed);
+    while (seen < to && !value->compare_exchange_weak(seen, to, std::memory_order_acq_rel)) {
+    }
+  }
+
   // Timestamps of physical part `physical` may be handed out once the
   // persisted ceiling is above it.
   Status Admit(uint64_t physical) {
@@ -107,11 +185,13 @@ class HaServer::Term {
   }
 
   // Persists (fenced) a ceiling of at least `at_least`, a window ahead of
-  // the clock, before anything below it is handed out.
+  // the clock, before anything below it is handed out. A ceiling written
+  // but unanswered may have landed: the next one is never lower.
   Status RaiseCeiling(uint64_t at_least) EXCLUDES(ceiling_mu_) {
     MutexLock lock(&ceiling_mu_);
     if (ceiling_.load(std::memory_order_acquire) >= at_least) return Status::OK();
-    const uint64_t ceiling = std::max(at_least, WallMs()) + kTsoWindowMs;
+    const uint64_t ceiling = std::max(std::max(at_least, WallMs()) + kTsoWindowMs, tried_ceiling_);
+    tried_ceiling_ = ceiling;
     std::string value;
     PutFixed64(&value, ceiling);
     Status s = raw_.Write({lsm::Entry{lsm::kOpPut, kCeilingKey, value}});
@@ -121,29 +201,89 @@ class HaServer::Term {
   }
 
   const int64_t create_revision_;
+  const int64_t window_ns_;
   std::atomic<bool> lost_{false};
-  std::atomic<int64_t> deadline_ns_;  // steady clock; serving stops there
+  std::atomic<const char*> lost_why_{nullptr};
+  // Steady clock: the term answers from serve_from_ns_ on (once the term
+  // before it must have stopped), and before both deadlines.
+  std::atomic<int64_t> serve_from_ns_{INT64_MAX};
+  std::atomic<int64_t> lease_deadline_ns_;
+  std::atomic<int64_t> confirmed_until_ns_;
+  // When the last proof etcd applied was sent.
+  std::atomic<int64_t> last_proof_ns_;
+  std::atomic<int64_t> barrier_;
+  // Writes whose outcome is unknown, and how many of them a later proof
+  // has covered.
+  std::atomic<uint64_t> unknown_writes_{0};
+  std::atomic<uint64_t> resolved_unknown_{0};
+  Mutex catch_up_mu_;
   // The term's own records beside the service's (the timestamp ceiling),
   // written with the same fence, without the service's key space.
   store::EtcdBackend raw_;
   std::unique_ptr<store::MetaStore> store_;  // set by the constructor
-  std::unique_ptr<PdService> service_;  // set by Begin, before the term is published
+  // Set by Begin, before the term is published; the router outlives the
+  // service that asks it.
+  std::unique_ptr<RegionRouter> router_;
+  std::unique_ptr<PdService> service_;
 
   // Serialises ceiling writes; the persisted ceiling only grows. Taken
   // under the service's tso_mutex (from Admit) and alone (from the
   // leading thread), never the other way round.
   Mutex ceiling_mu_;
   std::atomic<uint64_t> ceiling_{0};  // persisted; written under ceiling_mu_
+  uint64_t tried_ceiling_ GUARDED_BY(ceiling_mu_) = 0;
 };
+
+// Routing for one term: from the copy of the records once it holds every
+// write the term must show, else (the copy still loading, or behind) by
+// the walk, which reads etcd itself.
+class HaServer::TermRouter final : public RegionRouter {
+ public:
+  TermRouter(Term* term, RegionMirror* mirror) : term_(term), mirror_(mirror) {}
+
+  bool Route(const std::string& key, pdpb::GetRegionResponse* resp, Status* status) const override {
+    if (mirror_->index() == nullptr) return false;
+    if (!term_->CatchUp().ok()) return false;
+    if (!mirror_->WaitFor(term_->barrier(), kRouteWaitMs)) {
+      // A revision etcd applied has not come in that long: the stream is
+      // stuck (its member cut off, say). Start another.
+      mirror_->Reconnect();
+      return false;
+    }
+    const std::shared_ptr<const RegionIndex> index = mirror_->index();
+    return index != nullptr && index->Route(key, resp, status);
+  }
+  size_t regions() const override {
+    const std::shared_ptr<const RegionIndex> index = mirror_->index();
+    return index != nullptr ? index->regions() : 0;
+  }
+
+ private:
+  // How long a route waits for the copy before it walks.
+  static constexpr int64_t kRouteWaitMs = 1000;
+
+  Term* const term_;
+  RegionMirror* const mirror_;
+};
+
+int64_t HaServer::ConfirmWindowMs(int64_t lease_s) { return std::min<int64_t>(1000, lease_s * 1000 / 2); }
 
 int64_t HaServer::LeaseSeconds(int64_t lease_ms) {
   return std::max<int64_t>(2, (lease_ms + 999) / 1000);
 }
 
 HaServer::HaServer(store::EtcdClient* etcd, HaOptions options)
-    : etcd_(etcd),
-      options_(std::move(options)),
-      leader_key_(options_.prefix + "leader") {}
+    : etcd_(etcd), options_(std::move(options)), leader_key_(options_.prefix + "leader") {
+  RegionMirror::Options mirror;
+  mirror.prefix = options_.prefix;
+  mirror.leader_key = leader_key_;
+  mirror.on_event = [this](const store::EtcdEvent& event, int64_t) { OnEvent(event); };
+  mirror.on_loaded = [this](size_t regions, size_t stores, int64_t revision, int64_t took_ms) {
+    Log("read " + std::to_string(regions) + " regions and " + std::to_string(stores) + " stores at revision " +
+        std::to_string(revision) + " in " + std::to_string(took_ms) + " ms; following changes");
+  };
+  mirror_ = std::make_unique<RegionMirror>(etcd_, std::move(mirror));
+}
 
 HaServer::~HaServer() {
   stop_.store(true);
@@ -154,9 +294,12 @@ HaServer::~HaServer() {
     leading = term_ != nullptr;
   }
   if (leading) EndTerm("shutting down");
+  // Its thread calls OnEvent, which uses the members below.
+  mirror_.reset();
 }
 
 void HaServer::Start() {
+  mirror_->Start();
   thread_ = std::thread([this] { Run(); });
 }
 
@@ -254,7 +397,10 @@ void HaServer::Run() {
     int pause_ms = kCampaignIntervalMs;
     if (term != nullptr) {
       Lead(term);
-      pause_ms = kLeadTickMs;
+      // A server whose term just ended (its lease revoked, say: an operator
+      // moving leadership away) leaves the next term to the others first.
+      MutexLock lock(&mu_);
+      pause_ms = term_ != nullptr ? kLeadTickMs : kStepDownPauseMs;
     } else {
       Campaign();
     }
@@ -315,15 +461,31 @@ void HaServer::Campaign() {
   lease_id_ = lease;
   lease_ttl_s_ = ttl;
   next_renew_ns_ = sent + ttl * 1000 * kNsPerMs / 3;
-  auto term = std::make_shared<Term>(etcd_, options_.prefix, leader_key_, create_revision,
-                                     sent + ttl * 1000 * kNsPerMs - SafetyMarginNs(ttl));
-  s = term->Begin(options_.target_replicas);
-  if (!s.ok()) {
-    Log("could not begin a term: " + s.ToString());
+  auto term = std::make_shared<Term>(etcd_, options_, leader_key_, create_revision, lease, sent, ttl);
+  {
+    MutexLock lock(&mu_);
+    starting_ = term;
+  }
+  s = term->Begin(options_.target_replicas, std::make_unique<TermRouter>(term.get(), mirror_.get()));
+  // The term before this one may still answer until the window of its
+  // last proof has passed. Its proofs are writes below this term's
+  // revision, each sent before the change it made was seen here; once the
+  // copy shows this term's own key, every such change has been seen.
+  const int64_t window = ConfirmWindowMs(ttl) * kNsPerMs;
+  const int64_t before_us =
+      mirror_->WaitFor(create_revision, kCatchUpMs) ? mirror_->LastChangeBefore(create_revision) : SteadyNs();
+  {
+    MutexLock lock(&mu_);
+    starting_.reset();
+  }
+  if (!s.ok() || term->lost()) {
+    Log("could not begin a term: " + (s.ok() ? std::string(term->lost_why()) : s.ToString()));
     (void)etcd_->LeaseRevoke(lease_id_);
     lease_id_ = 0;
     return;
   }
+  term->ServeFrom(before_us + window);
+  const int64_t wait_ms = std::max<int64_t>(0, (before_us + window - SteadyNs()) / kNsPerMs);
   {
     MutexLock lock(&mu_);
     term_ = term;
@@ -331,12 +493,14 @@ void HaServer::Campaign() {
     leader_ = options_.advertise;
   }
   last_leader_seen_ = options_.advertise;
-  Log("leader (lease " + std::to_string(ttl) + " s)");
+  Log("leader (lease " + std::to_string(ttl) + " s" +
+      (wait_ms > 0 ? ", serving in " + std::to_string(wait_ms) + " ms, once the term before must have ended" : "") +
+      ")");
 }
 
 void HaServer::Lead(const std::shared_ptr<Term>& term) {
   if (term->lost()) {
-    EndTerm("fenced out: another server leads");
+    EndTerm(term->lost_why());
     return;
   }
   const int64_t now = SteadyNs();
@@ -348,7 +512,7 @@ void HaServer::Lead(const std::shared_ptr<Term>& term) {
     if (s.ok() && ttl > 0) {
       lease_ttl_s_ = ttl;
       next_renew_ns_ = now + ttl * 1000 * kNsPerMs / 3;
-      term->ExtendTo(now + ttl * 1000 * kNsPerMs - SafetyMarginNs(ttl));
+      term->ExtendLeaseTo(now + ttl * 1000 * kNsPerMs - SafetyMarginNs(ttl));
     } else if (s.ok()) {
       EndTerm("lease expired");
       return;
@@ -357,23 +521,45 @@ void HaServer::Lead(const std::shared_ptr<Term>& term) {
       next_renew_ns_ = now + kRenewRetryNs;
     }
   }
-  if (!term->Valid()) {
-    EndTerm(term->lost() ? "fenced out: another server leads" : "lease not renewed in time");
+  if (term->lost() || term->LeaseRanOut()) {
+    EndTerm(term->lost() ? term->lost_why() : "lease not renewed in time");
     return;
   }
+  // An idle leader proves its term a few times a window, so that it keeps
+  // answering; a busy one proves it with every write.
+  if (term->ProofDue()) (void)term->Prove();
   (void)term->KeepCeilingAhead();
 }
 
-void HaServer::EndTerm(const char* why) {
+void HaServer::OnEvent(const store::EtcdEvent& event) {
+  if (event.kv.key != leader_key_) return;
+  std::shared_ptr<Term> terms[2];
   {
     MutexLock lock(&mu_);
-    if (term_ != nullptr) term_->Lose();
+    terms[0] = term_;
+    terms[1] = starting_;
+  }
+  for (const std::shared_ptr<Term>& term : terms) {
+    // Changes up to the term's own creation are its predecessors'.
+    if (term == nullptr || event.kv.mod_revision <= term->create_revision()) continue;
+    if (event.type == store::EtcdEvent::Type::kDelete) {
+      term->Lose("leader key deleted");
+    } else if (event.kv.create_revision != term->create_revision()) {
+      term->Lose("fenced out: another server leads");
+    }
+  }
+}
+
+void HaServer::EndTerm(const std::string& why) {
+  {
+    MutexLock lock(&mu_);
+    if (term_ != nullptr) term_->Lose("term ended");
     term_.reset();
     generation_.fetch_add(1, std::memory_order_release);
     leader_.clear();
   }
   last_leader_seen_.clear();
-  Log(std::string("stepped down: ") + why);
+  Log("stepped down: " + why);
   // Best effort: a revoked lease frees the leader key at once, so another
   // server need not wait for it to expire.
   if (lease_id_ != 0) (void)etcd_->LeaseRevoke(lease_id_);

@@ -13,11 +13,33 @@
 // run out (a margin before etcd's expiry), and campaigns again afresh.
 //
 // Terms: each leadership term gets a new PdService over a new MetaStore,
-// built from etcd when the term begins, so the identifier counter and the
-// timestamp ceiling come from etcd, never from an earlier term's memory.
-// Every write of a term is fenced: its transaction also requires the leader
-// key's creation revision to be the one this term created, so a deposed
-// leader's late writes change nothing.
+// so the identifier counter and the timestamp ceiling come from etcd,
+// never from an earlier term's memory. Every write of a term is fenced:
+// its transaction also requires the leader key's creation revision to be
+// the one this term created, so a deposed leader's late writes change
+// nothing. Identifiers are handed out only below a mark the term itself
+// wrote (fenced), never below one read back, which a newer leader may
+// have raised and be handing out.
+//
+// One leader at a time, also when the leader key goes early (its lease
+// revoked, the key deleted): a leader answers only within kConfirmWindow
+// of sending its last write that etcd applied (every write proves the key
+// still its own; an idle leader writes nothing but that proof every
+// quarter of the window), and stops at once when the watch shows its key
+// deleted or taken. A new leader, having won the key at revision W, waits
+// until the window of the last change below W that it saw arrive has
+// passed: the old leader's last proof was sent before that change arrived,
+// so the old leader has stopped by then, whether it saw its key go or not.
+// After a leader died, its last write is a lease's length old when the
+// key expires, and the new one serves at once.
+//
+// Routing: every server, leading or not, keeps a copy of the region and
+// store records that follows etcd (RegionMirror), so a new leader serves
+// at once at any cluster size. A term answers from the copy only once the
+// copy holds every write the term (or one before it) acknowledged; after a
+// write whose answer was lost (it may have been applied), the term first
+// writes again, so that the copy is brought up to what etcd holds before
+// the next route.
 //
 // Timestamps: every timestamp a term hands out lies below a physical
 // ceiling persisted (fenced) in "<prefix>tso_ceiling" first; the ceiling is
@@ -38,6 +60,7 @@
 #include "common/status.h"
 #include "common/thread_annotations.h"
 #include "meta/pd_service.h"
+#include "meta/region_mirror.h"
 #include "store/etcd_client.h"
 
 namespace kandb::kanrpc {
@@ -59,6 +82,18 @@ class HaServer {
   static constexpr uint64_t kTsoWindowMs = 3000;
   // A follower tries to take over this often.
   static constexpr int kCampaignIntervalMs = 100;
+  // How long a leader may answer after sending a write that etcd applied
+  // (its proof that the key is still its own), for a lease of `lease_s`
+  // seconds: at most 1 s, so that a new leader after a revoke waits at
+  // most that, and at most half the lease, so that after a leader died it
+  // has run out before the lease has.
+  static int64_t ConfirmWindowMs(int64_t lease_s);
+  // A leader stops this long before its window ends by its own clock: room
+  // for an answer checked just before to leave, and for clocks that run at
+  // slightly different rates.
+  static constexpr int64_t kConfirmMarginMs = 100;
+  // How long a new leader waits for its copy to show its own key.
+  static constexpr int64_t kCatchUpMs = 1000;
 
   // The lease length asked of etcd, in whole seconds: etcd grants whole
   // seconds and nothing much below 2 s.
@@ -74,11 +109,13 @@ class HaServer {
   // Registers the six methods, each dispatched to the current term's
   // service, and "Pd.Stats", before the RPC server starts.
   void RegisterTo(kanrpc::RpcServer* server);
-  // Starts campaigning on a thread of its own.
+  // Starts following the records and campaigning, each on a thread of its
+  // own.
   void Start();
 
  private:
   class Term;
+  class TermRouter;
 
   template <class Req, class Resp>
   void Bind(kanrpc::RpcServer* server, const char* method,
@@ -97,12 +134,19 @@ class HaServer {
   // Renews the lease and extends the timestamp ceiling of the current
   // term, or ends the term when it can no longer be trusted.
   void Lead(const std::shared_ptr<Term>& term);
-  void EndTerm(const char* why) EXCLUDES(mu_);
+  void EndTerm(const std::string& why) EXCLUDES(mu_);
   void Log(const std::string& event);
+  // From the mirror's thread: a change of the leader key (or of another
+  // key of the prefix, ignored). A term whose key was deleted or taken by
+  // another server stops answering at once.
+  void OnEvent(const store::EtcdEvent& event) EXCLUDES(mu_);
 
   store::EtcdClient* const etcd_;
   const HaOptions options_;
   const std::string leader_key_;
+  // The copy of the records; started by Start, stopped first by the
+  // destructor, since its thread calls OnEvent.
+  std::unique_ptr<RegionMirror> mirror_;
 
   std::atomic<bool> stop_{false};
   std::thread thread_;
@@ -119,6 +163,9 @@ class HaServer {
   // that followers name. Held only to copy or replace them.
   Mutex mu_;
   std::shared_ptr<Term> term_ GUARDED_BY(mu_);  // null while not leading
+  // A term won but not yet serving (beginning, or waiting out the term
+  // before it), so that OnEvent can end it too.
+  std::shared_ptr<Term> starting_ GUARDED_BY(mu_);
   // Changes (under mu_) whenever term_ does; read without it to tell a
   // thread's kept term from the current one.
   std::atomic<uint64_t> generation_{0};

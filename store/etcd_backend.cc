@@ -1,17 +1,24 @@
 #include "store/etcd_backend.h"
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <utility>
 
 namespace kandb::store {
 
-EtcdBackend::EtcdBackend(EtcdClient* client, std::string prefix, EtcdFence fence,
-                         std::function<void()> on_fenced_out)
-    : client_(client),
-      prefix_(std::move(prefix)),
-      fence_(std::move(fence)),
-      on_fenced_out_(std::move(on_fenced_out)) {}
+namespace {
+
+int64_t SteadyNs() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+}  // namespace
+
+EtcdBackend::EtcdBackend(EtcdClient* client, std::string prefix, EtcdFence fence, EtcdWriteObserver observer)
+    : client_(client), prefix_(std::move(prefix)), fence_(std::move(fence)), observer_(std::move(observer)) {}
 
 std::string EtcdClusterPrefix(const std::string& cluster) { return "kandb/" + cluster + "/"; }
 
@@ -106,14 +113,28 @@ Status EtcdBackend::Apply(const std::vector<const lsm::WriteBatch*>& batches) {
   std::vector<EtcdCompare> compares;
   if (fence_.create_revision != 0) {
     compares.push_back(EtcdCompare{fence_.key, EtcdCompare::Target::kCreate, fence_.create_revision});
+    // A write must leave an event in the cluster's prefix at its revision,
+    // for those who wait for the watch to reach it. Puts always do; a
+    // deletion of an absent key does not, so a write without puts (an
+    // empty one included: a leader's proof of its term) puts the fence
+    // key again, as it stands.
+    const bool puts = std::any_of(ops.begin(), ops.end(), [](const EtcdOp& op) { return op.kind == EtcdOp::Kind::kPut; });
+    if (!puts) ops.push_back(EtcdOp{EtcdOp::Kind::kPut, fence_.key, fence_.value, fence_.lease});
   }
   EtcdTxnResult result;
+  const int64_t sent = SteadyNs();
   Status s = client_->Txn(compares, ops, {}, &result);
-  if (!s.ok()) return s;
+  if (!s.ok()) {
+    // Refusals (over etcd's limits, an unknown lease) applied nothing; no
+    // answer, or one that does not parse, leaves the outcome open.
+    if ((s.IsUnavailable() || s.IsCorruption()) && observer_.unknown) observer_.unknown();
+    return s;
+  }
   if (!result.succeeded) {
-    if (on_fenced_out_) on_fenced_out_();
+    if (observer_.fenced_out) observer_.fenced_out();
     return Status::Unavailable("not leader; leadership lost");
   }
+  if (observer_.committed) observer_.committed(result.revision, sent);
   return Status::OK();
 }
 
@@ -143,11 +164,10 @@ Status EtcdBackend::ForEach(const std::string& start, const std::string& end, ui
 }
 
 Status OpenEtcdMetaStore(EtcdClient* client, const std::string& prefix, EtcdFence fence,
-                         const std::string& passphrase, std::function<void()> on_fenced_out,
+                         const std::string& passphrase, EtcdWriteObserver observer,
                          std::unique_ptr<MetaStore>* out) {
   return MetaStore::OnBackend(
-      std::make_unique<EtcdBackend>(client, prefix, std::move(fence), std::move(on_fenced_out)),
-      passphrase, out);
+      std::make_unique<EtcdBackend>(client, prefix, std::move(fence), std::move(observer)), passphrase, out);
 }
 
 }  // namespace kandb::store

@@ -11,7 +11,10 @@
 // each transaction the condition that the leader key still has the
 // creation revision that this server's leadership created: once another
 // server has taken over, a late write of the old leader changes nothing
-// and fails with code 4 "not leader; leadership lost".
+// and fails with code 4 "not leader; leadership lost". A write that got no
+// answer fails with the client's "etcd unreachable" and may still have
+// been applied: the observer hears of it, so that whatever trusts the
+// writes' results can look again.
 //
 // Concurrent writes are grouped: the first writer in line sends its batch
 // and those queued behind it as one transaction (each batch stays atomic,
@@ -36,9 +39,25 @@
 namespace kandb::store {
 
 // Writes are allowed only while `key` exists with this creation revision.
+// A fenced transaction without puts of its own also puts `value` under
+// `lease` to `key` again, so that every fenced write leaves an event in
+// the cluster's prefix at its revision (see meta/region_mirror.h).
 struct EtcdFence {
   std::string key;
   int64_t create_revision = 0;
+  std::string value;
+  int64_t lease = 0;
+};
+
+// Learns how each fenced transaction of a backend ended. Called on the
+// writing thread, without the backend's locks; any member may be empty.
+struct EtcdWriteObserver {
+  // etcd applied it at `revision`; it was sent at `sent_ns` (steady clock).
+  std::function<void(int64_t revision, int64_t sent_ns)> committed;
+  // No answer came: it may have been applied, now or later.
+  std::function<void()> unknown;
+  // Its fence failed: the key is gone or another server holds it.
+  std::function<void()> fenced_out;
 };
 
 class EtcdBackend final : public MetaBackend {
@@ -47,16 +66,16 @@ class EtcdBackend final : public MetaBackend {
   // first page, so a long scan is still one moment's view.
   static constexpr int64_t kScanPage = 10000;
   // A group takes no more batches once it holds this many operations or
-  // bytes, inside etcd's default limits (128 operations, 1.5 MiB), so that
-  // grouping alone never makes a transaction too large.
-  static constexpr size_t kGroupMaxOps = 128;
+  // bytes, inside etcd's default limits (128 operations, one of which the
+  // fence may take; 1.5 MiB), so that grouping alone never makes a
+  // transaction too large.
+  static constexpr size_t kGroupMaxOps = 127;
   static constexpr size_t kGroupMaxBytes = 1 << 20;
 
   // `client` is not owned and must outlive the backend. A `fence` with
-  // create_revision 0 writes unfenced (tools and tests). `on_fenced_out`,
-  // when set, is called each time a write fails its fence.
-  EtcdBackend(EtcdClient* client, std::string prefix, EtcdFence fence,
-              std::function<void()> on_fenced_out = nullptr);
+  // create_revision 0 writes unfenced (tools and tests). `observer` learns
+  // how every transaction ended.
+  EtcdBackend(EtcdClient* client, std::string prefix, EtcdFence fence, EtcdWriteObserver observer = {});
 
   Status Get(const std::string& key, std::string* value, bool* found) override;
   Status Write(const lsm::WriteBatch& batch) override EXCLUDES(queue_mu_);
@@ -79,7 +98,7 @@ class EtcdBackend final : public MetaBackend {
   EtcdClient* const client_;
   const std::string prefix_;
   const EtcdFence fence_;
-  const std::function<void()> on_fenced_out_;
+  const EtcdWriteObserver observer_;
 
   // The writers in line; the front one leads the next group.
   Mutex queue_mu_;
@@ -96,7 +115,7 @@ std::string EtcdClusterPrefix(const std::string& cluster);
 // A MetaStore over etcd: the second factory beside MetaStore::Open. On
 // success replaces *out.
 Status OpenEtcdMetaStore(EtcdClient* client, const std::string& prefix, EtcdFence fence,
-                         const std::string& passphrase, std::function<void()> on_fenced_out,
+                         const std::string& passphrase, EtcdWriteObserver observer,
                          std::unique_ptr<MetaStore>* out);
 
 }  // namespace kandb::store
