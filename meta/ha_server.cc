@@ -53,7 +53,7 @@ class HaServer::Term {
   Term(store::EtcdClient* etcd, const HaOptions& options, const std::string& leader_key, int64_t create_revision,
        int64_t lease, int64_t sent_ns, int64_t ttl_s)
       : create_revision_(create_revision),
-        window_ns_(ConfirmWindowMs(ttl_s) * kNsPerMs),
+        window_ns_(kConfirmWindowMs * kNsPerMs),
         lease_deadline_ns_(sent_ns + ttl_s * 1000 * kNsPerMs - SafetyMarginNs(ttl_s)),
         // The create transaction is the term's first proof.
         confirmed_until_ns_(sent_ns + window_ns_ - kConfirmMarginMs * kNsPerMs),
@@ -266,8 +266,6 @@ class HaServer::TermRouter final : public RegionRouter {
   RegionMirror* const mirror_;
 };
 
-int64_t HaServer::ConfirmWindowMs(int64_t lease_s) { return std::min<int64_t>(1000, lease_s * 1000 / 2); }
-
 int64_t HaServer::LeaseSeconds(int64_t lease_ms) {
   return std::max<int64_t>(2, (lease_ms + 999) / 1000);
 }
@@ -471,9 +469,12 @@ void HaServer::Campaign() {
   // last proof has passed. Its proofs are writes below this term's
   // revision, each sent before the change it made was seen here; once the
   // copy shows this term's own key, every such change has been seen.
-  const int64_t window = ConfirmWindowMs(ttl) * kNsPerMs;
-  const int64_t before_us =
-      mirror_->WaitFor(create_revision, kCatchUpMs) ? mirror_->LastChangeBefore(create_revision) : SteadyNs();
+  const int64_t window = kConfirmWindowMs * kNsPerMs;
+  // A copy still loading cannot tell; neither can one whose stream is
+  // stuck: then any write before this term's was sent before now.
+  const int64_t before_us = mirror_->index() != nullptr && mirror_->WaitFor(create_revision, kCatchUpMs)
+                                ? mirror_->LastChangeBefore(create_revision)
+                                : SteadyNs();
   {
     MutexLock lock(&mu_);
     starting_.reset();

@@ -83,11 +83,12 @@ class HaServer {
   // A follower tries to take over this often.
   static constexpr int kCampaignIntervalMs = 100;
   // How long a leader may answer after sending a write that etcd applied
-  // (its proof that the key is still its own), for a lease of `lease_s`
-  // seconds: at most 1 s, so that a new leader after a revoke waits at
-  // most that, and at most half the lease, so that after a leader died it
-  // has run out before the lease has.
-  static int64_t ConfirmWindowMs(int64_t lease_s);
+  // (its proof that the key is still its own). Every server uses the same
+  // window, whatever its lease: a new leader waits out its predecessor's
+  // window by its own. Short, so that a new leader after a revoke waits at
+  // most that; at most half the shortest lease (2 s), so that after a
+  // leader died its window has run out before its lease has.
+  static constexpr int64_t kConfirmWindowMs = 1000;
   // A leader stops this long before its window ends by its own clock: room
   // for an answer checked just before to leave, and for clocks that run at
   // slightly different rates.
