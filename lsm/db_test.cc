@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <thread>
 
@@ -12,6 +13,7 @@
 #include "lsm/db_test_util.h"
 #include "lsm/filename.h"
 #include "lsm/log.h"
+#include "lsm/manifest.h"
 #include "lsm/table_builder.h"
 
 namespace kandb::lsm {
@@ -356,6 +358,101 @@ TEST_F(DbTest, FailedFlushIsRetriedUntilItSucceeds) {
   const uint64_t next = LsmDbTestPeer(db_.get()).NextFile();
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   EXPECT_EQ(LsmDbTestPeer(db_.get()).NextFile(), next);  // idle, not merging
+}
+
+// The background thread's manifest write, sync, rename and directory sync,
+// and its unlinks of replaced files, never run under the lock that a write
+// leader takes. Held inside each of them, it keeps no write group waiting:
+// neither one led by a writer thread (Write) nor one led by the caller of
+// LeadDeferred, which the server's event loop is; nor the statistics. A
+// switch meanwhile makes a log whose number the manifest being written
+// does not cover; a crash there (the directory copied while the thread is
+// held) opens with every acknowledged write and numbers its next file past
+// every file it lists.
+TEST(DbBackgroundIoTest, WriteGroupsCompleteWhileTheBackgroundThreadIsHeldInItsIo) {
+  const std::string points[] = {"manifest fsync", "manifest rename", "log unlink"};
+  for (const std::string& point : points) {
+    SCOPED_TRACE(point);
+    ScratchDir dir;
+    ScratchDir image("kandb-crash-image");
+    Gate gate;
+    std::atomic<bool> armed{false};
+    HookedFileIo io;
+    io.on_fsync = [&](int fd) {
+      if (armed.load() && point == "manifest fsync" && EndsWith(PathOfDescriptor(fd), "/MANIFEST.tmp")) gate.Arrive();
+    };
+    io.on_rename = [&](const std::string&, const std::string& to) {
+      if (armed.load() && point == "manifest rename" && EndsWith(to, "/MANIFEST")) gate.Arrive();
+    };
+    io.on_unlink = [&](const std::string& path) {
+      if (armed.load() && point == "log unlink" && EndsWith(path, ".log")) gate.Arrive();
+    };
+    const std::string value(600, 'v');
+    std::unique_ptr<LsmDb> db;
+    ASSERT_TRUE(LsmDb::Open(dir.path(), SmallOptions(1000, 8, true, &io), &db).ok());
+    ASSERT_TRUE(db->Write({Put("before", value)}).ok());
+    armed = true;
+    // Fills the memtable: the switch wakes the background thread, whose
+    // flush is then held at the point.
+    ASSERT_TRUE(db->Write({Put("fill", value)}).ok());
+    ASSERT_TRUE(gate.WaitArrived());
+
+    // A writer that leads its own group and fills the memtable again, so
+    // that its group switches to a new log; a deferred write whose group
+    // the caller of LeadDeferred (or the commit thread) leads; Pd.Stats.
+    std::atomic<int> completed{0};
+    Status led, deferred;
+    std::thread writer([&] {
+      led = db->Write({Put("during/led", value + value)});
+      ++completed;
+    });
+    std::thread loop([&] {
+      db->WriteAsync({Put("during/deferred", "d")},
+                     [&](const Status& s) {
+                       deferred = s;
+                       ++completed;
+                     },
+                     /*defer_lead=*/true);
+      db->LeadDeferred();
+      (void)db->GetStats();
+      ++completed;
+    });
+    const bool all_completed = Eventually([&] { return completed.load() == 3; });
+    EXPECT_TRUE(all_completed) << "write groups waited for the background thread's I/O";
+    if (all_completed) {
+      EXPECT_TRUE(led.ok()) << led.ToString();
+      EXPECT_TRUE(deferred.ok()) << deferred.ToString();
+      // What a crash at this point leaves on disk.
+      std::filesystem::copy(dir.path(), image.path(), std::filesystem::copy_options::recursive |
+                                                          std::filesystem::copy_options::overwrite_existing);
+    }
+    gate.Open();
+    writer.join();
+    loop.join();
+    db->WaitForBackgroundIdle();
+    db.reset();
+    if (!all_completed) return;
+
+    // The image holds a log made after its manifest's next_file was read.
+    ManifestState manifest;
+    bool exists = false;
+    ASSERT_TRUE(ReadManifest(DefaultFileIo(), image.path(), &manifest, &exists).ok());
+    uint64_t largest = 0;
+    uint64_t largest_log = 0;
+    for (const std::string& name : ListNames(image.path())) {
+      uint64_t number = 0;
+      const FileKind kind = ParseFileName(name, &number);
+      if (kind == FileKind::kOther) continue;
+      largest = std::max(largest, number);
+      if (kind == FileKind::kLog) largest_log = std::max(largest_log, number);
+    }
+    EXPECT_GE(largest_log, manifest.next_file);
+    ASSERT_TRUE(LsmDb::Open(image.path(), SmallOptions(1000, 8, true), &db).ok());
+    EXPECT_GT(LsmDbTestPeer(db.get()).NextFile(), largest + 1);  // its own new log took largest + 1 at least
+    for (const char* key : {"before", "fill"}) EXPECT_EQ(GetOrAbsent(db.get(), key), value) << key;
+    EXPECT_EQ(GetOrAbsent(db.get(), "during/led"), value + value);
+    EXPECT_EQ(GetOrAbsent(db.get(), "during/deferred"), "d");
+  }
 }
 
 TEST_F(DbTest, OpenDirectoryRules) {

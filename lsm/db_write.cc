@@ -296,7 +296,7 @@ Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {
   if (wal_ == nullptr) {
     Status s = CreateLog(&wal_);
     if (!s.ok()) {
-      ReportStorageFault("write failed: " + s.ToString());
+      ReportWriteFault("write failed: " + s.ToString());
       return s;
     }
     wal_acknowledged_ = false;
@@ -313,7 +313,7 @@ Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {
   if (record_.capacity() > (4u << 20)) std::string().swap(record_);
   if (status.ok() && options_.sync) status = SyncLog();
   if (!status.ok()) {
-    ReportStorageFault("write failed: " + status.ToString());
+    ReportWriteFault("write failed: " + status.ToString());
     AbandonLog();
     return status;
   }
@@ -330,7 +330,7 @@ Status LsmDb::WriteGroup(const std::vector<WriterSlot*>& group) {
     // The group's data is already logged and applied; a failed switch is
     // still reported to all its writers.
     status = SwitchMemTable();
-    if (!status.ok()) ReportStorageFault("memtable switch failed: " + status.ToString());
+    if (!status.ok()) ReportWriteFault("memtable switch failed: " + status.ToString());
   }
   return status;
 }
