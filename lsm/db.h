@@ -78,11 +78,12 @@ class LsmDb {
   void WriteAsync(WriteBatch batch, std::function<void(const Status&)> done, bool defer_lead = false)
       EXCLUDES(write_queue_mutex_);
   // Writes the queue as one group on the calling thread when no leader
-  // runs, every writer of the last group has queued again, and the last
-  // group took at most kCallerLeadLimit (the caller's thread saves two
-  // hand-offs); otherwise leaves the queue to the commit thread, waking it
-  // unless it already waits for the rest of those writers. Calls the callbacks of the caller's
-  // own batches on the calling thread.
+  // runs, every writer of the last group has queued again, the last group
+  // took at most kCallerLeadLimit (the caller's thread saves two
+  // hand-offs) and no flush or compaction is writing; otherwise leaves the
+  // queue to the commit thread, waking it unless it already waits for the
+  // rest of those writers. Calls the callbacks of the caller's own batches
+  // on the calling thread when it leads.
   void LeadDeferred() EXCLUDES(write_queue_mutex_);
   // The longest a group may have taken for LeadDeferred to lead the next
   // one itself: a slower disk keeps the caller's thread (an event loop
@@ -354,6 +355,11 @@ class LsmDb {
   // Started at the end of Open, joined first by the destructor.
   std::thread commit_thread_;
 
+  // Set while the background thread runs a step (a flush, a merge, a
+  // manifest rewrite, deletions): LeadDeferred leaves groups to the commit
+  // thread meanwhile, since their syncs then wait for the disk's other
+  // work. Written by the background thread alone; read without a lock.
+  std::atomic<bool> background_writing_{false};
   // Started at the end of Open, joined by the destructor.
   std::thread background_thread_;
 };

@@ -65,6 +65,7 @@ void LsmDb::BackgroundLoop() {
     Status s;
     const char* name = nullptr;
     const auto began = std::chrono::steady_clock::now();
+    background_writing_.store(true, std::memory_order_relaxed);
     switch (step) {
       case BackgroundStep::kFlush:
         name = "flush";
@@ -99,6 +100,7 @@ void LsmDb::BackgroundLoop() {
       case BackgroundStep::kStop:
         return;
     }
+    background_writing_.store(false, std::memory_order_relaxed);
     if (s.ok()) {
       pause = std::chrono::milliseconds(0);
       continue;

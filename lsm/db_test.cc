@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <thread>
 
 #include "lsm/db.h"
@@ -453,6 +454,58 @@ TEST(DbBackgroundIoTest, WriteGroupsCompleteWhileTheBackgroundThreadIsHeldInItsI
     EXPECT_EQ(GetOrAbsent(db.get(), "during/led"), value + value);
     EXPECT_EQ(GetOrAbsent(db.get(), "during/deferred"), "d");
   }
+}
+
+// The caller of LeadDeferred (the server's event loop) leads a complete,
+// quick group itself, but not while the background thread writes: then a
+// log's fdatasync waits for the disk's other work, and the group goes to
+// the commit thread. Held inside a flush's table rename, the background
+// thread is writing; once it is idle, the caller leads again.
+TEST(DbBackgroundIoTest, LeadDeferredLeavesGroupsToTheCommitThreadWhileTheBackgroundThreadWrites) {
+  ScratchDir dir;
+  Gate gate;
+  std::atomic<bool> armed{false};
+  HookedFileIo io;
+  io.on_rename = [&](const std::string&, const std::string& to) {
+    if (armed.load() && EndsWith(to, ".sst")) gate.Arrive();
+  };
+  std::unique_ptr<LsmDb> db;
+  // Unsynced, so that a group's time stays below the caller's limit.
+  ASSERT_TRUE(LsmDb::Open(dir.path(), SmallOptions(1000, 8, false, &io), &db).ok());
+  int written = 0;
+  // One deferred write and LeadDeferred, as a pass of the event loop ends;
+  // true when its group was led on this thread.
+  auto led_here = [&] {
+    std::mutex mu;
+    std::optional<std::thread::id> answered_on;
+    const std::string key = "deferred/" + std::to_string(written++);
+    db->WriteAsync({Put(key, "d")},
+                   [&](const Status& s) {
+                     EXPECT_TRUE(s.ok()) << s.ToString();
+                     std::lock_guard<std::mutex> lock(mu);
+                     answered_on = std::this_thread::get_id();
+                   },
+                   /*defer_lead=*/true);
+    db->LeadDeferred();
+    EXPECT_TRUE(Eventually([&] {
+      std::lock_guard<std::mutex> lock(mu);
+      return answered_on.has_value();
+    }));
+    std::lock_guard<std::mutex> lock(mu);
+    return answered_on == std::this_thread::get_id();
+  };
+  // A group may take longer than the limit now and then (a busy machine):
+  // the next one is led here again.
+  EXPECT_TRUE(Eventually(led_here)) << "idle: the caller leads";
+
+  armed = true;
+  ASSERT_TRUE(db->Write({Put("fill", std::string(1000, 'v'))}).ok());
+  ASSERT_TRUE(gate.WaitArrived());
+  for (int i = 0; i < 5; ++i) EXPECT_FALSE(led_here()) << "led by the caller while a flush wrote, write " << i;
+  gate.Open();
+  db->WaitForBackgroundIdle();
+  EXPECT_TRUE(Eventually(led_here)) << "idle again: the caller leads";
+  for (int i = 0; i < written; ++i) EXPECT_EQ(GetOrAbsent(db.get(), "deferred/" + std::to_string(i)), "d");
 }
 
 TEST_F(DbTest, OpenDirectoryRules) {
