@@ -75,7 +75,9 @@ Status LsmDb::Recover() {
   live_tables_ = manifest.sst_files;
 
   // A listing that failed part-way would make live logs look absent and
-  // their acknowledged batches lost, so it fails the open instead.
+  // their acknowledged batches lost, so it fails the open instead. An entry
+  // that could not be stat'ed is listed: the replay or the table open below
+  // reports what opening it meets.
   StateDirectory listing;
   s = StateDirectory::List(io_, dir_, &listing);
   if (!s.ok()) return s;

@@ -547,5 +547,54 @@ TEST_F(DbTest, OpenReplaysLogsInOrderAndNeedsEveryListedTable) {
   EXPECT_EQ(db_, nullptr);
 }
 
+// A file that open cannot use is reported by the step that opens it, in
+// that step's own words: the listing's stat of every entry, there for the
+// inspector's sizes, does not speak first. A listing cut short still fails
+// the open, and a file gone between the listing and its stat is left out.
+TEST_F(DbTest, OpenReportsAFileItCannotUseInTheWordsOfItsOpen) {
+  auto self_link = [&](const std::string& name) {
+    ASSERT_EQ(::symlink(name.c_str(), dir_.File(name).c_str()), 0) << name;
+  };
+  const LsmDb::Options options = SmallOptions(64 << 20, 8, false);
+  self_link("wal-000001.log");
+  EXPECT_EQ(OpenDb(options).ToString(),
+            "Corruption: wal open " + dir_.File("wal-000001.log") + ": Too many levels of symbolic links");
+  ASSERT_EQ(::unlink(dir_.File("wal-000001.log").c_str()), 0);
+
+  testing::WriteFileOrDie(dir_.File("MANIFEST"), "next_file 6\nsst 5\n");
+  self_link("sst-000005.sst");
+  EXPECT_EQ(OpenDb(options).ToString(),
+            "Corruption: sst open " + dir_.File("sst-000005.sst") + ": Too many levels of symbolic links");
+  ASSERT_EQ(::unlink(dir_.File("sst-000005.sst").c_str()), 0);
+
+  // An orphan goes as any orphan does, and its number counts; a file that
+  // is not the engine's stays.
+  testing::WriteFileOrDie(dir_.File("MANIFEST"), "next_file 2\n");
+  self_link("sst-000007.sst");
+  self_link("notes");
+  ASSERT_TRUE(OpenDb(options).ok());
+  EXPECT_EQ(ListNames(dir_.path()), (std::vector<std::string>{"MANIFEST", "notes", "wal-000008.log"}));
+  ASSERT_TRUE(db_->Write({Put("in8", "1")}).ok());
+  db_.reset();
+
+  // A stat that fails for another reason only costs the size.
+  io_.FailNth(FileOp::kStat, 1, "wal-000008.log");
+  ASSERT_TRUE(OpenDb(options).ok());
+  EXPECT_EQ(io_.injected(FileOp::kStat), 1u);
+  EXPECT_EQ(GetOrAbsent(db_.get(), "in8"), "1");
+  ASSERT_TRUE(db_->Write({Put("in9", "1")}).ok());  // wal-000009.log
+  db_.reset();
+
+  // What the stat finds gone is left out, as if the listing had not seen it.
+  io_.FailNth(FileOp::kStat, 1, "wal-000009.log", ENOENT);
+  ASSERT_TRUE(OpenDb(options).ok());
+  EXPECT_EQ(GetOrAbsent(db_.get(), "in8"), "1");
+  EXPECT_EQ(GetOrAbsent(db_.get(), "in9"), "<absent>");
+  db_.reset();
+
+  io_.FailNth(FileOp::kList, 1);
+  EXPECT_EQ(OpenDb(options).ToString(), "Corruption: list " + dir_.path() + ": Input/output error");
+}
+
 }  // namespace
 }  // namespace kandb::lsm
