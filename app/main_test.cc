@@ -149,8 +149,11 @@ TEST(ProcessEntryTest, PortAndTargetReplicasAreNarrowedTo32Bits) {
 TEST(ProcessEntryTest, StartFailuresExactTextsAndStatus) {
   ScratchDir scratch;
   const std::string dir = scratch.path() + "/state", file = scratch.path() + "/file",
-                    orphan = scratch.path() + "/missing/state";
+                    orphan = scratch.path() + "/missing/state", looping = scratch.path() + "/looping";
   kandb::testing::WriteFileOrDie(file, "not a directory");
+  // A log that is a link to itself: the open of the log reports it.
+  ASSERT_EQ(::mkdir(looping.c_str(), 0755), 0);
+  ASSERT_EQ(::symlink("wal-000001.log", (looping + "/wal-000001.log").c_str()), 0);
   MetaServer holder;  // holds a port
   ASSERT_TRUE(holder.Start(scratch.path() + "/holder"));
   const std::string port = std::to_string(holder.port());
@@ -165,6 +168,9 @@ TEST(ProcessEntryTest, StartFailuresExactTextsAndStatus) {
       // Directories are made one level deep only.
       {{"--data_dir=" + orphan},
        "failed to open pd state at " + orphan + ": Corruption: mkdir " + orphan + ": No such file or directory\n"},
+      {{"--data_dir=" + looping},
+       "failed to open pd state at " + looping + ": Corruption: wal open " + looping +
+           "/wal-000001.log: Too many levels of symbolic links\n"},
   };
   for (const auto& [args, message] : cases) {
     ProgramResult r = RunMeta(args);

@@ -54,6 +54,7 @@ Status LsmDb::Open(const std::string& dir, const Options& options, std::unique_p
   {
     // No other thread can see the engine yet; the lock is taken so that
     // recovery is checked like every other user of the guarded members.
+    MutexLock manifest_lock(&db->manifest_mutex_);
     MutexLock lock(&db->db_mutex_);
     s = db->Recover();
   }
@@ -74,7 +75,9 @@ Status LsmDb::Recover() {
   live_tables_ = manifest.sst_files;
 
   // A listing that failed part-way would make live logs look absent and
-  // their acknowledged batches lost, so it fails the open instead.
+  // their acknowledged batches lost, so it fails the open instead. An entry
+  // that could not be stat'ed is listed: the replay or the table open below
+  // reports what opening it meets.
   StateDirectory listing;
   s = StateDirectory::List(io_, dir_, &listing);
   if (!s.ok()) return s;
@@ -100,7 +103,7 @@ Status LsmDb::Recover() {
   if (!s.ok()) return s;
   mem_->AddWalFile(wal_->path());
   bool published = false;
-  s = PublishManifest(live_tables_, &published);
+  s = PublishManifest(next_file_, live_tables_, &published);
   if (!s.ok()) return s;
   PublishView();
   return Status::OK();
@@ -143,6 +146,7 @@ LsmDb::~LsmDb() {
 void LsmDb::WaitForBackgroundIdle() {
   for (;;) {
     {
+      MutexLock manifest_lock(&manifest_mutex_);
       MutexLock lock(&db_mutex_);
       if (imm_.empty() && !NeedsCompaction() && !manifest_unsynced_ && obsolete_files_.empty()) return;
     }

@@ -78,11 +78,12 @@ class LsmDb {
   void WriteAsync(WriteBatch batch, std::function<void(const Status&)> done, bool defer_lead = false)
       EXCLUDES(write_queue_mutex_);
   // Writes the queue as one group on the calling thread when no leader
-  // runs, every writer of the last group has queued again, and the last
-  // group took at most kCallerLeadLimit (the caller's thread saves two
-  // hand-offs); otherwise leaves the queue to the commit thread, waking it
-  // unless it already waits for the rest of those writers. Calls the callbacks of the caller's
-  // own batches on the calling thread.
+  // runs, every writer of the last group has queued again, the last group
+  // took at most kCallerLeadLimit (the caller's thread saves two
+  // hand-offs) and no flush or compaction is writing; otherwise leaves the
+  // queue to the commit thread, waking it unless it already waits for the
+  // rest of those writers. Calls the callbacks of the caller's own batches
+  // on the calling thread when it leads.
   void LeadDeferred() EXCLUDES(write_queue_mutex_);
   // The longest a group may have taken for LeadDeferred to lead the next
   // one itself: a slower disk keeps the caller's thread (an event loop
@@ -169,7 +170,7 @@ class LsmDb {
 
   // Open's recovery: manifest, directory listing, orphan tables, live
   // tables, log replay, the fresh log and the manifest rewrite.
-  Status Recover() REQUIRES(db_mutex_);
+  Status Recover() REQUIRES(manifest_mutex_, db_mutex_);
   Status ReplayLogs(const std::vector<uint64_t>& log_numbers) REQUIRES(db_mutex_);
 
   // Write path: the leader logs, syncs and applies its whole group.
@@ -193,10 +194,15 @@ class LsmDb {
   // Publishes mem_, imm_ and table_readers_ as the view of later reads.
   void PublishView() REQUIRES(db_mutex_) EXCLUDES(view_mutex_);
 
-  // Background work; each returns with db_mutex_ released.
-  void BackgroundLoop() EXCLUDES(db_mutex_);
-  Status FlushOldestMemTable() EXCLUDES(db_mutex_);
-  Status CompactAllTables() EXCLUDES(db_mutex_);
+  // Background work. None of it holds db_mutex_ across a file-system
+  // call: it takes db_mutex_ only for a moment, to reserve a file number,
+  // to copy what a manifest must record and to install a result.
+  enum class BackgroundStep { kStop, kFlush, kRewriteManifest, kDeleteReplaced, kCompact };
+  void BackgroundLoop() EXCLUDES(manifest_mutex_, db_mutex_);
+  // Waits until there is something to do (or stop_) and says what.
+  BackgroundStep AwaitBackgroundStep() EXCLUDES(manifest_mutex_, db_mutex_);
+  Status FlushOldestMemTable() EXCLUDES(manifest_mutex_, db_mutex_);
+  Status CompactAllTables() EXCLUDES(manifest_mutex_, db_mutex_);
   // Ends a table file written to `path`: finishes and closes `builder` when
   // `s` is OK and opens the result for reading; on any failure the file is
   // deleted and the failure returned.
@@ -205,36 +211,70 @@ class LsmDb {
   // Whether the table files are many enough to merge; never for fewer than
   // two, so that a limit of 0 cannot make the background thread spin.
   bool NeedsCompaction() const REQUIRES(db_mutex_);
-  // Publishes a manifest naming `tables` (and next_file_). *published
-  // tells whether it was put in place, even when the directory sync after
-  // it failed.
-  Status PublishManifest(const std::vector<uint64_t>& tables, bool* published) REQUIRES(db_mutex_);
+  // next_file_ as a manifest about to be written records it. Files made
+  // after this (a log of a switch meanwhile) may carry numbers at or past
+  // it; open raises the number past every file it lists.
+  uint64_t NextFileForManifest() EXCLUDES(db_mutex_);
+  // Publishes a manifest naming `tables` and recording `next_file`.
+  // *published tells whether it was put in place, even when the directory
+  // sync after it failed.
+  Status PublishManifest(uint64_t next_file, const std::vector<uint64_t>& tables, bool* published)
+      REQUIRES(manifest_mutex_);
   // After a flush or compaction published its manifest: deletes the files
   // it replaced once that manifest is durable, or keeps them, with the
   // manifest marked for rewriting, until one is. Returns the first failure.
-  Status RetireFiles(std::vector<std::string> replaced, const Status& manifest_sync) REQUIRES(db_mutex_);
+  Status RetireFiles(std::vector<std::string> replaced, const Status& manifest_sync) REQUIRES(manifest_mutex_);
   // Deletes obsolete_files_ in order, stopping at the first that cannot be
   // deleted (it and the rest wait for the next try).
-  Status DeleteObsoleteFiles() REQUIRES(db_mutex_);
+  Status DeleteObsoleteFiles() REQUIRES(manifest_mutex_);
   // Rewrites the manifest whose directory sync failed, and then deletes
   // the files that waited for it.
-  Status RewriteManifest() REQUIRES(db_mutex_);
+  Status RewriteManifest() REQUIRES(manifest_mutex_) EXCLUDES(db_mutex_);
 
   // Statistics (db_stats.cc). The log sync of a write group, timed.
   Status SyncLog() REQUIRES(db_mutex_);
   // A group of `batches` whose log append wrote `logged` bytes.
   void NoteWriteGroup(size_t batches, size_t logged) REQUIRES(db_mutex_);
   // Reports a fault on standard error (see fault_log.h) and counts it.
-  void ReportStorageFault(const std::string& text) REQUIRES(db_mutex_);
+  // The background thread's: db_mutex_ is taken only to count, since
+  // standard error may block.
+  void ReportStorageFault(const std::string& text) EXCLUDES(db_mutex_);
+  // The write leader's, under the db_mutex_ that it holds across its own
+  // log write and sync anyway.
+  void ReportWriteFault(const std::string& text) REQUIRES(db_mutex_);
 
   const std::string dir_;
   const Options options_;
   FileIo* const io_;
 
+  // Guards the state that the manifest and the deletion of replaced files
+  // are made from, and is held across that file-system work: the writing,
+  // syncing and renaming of a manifest, and the unlinks after it. Only the
+  // background work (and Open) takes it; a write leader never does, so no
+  // thread that writes (an event loop among them) waits for that I/O.
+  // From copying what a manifest records to installing what it named, one
+  // hold: the tables it names cannot change in between. Taken before
+  // db_mutex_, which is held inside it only for a moment.
+  Mutex manifest_mutex_ ACQUIRED_BEFORE(db_mutex_);
+  // The numbers of the live table files, newest first, in the order of
+  // table_readers_: what the manifest records.
+  std::vector<uint64_t> live_tables_ GUARDED_BY(manifest_mutex_);
+  // A manifest was put in place but the directory sync after it failed:
+  // the background thread rewrites it. Until then the files it replaced
+  // wait in obsolete_files_, since a crash could bring back the manifest
+  // before it, which still names them.
+  bool manifest_unsynced_ GUARDED_BY(manifest_mutex_) = false;
+  // Files replaced by a flush or compaction and not yet deleted, logs in
+  // ascending number. Logs are deleted strictly in that order, so the logs
+  // left on disk are always the newest ones: a flushed log that outlived a
+  // newer one would be replayed at open over the newer data in the tables.
+  std::vector<std::string> obsolete_files_ GUARDED_BY(manifest_mutex_);
+
   // Guards every engine member below except the writer queue and the
   // published view. Held by the write leader across its log writes and
-  // sync; never held during table file I/O, never taken by reads. Taken
-  // after write_queue_mutex_ has been released, and before view_mutex_.
+  // sync (and a switch's log creation); never held by anyone else across a
+  // file-system call, never taken by reads. Taken after write_queue_mutex_
+  // has been released and after manifest_mutex_, and before view_mutex_.
   Mutex db_mutex_;
   // Wakes the background thread: a memtable was switched, or stop_ was set.
   CondVar background_cv_{&db_mutex_};
@@ -243,10 +283,9 @@ class LsmDb {
   std::shared_ptr<MemTable> mem_ GUARDED_BY(db_mutex_);
   // Full memtables waiting for flush, oldest at the front.
   std::deque<std::shared_ptr<MemTable>> imm_ GUARDED_BY(db_mutex_);
-  // Every live table file, newest first; live_tables_ holds their numbers in
-  // the same order and is what the manifest records.
+  // Every live table file, newest first, as live_tables_ numbers them.
+  // Changed only by an install, which holds manifest_mutex_ as well.
   std::vector<std::shared_ptr<SstReader>> table_readers_ GUARDED_BY(db_mutex_);
-  std::vector<uint64_t> live_tables_ GUARDED_BY(db_mutex_);
   // Next number for a log or table file; the two kinds share it.
   uint64_t next_file_ GUARDED_BY(db_mutex_) = 1;
   // The log that write groups append to; closed when replaced or with the
@@ -255,22 +294,13 @@ class LsmDb {
   std::unique_ptr<LogFile> wal_ GUARDED_BY(db_mutex_);
   // Whether wal_ holds a record that was acknowledged to its writers.
   bool wal_acknowledged_ GUARDED_BY(db_mutex_) = false;
-  // A manifest was put in place but the directory sync after it failed:
-  // the background thread rewrites it. Until then the files it replaced
-  // wait in obsolete_files_, since a crash could bring back the manifest
-  // before it, which still names them.
-  bool manifest_unsynced_ GUARDED_BY(db_mutex_) = false;
-  // Files replaced by a flush or compaction and not yet deleted, logs in
-  // ascending number. Logs are deleted strictly in that order, so the logs
-  // left on disk are always the newest ones: a flushed log that outlived a
-  // newer one would be replayed at open over the newer data in the tables.
-  std::vector<std::string> obsolete_files_ GUARDED_BY(db_mutex_);
   // The leader's buffer of its group's framed records, reused across groups.
   std::string record_ GUARDED_BY(db_mutex_);
   // Set by the destructor; the background thread ends when it sees it.
   bool stop_ GUARDED_BY(db_mutex_) = false;
   // The counters of GetStats. They live under the lock that the write
-  // leader and the background thread hold anyway when they count.
+  // leader holds anyway when it counts; the background thread takes it
+  // for a moment to count.
   EngineStats stats_ GUARDED_BY(db_mutex_);
 
   // Guards view_ alone, and is held only to copy or replace the pointer:
@@ -325,6 +355,11 @@ class LsmDb {
   // Started at the end of Open, joined first by the destructor.
   std::thread commit_thread_;
 
+  // Set while the background thread runs a step (a flush, a merge, a
+  // manifest rewrite, deletions): LeadDeferred leaves groups to the commit
+  // thread meanwhile, since their syncs then wait for the disk's other
+  // work. Written by the background thread alone; read without a lock.
+  std::atomic<bool> background_writing_{false};
   // Started at the end of Open, joined by the destructor.
   std::thread background_thread_;
 };

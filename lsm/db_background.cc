@@ -1,6 +1,10 @@
 // Background work: flushing immutable memtables to table files and merging
-// every table file into one. Both do their file work without db_mutex_ and
-// take it only to reserve a file number and to install the result.
+// every table file into one. Neither holds db_mutex_, which the write
+// leader takes, across a file-system call: they take it only for a moment,
+// to reserve a file number, to read the next file number a manifest
+// records and to install a result. The manifest's write, sync, rename and
+// directory sync, and the unlinks of replaced files, run under
+// manifest_mutex_ alone, which writers never take.
 //
 // Crash-safety order of both: the new table file is synced and renamed into
 // place (and the directory synced), then a manifest naming it is published,
@@ -8,7 +12,15 @@
 // older tables) unlinked. A crash before the manifest leaves an orphan
 // table, which the next Open deletes, and the old files, which it reads
 // again; a crash after it leaves old files whose data is also in the new
-// table, which is harmless.
+// table, which is harmless. Installing the result in memory, between the
+// manifest and the unlinks, leaves nothing on disk.
+//
+// The next file number a manifest records is read just before the manifest
+// is written, and writers go on taking numbers while it is: a switch may
+// make a log numbered at or past what the manifest records. Open raises
+// the number past every log and table file it lists, so such a log is
+// never numbered again; a number taken for a file that was never made
+// (a crash before it existed) leaves a gap and nothing else.
 //
 // A step that fails changes nothing: what it wrote is deleted, the lists
 // and the manifest stay as they were, and the loop tries again after a
@@ -47,62 +59,99 @@ uint64_t NanosSince(std::chrono::steady_clock::time_point began) {
 
 void LsmDb::BackgroundLoop() {
   std::chrono::milliseconds pause{0};
-  db_mutex_.Lock();
-  // The state is examined again after every step, so a compaction follows
-  // a flush without a notification, and stop_ is seen between steps.
-  while (!stop_) {
+  for (;;) {
+    const BackgroundStep step = AwaitBackgroundStep();
+    if (step == BackgroundStep::kStop) return;
     Status s;
-    const char* step = nullptr;
+    const char* name = nullptr;
     const auto began = std::chrono::steady_clock::now();
-    if (!imm_.empty()) {
-      step = "flush";
-      db_mutex_.Unlock();
-      s = FlushOldestMemTable();
-      db_mutex_.Lock();
-      if (s.ok()) {
-        ++stats_.flushes;
-        stats_.flush_nanos += NanosSince(began);
+    background_writing_.store(true, std::memory_order_relaxed);
+    switch (step) {
+      case BackgroundStep::kFlush:
+        name = "flush";
+        s = FlushOldestMemTable();
+        if (s.ok()) {
+          MutexLock lock(&db_mutex_);
+          ++stats_.flushes;
+          stats_.flush_nanos += NanosSince(began);
+        }
+        break;
+      case BackgroundStep::kRewriteManifest: {
+        name = "manifest rewrite";
+        MutexLock lock(&manifest_mutex_);
+        s = RewriteManifest();
+        break;
       }
-    } else if (manifest_unsynced_) {
-      step = "manifest rewrite";
-      s = RewriteManifest();
-    } else if (!obsolete_files_.empty()) {
-      step = "deletion of replaced files";
-      s = DeleteObsoleteFiles();
-    } else if (NeedsCompaction()) {
-      step = "compaction";
-      db_mutex_.Unlock();
-      s = CompactAllTables();
-      db_mutex_.Lock();
-      if (s.ok()) {
-        ++stats_.compactions;
-        stats_.compaction_nanos += NanosSince(began);
+      case BackgroundStep::kDeleteReplaced: {
+        name = "deletion of replaced files";
+        MutexLock lock(&manifest_mutex_);
+        s = DeleteObsoleteFiles();
+        break;
       }
-    } else {
-      background_cv_.Wait();
-      continue;
+      case BackgroundStep::kCompact:
+        name = "compaction";
+        s = CompactAllTables();
+        if (s.ok()) {
+          MutexLock lock(&db_mutex_);
+          ++stats_.compactions;
+          stats_.compaction_nanos += NanosSince(began);
+        }
+        break;
+      case BackgroundStep::kStop:
+        return;
     }
+    background_writing_.store(false, std::memory_order_relaxed);
     if (s.ok()) {
       pause = std::chrono::milliseconds(0);
       continue;
     }
     pause = pause.count() == 0 ? kFirstRetryPause : std::min(pause * 2, kLongestRetryPause);
-    ReportStorageFault(std::string(step) + " failed: " + s.ToString() + " (retrying in " +
+    ReportStorageFault(std::string(name) + " failed: " + s.ToString() + " (retrying in " +
                        std::to_string(pause.count()) + " ms)");
     // A switch or the destructor wakes the pause early; either way the loop
     // looks at the state again.
+    MutexLock lock(&db_mutex_);
     if (!stop_) background_cv_.WaitFor(pause);
   }
-  db_mutex_.Unlock();
+}
+
+LsmDb::BackgroundStep LsmDb::AwaitBackgroundStep() {
+  // The state is examined again before every step, so a compaction follows
+  // a flush without a notification, and stop_ is seen between steps. What
+  // the files need changes only through background work, so it is read
+  // once; the memtables change under the writers, and are read under the
+  // lock that the wait releases, so that no switch goes unseen.
+  BackgroundStep files = BackgroundStep::kStop;
+  {
+    MutexLock lock(&manifest_mutex_);
+    if (manifest_unsynced_) {
+      files = BackgroundStep::kRewriteManifest;
+    } else if (!obsolete_files_.empty()) {
+      files = BackgroundStep::kDeleteReplaced;
+    }
+  }
+  MutexLock lock(&db_mutex_);
+  for (;;) {
+    if (stop_) return BackgroundStep::kStop;
+    if (!imm_.empty()) return BackgroundStep::kFlush;
+    if (files != BackgroundStep::kStop) return files;
+    if (NeedsCompaction()) return BackgroundStep::kCompact;
+    background_cv_.Wait();
+  }
 }
 
 bool LsmDb::NeedsCompaction() const {
   return table_readers_.size() > std::max<uint64_t>(options_.max_table_files, 1);
 }
 
-Status LsmDb::PublishManifest(const std::vector<uint64_t>& tables, bool* published) {
+uint64_t LsmDb::NextFileForManifest() {
+  MutexLock lock(&db_mutex_);
+  return next_file_;
+}
+
+Status LsmDb::PublishManifest(uint64_t next_file, const std::vector<uint64_t>& tables, bool* published) {
   ManifestState state;
-  state.next_file = next_file_;
+  state.next_file = next_file;
   state.sst_files = tables;
   return WriteManifest(io_, dir_, state, published);
 }
@@ -132,7 +181,7 @@ Status LsmDb::DeleteObsoleteFiles() {
 
 Status LsmDb::RewriteManifest() {
   bool published = false;
-  Status s = PublishManifest(live_tables_, &published);
+  Status s = PublishManifest(NextFileForManifest(), live_tables_, &published);
   if (!published) return s;
   return RetireFiles({}, s);
 }
@@ -170,11 +219,14 @@ Status LsmDb::FlushOldestMemTable() {
   s = FinishTable(s, std::move(builder), path, &reader);
   if (!s.ok()) return s;
 
-  MutexLock lock(&db_mutex_);
+  // From here to the install one hold of manifest_mutex_, so that the
+  // tables the manifest names are the tables installed; db_mutex_ only for
+  // the moments that read or change what writers and readers share.
+  MutexLock manifest_lock(&manifest_mutex_);
   std::vector<uint64_t> tables = live_tables_;
   tables.insert(tables.begin(), number);
   bool published = false;
-  s = PublishManifest(tables, &published);
+  s = PublishManifest(NextFileForManifest(), tables, &published);
   if (!published) {
     // Nothing names the new table: it goes, and the memtable stays queued
     // with its logs for the next try.
@@ -182,10 +234,16 @@ Status LsmDb::FlushOldestMemTable() {
     io_->Unlink(path.c_str());
     return s;
   }
-  table_readers_.insert(table_readers_.begin(), std::move(reader));
   live_tables_ = std::move(tables);
-  imm_.pop_front();
-  PublishView();
+  {
+    MutexLock lock(&db_mutex_);
+    table_readers_.insert(table_readers_.begin(), std::move(reader));
+    // Only a flush removes memtables, and it removes the one it flushed.
+    imm_.pop_front();
+    PublishView();
+  }
+  // `mem` is released on return, outside every lock: the last reference to
+  // a flushed memtable frees its arena.
   return RetireFiles(mem->WalFiles(), s);
 }
 
@@ -241,6 +299,7 @@ Status LsmDb::CompactAllTables() {
   std::vector<uint64_t> input_numbers;
   uint64_t number = 0;
   {
+    MutexLock manifest_lock(&manifest_mutex_);
     MutexLock lock(&db_mutex_);
     inputs = table_readers_;
     input_numbers = live_tables_;
@@ -270,8 +329,8 @@ Status LsmDb::CompactAllTables() {
     }
     const auto began = std::chrono::steady_clock::now();
     Status flushed = FlushOldestMemTable();
-    MutexLock lock(&db_mutex_);
     if (flushed.ok()) {
+      MutexLock lock(&db_mutex_);
       ++stats_.flushes;
       stats_.flush_nanos += NanosSince(began);
     } else {
@@ -287,32 +346,41 @@ Status LsmDb::CompactAllTables() {
   s = FinishTable(s, std::move(builder), path, &reader);
   if (!s.ok()) return s;
 
-  MutexLock lock(&db_mutex_);
+  MutexLock manifest_lock(&manifest_mutex_);
   // Tables installed after the inputs were copied are newer than all of
   // them: they keep their place in front, and the merged table, holding
-  // the oldest data, goes to the back.
+  // the oldest data, goes to the back. Installs hold manifest_mutex_, so
+  // the lists copied here are the lists the install replaces.
   std::vector<std::shared_ptr<SstReader>> readers;
   std::vector<uint64_t> numbers;
-  for (size_t i = 0; i < live_tables_.size(); ++i) {
-    if (std::find(input_numbers.begin(), input_numbers.end(), live_tables_[i]) != input_numbers.end()) {
-      continue;
+  {
+    MutexLock lock(&db_mutex_);
+    for (size_t i = 0; i < live_tables_.size(); ++i) {
+      if (std::find(input_numbers.begin(), input_numbers.end(), live_tables_[i]) != input_numbers.end()) {
+        continue;
+      }
+      readers.push_back(table_readers_[i]);
+      numbers.push_back(live_tables_[i]);
     }
-    readers.push_back(table_readers_[i]);
-    numbers.push_back(live_tables_[i]);
   }
   readers.push_back(std::move(reader));
   numbers.push_back(number);
   bool published = false;
-  s = PublishManifest(numbers, &published);
+  s = PublishManifest(NextFileForManifest(), numbers, &published);
   if (!published) {
     // The inputs stay in force, in memory and on disk; the merged table goes.
     readers.back().reset();
     io_->Unlink(path.c_str());
     return s;
   }
-  table_readers_ = std::move(readers);
   live_tables_ = std::move(numbers);
-  PublishView();
+  {
+    MutexLock lock(&db_mutex_);
+    table_readers_ = std::move(readers);
+    PublishView();
+  }
+  // `inputs` keeps the replaced readers open until the return, so that
+  // their last release (and close) happens outside every lock.
   std::vector<std::string> replaced;
   for (uint64_t input : input_numbers) replaced.push_back(TableFileName(dir_, input));
   return RetireFiles(std::move(replaced), s);

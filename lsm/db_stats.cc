@@ -48,8 +48,16 @@ void LsmDb::NoteWriteGroup(size_t batches, size_t logged) {
 }
 
 void LsmDb::ReportStorageFault(const std::string& text) {
+  {
+    MutexLock lock(&db_mutex_);
+    stats_.NoteFault(text);
+  }
   ReportFault("storage", text);
+}
+
+void LsmDb::ReportWriteFault(const std::string& text) {
   stats_.NoteFault(text);
+  ReportFault("storage", text);
 }
 
 EngineStats LsmDb::GetStats() {

@@ -5,13 +5,16 @@
 
 #include <atomic>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <optional>
 #include <thread>
 
 #include "lsm/db.h"
 #include "lsm/db_test_util.h"
 #include "lsm/filename.h"
 #include "lsm/log.h"
+#include "lsm/manifest.h"
 #include "lsm/table_builder.h"
 
 namespace kandb::lsm {
@@ -358,6 +361,153 @@ TEST_F(DbTest, FailedFlushIsRetriedUntilItSucceeds) {
   EXPECT_EQ(LsmDbTestPeer(db_.get()).NextFile(), next);  // idle, not merging
 }
 
+// The background thread's manifest write, sync, rename and directory sync,
+// and its unlinks of replaced files, never run under the lock that a write
+// leader takes. Held inside each of them, it keeps no write group waiting:
+// neither one led by a writer thread (Write) nor one led by the caller of
+// LeadDeferred, which the server's event loop is; nor the statistics. A
+// switch meanwhile makes a log whose number the manifest being written
+// does not cover; a crash there (the directory copied while the thread is
+// held) opens with every acknowledged write and numbers its next file past
+// every file it lists.
+TEST(DbBackgroundIoTest, WriteGroupsCompleteWhileTheBackgroundThreadIsHeldInItsIo) {
+  const std::string points[] = {"manifest fsync", "manifest rename", "log unlink"};
+  for (const std::string& point : points) {
+    SCOPED_TRACE(point);
+    ScratchDir dir;
+    ScratchDir image("kandb-crash-image");
+    Gate gate;
+    std::atomic<bool> armed{false};
+    HookedFileIo io;
+    io.on_fsync = [&](int fd) {
+      if (armed.load() && point == "manifest fsync" && EndsWith(PathOfDescriptor(fd), "/MANIFEST.tmp")) gate.Arrive();
+    };
+    io.on_rename = [&](const std::string&, const std::string& to) {
+      if (armed.load() && point == "manifest rename" && EndsWith(to, "/MANIFEST")) gate.Arrive();
+    };
+    io.on_unlink = [&](const std::string& path) {
+      if (armed.load() && point == "log unlink" && EndsWith(path, ".log")) gate.Arrive();
+    };
+    const std::string value(600, 'v');
+    std::unique_ptr<LsmDb> db;
+    ASSERT_TRUE(LsmDb::Open(dir.path(), SmallOptions(1000, 8, true, &io), &db).ok());
+    ASSERT_TRUE(db->Write({Put("before", value)}).ok());
+    armed = true;
+    // Fills the memtable: the switch wakes the background thread, whose
+    // flush is then held at the point.
+    ASSERT_TRUE(db->Write({Put("fill", value)}).ok());
+    ASSERT_TRUE(gate.WaitArrived());
+
+    // A writer that leads its own group and fills the memtable again, so
+    // that its group switches to a new log; a deferred write whose group
+    // the caller of LeadDeferred (or the commit thread) leads; Pd.Stats.
+    std::atomic<int> completed{0};
+    Status led, deferred;
+    std::thread writer([&] {
+      led = db->Write({Put("during/led", value + value)});
+      ++completed;
+    });
+    std::thread loop([&] {
+      db->WriteAsync({Put("during/deferred", "d")},
+                     [&](const Status& s) {
+                       deferred = s;
+                       ++completed;
+                     },
+                     /*defer_lead=*/true);
+      db->LeadDeferred();
+      (void)db->GetStats();
+      ++completed;
+    });
+    const bool all_completed = Eventually([&] { return completed.load() == 3; });
+    EXPECT_TRUE(all_completed) << "write groups waited for the background thread's I/O";
+    if (all_completed) {
+      EXPECT_TRUE(led.ok()) << led.ToString();
+      EXPECT_TRUE(deferred.ok()) << deferred.ToString();
+      // What a crash at this point leaves on disk.
+      std::filesystem::copy(dir.path(), image.path(), std::filesystem::copy_options::recursive |
+                                                          std::filesystem::copy_options::overwrite_existing);
+    }
+    gate.Open();
+    writer.join();
+    loop.join();
+    db->WaitForBackgroundIdle();
+    db.reset();
+    if (!all_completed) return;
+
+    // The image holds a log made after its manifest's next_file was read.
+    ManifestState manifest;
+    bool exists = false;
+    ASSERT_TRUE(ReadManifest(DefaultFileIo(), image.path(), &manifest, &exists).ok());
+    uint64_t largest = 0;
+    uint64_t largest_log = 0;
+    for (const std::string& name : ListNames(image.path())) {
+      uint64_t number = 0;
+      const FileKind kind = ParseFileName(name, &number);
+      if (kind == FileKind::kOther) continue;
+      largest = std::max(largest, number);
+      if (kind == FileKind::kLog) largest_log = std::max(largest_log, number);
+    }
+    EXPECT_GE(largest_log, manifest.next_file);
+    ASSERT_TRUE(LsmDb::Open(image.path(), SmallOptions(1000, 8, true), &db).ok());
+    EXPECT_GT(LsmDbTestPeer(db.get()).NextFile(), largest + 1);  // its own new log took largest + 1 at least
+    for (const char* key : {"before", "fill"}) EXPECT_EQ(GetOrAbsent(db.get(), key), value) << key;
+    EXPECT_EQ(GetOrAbsent(db.get(), "during/led"), value + value);
+    EXPECT_EQ(GetOrAbsent(db.get(), "during/deferred"), "d");
+  }
+}
+
+// The caller of LeadDeferred (the server's event loop) leads a complete,
+// quick group itself, but not while the background thread writes: then a
+// log's fdatasync waits for the disk's other work, and the group goes to
+// the commit thread. Held inside a flush's table rename, the background
+// thread is writing; once it is idle, the caller leads again.
+TEST(DbBackgroundIoTest, LeadDeferredLeavesGroupsToTheCommitThreadWhileTheBackgroundThreadWrites) {
+  ScratchDir dir;
+  Gate gate;
+  std::atomic<bool> armed{false};
+  HookedFileIo io;
+  io.on_rename = [&](const std::string&, const std::string& to) {
+    if (armed.load() && EndsWith(to, ".sst")) gate.Arrive();
+  };
+  std::unique_ptr<LsmDb> db;
+  // Unsynced, so that a group's time stays below the caller's limit.
+  ASSERT_TRUE(LsmDb::Open(dir.path(), SmallOptions(1000, 8, false, &io), &db).ok());
+  int written = 0;
+  // One deferred write and LeadDeferred, as a pass of the event loop ends;
+  // true when its group was led on this thread.
+  auto led_here = [&] {
+    std::mutex mu;
+    std::optional<std::thread::id> answered_on;
+    const std::string key = "deferred/" + std::to_string(written++);
+    db->WriteAsync({Put(key, "d")},
+                   [&](const Status& s) {
+                     EXPECT_TRUE(s.ok()) << s.ToString();
+                     std::lock_guard<std::mutex> lock(mu);
+                     answered_on = std::this_thread::get_id();
+                   },
+                   /*defer_lead=*/true);
+    db->LeadDeferred();
+    EXPECT_TRUE(Eventually([&] {
+      std::lock_guard<std::mutex> lock(mu);
+      return answered_on.has_value();
+    }));
+    std::lock_guard<std::mutex> lock(mu);
+    return answered_on == std::this_thread::get_id();
+  };
+  // A group may take longer than the limit now and then (a busy machine):
+  // the next one is led here again.
+  EXPECT_TRUE(Eventually(led_here)) << "idle: the caller leads";
+
+  armed = true;
+  ASSERT_TRUE(db->Write({Put("fill", std::string(1000, 'v'))}).ok());
+  ASSERT_TRUE(gate.WaitArrived());
+  for (int i = 0; i < 5; ++i) EXPECT_FALSE(led_here()) << "led by the caller while a flush wrote, write " << i;
+  gate.Open();
+  db->WaitForBackgroundIdle();
+  EXPECT_TRUE(Eventually(led_here)) << "idle again: the caller leads";
+  for (int i = 0; i < written; ++i) EXPECT_EQ(GetOrAbsent(db.get(), "deferred/" + std::to_string(i)), "d");
+}
+
 TEST_F(DbTest, OpenDirectoryRules) {
   // Live table 5, orphan table 7, a leftover temporary of table 9, and a
   // log under the non-canonical name wal-1.log.
@@ -395,6 +545,55 @@ TEST_F(DbTest, OpenReplaysLogsInOrderAndNeedsEveryListedTable) {
   EXPECT_EQ(OpenDb(SmallOptions(64 << 20, 8, false)).ToString(),
             "Corruption: sst open " + dir_.File("sst-000002.sst") + ": No such file or directory");
   EXPECT_EQ(db_, nullptr);
+}
+
+// A file that open cannot use is reported by the step that opens it, in
+// that step's own words: the listing's stat of every entry, there for the
+// inspector's sizes, does not speak first. A listing cut short still fails
+// the open, and a file gone between the listing and its stat is left out.
+TEST_F(DbTest, OpenReportsAFileItCannotUseInTheWordsOfItsOpen) {
+  auto self_link = [&](const std::string& name) {
+    ASSERT_EQ(::symlink(name.c_str(), dir_.File(name).c_str()), 0) << name;
+  };
+  const LsmDb::Options options = SmallOptions(64 << 20, 8, false);
+  self_link("wal-000001.log");
+  EXPECT_EQ(OpenDb(options).ToString(),
+            "Corruption: wal open " + dir_.File("wal-000001.log") + ": Too many levels of symbolic links");
+  ASSERT_EQ(::unlink(dir_.File("wal-000001.log").c_str()), 0);
+
+  testing::WriteFileOrDie(dir_.File("MANIFEST"), "next_file 6\nsst 5\n");
+  self_link("sst-000005.sst");
+  EXPECT_EQ(OpenDb(options).ToString(),
+            "Corruption: sst open " + dir_.File("sst-000005.sst") + ": Too many levels of symbolic links");
+  ASSERT_EQ(::unlink(dir_.File("sst-000005.sst").c_str()), 0);
+
+  // An orphan goes as any orphan does, and its number counts; a file that
+  // is not the engine's stays.
+  testing::WriteFileOrDie(dir_.File("MANIFEST"), "next_file 2\n");
+  self_link("sst-000007.sst");
+  self_link("notes");
+  ASSERT_TRUE(OpenDb(options).ok());
+  EXPECT_EQ(ListNames(dir_.path()), (std::vector<std::string>{"MANIFEST", "notes", "wal-000008.log"}));
+  ASSERT_TRUE(db_->Write({Put("in8", "1")}).ok());
+  db_.reset();
+
+  // A stat that fails for another reason only costs the size.
+  io_.FailNth(FileOp::kStat, 1, "wal-000008.log");
+  ASSERT_TRUE(OpenDb(options).ok());
+  EXPECT_EQ(io_.injected(FileOp::kStat), 1u);
+  EXPECT_EQ(GetOrAbsent(db_.get(), "in8"), "1");
+  ASSERT_TRUE(db_->Write({Put("in9", "1")}).ok());  // wal-000009.log
+  db_.reset();
+
+  // What the stat finds gone is left out, as if the listing had not seen it.
+  io_.FailNth(FileOp::kStat, 1, "wal-000009.log", ENOENT);
+  ASSERT_TRUE(OpenDb(options).ok());
+  EXPECT_EQ(GetOrAbsent(db_.get(), "in8"), "1");
+  EXPECT_EQ(GetOrAbsent(db_.get(), "in9"), "<absent>");
+  db_.reset();
+
+  io_.FailNth(FileOp::kList, 1);
+  EXPECT_EQ(OpenDb(options).ToString(), "Corruption: list " + dir_.path() + ": Input/output error");
 }
 
 }  // namespace

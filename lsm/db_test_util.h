@@ -6,6 +6,7 @@
 
 #include <dirent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -39,7 +40,7 @@ class LsmDbTestPeer {
     return db_->next_file_;
   }
   std::vector<uint64_t> LiveTables() {
-    MutexLock lock(&db_->db_mutex_);
+    MutexLock lock(&db_->manifest_mutex_);
     return db_->live_tables_;
   }
   std::vector<uint64_t> TableEntryCounts() {
@@ -66,6 +67,8 @@ class HookedFileIo : public FaultInjectingFileIo {
  public:
   std::function<void(const std::string& from, const std::string& to)> on_rename;
   std::function<void(int fd)> on_fdatasync;
+  // Table files, the manifest and directories are synced with fsync.
+  std::function<void(int fd)> on_fsync;
   std::function<void(const std::string& path)> on_unlink;
 
   int Rename(const char* from, const char* to) override {
@@ -75,6 +78,10 @@ class HookedFileIo : public FaultInjectingFileIo {
   int Fdatasync(int fd) override {
     if (on_fdatasync) on_fdatasync(fd);
     return FaultInjectingFileIo::Fdatasync(fd);
+  }
+  int Fsync(int fd) override {
+    if (on_fsync) on_fsync(fd);
+    return FaultInjectingFileIo::Fsync(fd);
   }
   int Unlink(const char* path) override {
     if (on_unlink) on_unlink(path);
@@ -121,6 +128,18 @@ inline std::vector<std::string> ListNames(const std::string& dir) {
   }
   std::sort(names.begin(), names.end());
   return names;
+}
+
+// The path that descriptor `fd` of this process was opened with, for hooks.
+inline std::string PathOfDescriptor(int fd) {
+  char path[4096];
+  const std::string link = "/proc/self/fd/" + std::to_string(fd);
+  const ssize_t n = readlink(link.c_str(), path, sizeof(path) - 1);
+  return n < 0 ? std::string() : std::string(path, static_cast<size_t>(n));
+}
+
+inline bool EndsWith(const std::string& s, const std::string& suffix) {
+  return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
 inline bool FileExists(const std::string& path) {

@@ -17,11 +17,13 @@ Status StateDirectory::List(FileIo* io, const std::string& dir, StateDirectory* 
     StateFile file;
     const std::string path = dir + "/" + name;
     struct stat st;
-    if (io->Stat(path.c_str(), &st) != 0) {
-      if (errno == ENOENT) continue;
-      return Status::Corruption("stat " + path + ": " + std::strerror(errno));
+    if (io->Stat(path.c_str(), &st) == 0) {
+      file.size = static_cast<uint64_t>(st.st_size);
+    } else if (errno == ENOENT) {
+      continue;
+    } else {
+      file.stat_error = errno;
     }
-    file.size = static_cast<uint64_t>(st.st_size);
     file.kind = ParseFileName(name, &file.number);
     file.name = std::move(name);
     files.push_back(std::move(file));

@@ -20,6 +20,9 @@ namespace kandb::lsm {
 struct StateFile {
   std::string name;  // as listed, without the directory
   uint64_t size = 0;
+  // The errno of a stat that failed for a reason of the file's own (a link
+  // that loops, say); size is then unknown. 0 when the stat succeeded.
+  int stat_error = 0;
   FileKind kind = FileKind::kOther;
   uint64_t number = 0;  // for logs and tables
 };
@@ -27,11 +30,14 @@ struct StateFile {
 // One listing of a state directory.
 class StateDirectory {
  public:
-  // Lists `dir` and stats every entry. A file removed between the listing
-  // and its stat is left out; a directory that cannot be listed to its end,
-  // or an entry that cannot be stat'ed for another reason, fails: an
-  // incomplete listing would pass live files for absent ones. Failures:
-  // "list " + dir + ": " + strerror, "stat " + path + ": " + strerror.
+  // Lists `dir` and stats every entry for its size. A directory that
+  // cannot be listed to its end fails: an incomplete listing would pass
+  // live files for absent ones. A file removed between the listing and its
+  // stat is left out. An entry whose stat fails otherwise is listed all
+  // the same, without a size (stat_error): whoever opens it reports what
+  // that open meets, in the open's own words ("wal open ...", "sst open
+  // ..."), and an entry nobody opens (an orphan table, a stranger) costs
+  // nothing. Failure: "list " + dir + ": " + strerror.
   static Status List(FileIo* io, const std::string& dir, StateDirectory* out);
 
   // Every entry, sorted by name.

@@ -51,6 +51,11 @@ constexpr char kProgram[] = "kandb-meta-bench";
 // Region records per preload request: large enough to load 100,000 regions
 // in a hundred calls, small enough to stay far below the frame limit.
 constexpr size_t kPreloadBatch = 1000;
+// With --value-bytes, the distinct records all connections together keep
+// rewriting: one memtable's worth at the server's default write buffer, so
+// that every flush writes a table of about this size and a merge of nine
+// of them streams hundreds of MiB, as a server under heavy upserts does.
+constexpr uint64_t kLargeValueWorkingSet = uint64_t{64} << 20;
 // The store that the bench bootstraps the cluster with and names in its
 // regions and heartbeats.
 constexpr uint64_t kBenchStoreId = 1;
@@ -75,6 +80,9 @@ struct Config {
   uint64_t count = 1;
   uint64_t timeout_ms = 5000;
   bool json = false;
+  uint64_t value_bytes = 0;
+  // Regions each connection rewrites in turn without preloaded regions.
+  uint64_t own_regions = 1;
   int64_t duration_ms = 10000;
   bool mix = false;
   Method single = kTso;
@@ -625,12 +633,16 @@ class Connection {
       std::uniform_int_distribution<uint64_t> tile(0, regions_.tiles - 1);
       request.regions.push_back(regions_.Tile(tile(random_), ++version_));
     } else {
+      // The connection's regions in turn, each with its peer id right after
+      // its own; a padded start key makes the record --value-bytes larger.
+      const uint64_t id = own_region_ + 2 * (next_own_++ % config_.own_regions);
       pdpb::Region region;
-      region.id = own_region_;
-      region.start_key = "bench/own/" + std::to_string(own_region_) + "/";
-      region.end_key = "bench/own/" + std::to_string(own_region_) + "0";
+      region.id = id;
+      region.start_key = "bench/own/" + std::to_string(id) + "/";
+      region.start_key.append(config_.value_bytes, 'v');
+      region.end_key = "bench/own/" + std::to_string(id) + "0";
       region.epoch = {1, ++version_};
-      region.peers.push_back(pdpb::Peer{own_region_ + 1, kBenchStoreId, 0});
+      region.peers.push_back(pdpb::Peer{id + 1, kBenchStoreId, 0});
       request.regions.push_back(std::move(region));
     }
     return request;
@@ -688,6 +700,7 @@ class Connection {
   uint64_t last_timestamp_ = 0;
   uint64_t version_ = 1;
   uint64_t own_region_ = 0;
+  uint64_t next_own_ = 0;
   std::vector<std::pair<uint64_t, uint64_t>> id_ranges_;  // first id, count
 };
 
@@ -829,6 +842,10 @@ int Main(int argc, char** argv) {
   cl.AddUint("count", &config.count, UINT32_MAX, "timestamps or identifiers per request (default 1)");
   cl.AddUint("timeout-ms", &config.timeout_ms, INT32_MAX, "time-out of every wait, in milliseconds (default 5000)");
   cl.AddSwitch("json", &config.json, "print the final report as JSON");
+  cl.AddUint("value-bytes", &config.value_bytes, 1u << 20,
+             "upsert-region without preloaded regions: pad each region record by N bytes, and let the "
+             "connections rewrite in turn enough regions of their own to hold 64 MiB of distinct records "
+             "(default 0: one small region each)");
   cl.SetEpilogue(
       "get-region, upsert-region, heartbeat and mix bootstrap the cluster when it is not\n"
       "(store 1, one region over all keys, or the first preloaded region). With preloaded\n"
@@ -850,6 +867,13 @@ int Main(int argc, char** argv) {
     config.single = static_cast<Method>(it - std::begin(kMethodNames));
   }
   if (config.conns == 0) return usage_error("--conns must be at least 1");
+  if (config.value_bytes > 0 && config.preload > 0) {
+    return usage_error("--value-bytes pads the connections' own regions: give it without --preload-regions");
+  }
+  if (config.value_bytes > 0) {
+    const uint64_t per_conn = config.value_bytes * config.conns;
+    config.own_regions = std::max<uint64_t>(1, (kLargeValueWorkingSet + per_conn - 1) / per_conn);
+  }
   if (config.threads == 0) return usage_error("--threads must be at least 1");
   if (!config.duration.empty() && config.requests > 0) return usage_error("give --duration or --requests, not both");
   if (!config.duration.empty()) {
@@ -879,12 +903,12 @@ int Main(int argc, char** argv) {
     // peer id right after the region id.
     uint64_t first = 0;
     kanrpc::RpcClient client(config.addr, kanrpc::RpcClientOptions{});
-    s = AllocIds(&client, 2 * config.conns, &first);
+    s = AllocIds(&client, 2 * config.conns * config.own_regions, &first);
     if (!s.ok()) {
       std::fprintf(stderr, "%s: setup failed: %s\n", kProgram, s.message().c_str());
       return kExitUsage;
     }
-    for (uint64_t i = 0; i < config.conns; ++i) connections[i]->set_own_region(first + 2 * i);
+    for (uint64_t i = 0; i < config.conns; ++i) connections[i]->set_own_region(first + 2 * i * config.own_regions);
   }
 
   // Connection i runs on driver i mod the thread count.

@@ -1,8 +1,11 @@
 // Runs kandb-meta-bench against a live kandb-meta: a two-second mixed load
 // over preloaded regions with every answer checked, a run bounded by its
-// request count, and the command-line and setup failures.
+// request count, large-value upserts, and the command-line and setup
+// failures.
 
 #include <sys/wait.h>
+
+#include <filesystem>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -82,6 +85,19 @@ TEST_F(BenchTest, RequestCountBoundsTheRunAndIdentifierBatchesNeverOverlap) {
   EXPECT_EQ(next.first_id, 1024u + 400 * 3);
 }
 
+// Padded records are written whole: the server's logs grow by at least
+// the padding of every request.
+TEST_F(BenchTest, LargeValueUpsertsWriteTheirPadding) {
+  ProgramResult r = Bench({"--method", "upsert-region", "--conns", "2", "--value-bytes", "40000", "--requests", "30"});
+  ASSERT_EQ(ExitCode(r), 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("requests       30\n"), std::string::npos) << r.out;
+  uint64_t logged = 0;
+  for (const std::filesystem::directory_entry& e : std::filesystem::directory_iterator(dir_ + "/pd")) {
+    if (e.path().filename().string().rfind("wal-", 0) == 0) logged += e.file_size();
+  }
+  EXPECT_GE(logged, 30u * 40000);
+}
+
 TEST_F(BenchTest, BadCommandLinesAndAnUnreachableServerExitTwo) {
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{"--method", "scan"}, "kandb-meta-bench: unknown method 'scan'\n(see kandb-meta-bench --help)\n"},
@@ -89,6 +105,9 @@ TEST_F(BenchTest, BadCommandLinesAndAnUnreachableServerExitTwo) {
       {{"--duration", "1s", "--requests", "5"},
        "kandb-meta-bench: give --duration or --requests, not both\n(see kandb-meta-bench --help)\n"},
       {{"--conns", "0"}, "kandb-meta-bench: --conns must be at least 1\n(see kandb-meta-bench --help)\n"},
+      {{"--value-bytes", "100", "--preload-regions", "10"},
+       "kandb-meta-bench: --value-bytes pads the connections' own regions: give it without --preload-regions\n"
+       "(see kandb-meta-bench --help)\n"},
   };
   for (const auto& [args, message] : cases) {
     ProgramResult r = Bench(args);

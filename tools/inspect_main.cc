@@ -245,7 +245,8 @@ void ReadTables(const std::string& dir, bool deep, Snapshot* snap) {
     const std::string path = lsm::TableFileName(dir, number);
     table.name = Base(path);
     struct stat st;
-    if (::stat(path.c_str(), &st) != 0 && errno == ENOENT) {
+    const int stat_rc = ::stat(path.c_str(), &st);
+    if (stat_rc != 0 && errno == ENOENT) {
       table.vanished = true;
       if (live) {
         // Either a compaction of the running server replaced it (the
@@ -260,8 +261,9 @@ void ReadTables(const std::string& dir, bool deep, Snapshot* snap) {
       table.open_error = s.message();
       table.damaged = true;
       if (live) {
-        snap->problems.push_back(
-            {table.name, OpenFailureOffset(s.message(), static_cast<uint64_t>(st.st_size)), s.message()});
+        // A file that cannot even be stat'ed has no footer to point at.
+        const uint64_t size = stat_rc == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+        snap->problems.push_back({table.name, OpenFailureOffset(s.message(), size), s.message()});
       }
       snap->tables.push_back(std::move(table));
       continue;
@@ -328,6 +330,12 @@ void PrintFiles(const Snapshot& snap) {
       }
     } else {
       what = "not a file of the engine";
+    }
+    if (f.stat_error != 0) {
+      // Whatever opening it meets is shown with the logs and tables below.
+      std::printf("  %-*s %10s bytes  %s; cannot stat: %s\n", static_cast<int>(width), f.name.c_str(), "?",
+                  what.c_str(), std::strerror(f.stat_error));
+      continue;
     }
     std::printf("  %-*s %10llu bytes  %s\n", static_cast<int>(width), f.name.c_str(),
                 static_cast<unsigned long long>(f.size), what.c_str());

@@ -1,6 +1,7 @@
 // Runs kandb-meta-inspect on state directories written by the engine
 // itself: a healthy one, damaged copies of it (torn log tail, flipped table
-// bytes, a missing table) and the directory of a running server.
+// bytes, a missing table, a log that links to itself) and the directory of
+// a running server.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -263,6 +264,24 @@ TEST_F(InspectTest, MissingTableOrManifestIsDamageAndAnOrphanIsNot) {
   EXPECT_EQ(ExitCode(r), 1);
   EXPECT_EQ(r.err, "kandb-meta-inspect: damage: MANIFEST at offset 0: missing, but 2 table files are present; "
                    "the next open deletes them\n");
+}
+
+// An entry that cannot be stat'ed (a link to itself) is listed without a
+// size; opening it is what reports the damage, as the server's open does.
+TEST_F(InspectTest, AnEntryThatCannotBeStatedIsListedAndItsOpenReported) {
+  const std::string copy = Copy("looping");
+  ASSERT_EQ(::symlink("wal-000999.log", (copy + "/wal-000999.log").c_str()), 0);
+  ProgramResult r = Inspect(copy, true);
+  EXPECT_EQ(ExitCode(r), 1) << r.err;
+  EXPECT_NE(r.out.find("wal-000999.log          ? bytes  log 999; cannot stat: Too many levels of symbolic links\n"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("  wal-000999.log  cannot be read: wal open " + copy +
+                       "/wal-000999.log: Too many levels of symbolic links\n"),
+            std::string::npos)
+      << r.out;
+  EXPECT_EQ(r.err, "kandb-meta-inspect: damage: wal-000999.log at offset 0: wal open " + copy +
+                       "/wal-000999.log: Too many levels of symbolic links\n");
 }
 
 TEST(InspectLiveTest, ReadsTheDirectoryOfARunningServer) {
