@@ -38,6 +38,29 @@ Status ScanAll(store::MetaBackend* backend, const std::string& start, const std:
 using testing::SleepMs;
 using testing::SteadyMs;
 
+// Load threads that are stopped and joined however the test body ends: a
+// failed assertion returns early, and a thread still joinable at its
+// destruction would end the whole test program.
+class LoadThreads {
+ public:
+  explicit LoadThreads(std::atomic<bool>* stop) : stop_(stop) {}
+  ~LoadThreads() { Join(); }
+  template <class F>
+  void Add(F f) {
+    threads_.emplace_back(std::move(f));
+  }
+  void Join() {
+    stop_->store(true);
+    for (std::thread& t : threads_) {
+      if (t.joinable()) t.join();
+    }
+  }
+
+ private:
+  std::atomic<bool>* const stop_;
+  std::vector<std::thread> threads_;
+};
+
 constexpr int64_t kLeaseMs = 3000;
 
 pdpb::Region RegionAt(uint64_t id, const std::string& key) {
@@ -301,8 +324,8 @@ TEST_F(HaTest, LeaderKillsUnderLoad) {
   store::EtcdClient client(etcd.Endpoints(), 1000);
 
   Observed seen;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) threads.emplace_back(LoadThread, targets, i, &seen);
+  LoadThreads threads(&seen.stop);
+  for (int i = 0; i < 4; ++i) threads.Add([&targets, i, &seen] { LoadThread(targets, i, &seen); });
   int64_t longest_ms = 0;
   for (int k = 0; k < kills; ++k) {
     // Let the new leader serve a while before it is killed in turn.
@@ -317,8 +340,7 @@ TEST_F(HaTest, LeaderKillsUnderLoad) {
     longest_ms = std::max(longest_ms, seen.last_success_ms.load() - killed_at);
   }
   SleepMs(500);
-  seen.stop.store(true);
-  for (std::thread& t : threads) t.join();
+  threads.Join();
 
   std::vector<uint64_t>& ts = seen.timestamps;
   std::sort(ts.begin(), ts.end());
@@ -504,9 +526,9 @@ TEST_F(HaTest, RevokedLeasesNeverLeaveTwoLeaders) {
   std::atomic<bool> stop{false};
   std::mutex mu;
   std::vector<Answer> timestamps, ids;
-  std::vector<std::thread> threads;
+  LoadThreads threads(&stop);
   for (int t = 0; t < 6; ++t) {
-    threads.emplace_back([&, t] {
+    threads.Add([&, t] {
       const int server = t % 2;
       kanrpc::RpcClient c(servers.Address(server), Options(1));
       std::vector<Answer> ts, id;
@@ -564,8 +586,7 @@ TEST_F(HaTest, RevokedLeasesNeverLeaveTwoLeaders) {
     if (late_status.ok()) ids.push_back({old, 0, 0, late.first_id, late.count});
   }
   SleepMs(300);
-  stop.store(true);
-  for (std::thread& t : threads) t.join();
+  threads.Join();
 
   std::vector<uint64_t> all;
   for (const Answer& a : timestamps) {
