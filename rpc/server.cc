@@ -26,15 +26,15 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Frames served from one connection before the loop turns to the others, so
-// that a client sending back to back cannot keep its loop to itself.
-constexpr int kFramesPerTurn = 16;
 // Readiness events taken from the kernel per wait.
 constexpr int kEventsPerWait = 256;
 // A worker thread with nothing to do for this long ends.
 constexpr auto kWorkerIdle = std::chrono::seconds(5);
 
 enum class Kind { kUnknown, kBlocking, kInline, kTryInline, kAsync };
+
+// See RpcServer::SetAnswerPostedHookForTesting; one relaxed load per answer.
+std::atomic<void (*)()> answer_posted_hook{nullptr};
 
 }  // namespace
 
@@ -147,10 +147,14 @@ class RpcServer::Loop {
 
  private:
   void Run(std::shared_ptr<Shared> shared);
-  // After posting to the inbox: whether the eventfd must be written (no
-  // signal is pending yet); the loop clears that when it drains.
-  bool TakeSignal() REQUIRES(mu_);
-  void SignalWake();
+  // After posting to the inbox: wakes the loop unless a wake-up is pending
+  // already (the loop clears that when it drains). Under the inbox lock:
+  // once the loop has taken what was posted, which needs that lock, the
+  // poster never touches the loop again, so a Stop that the post lets
+  // return may destroy the loop at once. Writing the eventfd never blocks
+  // (its counter stays far below the limit at which a write would wait),
+  // so the lock is not held across anything that waits.
+  void SignalUnlessSignalled() REQUIRES(mu_);
   // Takes in what other threads handed over.
   void DrainInbox();
   // Answers the calls in *answered and serves their connections on.
@@ -175,8 +179,8 @@ class RpcServer::Loop {
   int wake_fd_ = -1;
   std::thread thread_;
 
-  // Guards the inbox. Other threads post under it and signal wake_fd_
-  // when the loop was not already signalled.
+  // Guards the inbox. Other threads post under it and signal wake_fd_,
+  // still under it, when the loop was not already signalled.
   Mutex mu_;
   std::vector<int> adopted_ GUARDED_BY(mu_);
   std::vector<Connection*> answered_ GUARDED_BY(mu_);
@@ -240,6 +244,8 @@ void RpcServer::RegisterTryInlineRaw(const std::string& method, RawAttempt attem
   entry.attempt = std::move(attempt);
   entry.async = nullptr;
 }
+
+void RpcServer::SetAnswerPostedHookForTesting(void (*hook)()) { answer_posted_hook.store(hook); }
 
 void RpcServer::SetPassHook(std::function<void()> hook) { shared_->pass_hook = std::move(hook); }
 
@@ -429,25 +435,17 @@ Status RpcServer::Loop::Open() {
   return Status::OK();
 }
 
-bool RpcServer::Loop::TakeSignal() {
-  const bool signal = !signalled_;
+void RpcServer::Loop::SignalUnlessSignalled() {
+  if (signalled_) return;
   signalled_ = true;
-  return signal;
-}
-
-void RpcServer::Loop::SignalWake() {
   const uint64_t one = 1;
   (void)!write(wake_fd_, &one, sizeof(one));
 }
 
 void RpcServer::Loop::Adopt(int fd) {
-  bool signal = false;
-  {
-    MutexLock lock(&mu_);
-    adopted_.push_back(fd);
-    signal = TakeSignal();
-  }
-  if (signal) SignalWake();
+  MutexLock lock(&mu_);
+  adopted_.push_back(fd);
+  SignalUnlessSignalled();
 }
 
 thread_local RpcServer::Loop* RpcServer::Loop::current = nullptr;
@@ -457,22 +455,20 @@ void RpcServer::Loop::Answered(Connection* connection) {
     local_answers_.push_back(connection);
     return;
   }
-  bool signal = false;
-  {
-    MutexLock lock(&mu_);
-    answered_.push_back(connection);
-    signal = TakeSignal();
-  }
-  if (signal) SignalWake();
+  // The answering thread may be the engine's commit thread, which goes on
+  // after this returns; Stop may return, and the server be destroyed, as
+  // soon as the loop has taken the answer. Hence nothing of the loop is
+  // touched after the lock is released.
+  MutexLock lock(&mu_);
+  answered_.push_back(connection);
+  if (auto* hook = answer_posted_hook.load(std::memory_order_relaxed)) hook();
+  SignalUnlessSignalled();
 }
 
 void RpcServer::Loop::Wake() {
-  {
-    MutexLock lock(&mu_);
-    wake_ = true;
-    signalled_ = true;
-  }
-  SignalWake();
+  MutexLock lock(&mu_);
+  wake_ = true;
+  SignalUnlessSignalled();
 }
 
 void RpcServer::Loop::DrainInbox() {

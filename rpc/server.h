@@ -79,6 +79,10 @@ class RpcServer {
   // How long a response write may wait for the peer to make room.
   static constexpr int kWriteTimeoutMs = 30000;
   static constexpr int kListenBacklog = 256;
+  // Frames read from one connection in one round of its loop before the
+  // loop turns to the others, so that a client sending back to back cannot
+  // keep its loop to itself.
+  static constexpr int kFramesPerTurn = 16;
 
   // `loops` event loops serve the connections; 0 means one per two
   // processors.
@@ -152,6 +156,13 @@ class RpcServer {
   // answer is pending, so what handlers use may be destroyed as soon as
   // Stop returns. A second call does nothing.
   void Stop() EXCLUDES(join_mu_);
+
+  // For tests that open the window between two steps of an answer given on
+  // another thread than its loop's: `hook` is called by that thread after
+  // the answer is posted to the loop and before the loop is woken for it
+  // (holding the loop's inbox lock, as both steps do). Null (the default)
+  // calls nothing; set it while no server answers.
+  static void SetAnswerPostedHookForTesting(void (*hook)());
 
  private:
   friend struct Connection;

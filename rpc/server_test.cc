@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,6 +32,7 @@ Frame ReadOrFail(int fd) {
   EXPECT_TRUE(s.ok()) << s.ToString();
   return answer;
 }
+
 
 // The texts of a bad address and a taken port are checked through the
 // binary (app/main_test.cc).
@@ -198,6 +200,44 @@ TEST(ServerTest, StopWaitsForCallsInFlight) {
   RpcServer never_started;
   never_started.Wait();
   never_started.Stop();
+}
+
+std::atomic<int> answer_hook_calls{0};
+
+// An answer given on another thread is posted to its loop's inbox before
+// the loop is woken for it. Stop's own wake-up may take that answer in
+// between, send it and return, and the server be destroyed at once: the
+// answering thread (the engine's commit thread, in the service) must be
+// done with the loop by then. The hook holds the answering thread between
+// the two steps; AddressSanitizer reports a late wake-up of a destroyed
+// loop.
+TEST(ServerTest, StopOutwaitsTheThreadThatAnswered) {
+  std::optional<Reply> held;
+  std::atomic<bool> called{false};
+  auto server = std::make_unique<RpcServer>(1);
+  server->RegisterAsyncRaw("Later", [&](const std::string&, Reply reply) {
+    held.emplace(reply);
+    called.store(true);
+  });
+  ASSERT_TRUE(server->Start(0, "127.0.0.1").ok());
+  Socket conn = ConnectTo(server->port());
+  SendAllOrDie(conn.fd(), BuildFrame(FrameType::kRequest, 3, "Later", ""));
+  while (!called.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  answer_hook_calls.store(0);
+  RpcServer::SetAnswerPostedHookForTesting(+[] {
+    answer_hook_calls.fetch_add(1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  });
+  std::thread answerer([reply = *held] { reply.Send(Status::OK(), "late"); });
+  while (answer_hook_calls.load() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  server.reset();
+  answerer.join();
+  RpcServer::SetAnswerPostedHookForTesting(nullptr);
+  EXPECT_EQ(answer_hook_calls.load(), 1);
+  const Frame answer = ReadOrFail(conn.fd());
+  EXPECT_EQ(answer.request_id, 3u);
+  EXPECT_EQ(answer.payload, "late");
+  EXPECT_TRUE(PeerClosed(conn.fd(), 10000));
 }
 
 }  // namespace
