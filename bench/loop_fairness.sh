@@ -13,7 +13,7 @@ set -euo pipefail
 build=${1:-build}
 shift || true
 kinds=("$@")
-[ ${#kinds[@]} -gt 0 ] || kinds=(tso undecodable-upsert empty-upsert upsert bulk-upsert)
+[ ${#kinds[@]} -gt 0 ] || kinds=(idle tso undecodable-upsert empty-upsert upsert bulk-upsert)
 server=${SERVER:-$build/app/kandb-meta}
 bench=$build/bench/loop_fairness_bench
 work=$(mktemp -d)

@@ -8,6 +8,7 @@
 //                       [--bulk-mib=N] [--probe-conns=N] [--probe-gap-us=U] [--header]
 //
 // KIND is what the streaming connection sends:
+//   idle                nothing: the probes alone, the machine's own noise
 //   tso                 Pd.Tso for one timestamp (answered on the loop)
 //   undecodable-upsert  Pd.UpsertRegion with a payload that does not decode
 //                       (answered on the loop at once)
@@ -24,8 +25,10 @@
 // them shares its loop. The probe gap is the pause between two calls.
 //
 // Prints one line per run: probes, their p50, p99 and maximum latency,
-// the streamed answers per second, and the engine's flushes and
-// compactions during the run (from "Pd.Stats"); --header prints the
+// the streamed answers per second, and from "Pd.Stats" the engine's
+// flushes and compactions during the run and the upper bound of the
+// histogram bucket of its slowest log sync (a write group led on the
+// probe's loop holds the probe up for that long); --header prints the
 // column names first. bench/loop_fairness.sh
 // starts a fresh server for each kind.
 
@@ -41,6 +44,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <memory>
 #include <string>
 #include <thread>
@@ -106,6 +110,10 @@ struct StreamKind {
   // Frames built per send (the last one sent whole before the next batch).
   int frames_per_batch;
   bool bulk;
+  // Frames sent and not yet answered, at most: enough that the server
+  // never runs out of frames, few enough that a run ends soon after its
+  // time (the socket buffers alone would hold minutes of small upserts).
+  uint64_t window;
 };
 
 std::string TsoPayload(uint64_t) { return pdpb::Encode(pdpb::TsoRequest{1}); }
@@ -139,16 +147,18 @@ std::string BulkUpsertPayload(uint64_t n) {
 }
 
 bool KindNamed(const std::string& name, StreamKind* kind) {
-  if (name == "tso") {
-    *kind = {"Pd.Tso", TsoPayload, FrameType::kResponse, 256, false};
+  if (name == "idle") {
+    *kind = {"", nullptr, FrameType::kResponse, 0, false, 0};
+  } else if (name == "tso") {
+    *kind = {"Pd.Tso", TsoPayload, FrameType::kResponse, 256, false, 8192};
   } else if (name == "undecodable-upsert") {
-    *kind = {"Pd.UpsertRegion", UndecodablePayload, FrameType::kError, 256, false};
+    *kind = {"Pd.UpsertRegion", UndecodablePayload, FrameType::kError, 256, false, 8192};
   } else if (name == "empty-upsert") {
-    *kind = {"Pd.UpsertRegion", EmptyUpsertPayload, FrameType::kResponse, 256, false};
+    *kind = {"Pd.UpsertRegion", EmptyUpsertPayload, FrameType::kResponse, 256, false, 1024};
   } else if (name == "upsert") {
-    *kind = {"Pd.UpsertRegion", UpsertPayload, FrameType::kResponse, 64, false};
+    *kind = {"Pd.UpsertRegion", UpsertPayload, FrameType::kResponse, 64, false, 1024};
   } else if (name == "bulk-upsert") {
-    *kind = {"Pd.UpsertRegion", BulkUpsertPayload, FrameType::kResponse, 1, true};
+    *kind = {"Pd.UpsertRegion", BulkUpsertPayload, FrameType::kResponse, 1, true, 16};
   } else {
     return false;
   }
@@ -209,10 +219,19 @@ class Streamer {
     std::string batch;
     uint64_t n = 0;
     uint64_t bytes = 0;
+    if (kind_.method.empty()) {
+      std::this_thread::sleep_until(end_);
+      write_done_.store(true);
+      return;
+    }
     // The writer ends on its own: a probe starved by the stream must not
     // hold the stream up.
     for (;;) {
       if (kind_.bulk ? bytes >= bulk_bytes_ : Clock::now() >= end_) break;
+      if (n > answered_.load(std::memory_order_relaxed) + kind_.window) {
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+        continue;
+      }
       batch.clear();
       for (int i = 0; i < kind_.frames_per_batch; ++i, ++n) {
         AppendFrame(&batch, FrameType::kRequest, n + 1, kind_.method, kind_.payload(n));
@@ -283,6 +302,18 @@ bool ReadStats(RpcClient* client, pdpb::StatsResponse* stats) {
 
 double Ms(uint64_t nanos) { return static_cast<double>(nanos) / 1e6; }
 
+// The upper bound, in ms, of the highest bucket that gained a sample
+// between the two histograms; 0 when none did, infinity past the last bound.
+double SlowestMs(const pdpb::LatencyHistogram& before, const pdpb::LatencyHistogram& after) {
+  for (size_t i = after.counts.size(); i-- > 0;) {
+    const uint64_t earlier = i < before.counts.size() ? before.counts[i] : 0;
+    if (after.counts[i] <= earlier) continue;
+    if (i >= after.bounds_micros.size()) return std::numeric_limits<double>::infinity();
+    return static_cast<double>(after.bounds_micros[i]) / 1e3;
+  }
+  return 0;
+}
+
 int Run(const Options& options) {
   StreamKind kind;
   if (!KindNamed(options.kind, &kind)) {
@@ -319,7 +350,9 @@ int Run(const Options& options) {
                     options.bulk_mib << 20);
   streamer.Start();
   // The probes begin once the stream is flowing.
-  while (streamer.answered() == 0 && streamer.writing()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  while (!kind.method.empty() && streamer.answered() == 0 && streamer.writing()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
 
   std::vector<uint64_t> latencies;
   uint64_t failures = 0;
@@ -352,11 +385,12 @@ int Run(const Options& options) {
     if (latencies.empty()) return 0;
     return Ms(latencies[std::min(latencies.size() - 1, static_cast<size_t>(q * latencies.size()))]);
   };
-  std::printf("%-19s %7zu %9.3f %9.3f %9.3f %11.0f %8llu %11llu %8llu\n", options.kind.c_str(),
+  std::printf("%-19s %7zu %9.3f %9.3f %9.3f %11.0f %8llu %11llu %9.1f %8llu\n", options.kind.c_str(),
               latencies.size(), percentile(0.50), percentile(0.99),
               latencies.empty() ? 0.0 : Ms(latencies.back()), static_cast<double>(streamer.answered()) / seconds,
               static_cast<unsigned long long>(after.engine.flushes - before.engine.flushes),
               static_cast<unsigned long long>(after.engine.compactions - before.engine.compactions),
+              SlowestMs(before.engine.sync_latency, after.engine.sync_latency),
               static_cast<unsigned long long>(failures));
   std::fflush(stdout);
   return failures == 0 ? 0 : 1;
@@ -369,13 +403,13 @@ int main(int argc, char** argv) {
   kandb::kanrpc::Options options;
   if (!kandb::kanrpc::ParseArgs(argc, argv, &options)) {
     std::fprintf(stderr,
-                 "usage: loop_fairness_bench --addr=HOST:PORT --kind=tso|undecodable-upsert|empty-upsert|"
+                 "usage: loop_fairness_bench --addr=HOST:PORT --kind=idle|tso|undecodable-upsert|empty-upsert|"
                  "upsert|bulk-upsert [--seconds=S] [--bulk-mib=N] [--probe-conns=N] [--probe-gap-us=U] [--header]\n");
     return 2;
   }
   if (options.header) {
-    std::printf("%-19s %7s %9s %9s %9s %11s %8s %11s %8s\n", "kind", "probes", "p50_ms", "p99_ms", "max_ms",
-                "streamed/s", "flushes", "compactions", "failures");
+    std::printf("%-19s %7s %9s %9s %9s %11s %8s %11s %9s %8s\n", "kind", "probes", "p50_ms", "p99_ms", "max_ms",
+                "streamed/s", "flushes", "compactions", "sync<=ms", "failures");
   }
   return kandb::kanrpc::Run(options);
 }
