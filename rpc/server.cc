@@ -98,7 +98,12 @@ struct Connection {
   std::string out;
   size_t out_done = 0;
   Clock::time_point write_deadline;
-  // Listed on the loop's ready list, to be served again in its turn.
+  // Frames it may still be served in the loop's round `round`: a budget of
+  // kFramesPerTurn a round, shared by every way the loop comes to serve it
+  // in that round (readiness, its answer given, its turn).
+  uint64_t round = 0;
+  int frames_left = 0;
+  // Listed on the loop's ready list, to be served again next round.
   bool ready = false;
   // Closed: freed at the end of the loop's current round.
   bool dead = false;
@@ -159,8 +164,15 @@ class RpcServer::Loop {
   void DrainInbox();
   // Answers the calls in *answered and serves their connections on.
   void FinishAnswered(std::vector<Connection*>* answered);
+  // Finishes the answers given on the loop's own thread, and those given
+  // while finishing them, until none is left; the connections' budgets
+  // bound how many.
+  void FinishLocalAnswers();
+  // Serves the connections whose budget ran out last round.
+  void ServeTurns();
   // Reads and serves frames until a call stays in flight, the socket has
-  // nothing more, or the connection's turn is over.
+  // nothing more, or the connection's budget for this round is spent (it
+  // is then served again next round).
   void Serve(Connection* connection);
   // Starts the call of the frame just read; true when it was answered at
   // once (kInline, unknown method), false when it stays in flight.
@@ -193,9 +205,23 @@ class RpcServer::Loop {
   static thread_local Loop* current;
 
   // The loop thread's own.
+  //
+  // The loop works in rounds: a wait for readiness, then the sockets that
+  // are ready, the connections whose budget ran out last round, the
+  // answers given on the loop itself, and the pass hook, at most once. An
+  // answer given on the loop serves its connection on at once, which may
+  // start a call that is answered at once again; the budgets end that
+  // chain, and the pass hook's once a round ends the chain of a write group
+  // led on the loop whose answers start the next group's calls. Whatever
+  // is left waits for the next round, whose wait then only polls, so that
+  // every other socket, the inbox and Stop are looked at in between.
+  uint64_t round_ = 0;
   std::vector<Connection*> local_answers_;
+  std::vector<Connection*> local_turn_;  // local_answers_ being finished
   std::unordered_set<Connection*> connections_;
+  // Connections with frames left to read once their budget is renewed.
   std::vector<Connection*> ready_;
+  std::vector<Connection*> turn_;  // ready_ being served
   std::vector<Connection*> closed_;
   std::vector<Connection*> inbox_;  // answered calls taken from answered_
   std::vector<int> new_fds_;
@@ -203,7 +229,8 @@ class RpcServer::Loop {
   // Connections whose answers wait for the peer to read (write_deadline
   // set), so that an idle loop need not look at every connection.
   size_t stalled_writers_ = 0;
-  // An asynchronous call started since the pass hook last ran.
+  // An asynchronous call started since the pass hook last ran: the hook is
+  // due, in this round if it has not run yet, else at once in the next.
   bool started_async_ = false;
   bool stop_seen_ = false;
   Clock::time_point next_write_check_;
@@ -518,6 +545,24 @@ void RpcServer::Loop::FinishAnswered(std::vector<Connection*>* answered) {
   answered->clear();
 }
 
+void RpcServer::Loop::FinishLocalAnswers() {
+  while (!local_answers_.empty()) {
+    local_turn_.swap(local_answers_);
+    FinishAnswered(&local_turn_);
+  }
+}
+
+void RpcServer::Loop::ServeTurns() {
+  if (ready_.empty()) return;
+  // Those whose budget runs out again are listed anew, for the next round.
+  turn_.swap(ready_);
+  for (Connection* connection : turn_) {
+    connection->ready = false;
+    if (!connection->dead && !connection->calling && connection->out.empty()) Serve(connection);
+  }
+  turn_.clear();
+}
+
 void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
   keep_ = std::move(shared);
   current = this;
@@ -528,24 +573,17 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
       CloseIdleOnStop();
       if (calls_in_flight_ == 0) break;
     }
-    if (started_async_) {
-      started_async_ = false;
-      if (shared_->pass_hook) shared_->pass_hook();
-    }
-    if (!local_answers_.empty()) {
-      std::vector<Connection*> answered;
-      answered.swap(local_answers_);
-      FinishAnswered(&answered);
-      continue;
-    }
-    // Connections with answers the peer has not taken are checked once a
-    // second for their write time-out.
-    const int timeout_ms = !ready_.empty() ? 0 : stalled_writers_ > 0 ? 1000 : -1;
+    // Work left from the last round makes this wait a poll. Connections
+    // with answers the peer has not taken are checked once a second for
+    // their write time-out.
+    const bool pending = !ready_.empty() || started_async_ || !local_answers_.empty();
+    const int timeout_ms = pending ? 0 : stalled_writers_ > 0 ? 1000 : -1;
     const int n = epoll_wait(epoll_fd_, events, kEventsPerWait, timeout_ms);
     if (n < 0 && errno != EINTR) {
       ReportFault("accept", "epoll_wait failed: " + ErrnoText(errno));
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+    ++round_;
     for (int i = 0; i < n; ++i) {
       auto* connection = static_cast<Connection*>(events[i].data.ptr);
       if (connection == nullptr) {
@@ -556,13 +594,15 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
       if (!connection->out.empty() && !Flush(connection)) continue;
       if (connection->out.empty()) Serve(connection);
     }
-    if (!ready_.empty()) {
-      std::vector<Connection*> turn;
-      turn.swap(ready_);
-      for (Connection* connection : turn) {
-        connection->ready = false;
-        if (!connection->dead && !connection->calling && connection->out.empty()) Serve(connection);
-      }
+    ServeTurns();
+    FinishLocalAnswers();
+    // The hook may lead a write group on this thread; its answers serve
+    // their connections on, and the calls that starts wait for the next
+    // round's hook, so that one round leads at most one group.
+    if (started_async_) {
+      started_async_ = false;
+      if (shared_->pass_hook) shared_->pass_hook();
+      FinishLocalAnswers();
     }
     const Clock::time_point now = Clock::now();
     if (stalled_writers_ > 0 && now >= next_write_check_) {
@@ -580,12 +620,16 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
 }
 
 void RpcServer::Loop::Serve(Connection* connection) {
-  for (int frames = 0; !connection->calling && connection->out.empty(); ++frames) {
+  if (connection->round != round_) {
+    connection->round = round_;
+    connection->frames_left = kFramesPerTurn;
+  }
+  while (!connection->calling && connection->out.empty()) {
     if (stop_seen_) {
       Close(connection);
       return;
     }
-    if (frames == kFramesPerTurn) {
+    if (connection->frames_left == 0) {
       if (!connection->ready) {
         connection->ready = true;
         ready_.push_back(connection);
@@ -601,6 +645,7 @@ void RpcServer::Loop::Serve(Connection* connection) {
       return;
     }
     if (!got) return;
+    --connection->frames_left;
     if (!StartCall(connection)) return;
     FinishCall(connection);
     if (connection->dead) return;
@@ -716,9 +761,11 @@ void RpcServer::Loop::Close(Connection* connection) {
     connection->counters.AddTo(&shared_->ended);
   }
   // Removed from the epoll set by the close; freed at the end of the round,
-  // since events of this round may still name it.
+  // since events of this round may still name it. The ready list outlives
+  // the round, so it must not.
   close(connection->fd);
   connections_.erase(connection);
+  if (connection->ready) std::erase(ready_, connection);
   closed_.push_back(connection);
 }
 
