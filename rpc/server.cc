@@ -170,6 +170,8 @@ class RpcServer::Loop {
   void FinishLocalAnswers();
   // Serves the connections whose budget ran out last round.
   void ServeTurns();
+  // Frees the connections closed in this round that nothing names any more.
+  void FreeClosed();
   // Reads and serves frames until a call stays in flight, the socket has
   // nothing more, or the connection's budget for this round is spent (it
   // is then served again next round).
@@ -182,7 +184,10 @@ class RpcServer::Loop {
   // Sends pending answers; false when the connection was closed.
   bool Flush(Connection* connection);
   void Close(Connection* connection);
-  void CloseIdleOnStop();
+  // After Stop: closes every connection with no call in flight and no
+  // answer left to send, and once the stop's grace is over those whose
+  // peer has not taken their answers either. True while some still drain.
+  bool CloseOnStop(Clock::time_point now);
   void DropStalledWriters(Clock::time_point now);
 
   Shared* const shared_;
@@ -233,6 +238,9 @@ class RpcServer::Loop {
   // due, in this round if it has not run yet, else at once in the next.
   bool started_async_ = false;
   bool stop_seen_ = false;
+  // Set with stop_seen_: until then a connection may still send what it
+  // has left to answer (kStopGraceMs).
+  Clock::time_point stop_deadline_;
   Clock::time_point next_write_check_;
 };
 
@@ -506,7 +514,10 @@ void RpcServer::Loop::DrainInbox() {
     signalled_ = false;
     new_fds_.swap(adopted_);
     inbox_.swap(answered_);
-    if (wake_) stop_seen_ = true;
+    if (wake_ && !stop_seen_) {
+      stop_seen_ = true;
+      stop_deadline_ = Clock::now() + std::chrono::milliseconds(RpcServer::kStopGraceMs);
+    }
   }
   for (int fd : new_fds_) {
     if (stop_seen_) {
@@ -545,6 +556,20 @@ void RpcServer::Loop::FinishAnswered(std::vector<Connection*>* answered) {
   answered->clear();
 }
 
+void RpcServer::Loop::FreeClosed() {
+  // The ready list outlives the round: a connection closed while listed
+  // there is freed once the next round's turns have passed it.
+  size_t kept = 0;
+  for (Connection* connection : closed_) {
+    if (connection->ready) {
+      closed_[kept++] = connection;
+    } else {
+      delete connection;
+    }
+  }
+  closed_.resize(kept);
+}
+
 void RpcServer::Loop::FinishLocalAnswers() {
   while (!local_answers_.empty()) {
     local_turn_.swap(local_answers_);
@@ -569,15 +594,23 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
   struct epoll_event events[kEventsPerWait];
   next_write_check_ = Clock::now() + std::chrono::seconds(1);
   for (;;) {
+    // Stopping, the loop ends once no call is in flight and every answer
+    // was sent or given up on.
+    bool draining = false;
     if (stop_seen_) {
-      CloseIdleOnStop();
-      if (calls_in_flight_ == 0) break;
+      draining = CloseOnStop(Clock::now());
+      if (calls_in_flight_ == 0 && !draining) break;
     }
     // Work left from the last round makes this wait a poll. Connections
     // with answers the peer has not taken are checked once a second for
-    // their write time-out.
+    // their write time-out, and after Stop when the grace ends.
     const bool pending = !ready_.empty() || started_async_ || !local_answers_.empty();
-    const int timeout_ms = pending ? 0 : stalled_writers_ > 0 ? 1000 : -1;
+    int timeout_ms = pending ? 0 : stalled_writers_ > 0 ? 1000 : -1;
+    if (!pending && draining) {
+      const auto left =
+          std::chrono::ceil<std::chrono::milliseconds>(stop_deadline_ - Clock::now()).count();
+      timeout_ms = static_cast<int>(std::clamp<int64_t>(left, 0, 1000));
+    }
     const int n = epoll_wait(epoll_fd_, events, kEventsPerWait, timeout_ms);
     if (n < 0 && errno != EINTR) {
       ReportFault("accept", "epoll_wait failed: " + ErrnoText(errno));
@@ -609,9 +642,9 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
       DropStalledWriters(now);
       next_write_check_ = now + std::chrono::seconds(1);
     }
-    for (Connection* connection : closed_) delete connection;
-    closed_.clear();
+    FreeClosed();
   }
+  // Nothing reads the ready list any more.
   for (Connection* connection : closed_) delete connection;
   closed_.clear();
   current = nullptr;
@@ -761,20 +794,28 @@ void RpcServer::Loop::Close(Connection* connection) {
     connection->counters.AddTo(&shared_->ended);
   }
   // Removed from the epoll set by the close; freed at the end of the round,
-  // since events of this round may still name it. The ready list outlives
-  // the round, so it must not.
+  // since events of this round may still name it (see FreeClosed).
   close(connection->fd);
   connections_.erase(connection);
-  if (connection->ready) std::erase(ready_, connection);
   closed_.push_back(connection);
 }
 
-void RpcServer::Loop::CloseIdleOnStop() {
-  std::vector<Connection*> idle;
+bool RpcServer::Loop::CloseOnStop(Clock::time_point now) {
+  // A connection with answer bytes the socket has not taken is not idle:
+  // closing it would lose an answer whose call has taken effect. It gets
+  // until the grace ends, and never reads another request meanwhile.
+  std::vector<Connection*> done;
+  bool draining = false;
   for (Connection* connection : connections_) {
-    if (!connection->calling) idle.push_back(connection);
+    if (connection->calling) continue;
+    if (connection->out.empty() || now >= stop_deadline_) {
+      done.push_back(connection);
+    } else {
+      draining = true;
+    }
   }
-  for (Connection* connection : idle) Close(connection);
+  for (Connection* connection : done) Close(connection);
+  return draining;
 }
 
 void RpcServer::Loop::DropStalledWriters(Clock::time_point now) {

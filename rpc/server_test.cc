@@ -414,6 +414,51 @@ TEST(ServerTest, StopDoesNotWaitForAStreamingClient) {
   stream.Join();  // the reader saw the connection end
 }
 
+// Stop keeps a connection whose answer the socket has not wholly taken open
+// for a while (RpcServer::kStopGraceMs), so that a slow reader still gets
+// its answer whole, and then closes it, so that a peer that reads nothing
+// cannot hold Stop up. The answer is larger than what loopback sockets
+// buffer, so that most of it is still the server's when Stop begins.
+TEST(ServerTest, StopLetsUnsentAnswersDrainForAWhile) {
+  const std::string big(32 << 20, 'b');
+  RpcServer server(1);
+  server.RegisterRaw(
+      "Big",
+      [&big](const std::string&, std::string* resp) {
+        *resp = big;
+        return Status::OK();
+      },
+      CallMode::kInline);
+  ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
+  Socket slow = ConnectTo(server.port());
+  Socket stalled = ConnectTo(server.port());
+  SendAllOrDie(slow.fd(), BuildFrame(FrameType::kRequest, 1, "Big", ""));
+  SendAllOrDie(stalled.fd(), BuildFrame(FrameType::kRequest, 2, "Big", ""));
+  for (const Socket* conn : {&slow, &stalled}) {
+    pollfd p{conn->fd(), POLLIN, 0};
+    ASSERT_EQ(poll(&p, 1, 60000), 1) << "no answer began";
+  }
+  std::thread stopper([&server] { server.Stop(); });
+  auto read_all = [](int fd, bool slowly) {
+    std::string got;
+    std::vector<char> buf(256 << 10);
+    for (;;) {
+      const ssize_t r = recv(fd, buf.data(), buf.size(), 0);
+      if (r < 0 && errno == EINTR) continue;
+      if (r <= 0) return got;
+      got.append(buf.data(), static_cast<size_t>(r));
+      if (slowly) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  };
+  const std::string slow_got = read_all(slow.fd(), true);
+  stopper.join();
+  const std::string expected = BuildFrame(FrameType::kResponse, 1, "Big", big);
+  EXPECT_EQ(slow_got.size(), expected.size());
+  EXPECT_TRUE(slow_got == expected);
+  // Closed once the grace ran out, with most of its answer never sent.
+  EXPECT_LT(read_all(stalled.fd(), false).size(), expected.size());
+}
+
 std::atomic<int> answer_hook_calls{0};
 
 // An answer given on another thread is posted to its loop's inbox before
