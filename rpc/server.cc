@@ -74,6 +74,14 @@ struct RpcServer::Shared {
 // thread's alone, except those of the call in flight, which the thread that
 // answers it writes before it posts the connection back to the loop (the
 // loop's inbox lock orders the two).
+//
+// Its states: reading (no call, nothing left to send; served by the loop
+// while its round's budget lasts), in a call (`calling`; only the
+// answering thread writes status and response), writing (`out` not empty:
+// nothing is read until the socket took it), closed (`dead`; freed by the
+// loop once no list of its names it). After Stop a reading connection is
+// closed at once, a writing one once it has sent everything or the grace
+// is over, and one in a call once answered and written.
 struct Connection {
   Connection(int socket, RpcServer::Loop* owner, size_t methods)
       : fd(socket), loop(owner), reader(socket), counters(methods) {}
@@ -147,7 +155,8 @@ class RpcServer::Loop {
   void Adopt(int fd) EXCLUDES(mu_);
   // From whoever answered `connection`'s call (any thread, the loop too).
   void Answered(Connection* connection) EXCLUDES(mu_);
-  // From Stop: close what is idle, finish what is in flight, then end.
+  // From Stop: close what is idle, finish what is in flight, give unsent
+  // answers until the grace ends, then end.
   void Wake() EXCLUDES(mu_);
 
  private:

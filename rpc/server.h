@@ -128,9 +128,12 @@ class RpcServer {
   void RegisterAsync(const std::string& method, std::function<void(const Req&, Reply)> handler);
   void RegisterAsyncRaw(const std::string& method, AsyncRawHandler handler);
 
-  // Called by an event loop at the end of each pass in which it started an
-  // asynchronous call, before it waits again: where the work those calls
-  // queued is started (one sync for all of them). Set before Start.
+  // Called by an event loop at the end of a round in which an asynchronous
+  // call was started since the hook last ran, before it waits again: where
+  // the work those calls queued is started (one sync for all of them). At
+  // most once a round: the calls that the answers it gives on the loop
+  // start wait for the next round's call, which follows at once (the loop
+  // only polls its sockets in between). Set before Start.
   void SetPassHook(std::function<void()> hook);
 
   // Listens on bind_addr (dotted IPv4 only; host names are not resolved) and
