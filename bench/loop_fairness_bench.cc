@@ -29,8 +29,8 @@
 // flushes and compactions during the run and the upper bound of the
 // histogram bucket of its slowest log sync (a write group led on the
 // probe's loop holds the probe up for that long); --header prints the
-// column names first. bench/loop_fairness.sh
-// starts a fresh server for each kind.
+// column names first. Every kind but bulk-upsert streams for --seconds
+// (default 5). bench/loop_fairness.sh starts a fresh server for each kind.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
