@@ -26,15 +26,15 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Frames served from one connection before the loop turns to the others, so
-// that a client sending back to back cannot keep its loop to itself.
-constexpr int kFramesPerTurn = 16;
 // Readiness events taken from the kernel per wait.
 constexpr int kEventsPerWait = 256;
 // A worker thread with nothing to do for this long ends.
 constexpr auto kWorkerIdle = std::chrono::seconds(5);
 
 enum class Kind { kUnknown, kBlocking, kInline, kTryInline, kAsync };
+
+// See RpcServer::SetAnswerPostedHookForTesting; one relaxed load per answer.
+std::atomic<void (*)()> answer_posted_hook{nullptr};
 
 }  // namespace
 
@@ -74,6 +74,14 @@ struct RpcServer::Shared {
 // thread's alone, except those of the call in flight, which the thread that
 // answers it writes before it posts the connection back to the loop (the
 // loop's inbox lock orders the two).
+//
+// Its states: reading (no call, nothing left to send; served by the loop
+// while its round's budget lasts), in a call (`calling`; only the
+// answering thread writes status and response), writing (`out` not empty:
+// nothing is read until the socket took it), closed (`dead`; freed by the
+// loop once no list of its names it). After Stop a reading connection is
+// closed at once, a writing one once it has sent everything or the grace
+// is over, and one in a call once answered and written.
 struct Connection {
   Connection(int socket, RpcServer::Loop* owner, size_t methods)
       : fd(socket), loop(owner), reader(socket), counters(methods) {}
@@ -98,7 +106,12 @@ struct Connection {
   std::string out;
   size_t out_done = 0;
   Clock::time_point write_deadline;
-  // Listed on the loop's ready list, to be served again in its turn.
+  // Frames it may still be served in the loop's round `round`: a budget of
+  // kFramesPerTurn a round, shared by every way the loop comes to serve it
+  // in that round (readiness, its answer given, its turn).
+  uint64_t round = 0;
+  int frames_left = 0;
+  // Listed on the loop's ready list, to be served again next round.
   bool ready = false;
   // Closed: freed at the end of the loop's current round.
   bool dead = false;
@@ -142,21 +155,35 @@ class RpcServer::Loop {
   void Adopt(int fd) EXCLUDES(mu_);
   // From whoever answered `connection`'s call (any thread, the loop too).
   void Answered(Connection* connection) EXCLUDES(mu_);
-  // From Stop: close what is idle, finish what is in flight, then end.
+  // From Stop: close what is idle, finish what is in flight, give unsent
+  // answers until the grace ends, then end.
   void Wake() EXCLUDES(mu_);
 
  private:
   void Run(std::shared_ptr<Shared> shared);
-  // After posting to the inbox: whether the eventfd must be written (no
-  // signal is pending yet); the loop clears that when it drains.
-  bool TakeSignal() REQUIRES(mu_);
-  void SignalWake();
+  // After posting to the inbox: wakes the loop unless a wake-up is pending
+  // already (the loop clears that when it drains). Under the inbox lock:
+  // once the loop has taken what was posted, which needs that lock, the
+  // poster never touches the loop again, so a Stop that the post lets
+  // return may destroy the loop at once. Writing the eventfd never blocks
+  // (its counter stays far below the limit at which a write would wait),
+  // so the lock is not held across anything that waits.
+  void SignalUnlessSignalled() REQUIRES(mu_);
   // Takes in what other threads handed over.
   void DrainInbox();
   // Answers the calls in *answered and serves their connections on.
   void FinishAnswered(std::vector<Connection*>* answered);
+  // Finishes the answers given on the loop's own thread, and those given
+  // while finishing them, until none is left; the connections' budgets
+  // bound how many.
+  void FinishLocalAnswers();
+  // Serves the connections whose budget ran out last round.
+  void ServeTurns();
+  // Frees the connections closed in this round that nothing names any more.
+  void FreeClosed();
   // Reads and serves frames until a call stays in flight, the socket has
-  // nothing more, or the connection's turn is over.
+  // nothing more, or the connection's budget for this round is spent (it
+  // is then served again next round).
   void Serve(Connection* connection);
   // Starts the call of the frame just read; true when it was answered at
   // once (kInline, unknown method), false when it stays in flight.
@@ -166,7 +193,10 @@ class RpcServer::Loop {
   // Sends pending answers; false when the connection was closed.
   bool Flush(Connection* connection);
   void Close(Connection* connection);
-  void CloseIdleOnStop();
+  // After Stop: closes every connection with no call in flight and no
+  // answer left to send, and once the stop's grace is over those whose
+  // peer has not taken their answers either. True while some still drain.
+  bool CloseOnStop(Clock::time_point now);
   void DropStalledWriters(Clock::time_point now);
 
   Shared* const shared_;
@@ -175,8 +205,8 @@ class RpcServer::Loop {
   int wake_fd_ = -1;
   std::thread thread_;
 
-  // Guards the inbox. Other threads post under it and signal wake_fd_
-  // when the loop was not already signalled.
+  // Guards the inbox. Other threads post under it and signal wake_fd_,
+  // still under it, when the loop was not already signalled.
   Mutex mu_;
   std::vector<int> adopted_ GUARDED_BY(mu_);
   std::vector<Connection*> answered_ GUARDED_BY(mu_);
@@ -189,9 +219,23 @@ class RpcServer::Loop {
   static thread_local Loop* current;
 
   // The loop thread's own.
+  //
+  // The loop works in rounds: a wait for readiness, then the sockets that
+  // are ready, the connections whose budget ran out last round, the
+  // answers given on the loop itself, and the pass hook, at most once. An
+  // answer given on the loop serves its connection on at once, which may
+  // start a call that is answered at once again; the budgets end that
+  // chain, and the pass hook's once a round ends the chain of a write group
+  // led on the loop whose answers start the next group's calls. Whatever
+  // is left waits for the next round, whose wait then only polls, so that
+  // every other socket, the inbox and Stop are looked at in between.
+  uint64_t round_ = 0;
   std::vector<Connection*> local_answers_;
+  std::vector<Connection*> local_turn_;  // local_answers_ being finished
   std::unordered_set<Connection*> connections_;
+  // Connections with frames left to read once their budget is renewed.
   std::vector<Connection*> ready_;
+  std::vector<Connection*> turn_;  // ready_ being served
   std::vector<Connection*> closed_;
   std::vector<Connection*> inbox_;  // answered calls taken from answered_
   std::vector<int> new_fds_;
@@ -199,9 +243,13 @@ class RpcServer::Loop {
   // Connections whose answers wait for the peer to read (write_deadline
   // set), so that an idle loop need not look at every connection.
   size_t stalled_writers_ = 0;
-  // An asynchronous call started since the pass hook last ran.
+  // An asynchronous call started since the pass hook last ran: the hook is
+  // due, in this round if it has not run yet, else at once in the next.
   bool started_async_ = false;
   bool stop_seen_ = false;
+  // Set with stop_seen_: until then a connection may still send what it
+  // has left to answer (kStopGraceMs).
+  Clock::time_point stop_deadline_;
   Clock::time_point next_write_check_;
 };
 
@@ -240,6 +288,8 @@ void RpcServer::RegisterTryInlineRaw(const std::string& method, RawAttempt attem
   entry.attempt = std::move(attempt);
   entry.async = nullptr;
 }
+
+void RpcServer::SetAnswerPostedHookForTesting(void (*hook)()) { answer_posted_hook.store(hook); }
 
 void RpcServer::SetPassHook(std::function<void()> hook) { shared_->pass_hook = std::move(hook); }
 
@@ -429,25 +479,17 @@ Status RpcServer::Loop::Open() {
   return Status::OK();
 }
 
-bool RpcServer::Loop::TakeSignal() {
-  const bool signal = !signalled_;
+void RpcServer::Loop::SignalUnlessSignalled() {
+  if (signalled_) return;
   signalled_ = true;
-  return signal;
-}
-
-void RpcServer::Loop::SignalWake() {
   const uint64_t one = 1;
   (void)!write(wake_fd_, &one, sizeof(one));
 }
 
 void RpcServer::Loop::Adopt(int fd) {
-  bool signal = false;
-  {
-    MutexLock lock(&mu_);
-    adopted_.push_back(fd);
-    signal = TakeSignal();
-  }
-  if (signal) SignalWake();
+  MutexLock lock(&mu_);
+  adopted_.push_back(fd);
+  SignalUnlessSignalled();
 }
 
 thread_local RpcServer::Loop* RpcServer::Loop::current = nullptr;
@@ -457,22 +499,20 @@ void RpcServer::Loop::Answered(Connection* connection) {
     local_answers_.push_back(connection);
     return;
   }
-  bool signal = false;
-  {
-    MutexLock lock(&mu_);
-    answered_.push_back(connection);
-    signal = TakeSignal();
-  }
-  if (signal) SignalWake();
+  // The answering thread may be the engine's commit thread, which goes on
+  // after this returns; Stop may return, and the server be destroyed, as
+  // soon as the loop has taken the answer. Hence nothing of the loop is
+  // touched after the lock is released.
+  MutexLock lock(&mu_);
+  answered_.push_back(connection);
+  if (auto* hook = answer_posted_hook.load(std::memory_order_relaxed)) hook();
+  SignalUnlessSignalled();
 }
 
 void RpcServer::Loop::Wake() {
-  {
-    MutexLock lock(&mu_);
-    wake_ = true;
-    signalled_ = true;
-  }
-  SignalWake();
+  MutexLock lock(&mu_);
+  wake_ = true;
+  SignalUnlessSignalled();
 }
 
 void RpcServer::Loop::DrainInbox() {
@@ -483,7 +523,10 @@ void RpcServer::Loop::DrainInbox() {
     signalled_ = false;
     new_fds_.swap(adopted_);
     inbox_.swap(answered_);
-    if (wake_) stop_seen_ = true;
+    if (wake_ && !stop_seen_) {
+      stop_seen_ = true;
+      stop_deadline_ = Clock::now() + std::chrono::milliseconds(RpcServer::kStopGraceMs);
+    }
   }
   for (int fd : new_fds_) {
     if (stop_seen_) {
@@ -522,34 +565,67 @@ void RpcServer::Loop::FinishAnswered(std::vector<Connection*>* answered) {
   answered->clear();
 }
 
+void RpcServer::Loop::FreeClosed() {
+  // The ready list outlives the round: a connection closed while listed
+  // there is freed once the next round's turns have passed it.
+  size_t kept = 0;
+  for (Connection* connection : closed_) {
+    if (connection->ready) {
+      closed_[kept++] = connection;
+    } else {
+      delete connection;
+    }
+  }
+  closed_.resize(kept);
+}
+
+void RpcServer::Loop::FinishLocalAnswers() {
+  while (!local_answers_.empty()) {
+    local_turn_.swap(local_answers_);
+    FinishAnswered(&local_turn_);
+  }
+}
+
+void RpcServer::Loop::ServeTurns() {
+  if (ready_.empty()) return;
+  // Those whose budget runs out again are listed anew, for the next round.
+  turn_.swap(ready_);
+  for (Connection* connection : turn_) {
+    connection->ready = false;
+    if (!connection->dead && !connection->calling && connection->out.empty()) Serve(connection);
+  }
+  turn_.clear();
+}
+
 void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
   keep_ = std::move(shared);
   current = this;
   struct epoll_event events[kEventsPerWait];
   next_write_check_ = Clock::now() + std::chrono::seconds(1);
   for (;;) {
+    // Stopping, the loop ends once no call is in flight and every answer
+    // was sent or given up on.
+    bool draining = false;
     if (stop_seen_) {
-      CloseIdleOnStop();
-      if (calls_in_flight_ == 0) break;
+      draining = CloseOnStop(Clock::now());
+      if (calls_in_flight_ == 0 && !draining) break;
     }
-    if (started_async_) {
-      started_async_ = false;
-      if (shared_->pass_hook) shared_->pass_hook();
+    // Work left from the last round makes this wait a poll. Connections
+    // with answers the peer has not taken are checked once a second for
+    // their write time-out, and after Stop when the grace ends.
+    const bool pending = !ready_.empty() || started_async_ || !local_answers_.empty();
+    int timeout_ms = pending ? 0 : stalled_writers_ > 0 ? 1000 : -1;
+    if (!pending && draining) {
+      const auto left =
+          std::chrono::ceil<std::chrono::milliseconds>(stop_deadline_ - Clock::now()).count();
+      timeout_ms = static_cast<int>(std::clamp<int64_t>(left, 0, 1000));
     }
-    if (!local_answers_.empty()) {
-      std::vector<Connection*> answered;
-      answered.swap(local_answers_);
-      FinishAnswered(&answered);
-      continue;
-    }
-    // Connections with answers the peer has not taken are checked once a
-    // second for their write time-out.
-    const int timeout_ms = !ready_.empty() ? 0 : stalled_writers_ > 0 ? 1000 : -1;
     const int n = epoll_wait(epoll_fd_, events, kEventsPerWait, timeout_ms);
     if (n < 0 && errno != EINTR) {
       ReportFault("accept", "epoll_wait failed: " + ErrnoText(errno));
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+    ++round_;
     for (int i = 0; i < n; ++i) {
       auto* connection = static_cast<Connection*>(events[i].data.ptr);
       if (connection == nullptr) {
@@ -560,22 +636,24 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
       if (!connection->out.empty() && !Flush(connection)) continue;
       if (connection->out.empty()) Serve(connection);
     }
-    if (!ready_.empty()) {
-      std::vector<Connection*> turn;
-      turn.swap(ready_);
-      for (Connection* connection : turn) {
-        connection->ready = false;
-        if (!connection->dead && !connection->calling && connection->out.empty()) Serve(connection);
-      }
+    ServeTurns();
+    FinishLocalAnswers();
+    // The hook may lead a write group on this thread; its answers serve
+    // their connections on, and the calls that starts wait for the next
+    // round's hook, so that one round leads at most one group.
+    if (started_async_) {
+      started_async_ = false;
+      if (shared_->pass_hook) shared_->pass_hook();
+      FinishLocalAnswers();
     }
     const Clock::time_point now = Clock::now();
     if (stalled_writers_ > 0 && now >= next_write_check_) {
       DropStalledWriters(now);
       next_write_check_ = now + std::chrono::seconds(1);
     }
-    for (Connection* connection : closed_) delete connection;
-    closed_.clear();
+    FreeClosed();
   }
+  // Nothing reads the ready list any more.
   for (Connection* connection : closed_) delete connection;
   closed_.clear();
   current = nullptr;
@@ -584,12 +662,16 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
 }
 
 void RpcServer::Loop::Serve(Connection* connection) {
-  for (int frames = 0; !connection->calling && connection->out.empty(); ++frames) {
+  if (connection->round != round_) {
+    connection->round = round_;
+    connection->frames_left = kFramesPerTurn;
+  }
+  while (!connection->calling && connection->out.empty()) {
     if (stop_seen_) {
       Close(connection);
       return;
     }
-    if (frames == kFramesPerTurn) {
+    if (connection->frames_left == 0) {
       if (!connection->ready) {
         connection->ready = true;
         ready_.push_back(connection);
@@ -605,6 +687,7 @@ void RpcServer::Loop::Serve(Connection* connection) {
       return;
     }
     if (!got) return;
+    --connection->frames_left;
     if (!StartCall(connection)) return;
     FinishCall(connection);
     if (connection->dead) return;
@@ -720,18 +803,28 @@ void RpcServer::Loop::Close(Connection* connection) {
     connection->counters.AddTo(&shared_->ended);
   }
   // Removed from the epoll set by the close; freed at the end of the round,
-  // since events of this round may still name it.
+  // since events of this round may still name it (see FreeClosed).
   close(connection->fd);
   connections_.erase(connection);
   closed_.push_back(connection);
 }
 
-void RpcServer::Loop::CloseIdleOnStop() {
-  std::vector<Connection*> idle;
+bool RpcServer::Loop::CloseOnStop(Clock::time_point now) {
+  // A connection with answer bytes the socket has not taken is not idle:
+  // closing it would lose an answer whose call has taken effect. It gets
+  // until the grace ends, and never reads another request meanwhile.
+  std::vector<Connection*> done;
+  bool draining = false;
   for (Connection* connection : connections_) {
-    if (!connection->calling) idle.push_back(connection);
+    if (connection->calling) continue;
+    if (connection->out.empty() || now >= stop_deadline_) {
+      done.push_back(connection);
+    } else {
+      draining = true;
+    }
   }
-  for (Connection* connection : idle) Close(connection);
+  for (Connection* connection : done) Close(connection);
+  return draining;
 }
 
 void RpcServer::Loop::DropStalledWriters(Clock::time_point now) {

@@ -78,7 +78,17 @@ class RpcServer {
  public:
   // How long a response write may wait for the peer to make room.
   static constexpr int kWriteTimeoutMs = 30000;
+  // How long Stop lets a connection send the answers its peer has not taken
+  // yet. A peer that reads at all takes the largest answer (64 MiB) well
+  // within it, on loopback in a fraction of a second; one that reads
+  // nothing for this long is treated as gone, so that Stop stays short
+  // beside the stop time-outs of supervisors and of tests.
+  static constexpr int kStopGraceMs = 5000;
   static constexpr int kListenBacklog = 256;
+  // Frames read from one connection in one round of its loop before the
+  // loop turns to the others, so that a client sending back to back cannot
+  // keep its loop to itself.
+  static constexpr int kFramesPerTurn = 16;
 
   // `loops` event loops serve the connections; 0 means one per two
   // processors.
@@ -118,9 +128,12 @@ class RpcServer {
   void RegisterAsync(const std::string& method, std::function<void(const Req&, Reply)> handler);
   void RegisterAsyncRaw(const std::string& method, AsyncRawHandler handler);
 
-  // Called by an event loop at the end of each pass in which it started an
-  // asynchronous call, before it waits again: where the work those calls
-  // queued is started (one sync for all of them). Set before Start.
+  // Called by an event loop at the end of a round in which an asynchronous
+  // call was started since the hook last ran, before it waits again: where
+  // the work those calls queued is started (one sync for all of them). At
+  // most once a round: the calls that the answers it gives on the loop
+  // start wait for the next round's call, which follows at once (the loop
+  // only polls its sockets in between). Set before Start.
   void SetPassHook(std::function<void()> hook);
 
   // Listens on bind_addr (dotted IPv4 only; host names are not resolved) and
@@ -146,12 +159,22 @@ class RpcServer {
   // that guards the connection list.
   ServerStats Stats() const;
 
-  // Stops accepting, joins the accept thread, closes every connection
-  // without a call in flight, lets each call in flight finish and send its
-  // answer, and joins the event loops: no handler runs any more and no
-  // answer is pending, so what handlers use may be destroyed as soon as
-  // Stop returns. A second call does nothing.
+  // Stops accepting, joins the accept thread, closes every connection with
+  // no call in flight and nothing left to send, lets each call in flight
+  // finish, gives the answers that their peers have not taken yet up to
+  // kStopGraceMs to be sent (no further request is read), closes what is
+  // left, and joins the event loops: no handler runs any more and no answer
+  // is pending, so what handlers use may be destroyed as soon as Stop
+  // returns. It does not wait for a client to stop sending. A second call
+  // does nothing.
   void Stop() EXCLUDES(join_mu_);
+
+  // For tests that open the window between two steps of an answer given on
+  // another thread than its loop's: `hook` is called by that thread after
+  // the answer is posted to the loop and before the loop is woken for it
+  // (holding the loop's inbox lock, as both steps do). Null (the default)
+  // calls nothing; set it while no server answers.
+  static void SetAnswerPostedHookForTesting(void (*hook)());
 
  private:
   friend struct Connection;

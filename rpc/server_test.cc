@@ -1,10 +1,17 @@
 #include "rpc/server.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cstdint>
+#include <future>
+#include <limits>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,6 +38,106 @@ Frame ReadOrFail(int fd) {
   EXPECT_TRUE(s.ok()) << s.ToString();
   return answer;
 }
+
+// Sends frames back to back from a thread of its own, without waiting for
+// answers, until the peer stops taking them or StopWriting: the methods of
+// `head`, then `count` frames cycling through `cycle`. Another thread reads
+// every answer, so that the server's answers never fill the socket, and
+// checks their ids and methods. With a negative count the stream has no
+// end and costs the client as little as it can, so that the server is the
+// slower side: the same batch is sent again and again, and the answers are
+// read and dropped unparsed.
+class FrameStream {
+ public:
+  FrameStream(int fd, std::vector<std::string> head, std::vector<std::string> cycle, int64_t count)
+      : fd_(fd),
+        head_(std::move(head)),
+        cycle_(std::move(cycle)),
+        endless_(count < 0),
+        total_(endless_ ? 0 : head_.size() + static_cast<uint64_t>(count)) {
+    writer_ = std::thread([this] { Write(); });
+    reader_ = std::thread([this] { endless_ ? Drop() : Read(); });
+  }
+  ~FrameStream() {
+    StopWriting();
+    Join();
+  }
+
+  void StopWriting() { stop_.store(true); }
+  // Returns once the writer is done and the reader has every answer or saw
+  // the connection end.
+  void Join() {
+    if (writer_.joinable()) writer_.join();
+    if (reader_.joinable()) reader_.join();
+  }
+  // Answers read in order, so far (not counted when endless).
+  uint64_t answered() const { return answered_.load(); }
+  // After Join: whether every answer read carried the id and method of the
+  // next request.
+  bool in_order() const { return in_order_; }
+
+ private:
+  const std::string& MethodOf(uint64_t id) const {
+    return id <= head_.size() ? head_[id - 1] : cycle_[(id - head_.size() - 1) % cycle_.size()];
+  }
+
+  void Write() {
+    std::string batch;
+    for (uint64_t id = 1; (endless_ || id <= total_) && !stop_.load();) {
+      if (!endless_ || batch.empty()) {
+        batch.clear();
+        for (int i = 0; i < 4096 && (endless_ || id <= total_); ++i, ++id) {
+          AppendFrame(&batch, FrameType::kRequest, id, MethodOf(id), "x");
+        }
+      }
+      if (!SendAll(batch)) return;
+    }
+  }
+
+  // False when the peer closed (or StopWriting came first).
+  bool SendAll(const std::string& bytes) {
+    for (size_t done = 0; done < bytes.size();) {
+      if (stop_.load()) return false;
+      pollfd p{fd_, POLLOUT, 0};
+      if (poll(&p, 1, 50) <= 0) continue;
+      const ssize_t r = send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (r < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+      if (r <= 0) return false;
+      done += static_cast<size_t>(r);
+    }
+    return true;
+  }
+
+  void Read() {
+    FrameReader reader(fd_);
+    Frame answer;
+    for (uint64_t id = 1; id <= total_; ++id) {
+      if (!reader.Read(&answer, 60000).ok()) return;  // the connection ended
+      if (answer.request_id != id || answer.method != MethodOf(id)) in_order_ = false;
+      answered_.store(id);
+    }
+  }
+
+  void Drop() {
+    std::vector<char> buf(1 << 20);
+    for (;;) {
+      const ssize_t r = recv(fd_, buf.data(), buf.size(), 0);
+      if (r < 0 && errno == EINTR) continue;
+      if (r <= 0) return;  // the connection ended
+    }
+  }
+
+  const int fd_;
+  const std::vector<std::string> head_;
+  const std::vector<std::string> cycle_;
+  const bool endless_;
+  const uint64_t total_;
+  std::atomic<bool> stop_{false};
+  std::atomic<uint64_t> answered_{0};
+  bool in_order_ = true;  // the reader's, read after Join
+  std::thread writer_;
+  std::thread reader_;
+};
 
 // The texts of a bad address and a taken port are checked through the
 // binary (app/main_test.cc).
@@ -198,6 +305,196 @@ TEST(ServerTest, StopWaitsForCallsInFlight) {
   RpcServer never_started;
   never_started.Wait();
   never_started.Stop();
+}
+
+// A connection that sends back to back cannot keep its loop from the
+// others. The loop is held in an inline call while the stream's frames and
+// then the probe's request arrive; once it is let go, the probe must be
+// answered within the loop's next round, before more than two turns of
+// the stream: the answers the loop gives itself (an asynchronous call
+// answered at once, or by the pass hook, as a write group led on the loop
+// is) count against the stream's turn like any frame.
+TEST(ServerTest, StreamingConnectionLeavesTheLoopToOthers) {
+  const std::vector<std::vector<std::string>> variants = {
+      {"Now"}, {"Grouped"}, {"Now", "Grouped", "Inline", "Grouped"}};
+  for (const std::vector<std::string>& methods : variants) {
+    SCOPED_TRACE(methods.size() == 1 ? "only " + methods[0] : std::string("mixed"));
+    std::atomic<bool> gate_entered{false};
+    std::atomic<bool> gate_open{false};
+    std::atomic<int> streamed{0};
+    std::atomic<int> streamed_at_probe{-1};
+    std::vector<Reply> grouped;  // the loop thread's
+    RpcServer server(1);
+    server.RegisterRaw(
+        "Gate",
+        [&](const std::string&, std::string*) {
+          gate_entered.store(true);
+          while (!gate_open.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+          return Status::OK();
+        },
+        CallMode::kInline);
+    server.RegisterAsyncRaw("Now", [&](const std::string&, Reply reply) {
+      streamed.fetch_add(1);
+      reply.Send(Status::InvalidArgument("bad request payload"), std::string());
+    });
+    server.RegisterAsyncRaw("Grouped", [&](const std::string&, Reply reply) {
+      streamed.fetch_add(1);
+      grouped.push_back(reply);
+    });
+    server.SetPassHook([&] {
+      std::vector<Reply> led;
+      led.swap(grouped);
+      for (const Reply& reply : led) reply.Send(Status::OK(), std::string());
+    });
+    server.RegisterRaw(
+        "Inline",
+        [&](const std::string&, std::string*) {
+          streamed.fetch_add(1);
+          return Status::OK();
+        },
+        CallMode::kInline);
+    server.RegisterRaw(
+        "Probe",
+        [&](const std::string&, std::string*) {
+          streamed_at_probe.store(streamed.load());
+          return Status::OK();
+        },
+        CallMode::kInline);
+    ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
+    Socket streaming = ConnectTo(server.port());
+    Socket probe = ConnectTo(server.port());
+    // Both are served (adopted by the loop) before the stream begins.
+    for (const Socket* conn : {&streaming, &probe}) {
+      SendAllOrDie(conn->fd(), BuildFrame(FrameType::kRequest, 1, "Hello", ""));
+      EXPECT_EQ(ReadOrFail(conn->fd()).payload, "unknown method: Hello");
+    }
+    FrameStream stream(streaming.fd(), {"Gate"}, methods, 3000);
+    while (!gate_entered.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    SendAllOrDie(probe.fd(), BuildFrame(FrameType::kRequest, 2, "Probe", ""));
+    // The probe's request is in its socket before the loop is let go.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    gate_open.store(true);
+    EXPECT_EQ(ReadOrFail(probe.fd()).request_id, 2u);
+    stream.Join();
+    EXPECT_EQ(stream.answered(), 3001u);
+    EXPECT_TRUE(stream.in_order());
+    EXPECT_GE(streamed_at_probe.load(), 0);
+    EXPECT_LE(streamed_at_probe.load(), 2 * RpcServer::kFramesPerTurn)
+        << "the probe waited for that many frames of the streaming connection";
+  }
+}
+
+// Stop must not wait for a client to stop sending: the loop keeps coming
+// back to its wake-up however fast frames arrive, and a stopping loop reads
+// no further frame.
+TEST(ServerTest, StopDoesNotWaitForAStreamingClient) {
+  Counter started = std::make_shared<std::atomic<int>>(0);
+  RpcServer server(1);
+  // Each call keeps the loop for 20 us, so that the client, which sends
+  // and reads in bulk, stays ahead of it and the loop never runs dry.
+  server.RegisterAsyncRaw("Now", [started](const std::string&, Reply reply) {
+    started->fetch_add(1);
+    const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(20);
+    while (std::chrono::steady_clock::now() < until) {
+    }
+    reply.Send(Status::InvalidArgument("bad request payload"), std::string());
+  });
+  ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
+  Socket conn = ConnectTo(server.port());
+  FrameStream stream(conn.fd(), {}, {"Now"}, -1);
+  while (started->load() < 20000) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  std::future<void> stopped = std::async(std::launch::async, [&server] { server.Stop(); });
+  // Generous: under a sanitizer on a loaded machine a round of the loop is
+  // slow, but it ends; without the fix Stop returns only once the client
+  // stops sending.
+  const bool returned = stopped.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  stream.StopWriting();
+  stopped.wait();
+  EXPECT_TRUE(returned) << "Stop waited for the client to stop sending";
+  stream.Join();  // the reader saw the connection end
+}
+
+// Stop keeps a connection whose answer the socket has not wholly taken open
+// for a while (RpcServer::kStopGraceMs), so that a slow reader still gets
+// its answer whole, and then closes it, so that a peer that reads nothing
+// cannot hold Stop up. The answer is larger than what loopback sockets
+// buffer, so that most of it is still the server's when Stop begins.
+TEST(ServerTest, StopLetsUnsentAnswersDrainForAWhile) {
+  const std::string big(32 << 20, 'b');
+  RpcServer server(1);
+  server.RegisterRaw(
+      "Big",
+      [&big](const std::string&, std::string* resp) {
+        *resp = big;
+        return Status::OK();
+      },
+      CallMode::kInline);
+  ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
+  Socket slow = ConnectTo(server.port());
+  Socket stalled = ConnectTo(server.port());
+  SendAllOrDie(slow.fd(), BuildFrame(FrameType::kRequest, 1, "Big", ""));
+  SendAllOrDie(stalled.fd(), BuildFrame(FrameType::kRequest, 2, "Big", ""));
+  for (const Socket* conn : {&slow, &stalled}) {
+    pollfd p{conn->fd(), POLLIN, 0};
+    ASSERT_EQ(poll(&p, 1, 60000), 1) << "no answer began";
+  }
+  std::thread stopper([&server] { server.Stop(); });
+  auto read_all = [](int fd, bool slowly) {
+    std::string got;
+    std::vector<char> buf(256 << 10);
+    for (;;) {
+      const ssize_t r = recv(fd, buf.data(), buf.size(), 0);
+      if (r < 0 && errno == EINTR) continue;
+      if (r <= 0) return got;
+      got.append(buf.data(), static_cast<size_t>(r));
+      if (slowly) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  };
+  const std::string slow_got = read_all(slow.fd(), true);
+  stopper.join();
+  const std::string expected = BuildFrame(FrameType::kResponse, 1, "Big", big);
+  EXPECT_EQ(slow_got.size(), expected.size());
+  EXPECT_TRUE(slow_got == expected);
+  // Closed once the grace ran out, with most of its answer never sent.
+  EXPECT_LT(read_all(stalled.fd(), false).size(), expected.size());
+}
+
+std::atomic<int> answer_hook_calls{0};
+
+// An answer given on another thread is posted to its loop's inbox before
+// the loop is woken for it. Stop's own wake-up may take that answer in
+// between, send it and return, and the server be destroyed at once: the
+// answering thread (the engine's commit thread, in the service) must be
+// done with the loop by then. The hook holds the answering thread between
+// the two steps; AddressSanitizer reports a late wake-up of a destroyed
+// loop.
+TEST(ServerTest, StopOutwaitsTheThreadThatAnswered) {
+  std::optional<Reply> held;
+  std::atomic<bool> called{false};
+  auto server = std::make_unique<RpcServer>(1);
+  server->RegisterAsyncRaw("Later", [&](const std::string&, Reply reply) {
+    held.emplace(reply);
+    called.store(true);
+  });
+  ASSERT_TRUE(server->Start(0, "127.0.0.1").ok());
+  Socket conn = ConnectTo(server->port());
+  SendAllOrDie(conn.fd(), BuildFrame(FrameType::kRequest, 3, "Later", ""));
+  while (!called.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  answer_hook_calls.store(0);
+  RpcServer::SetAnswerPostedHookForTesting(+[] {
+    answer_hook_calls.fetch_add(1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  });
+  std::thread answerer([reply = *held] { reply.Send(Status::OK(), "late"); });
+  while (answer_hook_calls.load() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  server.reset();
+  answerer.join();
+  RpcServer::SetAnswerPostedHookForTesting(nullptr);
+  EXPECT_EQ(answer_hook_calls.load(), 1);
+  const Frame answer = ReadOrFail(conn.fd());
+  EXPECT_EQ(answer.request_id, 3u);
+  EXPECT_EQ(answer.payload, "late");
+  EXPECT_TRUE(PeerClosed(conn.fd(), 10000));
 }
 
 }  // namespace
