@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "common/clock.h"
 #include "common/coding.h"
 #include "meta/service_stats.h"
 #include "rpc/server.h"
@@ -24,12 +25,6 @@ constexpr int64_t kRenewRetryNs = 100 * kNsPerMs;
 constexpr int kLeadTickMs = 50;
 // A server that stepped down campaigns again only after this long.
 constexpr int kStepDownPauseMs = 3 * HaServer::kCampaignIntervalMs;
-
-int64_t SteadyNs() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
 
 uint64_t WallMs() {
   return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(

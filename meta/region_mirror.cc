@@ -5,18 +5,13 @@
 #include <utility>
 #include <vector>
 
+#include "common/clock.h"
 #include "common/fault_log.h"
 #include "meta/keys.h"
 
 namespace kandb::meta {
 
 namespace {
-
-int64_t SteadyNs() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
 
 bool InRange(const std::string& key, const std::string& start, const std::string& end) {
   return start <= key && key < end;

@@ -1,21 +1,12 @@
 #include "store/etcd_backend.h"
 
 #include <algorithm>
-#include <chrono>
 #include <map>
 #include <utility>
 
+#include "common/clock.h"
+
 namespace kandb::store {
-
-namespace {
-
-int64_t SteadyNs() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
-}  // namespace
 
 EtcdBackend::EtcdBackend(EtcdClient* client, std::string prefix, EtcdFence fence, EtcdWriteObserver observer)
     : client_(client), prefix_(std::move(prefix)), fence_(std::move(fence)), observer_(std::move(observer)) {}
