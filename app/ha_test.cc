@@ -181,6 +181,91 @@ TEST(EtcdBackendTest, BatchOrderAndScanPages) {
   testing::RemoveTree(dir);
 }
 
+// A mark written with a compare on its revision: a late copy of an earlier
+// write (same compare, lower value) changes nothing once a later write
+// landed; a write whose fence fails says so; an empty fenced write leaves
+// an event of its own (the fence key put again) at its revision.
+TEST(EtcdBackendTest, MarksNeverGoBackAndEveryFencedWriteLeavesAnEvent) {
+  const std::string dir = testing::MakeTempDir("kandb-etcd-marks");
+  {
+    testing::EtcdCluster etcd(dir);
+    ASSERT_TRUE(etcd.Start(1));
+    store::EtcdClient client(etcd.Endpoints(), 2000);
+    store::EtcdTxnResult created;
+    ASSERT_TRUE(client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kPut, "m/leader", "me", 0}}, {}, &created).ok());
+    int64_t last_committed = 0;
+    store::EtcdWriteObserver observer;
+    observer.committed = [&last_committed](int64_t revision, int64_t) { last_committed = revision; };
+    store::EtcdBackend backend(&client, "m/", store::EtcdFence{"m/leader", created.revision, "me", 0}, observer);
+
+    std::string value;
+    bool found = true;
+    int64_t at = -1;
+    ASSERT_TRUE(backend.GetWithRevision("mark", &value, &found, &at).ok());
+    EXPECT_FALSE(found);
+    EXPECT_EQ(at, 0);
+    bool written = false;
+    int64_t first = 0, second = 0;
+    ASSERT_TRUE(backend.PutIfUnchanged("mark", "1000", 0, &written, &first).ok());
+    EXPECT_TRUE(written);
+    ASSERT_TRUE(backend.PutIfUnchanged("mark", "2000", first, &written, &second).ok());
+    EXPECT_TRUE(written);
+    EXPECT_EQ(last_committed, second);
+    // The late copy of the first write.
+    int64_t ignored = 0;
+    ASSERT_TRUE(backend.PutIfUnchanged("mark", "1000", 0, &written, &ignored).ok());
+    EXPECT_FALSE(written);
+    ASSERT_TRUE(backend.GetWithRevision("mark", &value, &found, &at).ok());
+    EXPECT_EQ(value, "2000");
+    EXPECT_EQ(at, second);
+
+    // An empty write proves the fence with an event at its own revision.
+    ASSERT_TRUE(backend.Write({}).ok());
+    std::vector<store::EtcdKv> kvs;
+    bool more = false;
+    int64_t now = 0;
+    ASSERT_TRUE(client.Range("m/leader", "", 0, 0, &kvs, &more, &now).ok());
+    EXPECT_EQ(kvs[0].mod_revision, last_committed);
+    EXPECT_EQ(kvs[0].value, "me");
+
+    // Another holder of the key: both kinds of write fail their fence.
+    store::EtcdTxnResult taken;
+    ASSERT_TRUE(client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kDelete, "m/leader", "", 0}}, {}, &taken).ok());
+    ASSERT_TRUE(client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kPut, "m/leader", "other", 0}}, {}, &taken).ok());
+    EXPECT_EQ(backend.PutIfUnchanged("mark", "3000", second, &written, &ignored).ToString(),
+              "Unavailable: not leader; leadership lost");
+    EXPECT_EQ(backend.Write({}).ToString(), "Unavailable: not leader; leadership lost");
+  }
+  testing::RemoveTree(dir);
+}
+
+// A call that one member may have received (its answer never came) and
+// the next one refused is of unknown outcome, not a refusal: the first may
+// still apply it.
+TEST(EtcdClientTest, RefusalAfterAnUnansweredAttemptIsUnknown) {
+  const std::string dir = testing::MakeTempDir("kandb-etcd-unknown");
+  {
+    testing::EtcdCluster etcd(dir);
+    ASSERT_TRUE(etcd.Start(1));
+    testing::AnswerDelayProxy proxy(etcd.UrlList());
+    store::EtcdClient client({proxy.Url(), etcd.UrlList()}, 500);
+    std::vector<store::EtcdOp> ops;
+    for (int i = 0; i <= testing::EtcdCluster::kMaxTxnOps; ++i) {
+      ops.push_back(store::EtcdOp{store::EtcdOp::Kind::kPut, "u/" + std::to_string(i), "x", 0});
+    }
+    store::EtcdTxnResult result;
+    proxy.HoldAnswers(2000, "/v3/kv/txn");
+    const Status s = client.Txn({}, ops, {}, &result);
+    EXPECT_TRUE(s.IsUnavailable()) << s.ToString();
+    EXPECT_NE(s.message().find("too many operations"), std::string::npos) << s.ToString();
+    // Refused by the only member asked: a refusal.
+    store::EtcdClient direct(etcd.Endpoints(), 500);
+    EXPECT_EQ(direct.Txn({}, ops, {}, &result).ToString(),
+              "InvalidArgument: etcd: etcdserver: too many operations in txn request");
+  }
+  testing::RemoveTree(dir);
+}
+
 // A watch hands over the changes of its range in revision order, puts and
 // deletions, from the revision asked for; a stop from another thread ends
 // a stream that has nothing to say at once; a start revision compacted

@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <string_view>
 #include <utility>
 
 #include "common/clock.h"
 #include "common/coding.h"
+#include "meta/keys.h"
 #include "meta/service_stats.h"
 #include "rpc/server.h"
 #include "store/etcd_backend.h"
@@ -25,6 +27,17 @@ constexpr int64_t kRenewRetryNs = 100 * kNsPerMs;
 constexpr int kLeadTickMs = 50;
 // A server that stepped down campaigns again only after this long.
 constexpr int kStepDownPauseMs = 3 * HaServer::kCampaignIntervalMs;
+// A follower whose copy lags the leader key this long starts its watch
+// again.
+constexpr int64_t kWatchStuckNs = 2000 * kNsPerMs;
+
+// Term generations, unique in the process: a worker thread's kept term is
+// told apart from the current one by (server, generation), also when a
+// server is built where another one was.
+uint64_t NextGeneration() {
+  static std::atomic<uint64_t> last{0};
+  return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
 
 uint64_t WallMs() {
   return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -67,8 +80,18 @@ class HaServer::Term {
     const int64_t now = SteadyNs();
     return !lost() && now >= serve_from_ns_.load(std::memory_order_acquire) &&
            now < lease_deadline_ns_.load(std::memory_order_acquire) &&
-           now < confirmed_until_ns_.load(std::memory_order_acquire);
+           now < confirmed_until_ns_.load(std::memory_order_acquire) && !ClockStoodStill(now);
   }
+  // Whether the wall clock ran ahead of the term's clock since the leading
+  // thread last looked: a machine frozen whole (a virtual machine stopped
+  // and resumed) may not advance the term's clock meanwhile, and would
+  // otherwise wake up believing its window still open.
+  bool ClockStoodStill(int64_t now) const {
+    return WallNs() - now > clock_offset_ns_.load(std::memory_order_acquire) + kConfirmMarginMs * kNsPerMs;
+  }
+  // From the leading thread on each tick: where the wall clock stands
+  // against the term's clock now.
+  void NoteClocks() { clock_offset_ns_.store(WallNs() - SteadyNs(), std::memory_order_release); }
   // Whether the lease may have run out by this server's clock: the term
   // is over.
   bool LeaseRanOut() const { return SteadyNs() >= lease_deadline_ns_.load(std::memory_order_acquire); }
@@ -99,23 +122,25 @@ class HaServer::Term {
   // the term unusable, when etcd cannot tell where the previous term ended.
   Status Begin(uint32_t target_replicas, std::unique_ptr<RegionRouter> router) {
     router_ = std::move(router);
-    std::string stored;
-    bool found = false;
-    Status s = raw_.Get(kCeilingKey, &stored, &found);
-    if (!s.ok()) return s;
     uint64_t floor = 0;
-    if (found) {
-      if (stored.size() != 8) return Status::Corruption("bad timestamp ceiling record");
-      floor = DecodeFixed64(stored.data());
+    {
+      MutexLock lock(&ceiling_mu_);
+      Status s = ReadMark(kCeilingKey, &floor, &ceiling_revision_);
+      if (!s.ok()) return s;
     }
-    s = RaiseCeiling(std::max(floor, WallMs()));
+    Status s = RaiseCeiling(std::max(floor, WallMs()));
     if (!s.ok()) return s;
-    // The service loads the identifier counter from etcd, and fails when
-    // the mark cannot be read.
+    // Where the identifier mark stands now; the service reads its value
+    // itself, and fails when it cannot be read. Its writes are raised
+    // marks of this term's own (see RaiseMark).
+    uint64_t ignored = 0;
+    s = ReadMark(kIdAllocKey, &ignored, &id_mark_revision_);
+    if (!s.ok()) return s;
     PdService::Options service_options;
     service_options.target_replicas = target_replicas;
     service_options.router = router_.get();
     service_options.own_id_marks = true;
+    service_options.write_id_mark = [this](uint64_t mark) { return RaiseMark(kIdAllocKey, mark, &id_mark_revision_); };
     s = PdService::Create(store_.get(), service_options, &service_);
     if (!s.ok()) return s;
     service_->SetTsoCeiling(floor, [this](uint64_t physical) { return Admit(physical); });
@@ -141,10 +166,17 @@ class HaServer::Term {
   Status CatchUp() EXCLUDES(catch_up_mu_) {
     const uint64_t unknown = unknown_writes_.load(std::memory_order_acquire);
     if (unknown == resolved_unknown_.load(std::memory_order_acquire)) return Status::OK();
-    // One proof at a time; those who waited find it done.
+    const uint64_t attempts = catch_up_attempts_.load(std::memory_order_acquire);
+    // One proof at a time; those who waited find it done, or take its
+    // failure rather than each waiting for etcd's time-out in turn.
     MutexLock lock(&catch_up_mu_);
     if (resolved_unknown_.load(std::memory_order_acquire) >= unknown) return Status::OK();
+    if (catch_up_attempts_.load(std::memory_order_acquire) != attempts && !last_catch_up_.ok()) {
+      return last_catch_up_;
+    }
     Status s = Prove();
+    last_catch_up_ = s;
+    catch_up_attempts_.fetch_add(1, std::memory_order_acq_rel);
     if (s.ok()) resolved_unknown_.store(unknown, std::memory_order_release);
     return s;
   }
@@ -183,16 +215,70 @@ class HaServer::Term {
   // the clock, before anything below it is handed out. A ceiling written
   // but unanswered may have landed: the next one is never lower.
   Status RaiseCeiling(uint64_t at_least) EXCLUDES(ceiling_mu_) {
+    const uint64_t attempts = ceiling_attempts_.load(std::memory_order_acquire);
     MutexLock lock(&ceiling_mu_);
     if (ceiling_.load(std::memory_order_acquire) >= at_least) return Status::OK();
+    // A raise that failed while this one waited for the lock is its answer
+    // too: etcd did not answer a moment ago, and every timestamp caller
+    // trying again in turn would wait for all the others' time-outs.
+    if (ceiling_attempts_.load(std::memory_order_acquire) != attempts && !last_ceiling_status_.ok()) {
+      return last_ceiling_status_;
+    }
     const uint64_t ceiling = std::max(std::max(at_least, WallMs()) + kTsoWindowMs, tried_ceiling_);
     tried_ceiling_ = ceiling;
-    std::string value;
-    PutFixed64(&value, ceiling);
-    Status s = raw_.Write({lsm::Entry{lsm::kOpPut, kCeilingKey, value}});
+    Status s = RaiseMark(kCeilingKey, ceiling, &ceiling_revision_);
+    last_ceiling_status_ = s;
+    ceiling_attempts_.fetch_add(1, std::memory_order_acq_rel);
     if (!s.ok()) return s;
     ceiling_.store(ceiling, std::memory_order_release);
     return Status::OK();
+  }
+
+  // Reads a mark (8 bytes, little-endian; 0 when absent) and the revision
+  // it was written at.
+  Status ReadMark(const char* key, uint64_t* value, int64_t* revision) {
+    std::string stored;
+    bool found = false;
+    Status s = raw_.GetWithRevision(key, &stored, &found, revision);
+    if (!s.ok()) return s;
+    *value = 0;
+    if (found) {
+      if (stored.size() != 8) {
+        if (std::string_view(key) == kCeilingKey) return Status::Corruption("bad timestamp ceiling record");
+        return Status::Corruption(std::string("identifier mark ") + key + " has " + std::to_string(stored.size()) +
+                                  " bytes, not 8");
+      }
+      *value = DecodeFixed64(stored.data());
+    }
+    return Status::OK();
+  }
+
+  // Persists (fenced) a mark of at least `value` under `key`, with a
+  // compare on the revision the term last knew it at (*revision), so that
+  // a late copy of an earlier, lower write of this term (sent again by the
+  // client to another member when the first gave no answer) can never
+  // land after it and set it back, which would let the next term hand
+  // out again what lies between. When the key moved meanwhile, the term
+  // reads it again and writes the larger of the two. Called under the
+  // lock that serialises writes of that mark.
+  Status RaiseMark(const char* key, uint64_t value, int64_t* revision) {
+    for (int attempt = 0; attempt < 3; ++attempt) {
+      std::string encoded;
+      PutFixed64(&encoded, value);
+      bool written = false;
+      int64_t at = 0;
+      Status s = raw_.PutIfUnchanged(key, encoded, *revision, &written, &at);
+      if (!s.ok()) return s;
+      if (written) {
+        *revision = at;
+        return Status::OK();
+      }
+      uint64_t stored = 0;
+      s = ReadMark(key, &stored, revision);
+      if (!s.ok()) return s;
+      value = std::max(value, stored);
+    }
+    return Status::Corruption(std::string("mark ") + key + " keeps changing under the term");
   }
 
   const int64_t create_revision_;
@@ -207,11 +293,16 @@ class HaServer::Term {
   // When the last proof etcd applied was sent.
   std::atomic<int64_t> last_proof_ns_;
   std::atomic<int64_t> barrier_;
+  // The wall clock minus the term's clock at the leading thread's last
+  // tick (see ClockStoodStill).
+  std::atomic<int64_t> clock_offset_ns_{WallNs() - SteadyNs()};
   // Writes whose outcome is unknown, and how many of them a later proof
   // has covered.
   std::atomic<uint64_t> unknown_writes_{0};
   std::atomic<uint64_t> resolved_unknown_{0};
   Mutex catch_up_mu_;
+  std::atomic<uint64_t> catch_up_attempts_{0};  // bumped under catch_up_mu_
+  Status last_catch_up_ GUARDED_BY(catch_up_mu_);
   // The term's own records beside the service's (the timestamp ceiling),
   // written with the same fence, without the service's key space.
   store::EtcdBackend raw_;
@@ -227,6 +318,15 @@ class HaServer::Term {
   Mutex ceiling_mu_;
   std::atomic<uint64_t> ceiling_{0};  // persisted; written under ceiling_mu_
   uint64_t tried_ceiling_ GUARDED_BY(ceiling_mu_) = 0;
+  // The revision the stored ceiling was last known at (see RaiseMark).
+  int64_t ceiling_revision_ GUARDED_BY(ceiling_mu_) = 0;
+  // Raises tried so far (bumped under ceiling_mu_), and how the last ended.
+  std::atomic<uint64_t> ceiling_attempts_{0};
+  Status last_ceiling_status_ GUARDED_BY(ceiling_mu_);
+  // The revision the identifier mark was last known at. Read by Begin,
+  // then written only by the service's identifier batches, which its own
+  // mutex serialises.
+  int64_t id_mark_revision_ = 0;
 };
 
 // Routing for one term: from the copy of the records once it holds every
@@ -239,10 +339,12 @@ class HaServer::TermRouter final : public RegionRouter {
   bool Route(const std::string& key, pdpb::GetRegionResponse* resp, Status* status) const override {
     if (mirror_->index() == nullptr) return false;
     if (!term_->CatchUp().ok()) return false;
+    const int64_t before = mirror_->applied_revision();
     if (!mirror_->WaitFor(term_->barrier(), kRouteWaitMs)) {
-      // A revision etcd applied has not come in that long: the stream is
-      // stuck (its member cut off, say). Start another.
-      mirror_->Reconnect();
+      // A revision etcd applied has not come in that long, and nothing
+      // else has either: the stream is stuck (its member cut off, say).
+      // Start another.
+      mirror_->Reconnect(before);
       return false;
     }
     const std::shared_ptr<const RegionIndex> index = mirror_->index();
@@ -411,6 +513,26 @@ void HaServer::Campaign() {
   Status s = etcd_->Range(leader_key_, "", 0, 0, &kvs, &more, &revision);
   std::string seen;
   if (s.ok() && !kvs.empty()) seen = kvs.front().value;
+  const int64_t now = SteadyNs();
+  if (s.ok() && !kvs.empty()) {
+    // A leader writes its key a few times a second when idle: a copy that
+    // stays behind the key's last write is following a stream that
+    // stopped (its member cut off from the others, say).
+    const int64_t applied = mirror_->applied_revision();
+    if (mirror_->index() == nullptr || applied >= kvs.front().mod_revision) {
+      lagging_since_ns_ = 0;
+    } else if (lagging_since_ns_ == 0) {
+      lagging_since_ns_ = now;
+    } else if (now - lagging_since_ns_ > kWatchStuckNs) {
+      mirror_->Reconnect(applied);
+      lagging_since_ns_ = 0;
+    }
+  }
+  if (s.ok() && kvs.empty()) {
+    if (vacant_since_ns_ == 0) vacant_since_ns_ = now;
+  } else {
+    vacant_since_ns_ = 0;
+  }
   if (!s.ok() || !seen.empty()) {
     {
       MutexLock lock(&mu_);
@@ -420,6 +542,13 @@ void HaServer::Campaign() {
       if (!seen.empty()) Log("follows " + seen);
       last_leader_seen_ = seen;
     }
+    return;
+  }
+
+  // A server still reading the records would route by walking etcd, at
+  // every call; it leaves the term to one that has them, unless none has
+  // taken it for a lease's length.
+  if (mirror_->index() == nullptr && now - vacant_since_ns_ < LeaseSeconds(options_.lease_ms) * 1000 * kNsPerMs) {
     return;
   }
 
@@ -470,11 +599,11 @@ void HaServer::Campaign() {
   const int64_t before_us = mirror_->index() != nullptr && mirror_->WaitFor(create_revision, kCatchUpMs)
                                 ? mirror_->LastChangeBefore(create_revision)
                                 : SteadyNs();
-  {
-    MutexLock lock(&mu_);
-    starting_.reset();
-  }
   if (!s.ok() || term->lost()) {
+    {
+      MutexLock lock(&mu_);
+      starting_.reset();
+    }
     Log("could not begin a term: " + (s.ok() ? std::string(term->lost_why()) : s.ToString()));
     (void)etcd_->LeaseRevoke(lease_id_);
     lease_id_ = 0;
@@ -483,9 +612,12 @@ void HaServer::Campaign() {
   term->ServeFrom(before_us + window);
   const int64_t wait_ms = std::max<int64_t>(0, (before_us + window - SteadyNs()) / kNsPerMs);
   {
+    // In one step, so that a deletion of the key seen meanwhile reaches
+    // the term either as starting or as serving.
     MutexLock lock(&mu_);
+    starting_.reset();
     term_ = term;
-    generation_.fetch_add(1, std::memory_order_release);
+    generation_.store(NextGeneration(), std::memory_order_release);
     leader_ = options_.advertise;
   }
   last_leader_seen_ = options_.advertise;
@@ -499,6 +631,11 @@ void HaServer::Lead(const std::shared_ptr<Term>& term) {
     EndTerm(term->lost_why());
     return;
   }
+  if (term->ClockStoodStill(SteadyNs())) {
+    EndTerm("the clock stood still while the wall clock went on (the machine was frozen)");
+    return;
+  }
+  term->NoteClocks();
   const int64_t now = SteadyNs();
   if (now >= next_renew_ns_) {
     // The lease runs from when etcd received the renewal, which is after
@@ -551,7 +688,7 @@ void HaServer::EndTerm(const std::string& why) {
     MutexLock lock(&mu_);
     if (term_ != nullptr) term_->Lose("term ended");
     term_.reset();
-    generation_.fetch_add(1, std::memory_order_release);
+    generation_.store(NextGeneration(), std::memory_order_release);
     leader_.clear();
   }
   last_leader_seen_.clear();

@@ -159,6 +159,10 @@ class HaServer {
   int64_t lease_ttl_s_ = 0;
   int64_t next_renew_ns_ = 0;
   std::string last_leader_seen_;  // for the follower's log lines
+  // Since when the leader key has been seen absent, and since when the
+  // copy of the records has lagged its last write (0: not so).
+  int64_t vacant_since_ns_ = 0;
+  int64_t lagging_since_ns_ = 0;
 
   // Guards the term that requests are served with, and the leader address
   // that followers name. Held only to copy or replace them.
@@ -167,8 +171,9 @@ class HaServer {
   // A term won but not yet serving (beginning, or waiting out the term
   // before it), so that OnEvent can end it too.
   std::shared_ptr<Term> starting_ GUARDED_BY(mu_);
-  // Changes (under mu_) whenever term_ does; read without it to tell a
-  // thread's kept term from the current one.
+  // Changes (under mu_, to a value unique in the process) whenever term_
+  // does; read without it to tell a thread's kept term from the current
+  // one.
   std::atomic<uint64_t> generation_{0};
   std::string leader_ GUARDED_BY(mu_);          // empty: no leader known
 };

@@ -23,12 +23,17 @@ uint64_t WallClockMs() {
 }  // namespace
 
 Status PdService::Create(store::MetaStore* store, uint32_t target_replicas, std::unique_ptr<PdService>* out) {
-  return Create(store, Options{target_replicas, WallClockMs, nullptr, false}, out);
+  Options options;
+  options.target_replicas = target_replicas;
+  return Create(store, std::move(options), out);
 }
 
 Status PdService::Create(store::MetaStore* store, uint32_t target_replicas, ClockMs clock_ms,
                          std::unique_ptr<PdService>* out) {
-  return Create(store, Options{target_replicas, std::move(clock_ms), nullptr, false}, out);
+  Options options;
+  options.target_replicas = target_replicas;
+  options.clock_ms = std::move(clock_ms);
+  return Create(store, std::move(options), out);
 }
 
 Status PdService::Create(store::MetaStore* store, Options options, std::unique_ptr<PdService>* out) {
@@ -59,7 +64,8 @@ PdService::PdService(store::MetaStore* store, Options options)
     : store_(store),
       target_replicas_(options.target_replicas),
       clock_ms_(std::move(options.clock_ms)),
-      own_id_marks_(options.own_id_marks) {}
+      own_id_marks_(options.own_id_marks),
+      write_id_mark_(std::move(options.write_id_mark)) {}
 
 Status PdService::ReadIdMark(store::MetaStore* store, uint64_t* mark) {
   std::string value;
@@ -136,7 +142,7 @@ Status PdService::AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse
     if (written_mark_ < end) {
       mark = std::max(mark, tried_mark_);
       tried_mark_ = mark;
-      Status s = WriteIdMark(mark);
+      Status s = write_id_mark_ ? write_id_mark_(mark) : WriteIdMark(mark);
       if (!s.ok()) return s;
       written_mark_ = mark;
     }

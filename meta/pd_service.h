@@ -63,6 +63,9 @@ class PdService {
     // read back may have been raised by a newer leader that hands out the
     // identifiers under it.
     bool own_id_marks = false;
+    // With own_id_marks: persists a mark of at least the one given (a
+    // replicated term's compare-and-set write); empty: a plain put.
+    std::function<Status(uint64_t mark)> write_id_mark;
   };
 
   // Builds the service on `store` (not owned; it must outlive the service).
@@ -165,6 +168,7 @@ class PdService {
   const uint32_t target_replicas_;
   const ClockMs clock_ms_;
   const bool own_id_marks_;
+  const std::function<Status(uint64_t mark)> write_id_mark_;
   // Built by Create unless another router was given; follows the store's
   // writes on its own.
   std::unique_ptr<RegionIndex> index_;

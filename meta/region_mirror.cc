@@ -82,7 +82,17 @@ Status RegionMirror::Load() {
       std::vector<store::EtcdKv> kvs;
       bool more = false;
       int64_t seen = 0;
-      Status s = etcd_->Range(from, end, kLoadPage, revision, &kvs, &more, &seen);
+      // A page that failed is read again (at the same revision) a few
+      // times before the whole load starts over: at a million records, one
+      // slow answer must not throw away the pages read before it.
+      Status s;
+      for (int attempt = 0; attempt < kPageAttempts; ++attempt) {
+        s = etcd_->Range(from, end, kLoadPage, revision, &kvs, &more, &seen);
+        if (s.ok()) break;
+        MutexLock lock(&mu_);
+        if (stopping_) return Status::OK();
+        applied_cv_.WaitFor(std::chrono::milliseconds(options_.retry_ms));
+      }
       if (!s.ok()) return s;
       if (revision == 0) {
         revision = seen;
@@ -205,10 +215,13 @@ int64_t RegionMirror::LastChangeBefore(int64_t revision) const {
   return SteadyNs();
 }
 
-void RegionMirror::Reconnect() {
+void RegionMirror::Reconnect(int64_t stuck_at) {
   std::shared_ptr<store::EtcdWatchStop> stream;
   {
     MutexLock lock(&mu_);
+    // A stream that moved on is catching up, not stuck: ending it would
+    // only make it start over.
+    if (applied_revision_ != stuck_at) return;
     stream = stream_;
   }
   if (stream != nullptr) stream->Stop();

@@ -60,8 +60,9 @@ class RegionMirror {
     int retry_ms = 100;
   };
 
-  // Records read per page of the load.
+  // Records read per page of the load, and how often a page is tried.
   static constexpr int64_t kLoadPage = 10000;
+  static constexpr int kPageAttempts = 5;
   // Answers whose arrival LastChangeBefore remembers.
   static constexpr size_t kRecentAnswers = 256;
 
@@ -92,9 +93,11 @@ class RegionMirror {
   // no later than this.
   int64_t LastChangeBefore(int64_t revision) const EXCLUDES(mu_);
 
-  // Ends the watch stream and starts another one from the copy's revision
-  // (a reader found the stream stuck behind etcd).
-  void Reconnect() EXCLUDES(mu_);
+  // Ends the watch stream and starts another one from the copy's revision,
+  // unless the copy has moved past `stuck_at` (the revision it stood at
+  // when the caller began to wait for it): a reader found the stream stuck
+  // behind etcd (its member cut off from the others, say).
+  void Reconnect(int64_t stuck_at) EXCLUDES(mu_);
 
  private:
   // What the mirror remembers of one watch answer.

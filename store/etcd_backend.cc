@@ -113,19 +113,65 @@ Status EtcdBackend::Apply(const std::vector<const lsm::WriteBatch*>& batches) {
     if (!puts) ops.push_back(EtcdOp{EtcdOp::Kind::kPut, fence_.key, fence_.value, fence_.lease});
   }
   EtcdTxnResult result;
+  Status s = Run(compares, ops, {}, &result);
+  if (!s.ok()) return s;
+  if (!result.succeeded) {
+    if (observer_.fenced_out) observer_.fenced_out();
+    return Status::Unavailable("not leader; leadership lost");
+  }
+  return Status::OK();
+}
+
+Status EtcdBackend::Run(const std::vector<EtcdCompare>& compares, const std::vector<EtcdOp>& ops,
+                        const std::vector<EtcdOp>& otherwise, EtcdTxnResult* result) {
   const int64_t sent = SteadyNs();
-  Status s = client_->Txn(compares, ops, {}, &result);
+  Status s = client_->Txn(compares, ops, otherwise, result);
   if (!s.ok()) {
     // Refusals (over etcd's limits, an unknown lease) applied nothing; no
     // answer, or one that does not parse, leaves the outcome open.
     if ((s.IsUnavailable() || s.IsCorruption()) && observer_.unknown) observer_.unknown();
     return s;
   }
-  if (!result.succeeded) {
+  if (result->succeeded && observer_.committed) observer_.committed(result->revision, sent);
+  return Status::OK();
+}
+
+Status EtcdBackend::GetWithRevision(const std::string& key, std::string* value, bool* found,
+                                    int64_t* mod_revision) {
+  std::vector<EtcdKv> kvs;
+  bool more = false;
+  int64_t revision = 0;
+  Status s = client_->Range(prefix_ + key, "", 0, 0, &kvs, &more, &revision);
+  if (!s.ok()) return s;
+  *found = !kvs.empty();
+  *mod_revision = kvs.empty() ? 0 : kvs.front().mod_revision;
+  if (*found) *value = std::move(kvs.front().value);
+  return Status::OK();
+}
+
+Status EtcdBackend::PutIfUnchanged(const std::string& key, const std::string& value, int64_t expected,
+                                   bool* written, int64_t* revision) {
+  std::vector<EtcdCompare> compares;
+  std::vector<EtcdOp> otherwise;
+  if (fence_.create_revision != 0) {
+    compares.push_back(EtcdCompare{fence_.key, EtcdCompare::Target::kCreate, fence_.create_revision});
+    otherwise.push_back(EtcdOp{EtcdOp::Kind::kGet, fence_.key, "", 0});
+  }
+  compares.push_back(EtcdCompare{prefix_ + key, EtcdCompare::Target::kMod, expected});
+  EtcdTxnResult result;
+  Status s = Run(compares, {EtcdOp{EtcdOp::Kind::kPut, prefix_ + key, value, 0}}, otherwise, &result);
+  if (!s.ok()) return s;
+  *written = result.succeeded;
+  if (result.succeeded) {
+    *revision = result.revision;
+    return Status::OK();
+  }
+  // Which compare failed: the fence, or the key itself.
+  if (fence_.create_revision != 0 &&
+      (result.gets.empty() || result.gets[0].empty() || result.gets[0][0].create_revision != fence_.create_revision)) {
     if (observer_.fenced_out) observer_.fenced_out();
     return Status::Unavailable("not leader; leadership lost");
   }
-  if (observer_.committed) observer_.committed(result.revision, sent);
   return Status::OK();
 }
 

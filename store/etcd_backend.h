@@ -83,6 +83,19 @@ class EtcdBackend final : public MetaBackend {
                  const RangeVisitor& visit) override;
   void SetApplyHook(ApplyHook hook) override EXCLUDES(queue_mu_);
 
+  // A point read that also gives the key's mod revision (0 when absent).
+  Status GetWithRevision(const std::string& key, std::string* value, bool* found, int64_t* mod_revision);
+  // Puts `key` (fenced, outside the write queue) only while its mod
+  // revision is still `expected` (0: the key is absent). *written tells
+  // whether it did, and *revision is then the write's. A key moved by
+  // anyone else, or by a late copy of an earlier write of this server
+  // (etcd's client sends a write again to the next member when the first
+  // gave no answer, and the first may still land), makes it write nothing,
+  // so a value that must never go down cannot be set back by such a copy.
+  // Fails, as Write does, when the fence fails or no answer came.
+  Status PutIfUnchanged(const std::string& key, const std::string& value, int64_t expected, bool* written,
+                        int64_t* revision);
+
  private:
   // One Write call waiting in, or leading, the queue; on the caller's stack.
   struct Writer {
@@ -94,6 +107,10 @@ class EtcdBackend final : public MetaBackend {
 
   // One fenced transaction of the given batches, applied in order.
   Status Apply(const std::vector<const lsm::WriteBatch*>& batches);
+  // Runs one transaction and tells the observer how it ended (committed,
+  // or unknown); a failed compare is left to the caller.
+  Status Run(const std::vector<EtcdCompare>& compares, const std::vector<EtcdOp>& ops,
+             const std::vector<EtcdOp>& otherwise, EtcdTxnResult* result);
 
   EtcdClient* const client_;
   const std::string prefix_;

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <mutex>
 #include <utility>
 
@@ -144,7 +145,7 @@ class EtcdClient::Handle {
   // One POST. On a transport failure returns false with *error set;
   // otherwise true with the HTTP status and body.
   bool Post(const std::string& url, const std::string& body, int timeout_ms, long* http_status,
-            std::string* answer, std::string* error) {
+            std::string* answer, std::string* error, bool* connected) {
     if (curl_ == nullptr) {
       *error = "cannot create a connection handle";
       return false;
@@ -165,6 +166,11 @@ class EtcdClient::Handle {
     const CURLcode rc = curl_easy_perform(curl_);
     if (rc != CURLE_OK) {
       *error = curl_easy_strerror(rc);
+      // Only a request that never left (no member took the connection)
+      // certainly did nothing.
+      *connected = rc != CURLE_COULDNT_CONNECT && rc != CURLE_COULDNT_RESOLVE_HOST &&
+                   rc != CURLE_COULDNT_RESOLVE_PROXY && rc != CURLE_UNSUPPORTED_PROTOCOL &&
+                   rc != CURLE_URL_MALFORMAT;
       return false;
     }
     curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, http_status);
@@ -224,13 +230,19 @@ Status EtcdClient::Post(const char* path, const std::string& body, std::string* 
   std::string last_error;
   Status result;
   bool done = false;
+  // Whether an attempt that failed may still have reached etcd (it timed
+  // out, or the member could not serve it): a later refusal then says
+  // nothing about that attempt, so the call's outcome stays unknown.
+  bool maybe_sent = false;
   for (size_t i = 0; i < endpoints_.size() && !done; ++i) {
     const size_t index = (first + i) % endpoints_.size();
     const std::string& endpoint = endpoints_[index];
     long http_status = 0;
     std::string error;
-    if (!handle->Post(endpoint + path, body, timeout_ms_, &http_status, answer, &error)) {
+    bool connected = false;
+    if (!handle->Post(endpoint + path, body, timeout_ms_, &http_status, answer, &error, &connected)) {
       last_error = endpoint + ": " + error;
+      maybe_sent = maybe_sent || connected;
       continue;
     }
     if (http_status == 200) {
@@ -251,11 +263,16 @@ Status EtcdClient::Post(const char* path, const std::string& body, std::string* 
     }
     if (code == kGrpcUnavailable || code == kGrpcDeadlineExceeded || http_status >= 500) {
       last_error = endpoint + ": " + reason;
+      maybe_sent = true;
       continue;
     }
     preferred_.store(index, std::memory_order_relaxed);
-    result = code == kGrpcNotFound ? Status::NotFound("etcd: " + reason)
-                                   : Status::InvalidArgument("etcd: " + reason);
+    if (maybe_sent) {
+      result = Status::Unavailable("etcd unreachable: " + last_error + "; then " + endpoint + ": " + reason);
+    } else {
+      result = code == kGrpcNotFound ? Status::NotFound("etcd: " + reason)
+                                     : Status::InvalidArgument("etcd: " + reason);
+    }
     done = true;
   }
   Return(std::move(handle));
@@ -393,19 +410,19 @@ void EtcdWatchStop::Stop() {
   stopped_.store(true, std::memory_order_release);
   // Shutting the socket down fails the stream's read at once; the socket
   // is closed by the stream's own thread.
-  if (socket_ >= 0) shutdown(socket_, SHUT_RDWR);
+  for (int socket : sockets_) shutdown(socket, SHUT_RDWR);
 }
 
 bool EtcdWatchStop::Track(int socket) {
   MutexLock lock(&mu_);
   if (stopped()) return false;
-  socket_ = socket;
+  sockets_.push_back(socket);
   return true;
 }
 
 void EtcdWatchStop::Close(int socket) {
   MutexLock lock(&mu_);
-  if (socket_ == socket) socket_ = -1;
+  sockets_.erase(std::remove(sockets_.begin(), sockets_.end(), socket), sockets_.end());
   close(socket);
 }
 
@@ -417,6 +434,7 @@ struct WatchStream {
   const std::function<bool(const EtcdWatchAnswer&)>* on_answer = nullptr;
   EtcdWatchStop* stop = nullptr;
   std::string pending;
+  size_t scanned = 0;  // bytes of `pending` known to hold no line end
   bool answered = false;  // some answer arrived: the stream was up
   bool ended = false;     // on_answer asked to end it
   Status failure;         // an answer that did not parse, or a stream error
@@ -476,7 +494,10 @@ size_t OnWatchBytes(char* data, size_t size, size_t count, void* user) {
   const size_t bytes = size * count;
   stream->pending.append(data, bytes);
   size_t start = 0;
-  for (size_t newline; (newline = stream->pending.find('\n', start)) != std::string::npos; start = newline + 1) {
+  // An answer of many revisions may arrive in hundreds of pieces: only the
+  // new bytes are searched for its end.
+  for (size_t newline; (newline = stream->pending.find('\n', std::max(start, stream->scanned))) != std::string::npos;
+       start = newline + 1) {
     if (newline == start) continue;
     EtcdWatchAnswer answer;
     stream->failure = DecodeWatchAnswer(stream->pending.substr(start, newline - start), &answer);
@@ -488,6 +509,7 @@ size_t OnWatchBytes(char* data, size_t size, size_t count, void* user) {
     }
   }
   stream->pending.erase(0, start);
+  stream->scanned = stream->pending.size();
   return bytes;
 }
 

@@ -13,7 +13,9 @@
 // an unknown lease) are etcd's answer and are returned at once.
 //
 // Failures: code 4 (Unavailable) "etcd unreachable: " + the last
-// endpoint's error when no endpoint could serve the call; code 1
+// endpoint's error when no endpoint could serve the call, and also when
+// one refused it after an earlier one may have received it (timed out, or
+// could not serve it): then the call may still have been applied; code 1
 // (InvalidArgument) "etcd: " + etcd's own reason when etcd refused it;
 // code 3 (NotFound) "etcd: " + reason for an unknown lease; code 2
 // (Corruption) "etcd: bad answer: " + why, when the answer does not parse.
@@ -103,11 +105,12 @@ class EtcdWatchStop {
   void Close(int socket) EXCLUDES(mu_);
 
  private:
-  // The socket of the stream in progress, so that Stop can shut it down;
-  // set and cleared under mu_ by the stream's own thread, which also closes
-  // it under mu_, so Stop never shuts down a reused number.
+  // The sockets of the stream in progress (a connect may try several
+  // addresses), so that Stop can shut them down; added and removed under
+  // mu_ by the stream's own thread, which also closes them under mu_, so
+  // Stop never shuts down a reused number.
   Mutex mu_;
-  int socket_ GUARDED_BY(mu_) = -1;
+  std::vector<int> sockets_ GUARDED_BY(mu_);
   std::atomic<bool> stopped_{false};
 };
 
