@@ -158,15 +158,6 @@ void RegionIndex::Apply(const lsm::WriteBatch& batch) {
   }
 }
 
-void RegionIndex::PutUnopened(const std::string& key, const Status& why) {
-  WriterLock lock(&mu_);
-  if (InRange(key, kRegionPrefix, kRegionScanEnd)) {
-    PutRegion(key, std::string(), why);
-  } else if (InRange(key, kStorePrefix, kStoreScanEnd)) {
-    stores_[key] = StoreRecord{std::string(), why};
-  }
-}
-
 bool RegionIndex::Route(const std::string& key, pdpb::GetRegionResponse* resp, Status* status) const {
   ReaderLock lock(&mu_);
   if (regions_.empty() && load_status_.ok()) {

@@ -75,9 +75,6 @@ class RegionIndex final : public RegionRouter {
   // change: a lookup sees all of it or none. Keys outside the region and
   // store ranges are ignored.
   void Apply(const lsm::WriteBatch& batch) EXCLUDES(mu_);
-  // Records a record whose value could not be opened: it counts as one
-  // that does not decode, so the index declines while it is there.
-  void PutUnopened(const std::string& key, const Status& why) EXCLUDES(mu_);
 
  private:
   struct RegionRecord {
