@@ -67,6 +67,10 @@ constexpr Checker kCheckers[] = {
     CheckMessage<Store>,                CheckRegionBounds,
     CheckMessage<RegionHeartbeatEntry>, CheckMessage<ScheduleCommand>,
     CheckMessage<StatsRequest>,         CheckMessage<StatsResponse>,
+    CheckMessage<StoreHeartbeatRequest>, CheckMessage<StoreHeartbeatResponse>,
+    CheckMessage<GetStoreRequest>,      CheckMessage<GetStoreResponse>,
+    CheckMessage<GetAllStoresRequest>,  CheckMessage<GetAllStoresResponse>,
+    CheckMessage<RemoveStoreRequest>,   CheckMessage<RemoveStoreResponse>,
 };
 constexpr size_t kTypes = sizeof(kCheckers) / sizeof(kCheckers[0]);
 
@@ -113,6 +117,17 @@ std::vector<std::string> MakeSeeds() {
   stats.engine.sync_latency = LatencyHistogram{{512}, {6, 1}, 7, 4000000};
   stats.engine.last_fault = "write failed: Corruption: wal fdatasync: No space left on device";
   stats.routing = {3, 5, 0};
+  stats.scheduling.stores_up = 5;
+  stats.scheduling.add_peer = 12;
+  StoreHeartbeatRequest store_heartbeat;
+  store_heartbeat.store = store;
+  store_heartbeat.store.labels = {{"zone", "z1"}, {"host", "h3"}};
+  store_heartbeat.stats = {1 << 30, 1 << 29, 1 << 28, 40, 12, 1, 2};
+  StoreInfo info{store_heartbeat.store, kStoreUp, store_heartbeat.stats, 1700000000000, 40};
+  info.store.node_state = kNodeOffline;
+  info.store.first_heartbeat_ms = 1600000000000;
+  GetAllStoresResponse all;
+  all.stores = {info, StoreInfo{}};
 
   return {
       Tagged(0, TsoRequest{3}),
@@ -135,6 +150,14 @@ std::vector<std::string> MakeSeeds() {
       Tagged(17, add),
       Tagged(18, StatsRequest{}),
       Tagged(19, stats),
+      Tagged(20, store_heartbeat),
+      Tagged(21, StoreHeartbeatResponse{kStoreDisconnected}),
+      Tagged(22, GetStoreRequest{4}),
+      Tagged(23, GetStoreResponse{info}),
+      Tagged(24, GetAllStoresRequest{true}),
+      Tagged(25, all),
+      Tagged(26, RemoveStoreRequest{4}),
+      Tagged(27, RemoveStoreResponse{kStoreOffline}),
       // The empty message decodes for every type.
       std::string(1, '\0'),
   };

@@ -165,7 +165,32 @@ TEST(MessagesTest, ExactByteLayouts) {
   const std::string three_zeros = U64(1, 0) + U64(2, 0) + U64(3, 0);
   EXPECT_EQ(Encode(stats), U64(1, 7) + Bytes({2, 0, 94, 0, 0, 0}) + method + U64(3, 0) +
                                Bytes({4, 0, 42, 0, 0, 0}) + three_zeros + Bytes({5, 0, 1, 0, 0, 0, 1}) +
-                               Bytes({6, 0, 8, 1, 0, 0}) + zero_engine + Bytes({7, 0, 42, 0, 0, 0}) + three_zeros);
+                               Bytes({6, 0, 8, 1, 0, 0}) + zero_engine + Bytes({7, 0, 42, 0, 0, 0}) + three_zeros +
+                               Bytes({8, 0, 196, 0, 0, 0}) + Encode(SchedulingStats{}));
+  EXPECT_EQ(Encode(SchedulingStats{}).size(), 14 * 14u);
+}
+
+// The fields that stores sending store heartbeats add to their record are
+// written only when set: a record without them is byte for byte what it
+// was before they existed, and one with them still decodes, minus them, in
+// every reader, since readers skip the tags they do not know.
+TEST(MessagesTest, StoreRecordExtensionsAreWrittenOnlyWhenSet) {
+  Store plain{7, "s7:20160", 1};
+  const std::string designed = U64(1, 7) + Bytes({2, 0, 8, 0, 0, 0}) + "s7:20160" + U64(3, 1);
+  EXPECT_EQ(Encode(plain), designed);
+
+  Store labelled = plain;
+  labelled.labels = {StoreLabel{"zone", "z1"}};
+  labelled.node_state = kNodeOffline;
+  labelled.first_heartbeat_ms = 5;
+  const std::string label = Bytes({1, 0, 4, 0, 0, 0}) + "zone" + Bytes({2, 0, 2, 0, 0, 0}) + "z1";
+  EXPECT_EQ(Encode(labelled), designed + Bytes({4, 0, static_cast<int>(label.size()), 0, 0, 0}) + label +
+                                  U64(5, kNodeOffline) + U64(6, 5));
+  Store back;
+  const std::string encoded = Encode(labelled);
+  ASSERT_TRUE(Decode(encoded.size(), encoded.data(), &back));
+  EXPECT_EQ(back, labelled);
+
 }
 
 TEST(MessagesTest, DecodersRejectMalformedInput) {
