@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "app/scheduling_flags.h"
 #include "common/flags.h"
 #include "common/status.h"
 #include "meta/ha_server.h"
@@ -40,6 +41,8 @@ int64_t* const FLAGS_target_replicas = kandb::DefineInt64Flag(
 int64_t* const FLAGS_lease_ms = kandb::DefineInt64Flag(
     "lease_ms", 3000,
     "leader lease in ms; etcd grants whole seconds, at least 2, so it is rounded up");
+// Extension flags, after the designed ones.
+const kandb::app::SchedulingFlags kSchedulingFlags = kandb::app::DefineSchedulingFlags();
 
 // Every etcd call on one endpoint is bounded by this, well inside a third
 // of the shortest lease, so a dead endpoint cannot stall a renewal.
@@ -78,6 +81,7 @@ int main(int argc, char** argv) {
                                                     : *FLAGS_advertise_addr;
   options.lease_ms = *FLAGS_lease_ms;
   options.target_replicas = static_cast<uint32_t>(*FLAGS_target_replicas);
+  if (!kandb::app::SchedulingOptionsFromFlags(kSchedulingFlags, &options.scheduling)) return 1;
 
   kandb::store::EtcdClient etcd(endpoints, kEtcdTimeoutMs);
   auto ha = std::make_unique<kandb::meta::HaServer>(&etcd, options);

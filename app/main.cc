@@ -12,7 +12,9 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 
+#include "app/scheduling_flags.h"
 #include "common/flags.h"
 #include "common/status.h"
 #include "meta/pd_service.h"
@@ -30,6 +32,8 @@ int64_t* const FLAGS_target_replicas = kandb::DefineInt64Flag(
     "target_replicas", 0,
     "auto-heal: schedule adding replicas until each region reaches this member count "
     "(0 = off; promotion of caught-up learners is always on)");
+// Extension flags, after the designed ones.
+const kandb::app::SchedulingFlags kSchedulingFlags = kandb::app::DefineSchedulingFlags();
 
 // The state is opened without a passphrase (values in plain) and with every
 // write group synced before it is acknowledged.
@@ -56,6 +60,10 @@ int main(int argc, char** argv) {
   const std::string& data_dir = *FLAGS_data_dir;
   const std::string& bind_addr = *FLAGS_bind_addr;
 
+  kandb::meta::PdService::Options options;
+  options.target_replicas = static_cast<uint32_t>(*FLAGS_target_replicas);
+  if (!kandb::app::SchedulingOptionsFromFlags(kSchedulingFlags, &options.scheduling)) return 1;
+
   std::unique_ptr<kandb::store::MetaStore> store;
   kandb::Status s = kandb::store::MetaStore::Open(data_dir, kNoPassphrase, kSyncEveryWrite, &store);
   if (!s.ok()) {
@@ -66,7 +74,7 @@ int main(int argc, char** argv) {
   // The service loads the identifier mark; a mark that cannot be read or
   // is damaged is part of a state that cannot be opened.
   std::unique_ptr<kandb::meta::PdService> service;
-  s = kandb::meta::PdService::Create(store.get(), static_cast<uint32_t>(*FLAGS_target_replicas), &service);
+  s = kandb::meta::PdService::Create(store.get(), std::move(options), &service);
   if (!s.ok()) {
     std::fprintf(stderr, "failed to open pd state at %s: %s\n", data_dir.c_str(), s.ToString().c_str());
     return 1;

@@ -29,7 +29,14 @@ const char kUsage[] =
     "  --bind_addr            pd service IPv4 listen address (default: 0.0.0.0)\n"
     "  --data_dir             pd state directory (default: ./pd-data)\n"
     "  --target_replicas      auto-heal: schedule adding replicas until each region reaches "
-    "this member count (0 = off; promotion of caught-up learners is always on) (default: 0)\n";
+    "this member count (0 = off; promotion of caught-up learners is always on) (default: 0)\n"
+    // Extension flags follow the designed ones.
+    "  --max_store_down_time  silence after which a store that sends store heartbeats is Down and its "
+    "replicas are replaced (e.g. 30m, 90s, 500ms) (default: 30m)\n"
+    "  --location_labels      comma-separated store label keys naming the failure domains, widest first "
+    "(e.g. zone,rack,host); a region's replicas go to distinct ones (default: )\n"
+    "  --store_limit          replicas added to or removed from one store per minute, at most, by repair "
+    "and placement (default: 60)\n";
 
 ProgramResult RunMeta(std::vector<std::string> args) {
   args.insert(args.begin(), KANDB_META_BINARY);

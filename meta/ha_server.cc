@@ -120,7 +120,7 @@ class HaServer::Term {
 
   // Reads what the term starts from and builds its service. Fails, leaving
   // the term unusable, when etcd cannot tell where the previous term ended.
-  Status Begin(uint32_t target_replicas, std::unique_ptr<RegionRouter> router) {
+  Status Begin(uint32_t target_replicas, const Scheduler::Options& scheduling, std::unique_ptr<RegionRouter> router) {
     router_ = std::move(router);
     uint64_t floor = 0;
     {
@@ -138,6 +138,9 @@ class HaServer::Term {
     if (!s.ok()) return s;
     PdService::Options service_options;
     service_options.target_replicas = target_replicas;
+    // Store statistics are learned again from the stores' heartbeats: a
+    // term starts with none, and counts every store silent from its start.
+    service_options.scheduling = scheduling;
     service_options.router = router_.get();
     service_options.own_id_marks = true;
     service_options.write_id_mark = [this](uint64_t mark) { return RaiseMark(kIdAllocKey, mark, &id_mark_revision_); };
@@ -354,6 +357,19 @@ class HaServer::TermRouter final : public RegionRouter {
     const std::shared_ptr<const RegionIndex> index = mirror_->index();
     return index != nullptr ? index->regions() : 0;
   }
+  // The store records under the same rule as routing: only once the copy
+  // holds every write the term acknowledged.
+  bool Stores(std::shared_ptr<const std::vector<pdpb::Store>>* stores,
+              std::unordered_map<uint64_t, uint64_t>* replicas) const override {
+    if (mirror_->index() == nullptr || !term_->CatchUp().ok()) return false;
+    const int64_t before = mirror_->applied_revision();
+    if (!mirror_->WaitFor(term_->barrier(), kRouteWaitMs)) {
+      mirror_->Reconnect(before);
+      return false;
+    }
+    const std::shared_ptr<const RegionIndex> index = mirror_->index();
+    return index != nullptr && index->Stores(stores, replicas);
+  }
 
  private:
   // How long a route waits for the copy before it walks.
@@ -463,6 +479,10 @@ void HaServer::RegisterTo(kanrpc::RpcServer* server) {
   Bind(server, "Pd.GetRegion", &PdService::GetRegion);
   Bind(server, "Pd.UpsertRegion", &PdService::UpsertRegion);
   Bind(server, "Pd.RegionHeartbeat", &PdService::RegionHeartbeat);
+  Bind(server, "Pd.StoreHeartbeat", &PdService::StoreHeartbeat);
+  Bind(server, "Pd.GetStore", &PdService::GetStore);
+  Bind(server, "Pd.GetAllStores", &PdService::GetAllStores);
+  Bind(server, "Pd.RemoveStore", &PdService::RemoveStore);
   // Every member answers with its own counters, leading or not. The store
   // lies on etcd, so the engine part is always absent; routing counts only
   // while a term's service exists.
@@ -588,7 +608,7 @@ void HaServer::Campaign() {
     MutexLock lock(&mu_);
     starting_ = term;
   }
-  s = term->Begin(options_.target_replicas, std::make_unique<TermRouter>(term.get(), mirror_.get()));
+  s = term->Begin(options_.target_replicas, options_.scheduling, std::make_unique<TermRouter>(term.get(), mirror_.get()));
   // The term before this one may still answer until the window of its
   // last proof has passed. Its proofs are writes below this term's
   // revision, each sent before the change it made was seen here; once the

@@ -74,6 +74,8 @@ struct HaOptions {
   std::string advertise;  // HOST:PORT written in the leader key
   int64_t lease_ms = 3000;
   uint32_t target_replicas = 0;
+  // Store liveness, failure domains and change limits (PdService::Options).
+  Scheduler::Options scheduling;
 };
 
 class HaServer {

@@ -3,9 +3,12 @@
 // promotion and auto-heal for each reported region, then stale-replica
 // clean-up, then leadership transfers.
 //
-// The choice rules are deliberately simple: the first eligible store in the
-// key order of its record (not the least loaded one), at most one change per
-// region per heartbeat, and the reporting store never removes itself.
+// Until a store of the cluster sends store heartbeats, the choice rules are
+// deliberately simple: the first eligible store in the key order of its
+// record (not the least loaded one), at most one change per region per
+// heartbeat, and the reporting store never removes itself. From then on the
+// scheduler decides auto-heal from liveness, load and failure domains
+// (scheduler.h), still one change per region per heartbeat.
 
 #include <algorithm>
 #include <map>
@@ -34,20 +37,6 @@ ScheduleCommand Command(uint32_t kind, uint64_t region_id, uint64_t store_id,
   c.store_id = store_id;
   c.address = std::move(address);
   return c;
-}
-
-// The registered stores in the key order of their records; records that do
-// not decode are skipped.
-Status LoadStores(store::MetaStore* store, std::vector<pdpb::Store>* out) {
-  std::vector<store::KeyValue> records;
-  Status s = store->Scan(kStorePrefix, kStoreScanEnd, kStoreScanLimit, &records);
-  if (!s.ok()) return s;
-  out->clear();
-  for (const store::KeyValue& record : records) {
-    pdpb::Store st;
-    if (pdpb::Decode(record.second.size(), record.second.data(), &st)) out->push_back(std::move(st));
-  }
-  return Status::OK();
 }
 
 // Grows an under-replicated region by one replica: the first store, in key
@@ -79,21 +68,67 @@ void ScheduleRemovePeer(const RegionHeartbeatEntry& entry, uint64_t reporter,
 
 }  // namespace
 
+Status PdService::LoadStores(std::shared_ptr<const std::vector<pdpb::Store>>* stores,
+                             Scheduler::ReplicaCounts* replicas, bool* counted) {
+  replicas->clear();
+  const bool from_index = router_ != nullptr && router_->Stores(stores, replicas);
+  if (counted != nullptr) *counted = from_index;
+  if (from_index) return Status::OK();
+  // The registered stores in the key order of their records; records that
+  // do not decode are skipped.
+  std::vector<store::KeyValue> records;
+  Status s = store_->Scan(kStorePrefix, kStoreScanEnd, kStoreScanLimit, &records);
+  if (!s.ok()) return s;
+  auto list = std::make_shared<std::vector<pdpb::Store>>();
+  list->reserve(records.size());
+  for (const store::KeyValue& record : records) {
+    pdpb::Store st;
+    if (pdpb::Decode(record.second.size(), record.second.data(), &st)) list->push_back(std::move(st));
+  }
+  *stores = std::move(list);
+  return Status::OK();
+}
+
 Status PdService::RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
                                   pdpb::RegionHeartbeatResponse* resp) {
   // A store list that cannot be read fails the heartbeat rather than
   // scheduling from a partial view; the store repeats its heartbeat anyway.
-  std::vector<pdpb::Store> stores;
-  Status s = LoadStores(store_, &stores);
+  // The records come from the routing index, which follows their writes,
+  // so that a heartbeat costs what its own entries need; only when the
+  // index cannot stand for them are they read.
+  std::shared_ptr<const std::vector<pdpb::Store>> loaded;
+  Scheduler::ReplicaCounts replicas;
+  Status s = LoadStores(&loaded, &replicas);
   if (!s.ok()) return s;
+  const std::vector<pdpb::Store>& stores = *loaded;
 
   pdpb::RegionHeartbeatResponse answer;
   std::vector<ScheduleCommand>& commands = answer.commands;
 
+  // Once a store of the cluster sends store heartbeats, auto-heal follows
+  // what they tell; until then it is the first-store rule.
+  const bool informed = scheduler_.Active(stores);
+  std::vector<ScheduleCommand> healed;
+  std::vector<uint64_t> unwell;
+  std::vector<bool> transferred;
+  if (informed) {
+    scheduler_.Heal(req.store_id, req.regions, stores, replicas, &healed);
+    unwell = scheduler_.Unwell(stores);
+    transferred.resize(healed.size());
+    for (size_t i = 0; i < healed.size(); i++) transferred[i] = healed[i].kind == pdpb::kTransferLeader;
+  } else {
+    scheduler_.NoteDesigned(req.regions);
+  }
+
   // Promotion (always on) and auto-heal (when a target is set).
-  for (const RegionHeartbeatEntry& entry : req.regions) {
+  for (size_t i = 0; i < req.regions.size(); i++) {
+    const RegionHeartbeatEntry& entry = req.regions[i];
     for (uint64_t learner : entry.caught_up_learner_store_ids) {
       commands.push_back(Command(pdpb::kPromoteLearner, entry.region_id, learner));
+    }
+    if (informed) {
+      if (healed[i].kind != 0) commands.push_back(std::move(healed[i]));
+      continue;
     }
     if (target_replicas_ == 0) continue;
     const size_t members = entry.member_store_ids.size();
@@ -119,12 +154,14 @@ Status PdService::RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
     if (!listed) commands.push_back(Command(pdpb::kDestroyStaleReplica, region_id, req.store_id));
   }
 
-  BalanceLeaders(req, stores.size(), &answer);
+  BalanceLeaders(req, stores.size(), unwell, transferred, &answer);
+  scheduler_.CountIssued(answer.commands);
   *resp = std::move(answer);
   return Status::OK();
 }
 
 void PdService::BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t candidate_stores,
+                               const std::vector<uint64_t>& unwell, const std::vector<bool>& skip,
                                pdpb::RegionHeartbeatResponse* resp) {
   MutexLock lock(&heartbeat_mutex_);
   for (const RegionHeartbeatEntry& entry : req.regions) {
@@ -138,12 +175,15 @@ void PdService::BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t c
   const uint64_t own = led[req.store_id];
   if (own < 2 || candidate_stores < 2) return;
 
-  for (const RegionHeartbeatEntry& entry : req.regions) {
+  for (size_t i = 0; i < req.regions.size(); i++) {
+    const RegionHeartbeatEntry& entry = req.regions[i];
+    if (i < skip.size() && skip[i]) continue;
     uint64_t target = 0;
     bool chosen = false;
     uint64_t best = own - 1;  // a transfer must leave the target clearly less loaded
     for (uint64_t member : entry.member_store_ids) {
       if (member == req.store_id || !Contains(entry.candidate_store_ids, member)) continue;
+      if (Contains(unwell, member)) continue;
       auto it = led.find(member);
       const uint64_t count = it == led.end() ? 0 : it->second;
       if (count < best) {  // strict: on equal counts the earlier member stays

@@ -60,12 +60,23 @@ Status PdService::Create(store::MetaStore* store, Options options, std::unique_p
   return Status::OK();
 }
 
+namespace {
+
+Scheduler::Options SchedulingOptions(const PdService::Options& options) {
+  Scheduler::Options scheduling = options.scheduling;
+  scheduling.target_replicas = options.target_replicas;
+  return scheduling;
+}
+
+}  // namespace
+
 PdService::PdService(store::MetaStore* store, Options options)
     : store_(store),
       target_replicas_(options.target_replicas),
       clock_ms_(std::move(options.clock_ms)),
       own_id_marks_(options.own_id_marks),
-      write_id_mark_(std::move(options.write_id_mark)) {}
+      write_id_mark_(std::move(options.write_id_mark)),
+      scheduler_(SchedulingOptions(options)) {}
 
 Status PdService::ReadIdMark(store::MetaStore* store, uint64_t* mark) {
   std::string value;

@@ -18,12 +18,14 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "common/mutex.h"
 #include "common/status.h"
 #include "common/striped_counter.h"
 #include "common/thread_annotations.h"
 #include "meta/region_index.h"
+#include "meta/scheduler.h"
 #include "pdpb/messages.h"
 #include "pdpb/stats.h"
 #include "store/meta_store.h"
@@ -66,6 +68,10 @@ class PdService {
     // With own_id_marks: persists a mark of at least the one given (a
     // replicated term's compare-and-set write); empty: a plain put.
     std::function<Status(uint64_t mark)> write_id_mark;
+    // Store liveness, failure domains and change limits, for clusters whose
+    // stores send store heartbeats. Its target_replicas is set from the one
+    // above.
+    Scheduler::Options scheduling;
   };
 
   // Builds the service on `store` (not owned; it must outlive the service).
@@ -124,6 +130,25 @@ class PdService {
   Status RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
                          pdpb::RegionHeartbeatResponse* resp) EXCLUDES(heartbeat_mutex_);
 
+  // ---- Stores that send store heartbeats (an extension: a cluster whose
+  // stores never call these is served exactly as without them).
+
+  // Records a store's statistics in memory, and its address, labels and
+  // first heartbeat in its record when they change (registering a store
+  // not seen before). Answers the store's state; fails for a removed
+  // (Tombstone) store.
+  Status StoreHeartbeat(const pdpb::StoreHeartbeatRequest& req, pdpb::StoreHeartbeatResponse* resp)
+      EXCLUDES(store_record_mutex_);
+  // A store's record, state, statistics and replicas; NotFound when it has
+  // no record.
+  Status GetStore(const pdpb::GetStoreRequest& req, pdpb::GetStoreResponse* resp);
+  // The same for every store, in store id order.
+  Status GetAllStores(const pdpb::GetAllStoresRequest& req, pdpb::GetAllStoresResponse* resp);
+  // Marks a store Offline, so that its replicas move away, and Tombstone
+  // once it holds none. NotFound when it has no record.
+  Status RemoveStore(const pdpb::RemoveStoreRequest& req, pdpb::RemoveStoreResponse* resp)
+      EXCLUDES(store_record_mutex_);
+
   // The replicated server's timestamp ceiling. `admit` is consulted under
   // tso_mutex_ with the physical part of each batch before the batch is
   // answered, and fails the batch when no ceiling above that part could be persisted;
@@ -142,7 +167,9 @@ class PdService {
   // Registers the six methods ("Pd.Tso", "Pd.AllocId", "Pd.Bootstrap",
   // "Pd.GetRegion", "Pd.UpsertRegion", "Pd.RegionHeartbeat") on `server`,
   // before it starts, and beside them the read-only "Pd.Stats", which
-  // answers GetStats of that server. The service must outlive the server's
+  // answers GetStats of that server, and the store methods
+  // ("Pd.StoreHeartbeat", "Pd.GetStore", "Pd.GetAllStores",
+  // "Pd.RemoveStore"). The service must outlive the server's
   // use of them. For a store on the embedded engine, whose reads never wait
   // on the network: timestamps (without a ceiling) and routing by the index
   // are answered on the server's event loops, upserts when
@@ -161,8 +188,19 @@ class PdService {
 
   // The leadership transfers of one heartbeat (appended to *resp), after
   // recording the reporter as the last reporter of each entry's region.
+  // Members on `unwell` stores are passed over, and so are the entries
+  // whose `skip` is set (a transfer already chosen); both are empty for a
+  // heartbeat scheduled the designed way.
   void BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t candidate_stores,
+                      const std::vector<uint64_t>& unwell, const std::vector<bool>& skip,
                       pdpb::RegionHeartbeatResponse* resp) EXCLUDES(heartbeat_mutex_);
+  // The store records in key order and the replicas per store: from the
+  // routing index when it stands for the records, else read from the store
+  // without replica counts (*counted false).
+  Status LoadStores(std::shared_ptr<const std::vector<pdpb::Store>>* stores,
+                    Scheduler::ReplicaCounts* replicas, bool* counted = nullptr);
+  // A store's record; *found false when it has none.
+  Status ReadStore(uint64_t store_id, pdpb::Store* out, bool* found);
 
   store::MetaStore* const store_;
   const uint32_t target_replicas_;
@@ -190,6 +228,14 @@ class PdService {
   // the stored mark never goes down.
   uint64_t written_mark_ GUARDED_BY(id_mutex_) = 0;
   uint64_t tried_mark_ GUARDED_BY(id_mutex_) = 0;
+
+  // What the service knows of its stores beyond their records.
+  Scheduler scheduler_;
+  // Serialises the read, change and write of a store record by store
+  // heartbeats and removals, so that neither undoes the other. Taken only on
+  // worker threads, never by an event loop, so it may be held across the
+  // write.
+  Mutex store_record_mutex_;
 
   // Serialises timestamp batches only.
   Mutex tso_mutex_;

@@ -8,6 +8,7 @@
 #include "common/fault_log.h"
 #include "meta/keys.h"
 #include "meta/routing.h"
+#include "pdpb/wire.h"
 
 namespace kandb::meta {
 
@@ -67,6 +68,7 @@ Status RegionIndex::Build(store::MetaStore* store, std::unique_ptr<RegionIndex>*
                                return true;
                              });
   }
+  raw->ListStores();
   if (!s.ok()) {
     // A record that cannot be read (a damaged table, say) must not keep the
     // server from starting: the walk meets the damage only where a lookup
@@ -118,9 +120,54 @@ void RegionIndex::Unlink(const Region* region) {
   if (prev != nullptr && next != nullptr) overlapping_pairs_ += Overlap(prev, next);
 }
 
+void RegionIndex::CountReplicas(const RegionRecord& record, int64_t delta) {
+  if (!record.decodes) return;
+  // Only the peers' store ids are read, in place.
+  pdpb::DecodeFields(record.value.size(), record.value.data(), [this, delta](const pdpb::Field& f) {
+    mu_.AssertHeld();
+    if (f.tag != 5) return true;
+    uint64_t store_id = 0;
+    pdpb::DecodeFields(f.size, f.data, [&store_id](const pdpb::Field& p) {
+      if (p.tag == 2 && p.size == 8) store_id = DecodeFixed64(p.data);
+      return true;
+    });
+    uint64_t& count = replicas_[store_id];
+    count += delta;
+    if (count == 0) replicas_.erase(store_id);
+    return true;
+  });
+}
+
+void RegionIndex::ListStores() {
+  auto list = std::make_shared<std::vector<pdpb::Store>>();
+  list->reserve(stores_.size());
+  unopened_stores_ = 0;
+  for (const auto& [key, record] : stores_) {
+    if (!record.open_status.ok()) {
+      unopened_stores_++;
+      continue;
+    }
+    pdpb::Store store;
+    if (pdpb::Decode(record.value.size(), record.value.data(), &store)) list->push_back(std::move(store));
+  }
+  store_list_ = std::move(list);
+}
+
+bool RegionIndex::Stores(std::shared_ptr<const std::vector<pdpb::Store>>* stores,
+                         std::unordered_map<uint64_t, uint64_t>* replicas) const {
+  ReaderLock lock(&mu_);
+  if (!load_status_.ok() || unopened_stores_ > 0 || store_list_ == nullptr || stores_.size() > kStoreScanLimit) {
+    return false;
+  }
+  *stores = store_list_;
+  if (replicas != nullptr) *replicas = replicas_;
+  return true;
+}
+
 void RegionIndex::EraseRegion(const std::string& key) {
   auto it = regions_.find(key);
   if (it == regions_.end()) return;
+  CountReplicas(it->second, -1);
   if (Ranged(it->second)) Unlink(&*it);
   if (!it->second.decodes) undecodable_--;
   regions_.erase(it);
@@ -136,10 +183,12 @@ void RegionIndex::PutRegion(const std::string& key, std::string value, const Sta
                    pdpb::DecodeRegionBounds(record.value.size(), record.value.data(), &record.start, &record.end);
   if (!record.decodes) undecodable_++;
   if (Ranged(record)) Link(&*it);
+  CountReplicas(record, 1);
 }
 
 void RegionIndex::Apply(const lsm::WriteBatch& batch) {
   WriterLock lock(&mu_);
+  bool stores_changed = false;
   for (const lsm::Entry& e : batch) {
     const bool put = e.op == lsm::kOpPut;
     if (InRange(e.key, kRegionPrefix, kRegionScanEnd)) {
@@ -149,6 +198,7 @@ void RegionIndex::Apply(const lsm::WriteBatch& batch) {
         EraseRegion(e.key);
       }
     } else if (InRange(e.key, kStorePrefix, kStoreScanEnd)) {
+      stores_changed = true;
       if (put) {
         stores_[e.key] = StoreRecord{e.value, Status::OK()};
       } else {
@@ -156,6 +206,7 @@ void RegionIndex::Apply(const lsm::WriteBatch& batch) {
       }
     }
   }
+  if (stores_changed) ListStores();
 }
 
 bool RegionIndex::Route(const std::string& key, pdpb::GetRegionResponse* resp, Status* status) const {

@@ -21,6 +21,8 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <vector>
 
 #include "common/mutex.h"
 #include "common/status.h"
@@ -44,6 +46,18 @@ class RegionRouter {
   virtual bool Route(const std::string& key, pdpb::GetRegionResponse* resp, Status* status) const = 0;
   // Region records held, for the statistics.
   virtual size_t regions() const = 0;
+  // The store records, decoded, in the key order of the records (those
+  // that do not decode left out), as a scan of them would give them, and
+  // per store the region records that place a replica on it: true when
+  // the copy stands for the records; false when the caller must read them
+  // (the copy is not loaded or not current, or a record could not be
+  // opened). A snapshot; safe from any thread.
+  virtual bool Stores(std::shared_ptr<const std::vector<pdpb::Store>>* stores,
+                      std::unordered_map<uint64_t, uint64_t>* replicas) const {
+    (void)stores;
+    (void)replicas;
+    return false;
+  }
 };
 
 class RegionIndex final : public RegionRouter {
@@ -70,6 +84,9 @@ class RegionIndex final : public RegionRouter {
 
   // Region records held, decodable or not.
   size_t regions() const override EXCLUDES(mu_);
+
+  bool Stores(std::shared_ptr<const std::vector<pdpb::Store>>* stores,
+              std::unordered_map<uint64_t, uint64_t>* replicas) const override EXCLUDES(mu_);
 
   // Applies the puts (values opened) and deletions of one batch as one
   // change: a lookup sees all of it or none. Keys outside the region and
@@ -108,6 +125,11 @@ class RegionIndex final : public RegionRouter {
 
   explicit RegionIndex(store::MetaStore* store) : store_(store) {}
   void PutRegion(const std::string& key, std::string value, const Status& open_status) REQUIRES(mu_);
+  // Adds `delta` to the replica count of every store the record places a
+  // replica on.
+  void CountReplicas(const RegionRecord& record, int64_t delta) REQUIRES(mu_);
+  // Rebuilds store_list_ after a change of the store records.
+  void ListStores() REQUIRES(mu_);
   void EraseRegion(const std::string& key) REQUIRES(mu_);
   // Adds or removes a ranged region and keeps overlapping_pairs_ right.
   void Link(const Region* region) REQUIRES(mu_);
@@ -130,6 +152,14 @@ class RegionIndex final : public RegionRouter {
   Status load_status_ GUARDED_BY(mu_);
   // Every record of the store range, by its key in the store.
   std::map<std::string, StoreRecord, std::less<>> stores_ GUARDED_BY(mu_);
+  // The decodable store records in key order, rebuilt on every change of
+  // them (rare: a new store, an address or label change, a removal) so
+  // that a heartbeat takes them without copying.
+  std::shared_ptr<const std::vector<pdpb::Store>> store_list_ GUARDED_BY(mu_);
+  // Store records that could not be opened.
+  size_t unopened_stores_ GUARDED_BY(mu_) = 0;
+  // Per store id, the region records that place a replica on it.
+  std::unordered_map<uint64_t, uint64_t> replicas_ GUARDED_BY(mu_);
 };
 
 }  // namespace kandb::meta

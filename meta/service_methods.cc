@@ -53,8 +53,25 @@ void PdService::RegisterTo(kanrpc::RpcServer* server) {
       [this](const pdpb::RegionHeartbeatRequest& req, pdpb::RegionHeartbeatResponse* resp) {
         return RegionHeartbeat(req, resp);
       });
-  // Read-only and answered from counters, taking none of the service's
-  // locks, so that calling it every second costs the six methods nothing.
+  // Stores call these every few seconds each; they may write a record, so
+  // they run on workers.
+  server->Register<pdpb::StoreHeartbeatRequest, pdpb::StoreHeartbeatResponse>(
+      "Pd.StoreHeartbeat", [this](const pdpb::StoreHeartbeatRequest& req, pdpb::StoreHeartbeatResponse* resp) {
+        return StoreHeartbeat(req, resp);
+      });
+  server->Register<pdpb::GetStoreRequest, pdpb::GetStoreResponse>(
+      "Pd.GetStore",
+      [this](const pdpb::GetStoreRequest& req, pdpb::GetStoreResponse* resp) { return GetStore(req, resp); });
+  server->Register<pdpb::GetAllStoresRequest, pdpb::GetAllStoresResponse>(
+      "Pd.GetAllStores", [this](const pdpb::GetAllStoresRequest& req, pdpb::GetAllStoresResponse* resp) {
+        return GetAllStores(req, resp);
+      });
+  server->Register<pdpb::RemoveStoreRequest, pdpb::RemoveStoreResponse>(
+      "Pd.RemoveStore",
+      [this](const pdpb::RemoveStoreRequest& req, pdpb::RemoveStoreResponse* resp) { return RemoveStore(req, resp); });
+  // Read-only and answered from counters and the copy of the store
+  // records, taking only the scheduler's lock for in-memory work, so that
+  // calling it every second costs the six methods nothing.
   // On a worker: the engine's counters wait for a sync in progress, which
   // on a stalled disk must not hold up a loop.
   server->Register<pdpb::StatsRequest, pdpb::StatsResponse>(

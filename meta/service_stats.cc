@@ -69,6 +69,11 @@ void PdService::GetStats(const kanrpc::RpcServer& server, pdpb::StatsResponse* r
   resp->routing.index_regions = router_ != nullptr ? router_->regions() : 0;
   resp->routing.index_lookups = index_lookups_.Load();
   resp->routing.walk_lookups = walk_lookups_.Load();
+  // Store states need the records; without a copy that stands for them
+  // only the counters are given (a scan here would cost every caller).
+  std::shared_ptr<const std::vector<pdpb::Store>> stores;
+  if (router_ == nullptr || !router_->Stores(&stores, nullptr)) stores = std::make_shared<std::vector<pdpb::Store>>();
+  scheduler_.FillStats(*stores, &resp->scheduling);
 }
 
 }  // namespace kandb::meta

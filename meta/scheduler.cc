@@ -1,0 +1,404 @@
+#include "meta/scheduler.h"
+
+#include <algorithm>
+#include <cctype>
+#include <limits>
+#include <utility>
+
+#include "common/clock.h"
+
+namespace kandb::meta {
+
+namespace {
+
+using pdpb::RegionHeartbeatEntry;
+using pdpb::ScheduleCommand;
+
+bool Contains(const std::vector<uint64_t>& ids, uint64_t id) {
+  return std::find(ids.begin(), ids.end(), id) != ids.end();
+}
+
+// States whose replicas are replaced: the store is gone or going.
+bool Leaving(uint8_t state) {
+  return state == pdpb::kStoreDown || state == pdpb::kStoreOffline || state == pdpb::kStoreTombstone;
+}
+
+// States in which a store may take a new replica: Up, or never heard from
+// (scheduled as before store heartbeats existed).
+bool MayReceive(uint8_t state) { return state == pdpb::kStoreUp || state == pdpb::kStoreUnknown; }
+
+const std::string* LabelOf(const pdpb::Store& store, const std::string& key) {
+  for (const pdpb::StoreLabel& label : store.labels) {
+    if (label.key == key) return &label.value;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+bool ParseDurationMs(const std::string& text, int64_t* out) {
+  size_t digits = 0;
+  while (digits < text.size() && std::isdigit(static_cast<unsigned char>(text[digits]))) digits++;
+  if (digits == 0 || digits > 12) return false;
+  const int64_t value = std::stoll(text.substr(0, digits));
+  const std::string unit = text.substr(digits);
+  int64_t scale = 0;
+  if (unit == "ms") {
+    scale = 1;
+  } else if (unit.empty() || unit == "s") {
+    scale = 1000;
+  } else if (unit == "m") {
+    scale = 60 * 1000;
+  } else if (unit == "h") {
+    scale = 60 * 60 * 1000;
+  } else {
+    return false;
+  }
+  *out = value * scale;
+  return true;
+}
+
+Scheduler::Scheduler(Options options) : options_(std::move(options)), started_ms_(Now()) {}
+
+int64_t Scheduler::Now() const {
+  return options_.steady_ms ? options_.steady_ms() : SteadyNs() / 1000000;
+}
+
+void Scheduler::ReportStore(uint64_t store_id, const pdpb::StoreStats& stats) {
+  const int64_t now = Now();
+  const uint64_t wall = options_.wall_ms ? options_.wall_ms() : static_cast<uint64_t>(WallNs() / 1000000);
+  MutexLock lock(&mu_);
+  Heard& heard = heard_[store_id];
+  heard.steady_ms = now;
+  heard.wall_ms = wall;
+  heard.stats = stats;
+}
+
+uint8_t Scheduler::StateLocked(const pdpb::Store& record, int64_t now) const {
+  if (record.node_state == pdpb::kNodeTombstone) return pdpb::kStoreTombstone;
+  if (record.node_state == pdpb::kNodeOffline) return pdpb::kStoreOffline;
+  auto it = heard_.find(record.id);
+  if (it == heard_.end() && record.first_heartbeat_ms == 0) return pdpb::kStoreUnknown;
+  // A store this server has not heard from yet (it took over, or started,
+  // since) is silent from the moment it began to listen, not before: its
+  // last heartbeat went to another server, or to this one before it stopped.
+  const int64_t last = it != heard_.end() ? it->second.steady_ms : started_ms_;
+  const int64_t silent = now - last;
+  const int64_t down = options_.max_store_down_ms;
+  if (silent >= down) return pdpb::kStoreDown;
+  if (silent >= std::min(options_.disconnect_ms, down)) return pdpb::kStoreDisconnected;
+  return pdpb::kStoreUp;
+}
+
+uint8_t Scheduler::StateOf(const pdpb::Store& record) const {
+  const int64_t now = Now();
+  MutexLock lock(&mu_);
+  return StateLocked(record, now);
+}
+
+pdpb::StoreInfo Scheduler::Info(const pdpb::Store& record, uint64_t replicas) const {
+  const int64_t now = Now();
+  pdpb::StoreInfo info;
+  info.store = record;
+  info.replicas = replicas;
+  MutexLock lock(&mu_);
+  info.state = StateLocked(record, now);
+  // Offline with nothing left is as good as removed; the record says so
+  // once the store or the operator next calls.
+  if (info.state == pdpb::kStoreOffline && replicas == 0) info.state = pdpb::kStoreTombstone;
+  auto it = heard_.find(record.id);
+  if (it != heard_.end()) {
+    info.stats = it->second.stats;
+    info.last_heartbeat_ms = it->second.wall_ms;
+  }
+  return info;
+}
+
+bool Scheduler::Active(const std::vector<pdpb::Store>& stores) const {
+  {
+    MutexLock lock(&mu_);
+    if (!heard_.empty()) return true;
+  }
+  return std::any_of(stores.begin(), stores.end(), [](const pdpb::Store& s) {
+    return s.first_heartbeat_ms != 0 || s.node_state != pdpb::kNodeServing;
+  });
+}
+
+std::vector<uint64_t> Scheduler::Unwell(const std::vector<pdpb::Store>& stores) const {
+  const int64_t now = Now();
+  std::vector<uint64_t> out;
+  MutexLock lock(&mu_);
+  for (const pdpb::Store& store : stores) {
+    if (!MayReceive(StateLocked(store, now))) out.push_back(store.id);
+  }
+  return out;
+}
+
+bool Scheduler::TakeToken(uint64_t store_id, int64_t now) {
+  // Counted in whole units, a change costing a minute's worth of ms, so
+  // that refills add up exactly: each ms adds `limit` units.
+  const int64_t limit = std::max<int64_t>(1, options_.store_limit);
+  constexpr int64_t kCost = 60 * 1000;
+  auto [it, fresh] = buckets_.try_emplace(store_id);
+  Bucket& bucket = it->second;
+  if (fresh) {
+    bucket.units = limit * kCost;
+  } else if (now > bucket.refilled_ms) {
+    bucket.units = std::min(limit * kCost, bucket.units + (now - bucket.refilled_ms) * limit);
+  }
+  bucket.refilled_ms = std::max(bucket.refilled_ms, now);
+  if (bucket.units < kCost) return false;
+  bucket.units -= kCost;
+  return true;
+}
+
+size_t Scheduler::SharedDepth(const pdpb::Store& a, const pdpb::Store& b) const {
+  for (size_t i = 0; i < options_.location_labels.size(); i++) {
+    const std::string* va = LabelOf(a, options_.location_labels[i]);
+    const std::string* vb = LabelOf(b, options_.location_labels[i]);
+    // A store that does not say where it stands is taken as apart.
+    if (va == nullptr || vb == nullptr || va->empty() || *va != *vb) return i;
+  }
+  return options_.location_labels.size();
+}
+
+uint64_t Scheduler::ChooseTarget(const std::vector<uint64_t>& members, const std::vector<uint64_t>& keep,
+                                 std::unordered_map<uint64_t, StoreView>* view, const std::vector<uint64_t>& order,
+                                 int64_t now) {
+  struct Candidate {
+    size_t depth;
+    double score;
+    size_t rank;  // key order of the record breaks ties
+    uint64_t id;
+  };
+  std::vector<Candidate> candidates;
+  const size_t levels = options_.location_labels.size();
+  for (size_t rank = 0; rank < order.size(); rank++) {
+    const uint64_t id = order[rank];
+    const StoreView& v = view->at(id);
+    if (Contains(members, id) || v.record->address.empty() || !MayReceive(v.state)) continue;
+    double weight = 1.0;
+    if (v.has_stats && v.stats.capacity > 0) {
+      const double free = static_cast<double>(v.stats.available) / static_cast<double>(v.stats.capacity);
+      if (free < options_.low_space_ratio) continue;
+      weight = 1.0 / std::max(free, 1e-3);
+    }
+    size_t depth = 0;
+    for (uint64_t kept : keep) {
+      auto k = view->find(kept);
+      if (k != view->end()) depth = std::max(depth, SharedDepth(*v.record, *k->second.record));
+    }
+    // Never two replicas in the narrowest domain named (the same host).
+    if (levels > 0 && depth >= levels) continue;
+    candidates.push_back({depth, static_cast<double>(v.load + 1) * weight, rank, id});
+  }
+  if (candidates.empty()) return 0;
+  std::sort(candidates.begin(), candidates.end(), [](const Candidate& a, const Candidate& b) {
+    if (a.depth != b.depth) return a.depth < b.depth;
+    if (a.score != b.score) return a.score < b.score;
+    return a.rank < b.rank;
+  });
+  // Only the best spread counts: a store of a wider shared domain is not
+  // taken because the better ones are busy; the region waits for them.
+  for (const Candidate& c : candidates) {
+    if (c.depth != candidates.front().depth) break;
+    if (TakeToken(c.id, now)) {
+      (*view)[c.id].load++;
+      return c.id;
+    }
+  }
+  return 0;
+}
+
+bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
+                        std::unordered_map<uint64_t, StoreView>* view, const std::vector<uint64_t>& order, int64_t now,
+                        ScheduleCommand* out) {
+  const std::vector<uint64_t>& members = entry.member_store_ids;
+  auto pending = pending_.find(entry.region_id);
+  if (pending != pending_.end()) {
+    const Pending& p = pending->second;
+    const bool done = (p.kind == pdpb::kAddPeer && Contains(members, p.store_id)) ||
+                      (p.kind == pdpb::kRemovePeer && !Contains(members, p.store_id));
+    if (!done && now - p.issued_ms < options_.change_timeout_ms) {
+      *out = ScheduleCommand{p.kind, entry.region_id, p.store_id, p.address};
+      return true;
+    }
+    if (p.kind == pdpb::kAddPeer && --pending_adds_[p.store_id] == 0) pending_adds_.erase(p.store_id);
+    pending_.erase(pending);
+  }
+
+  auto state_of = [view](uint64_t id) {
+    auto it = view->find(id);
+    return it == view->end() ? pdpb::kStoreUnknown : it->second.state;
+  };
+  std::vector<uint64_t> keep;
+  uint64_t leaving_other = 0;  // first leaving member other than the reporter
+  bool reporter_leaving = false;
+  for (uint64_t m : members) {
+    if (!Leaving(state_of(m))) {
+      keep.push_back(m);
+    } else if (m == reporter) {
+      reporter_leaving = true;
+    } else if (leaving_other == 0) {
+      leaving_other = m;
+    }
+  }
+
+  const size_t target = options_.target_replicas;
+  auto add = [&]() {
+    const uint64_t chosen = ChooseTarget(members, keep, view, order, now);
+    if (chosen == 0) return false;
+    const std::string& address = view->at(chosen).record->address;
+    *out = ScheduleCommand{pdpb::kAddPeer, entry.region_id, chosen, address};
+    pending_[entry.region_id] = Pending{pdpb::kAddPeer, chosen, address, now};
+    pending_adds_[chosen]++;
+    return true;
+  };
+  if (members.size() < target) return add();
+  if (members.size() > target) {
+    uint64_t victim = leaving_other;
+    // Then a member sharing the narrowest domain with another one.
+    const size_t levels = options_.location_labels.size();
+    for (size_t i = 0; victim == 0 && levels > 0 && i < members.size(); i++) {
+      const uint64_t m = members[i];
+      auto vm = view->find(m);
+      if (m == reporter || vm == view->end()) continue;
+      for (uint64_t o : members) {
+        auto vo = view->find(o);
+        if (o != m && vo != view->end() && SharedDepth(*vm->second.record, *vo->second.record) >= levels) {
+          victim = m;
+          break;
+        }
+      }
+    }
+    if (victim == 0 && reporter_leaving) {
+      // Only the leader itself is to go: it hands leadership to a member
+      // that stays, whose heartbeat then removes it.
+      for (uint64_t m : members) {
+        if (m != reporter && Contains(entry.candidate_store_ids, m) && MayReceive(state_of(m))) {
+          *out = ScheduleCommand{pdpb::kTransferLeader, entry.region_id, m, std::string()};
+          return true;
+        }
+      }
+      return false;
+    }
+    if (victim == 0) {
+      // As before store heartbeats: a candidate first, never the reporter.
+      for (uint64_t m : members) {
+        if (m != reporter && Contains(entry.candidate_store_ids, m)) {
+          victim = m;
+          break;
+        }
+      }
+      for (uint64_t m : members) {
+        if (victim == 0 && m != reporter) victim = m;
+      }
+    }
+    if (victim == 0) return false;
+    // A store that is down gets nothing to do from its removal.
+    const uint8_t state = state_of(victim);
+    if (state != pdpb::kStoreDown && state != pdpb::kStoreTombstone && !TakeToken(victim, now)) return false;
+    *out = ScheduleCommand{pdpb::kRemovePeer, entry.region_id, victim, std::string()};
+    pending_[entry.region_id] = Pending{pdpb::kRemovePeer, victim, std::string(), now};
+    return true;
+  }
+  // At its count, but with a member to replace: the new replica first, so
+  // the region never has fewer members than it had.
+  if (keep.size() < members.size()) return add();
+  return false;
+}
+
+void Scheduler::SetFlags(uint64_t region_id, uint8_t flags) {
+  uint8_t old = 0;
+  auto it = region_flags_.find(region_id);
+  if (it != region_flags_.end()) old = it->second;
+  if (old == flags) return;
+  missing_ += ((flags & kMissing) != 0) - ((old & kMissing) != 0);
+  on_down_ += ((flags & kOnDown) != 0) - ((old & kOnDown) != 0);
+  on_offline_ += ((flags & kOnOffline) != 0) - ((old & kOnOffline) != 0);
+  if (flags == 0) {
+    region_flags_.erase(it);
+  } else {
+    region_flags_[region_id] = flags;
+  }
+}
+
+void Scheduler::NoteDesigned(const std::vector<RegionHeartbeatEntry>& entries) {
+  MutexLock lock(&mu_);
+  for (const RegionHeartbeatEntry& entry : entries) {
+    const bool missing = entry.member_store_ids.size() < options_.target_replicas;
+    SetFlags(entry.region_id, missing ? kMissing : 0);
+  }
+}
+
+void Scheduler::Heal(uint64_t reporter, const std::vector<RegionHeartbeatEntry>& entries,
+                     const std::vector<pdpb::Store>& stores, const ReplicaCounts& replicas,
+                     std::vector<ScheduleCommand>* per_entry) {
+  const int64_t now = Now();
+  MutexLock lock(&mu_);
+  std::unordered_map<uint64_t, StoreView> view;
+  view.reserve(stores.size());
+  std::vector<uint64_t> order;
+  order.reserve(stores.size());
+  for (const pdpb::Store& store : stores) {
+    StoreView& v = view[store.id];
+    v.record = &store;
+    v.state = StateLocked(store, now);
+    auto r = replicas.find(store.id);
+    auto p = pending_adds_.find(store.id);
+    v.load = (r != replicas.end() ? r->second : 0) + (p != pending_adds_.end() ? p->second : 0);
+    auto h = heard_.find(store.id);
+    if (h != heard_.end()) {
+      v.stats = h->second.stats;
+      v.has_stats = true;
+    }
+    order.push_back(store.id);
+  }
+
+  per_entry->assign(entries.size(), ScheduleCommand{});
+  for (size_t i = 0; i < entries.size(); i++) {
+    const RegionHeartbeatEntry& entry = entries[i];
+    uint8_t flags = entry.member_store_ids.size() < options_.target_replicas ? kMissing : 0;
+    for (uint64_t m : entry.member_store_ids) {
+      auto it = view.find(m);
+      if (it == view.end()) continue;
+      if (it->second.state == pdpb::kStoreDown) flags |= kOnDown;
+      if (it->second.state == pdpb::kStoreOffline) flags |= kOnOffline;
+    }
+    SetFlags(entry.region_id, flags);
+    if (options_.target_replicas == 0) continue;
+    HealOne(reporter, entry, &view, order, now, &(*per_entry)[i]);
+  }
+}
+
+void Scheduler::CountIssued(const std::vector<ScheduleCommand>& commands) {
+  MutexLock lock(&mu_);
+  for (const ScheduleCommand& c : commands) {
+    if (c.kind < 6) issued_[c.kind]++;
+  }
+}
+
+void Scheduler::FillStats(const std::vector<pdpb::Store>& stores, pdpb::SchedulingStats* out) const {
+  const int64_t now = Now();
+  MutexLock lock(&mu_);
+  for (const pdpb::Store& store : stores) {
+    switch (StateLocked(store, now)) {
+      case pdpb::kStoreUp: out->stores_up++; break;
+      case pdpb::kStoreDisconnected: out->stores_disconnected++; break;
+      case pdpb::kStoreDown: out->stores_down++; break;
+      case pdpb::kStoreOffline: out->stores_offline++; break;
+      case pdpb::kStoreTombstone: out->stores_tombstone++; break;
+      default: out->stores_unknown++; break;
+    }
+  }
+  out->regions_missing_replica = missing_;
+  out->regions_on_down_store = on_down_;
+  out->regions_on_offline_store = on_offline_;
+  out->promote_learner = issued_[pdpb::kPromoteLearner];
+  out->add_peer = issued_[pdpb::kAddPeer];
+  out->remove_peer = issued_[pdpb::kRemovePeer];
+  out->destroy_stale_replica = issued_[pdpb::kDestroyStaleReplica];
+  out->transfer_leader = issued_[pdpb::kTransferLeader];
+}
+
+}  // namespace kandb::meta
