@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/text.h"
+
 namespace kandb::tools {
 
 namespace {
@@ -27,22 +29,6 @@ std::string Duration(double nanos) {
   if (nanos < 1e6) return Format("%.1fus", nanos / 1e3);
   if (nanos < 1e9) return Format("%.2fms", nanos / 1e6);
   return Format("%.2fs", nanos / 1e9);
-}
-
-// "1h02m03s", "2m05s", "7s".
-std::string Uptime(uint64_t ms) {
-  const uint64_t s = ms / 1000;
-  if (s >= 3600) return Format("%" PRIu64 "h%02" PRIu64 "m%02" PRIu64 "s", s / 3600, s / 60 % 60, s % 60);
-  if (s >= 60) return Format("%" PRIu64 "m%02" PRIu64 "s", s / 60, s % 60);
-  return Format("%" PRIu64 "s", s);
-}
-
-// "512 B", "12.3 KiB", "4.5 MiB", "1.2 GiB".
-std::string Bytes(double bytes) {
-  if (bytes < 1024) return Format("%.0f B", bytes);
-  if (bytes < 1024.0 * 1024) return Format("%.1f KiB", bytes / 1024);
-  if (bytes < 1024.0 * 1024 * 1024) return Format("%.1f MiB", bytes / (1024.0 * 1024));
-  return Format("%.1f GiB", bytes / (1024.0 * 1024 * 1024));
 }
 
 std::string Mean(uint64_t sum_nanos, uint64_t count) {
@@ -177,7 +163,7 @@ const char* StatusCodeName(uint32_t code) {
 
 std::string StatsText(const pdpb::StatsResponse& s) {
   std::string out;
-  out += Format("uptime        %s\n", Uptime(s.uptime_ms).c_str());
+  out += Format("uptime        %s\n", FormatElapsed(s.uptime_ms).c_str());
   out += Format("connections   open %" PRIu64 ", accepted %" PRIu64 ", failed accepts %" PRIu64 "\n",
                 s.connections.open, s.connections.accepted, s.connections.failed_accepts);
   out += Format("\n%-20s %12s %8s %9s %9s %9s\n", "method", "requests", "errors", "mean", "p50", "p99");
@@ -201,12 +187,12 @@ std::string StatsText(const pdpb::StatsResponse& s) {
     out += Format("write groups  %" PRIu64 ", batches %" PRIu64 " (%.2f per group, at most %" PRIu64 ")\n",
                   e.write_groups, e.batches, per_group, e.max_group_size);
     out += Format("log           %s written, %" PRIu64 " fdatasyncs, mean %s, p99 %s\n",
-                  Bytes(static_cast<double>(e.log_bytes)).c_str(), e.syncs,
+                  FormatBytes(static_cast<double>(e.log_bytes)).c_str(), e.syncs,
                   Mean(e.sync_latency.sum_nanos, e.sync_latency.count).c_str(),
                   Quantile(e.sync_latency, 0.99).c_str());
     out += Format("memtables     %s, %" PRIu64 " waiting for flush\n",
-                  Bytes(static_cast<double>(e.memtable_bytes)).c_str(), e.immutable_memtables);
-    out += Format("table files   %" PRIu64 ", %s\n", e.table_files, Bytes(static_cast<double>(e.table_bytes)).c_str());
+                  FormatBytes(static_cast<double>(e.memtable_bytes)).c_str(), e.immutable_memtables);
+    out += Format("table files   %" PRIu64 ", %s\n", e.table_files, FormatBytes(static_cast<double>(e.table_bytes)).c_str());
     out += Format("flushes       %" PRIu64 " in %s, compactions %" PRIu64 " in %s\n", e.flushes,
                   Duration(static_cast<double>(e.flush_nanos)).c_str(), e.compactions,
                   Duration(static_cast<double>(e.compaction_nanos)).c_str());
@@ -306,7 +292,7 @@ std::string StatsRates(const pdpb::StatsResponse& before_in, const pdpb::StatsRe
   };
 
   std::string out;
-  out += Format("uptime %s, rates over the last %.1f s\n", Uptime(now.uptime_ms).c_str(), seconds);
+  out += Format("uptime %s, rates over the last %.1f s\n", FormatElapsed(now.uptime_ms).c_str(), seconds);
   out += Format("connections   open %" PRIu64 ", accepted %.1f/s, failed accepts %.1f/s\n", now.connections.open,
                 rate(now.connections.accepted, before.connections.accepted),
                 rate(now.connections.failed_accepts, before.connections.failed_accepts));
@@ -339,11 +325,11 @@ std::string StatsRates(const pdpb::StatsResponse& before_in, const pdpb::StatsRe
                   rate(e.batches, b.batches),
                   groups == 0 ? 0.0 : static_cast<double>(batches) / static_cast<double>(groups));
     out += Format("log           %s/s, fdatasyncs %.1f/s, mean %s, p99 %s\n",
-                  Bytes(rate(e.log_bytes, b.log_bytes)).c_str(), rate(e.syncs, b.syncs),
+                  FormatBytes(rate(e.log_bytes, b.log_bytes)).c_str(), rate(e.syncs, b.syncs),
                   Mean(sync.sum_nanos, sync.count).c_str(), Quantile(sync, 0.99).c_str());
     out += Format("memtables     %s, %" PRIu64 " waiting; table files %" PRIu64 ", %s\n",
-                  Bytes(static_cast<double>(e.memtable_bytes)).c_str(), e.immutable_memtables, e.table_files,
-                  Bytes(static_cast<double>(e.table_bytes)).c_str());
+                  FormatBytes(static_cast<double>(e.memtable_bytes)).c_str(), e.immutable_memtables, e.table_files,
+                  FormatBytes(static_cast<double>(e.table_bytes)).c_str());
     out += Format("faults        %" PRIu64 " new (%" PRIu64 " since start)\n",
                   (e.disk_full_faults + e.sync_faults + e.other_faults) -
                       std::min(e.disk_full_faults + e.sync_faults + e.other_faults,

@@ -52,6 +52,20 @@ TEST(TextTest, NumberAndDurationLimits) {
   EXPECT_EQ(FormatUtcMillis(1700000000123), "2023-11-14T22:13:20.123Z");
 }
 
+TEST(TextTest, HumanUnitsStepAtEachBinaryPrefixAndWholeSeconds) {
+  const std::pair<double, const char*> sizes[] = {
+      {0, "0 B"},           {1023, "1023 B"},       {1024, "1.0 KiB"},
+      {1536, "1.5 KiB"},    {1048576, "1.0 MiB"},   {1073741824.0 * 80, "80.0 GiB"},
+      {1099511627776.0 * 3.5, "3.5 TiB"},
+  };
+  for (const auto& [bytes, text] : sizes) EXPECT_EQ(FormatBytes(bytes), text) << bytes;
+  EXPECT_EQ(FormatElapsed(999), "0s");
+  EXPECT_EQ(FormatElapsed(59999), "59s");
+  EXPECT_EQ(FormatElapsed(125000), "2m05s");
+  EXPECT_EQ(FormatElapsed(3723000), "1h02m03s");
+  EXPECT_EQ(FormatElapsed(100 * 3600000ULL), "100h00m00s");
+}
+
 TEST(JsonMessagesTest, RequestsRoundTripWithEscapedKeys) {
   pdpb::BootstrapRequest request;
   request.store = {1, "127.0.0.1:20160", 2};
