@@ -509,7 +509,8 @@ int RunStats(const std::vector<std::string>& args) {
   std::string watch;
   CommandLine cl(command,
                  "Shows the server's live statistics: requests, errors and latencies per method, "
-                 "connections, the storage engine and routing, counted since the server started (Pd.Stats).");
+                 "connections, the storage engine, routing, and the scheduler's stores, repairs and commands "
+                 "(Pd.Stats).");
   cl.AddSwitch("prometheus", &prometheus, "print in the Prometheus text exposition format");
   cl.AddString("watch", &watch, "redraw the rates every VALUE, an interval such as 1s or 500ms, until Ctrl-C");
   AddCommon(&cl, &c, false);

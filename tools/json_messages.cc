@@ -315,6 +315,7 @@ json ToJson(const pdpb::StatsResponse& response) {
   const pdpb::ConnectionStats& c = response.connections;
   const pdpb::EngineStats& e = response.engine;
   const pdpb::RoutingStats& r = response.routing;
+  const pdpb::SchedulingStats& g = response.scheduling;
   json out{{"uptime_ms", response.uptime_ms},
            {"methods", methods},
            {"unknown_method_requests", response.unknown_method_requests},
@@ -322,7 +323,21 @@ json ToJson(const pdpb::StatsResponse& response) {
            {"has_engine", response.has_engine},
            {"routing", json{{"index_regions", r.index_regions},
                             {"index_lookups", r.index_lookups},
-                            {"walk_lookups", r.walk_lookups}}}};
+                            {"walk_lookups", r.walk_lookups}}},
+           {"scheduling", json{{"stores_unknown", g.stores_unknown},
+                               {"stores_up", g.stores_up},
+                               {"stores_disconnected", g.stores_disconnected},
+                               {"stores_down", g.stores_down},
+                               {"stores_offline", g.stores_offline},
+                               {"stores_tombstone", g.stores_tombstone},
+                               {"regions_missing_replica", g.regions_missing_replica},
+                               {"regions_on_down_store", g.regions_on_down_store},
+                               {"regions_on_offline_store", g.regions_on_offline_store},
+                               {"promote_learner", g.promote_learner},
+                               {"add_peer", g.add_peer},
+                               {"remove_peer", g.remove_peer},
+                               {"destroy_stale_replica", g.destroy_stale_replica},
+                               {"transfer_leader", g.transfer_leader}}}};
   // Without an engine of its own (etcd) there is nothing to show.
   if (response.has_engine) {
     out["engine"] = json{{"write_groups", e.write_groups},

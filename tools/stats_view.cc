@@ -147,6 +147,45 @@ std::string LabelValue(std::string_view value) {
   return out;
 }
 
+// The scheduler's figures, in the order every view lists them: how the
+// readable pages name them, and the label value of the Prometheus sample.
+struct SchedulingFigure {
+  const char* text;
+  const char* label;
+  uint64_t pdpb::SchedulingStats::*field;
+};
+
+constexpr SchedulingFigure kStoresByState[] = {
+    {"up", "up", &pdpb::SchedulingStats::stores_up},
+    {"disconnected", "disconnected", &pdpb::SchedulingStats::stores_disconnected},
+    {"down", "down", &pdpb::SchedulingStats::stores_down},
+    {"offline", "offline", &pdpb::SchedulingStats::stores_offline},
+    {"tombstone", "tombstone", &pdpb::SchedulingStats::stores_tombstone},
+    {"unknown", "unknown", &pdpb::SchedulingStats::stores_unknown},
+};
+
+constexpr SchedulingFigure kCommandsByKind[] = {
+    {"promote learner", "promote_learner", &pdpb::SchedulingStats::promote_learner},
+    {"add peer", "add_peer", &pdpb::SchedulingStats::add_peer},
+    {"remove peer", "remove_peer", &pdpb::SchedulingStats::remove_peer},
+    {"destroy stale replica", "destroy_stale_replica", &pdpb::SchedulingStats::destroy_stale_replica},
+    {"transfer leader", "transfer_leader", &pdpb::SchedulingStats::transfer_leader},
+};
+
+// The stores and regions lines, the same on both readable pages: they are
+// the state of the moment, not counters.
+std::string SchedulingState(const pdpb::SchedulingStats& g) {
+  std::string out = "stores        ";
+  for (const SchedulingFigure& f : kStoresByState) {
+    if (&f != kStoresByState) out += ", ";
+    out += Format("%s %" PRIu64, f.text, g.*f.field);
+  }
+  out += Format("\nregions       %" PRIu64 " missing a replica, %" PRIu64 " on a down store, %" PRIu64
+                " on an offline store\n",
+                g.regions_missing_replica, g.regions_on_down_store, g.regions_on_offline_store);
+  return out;
+}
+
 std::string MethodLabel(const pdpb::MethodStats& m) { return "method=\"" + LabelValue(m.method) + "\""; }
 
 }  // namespace
@@ -202,6 +241,13 @@ std::string StatsText(const pdpb::StatsResponse& s) {
   }
   out += Format("routing       %" PRIu64 " regions in the index; lookups by index %" PRIu64 ", by walk %" PRIu64 "\n",
                 s.routing.index_regions, s.routing.index_lookups, s.routing.walk_lookups);
+  out += SchedulingState(s.scheduling);
+  out += "scheduled     ";
+  for (const SchedulingFigure& f : kCommandsByKind) {
+    if (&f != kCommandsByKind) out += ", ";
+    out += Format("%s %" PRIu64, f.text, s.scheduling.*f.field);
+  }
+  out += "\n";
   return out;
 }
 
@@ -279,6 +325,19 @@ std::string StatsPrometheus(const pdpb::StatsResponse& s) {
   x.Family("routing_lookups_total", "counter", "Routing requests, by what answered them.");
   x.Sample("answered_by=\"index\"", s.routing.index_lookups);
   x.Sample("answered_by=\"walk\"", s.routing.walk_lookups);
+
+  const pdpb::SchedulingStats& g = s.scheduling;
+  x.Family("stores", "gauge", "Stores by the state the scheduler sees them in.");
+  for (const SchedulingFigure& f : kStoresByState) x.Sample(std::string("state=\"") + f.label + "\"", g.*f.field);
+  x.Family("regions_missing_replica", "gauge",
+           "Regions with fewer members than the replica target, as their leaders last reported them.");
+  x.Sample("", g.regions_missing_replica);
+  x.Family("regions_on_down_store", "gauge", "Regions with a member on a down store.");
+  x.Sample("", g.regions_on_down_store);
+  x.Family("regions_on_offline_store", "gauge", "Regions with a member on an offline store.");
+  x.Sample("", g.regions_on_offline_store);
+  x.Family("schedule_commands_total", "counter", "Scheduling commands issued in heartbeat answers, by kind.");
+  for (const SchedulingFigure& f : kCommandsByKind) x.Sample(std::string("kind=\"") + f.label + "\"", g.*f.field);
   return x.text();
 }
 
@@ -340,6 +399,13 @@ std::string StatsRates(const pdpb::StatsResponse& before_in, const pdpb::StatsRe
   out += Format("routing       %" PRIu64 " regions in the index; lookups by index %.1f/s, by walk %.1f/s\n",
                 now.routing.index_regions, rate(now.routing.index_lookups, before.routing.index_lookups),
                 rate(now.routing.walk_lookups, before.routing.walk_lookups));
+  out += SchedulingState(now.scheduling);
+  out += "scheduled     ";
+  for (const SchedulingFigure& f : kCommandsByKind) {
+    if (&f != kCommandsByKind) out += ", ";
+    out += Format("%s %.1f/s", f.text, rate(now.scheduling.*f.field, before.scheduling.*f.field));
+  }
+  out += "\n";
   return out;
 }
 

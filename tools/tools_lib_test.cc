@@ -7,6 +7,7 @@
 #include "tools/command_line.h"
 #include "tools/json_messages.h"
 #include "tools/latency.h"
+#include "tools/stats_view.h"
 #include "tools/text.h"
 
 namespace kandb::tools {
@@ -107,6 +108,95 @@ TEST(JsonMessagesTest, StrictReadingNamesTheFieldPath) {
   const json doc = ToJson(pdpb::RegionHeartbeatResponse{{{pdpb::kAddPeer, 9, 10, "h:1"}, {77, 1, 2, ""}}});
   EXPECT_EQ(doc["commands"][0]["kind"], "AddPeer");
   EXPECT_EQ(doc["commands"][1]["kind"], 77u);
+}
+
+// A server on etcd (no engine) with one method, stores in every state and
+// some repairs under way.
+pdpb::StatsResponse SchedulingStatsFixture() {
+  pdpb::StatsResponse s;
+  s.uptime_ms = 3723000;
+  s.connections = {2, 9, 0};
+  pdpb::MethodStats tso;
+  tso.method = "Pd.Tso";
+  tso.requests = 4;
+  tso.latency = {{16, 32}, {3, 1, 0}, 4, 40000};
+  s.methods.push_back(tso);
+  s.routing = {5, 7, 1};
+  s.scheduling = {1, 3, 2, 1, 1, 4, 6, 2, 1, 10, 20, 30, 40, 50};
+  return s;
+}
+
+TEST(StatsViewTest, SchedulingSectionOfTheReadablePage) {
+  EXPECT_EQ(StatsText(SchedulingStatsFixture()),
+            "uptime        1h02m03s\n"
+            "connections   open 2, accepted 9, failed accepts 0\n"
+            "\n"
+            "method                   requests   errors      mean       p50       p99\n"
+            "Pd.Tso                          4        0    10.0us  <=16.0us  <=32.0us\n"
+            "(unknown methods)               0\n"
+            "\n"
+            "engine        none of its own (the store lies on etcd)\n"
+            "routing       5 regions in the index; lookups by index 7, by walk 1\n"
+            "stores        up 3, disconnected 2, down 1, offline 1, tombstone 4, unknown 1\n"
+            "regions       6 missing a replica, 2 on a down store, 1 on an offline store\n"
+            "scheduled     promote learner 10, add peer 20, remove peer 30, destroy stale replica 40, "
+            "transfer leader 50\n");
+}
+
+TEST(StatsViewTest, SchedulingRatesShowStateNowAndCommandsPerSecond) {
+  pdpb::StatsResponse before = SchedulingStatsFixture();
+  pdpb::StatsResponse now = before;
+  now.uptime_ms += 2000;
+  now.scheduling.stores_up = 4;
+  now.scheduling.add_peer += 3;
+  now.scheduling.transfer_leader += 1;
+  const std::string page = StatsRates(before, now);
+  const std::string tail = page.substr(page.find("\nstores ") + 1);
+  EXPECT_EQ(tail,
+            "stores        up 4, disconnected 2, down 1, offline 1, tombstone 4, unknown 1\n"
+            "regions       6 missing a replica, 2 on a down store, 1 on an offline store\n"
+            "scheduled     promote learner 0.0/s, add peer 1.5/s, remove peer 0.0/s, "
+            "destroy stale replica 0.0/s, transfer leader 0.5/s\n");
+}
+
+TEST(StatsViewTest, SchedulingFamiliesInThePrometheusForm) {
+  const std::string text = StatsPrometheus(SchedulingStatsFixture());
+  ASSERT_NE(text.find("\n# HELP kandb_meta_stores "), std::string::npos) << text;
+  EXPECT_EQ(text.substr(text.find("\n# HELP kandb_meta_stores ") + 1),
+            "# HELP kandb_meta_stores Stores by the state the scheduler sees them in.\n"
+            "# TYPE kandb_meta_stores gauge\n"
+            "kandb_meta_stores{state=\"up\"} 3\n"
+            "kandb_meta_stores{state=\"disconnected\"} 2\n"
+            "kandb_meta_stores{state=\"down\"} 1\n"
+            "kandb_meta_stores{state=\"offline\"} 1\n"
+            "kandb_meta_stores{state=\"tombstone\"} 4\n"
+            "kandb_meta_stores{state=\"unknown\"} 1\n"
+            "# HELP kandb_meta_regions_missing_replica Regions with fewer members than the replica target, "
+            "as their leaders last reported them.\n"
+            "# TYPE kandb_meta_regions_missing_replica gauge\n"
+            "kandb_meta_regions_missing_replica 6\n"
+            "# HELP kandb_meta_regions_on_down_store Regions with a member on a down store.\n"
+            "# TYPE kandb_meta_regions_on_down_store gauge\n"
+            "kandb_meta_regions_on_down_store 2\n"
+            "# HELP kandb_meta_regions_on_offline_store Regions with a member on an offline store.\n"
+            "# TYPE kandb_meta_regions_on_offline_store gauge\n"
+            "kandb_meta_regions_on_offline_store 1\n"
+            "# HELP kandb_meta_schedule_commands_total Scheduling commands issued in heartbeat answers, by kind.\n"
+            "# TYPE kandb_meta_schedule_commands_total counter\n"
+            "kandb_meta_schedule_commands_total{kind=\"promote_learner\"} 10\n"
+            "kandb_meta_schedule_commands_total{kind=\"add_peer\"} 20\n"
+            "kandb_meta_schedule_commands_total{kind=\"remove_peer\"} 30\n"
+            "kandb_meta_schedule_commands_total{kind=\"destroy_stale_replica\"} 40\n"
+            "kandb_meta_schedule_commands_total{kind=\"transfer_leader\"} 50\n");
+}
+
+TEST(StatsViewTest, SchedulingInTheJsonForm) {
+  const json doc = ToJson(SchedulingStatsFixture());
+  EXPECT_EQ(doc["scheduling"], json::parse(R"({"stores_unknown": 1, "stores_up": 3, "stores_disconnected": 2,
+      "stores_down": 1, "stores_offline": 1, "stores_tombstone": 4, "regions_missing_replica": 6,
+      "regions_on_down_store": 2, "regions_on_offline_store": 1, "promote_learner": 10, "add_peer": 20,
+      "remove_peer": 30, "destroy_stale_replica": 40, "transfer_leader": 50})"));
+  EXPECT_FALSE(doc.contains("engine"));
 }
 
 TEST(LatencyHistogramTest, PercentilesStayWithinTheBucketPrecision) {
