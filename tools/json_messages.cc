@@ -42,6 +42,23 @@ json ToJson(const pdpb::ScheduleCommand& command) {
   return out;
 }
 
+// A value of a small enumeration: its name, or the number when it has none.
+json Named(uint8_t value, const char* name) { return *name != '\0' ? json(name) : json(value); }
+
+json ToJson(const pdpb::StoreLabel& label) {
+  return json{{"key", EscapeBytes(label.key)}, {"value", EscapeBytes(label.value)}};
+}
+
+json ToJson(const pdpb::StoreStats& stats) {
+  return json{{"capacity", stats.capacity},
+              {"available", stats.available},
+              {"used_size", stats.used_size},
+              {"region_count", stats.region_count},
+              {"leader_count", stats.leader_count},
+              {"sending_snap_count", stats.sending_snap_count},
+              {"receiving_snap_count", stats.receiving_snap_count}};
+}
+
 // Strict reading of one JSON object: each field is looked up by name, its
 // type and range are checked, and fields that nobody asked for are
 // reported at the end.
@@ -96,6 +113,31 @@ class ObjectReader {
   }
 
   // Reads an array field, handing each element and its path to `read`.
+  // A one-byte enumeration given by its name (as `name_of` spells it) or as
+  // a number.
+  void Named(const char* name, const char* (*name_of)(uint8_t), uint8_t* out) {
+    const json* field = Field(name);
+    if (field == nullptr) return;
+    if (field->is_string()) {
+      for (int v = 0; v <= 255; ++v) {
+        const char* candidate = name_of(static_cast<uint8_t>(v));
+        if (*candidate != '\0' && field->get_ref<const std::string&>() == candidate) {
+          *out = static_cast<uint8_t>(v);
+          return;
+        }
+      }
+    } else if (field->is_number_unsigned() && field->get<uint64_t>() <= 255) {
+      *out = static_cast<uint8_t>(field->get<uint64_t>());
+      return;
+    }
+    std::string names;
+    for (int v = 0; v <= 255; ++v) {
+      const char* candidate = name_of(static_cast<uint8_t>(v));
+      if (*candidate != '\0') names += std::string(names.empty() ? "" : ", ") + candidate;
+    }
+    status_ = Error(Path(name), "expected one of " + names + " or an integer in [0, 255]");
+  }
+
   template <class T, class ReadElement>
   void Array(const char* name, std::vector<T>* out, ReadElement read) {
     const json* field = Field(name);
@@ -166,6 +208,14 @@ class ObjectReader {
     r.Uint("id", UINT64_MAX, &out->id);
     r.Bytes("address", &out->address);
     r.Narrow("state", &out->state);
+    r.Array("labels", &out->labels, [](const json& v, const std::string& p, pdpb::StoreLabel* label) {
+      ObjectReader l(v, p);
+      l.Bytes("key", &label->key);
+      l.Bytes("value", &label->value);
+      return l.Finish();
+    });
+    r.Named("node_state", NodeStateName, &out->node_state);
+    r.Uint("first_heartbeat_ms", UINT64_MAX, &out->first_heartbeat_ms);
     return r.Finish();
   }
   static Status Read(const json& value, const std::string& path, pdpb::Region* out) {
@@ -220,12 +270,51 @@ const char* ScheduleKindName(uint32_t kind) {
   }
 }
 
+const char* StoreStateName(uint8_t state) {
+  switch (state) {
+    case pdpb::kStoreUnknown:
+      return "unknown";
+    case pdpb::kStoreUp:
+      return "up";
+    case pdpb::kStoreDisconnected:
+      return "disconnected";
+    case pdpb::kStoreDown:
+      return "down";
+    case pdpb::kStoreOffline:
+      return "offline";
+    case pdpb::kStoreTombstone:
+      return "tombstone";
+    default:
+      return "";
+  }
+}
+
+const char* NodeStateName(uint8_t node_state) {
+  switch (node_state) {
+    case pdpb::kNodeServing:
+      return "serving";
+    case pdpb::kNodeOffline:
+      return "offline";
+    case pdpb::kNodeTombstone:
+      return "tombstone";
+    default:
+      return "";
+  }
+}
+
 json ToJson(const pdpb::Peer& peer) {
   return json{{"id", peer.id}, {"store_id", peer.store_id}, {"role", peer.role}};
 }
 
 json ToJson(const pdpb::Store& store) {
-  return json{{"id", store.id}, {"address", EscapeBytes(store.address)}, {"state", store.state}};
+  json labels = json::array();
+  for (const pdpb::StoreLabel& label : store.labels) labels.push_back(ToJson(label));
+  return json{{"id", store.id},
+              {"address", EscapeBytes(store.address)},
+              {"state", store.state},
+              {"labels", labels},
+              {"node_state", Named(store.node_state, NodeStateName(store.node_state))},
+              {"first_heartbeat_ms", store.first_heartbeat_ms}};
 }
 
 json ToJson(const pdpb::Region& region) {
@@ -291,6 +380,26 @@ json ToJson(const pdpb::RegionHeartbeatResponse& response) {
   json commands = json::array();
   for (const pdpb::ScheduleCommand& command : response.commands) commands.push_back(ToJson(command));
   return json{{"commands", commands}};
+}
+
+json ToJson(const pdpb::StoreInfo& info) {
+  return json{{"store", ToJson(info.store)},
+              {"state", Named(info.state, StoreStateName(info.state))},
+              {"stats", ToJson(info.stats)},
+              {"last_heartbeat_ms", info.last_heartbeat_ms},
+              {"replicas", info.replicas}};
+}
+
+json ToJson(const pdpb::GetStoreResponse& response) { return json{{"store", ToJson(response.store)}}; }
+
+json ToJson(const pdpb::GetAllStoresResponse& response) {
+  json stores = json::array();
+  for (const pdpb::StoreInfo& info : response.stores) stores.push_back(ToJson(info));
+  return json{{"stores", stores}};
+}
+
+json ToJson(const pdpb::RemoveStoreResponse& response) {
+  return json{{"state", Named(response.state, StoreStateName(response.state))}};
 }
 
 json ToJson(const pdpb::LatencyHistogram& histogram) {

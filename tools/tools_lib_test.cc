@@ -79,6 +79,15 @@ TEST(JsonMessagesTest, RequestsRoundTripWithEscapedKeys) {
   ASSERT_TRUE(s.ok()) << s.ToString();
   EXPECT_EQ(back, request);
 
+  // A store record with what its store heartbeats added survives too.
+  request.store.labels = {{"zone", "z\x01"}, {"host", "h1"}};
+  request.store.node_state = pdpb::kNodeOffline;
+  request.store.first_heartbeat_ms = 1700000000123;
+  pdpb::BootstrapRequest labelled;
+  s = FromJson(json::parse(ToJson(request).dump()), &labelled);
+  ASSERT_TRUE(s.ok()) << s.ToString();
+  EXPECT_EQ(labelled, request);
+
   pdpb::RegionHeartbeatRequest heartbeat{4, {{9, {4, 6}, {5}, {6}}}, {7, 8}};
   pdpb::RegionHeartbeatRequest heartbeat_back;
   ASSERT_TRUE(FromJson(json::parse(ToJson(heartbeat).dump()), &heartbeat_back).ok());
@@ -96,6 +105,11 @@ TEST(JsonMessagesTest, StrictReadingNamesTheFieldPath) {
       {R"({"extra_regions": {}})", "extra_regions: expected an array"},
       {R"({"region": {"id": 1, "peer": []}})", "region.peer: unknown field"},
       {R"([1])", "request: expected an object"},
+      {R"({"store": {"labels": [{"key": "zone", "val": "z1"}]}})", "store.labels[0].val: unknown field"},
+      {R"({"store": {"node_state": "gone"}})",
+       "store.node_state: expected one of serving, offline, tombstone or an integer in [0, 255]"},
+      {R"({"store": {"node_state": 256}})",
+       "store.node_state: expected one of serving, offline, tombstone or an integer in [0, 255]"},
   };
   for (const auto& [text, message] : cases) {
     pdpb::BootstrapRequest request;
@@ -197,6 +211,37 @@ TEST(StatsViewTest, SchedulingInTheJsonForm) {
       "regions_on_down_store": 2, "regions_on_offline_store": 1, "promote_learner": 10, "add_peer": 20,
       "remove_peer": 30, "destroy_stale_replica": 40, "transfer_leader": 50})"));
   EXPECT_FALSE(doc.contains("engine"));
+}
+
+TEST(JsonMessagesTest, StoresWithStatesByNameAndTheirLoad) {
+  pdpb::StoreInfo info;
+  info.store = {7, "10.0.0.7:20160", 0, {{"zone", "z1"}}, pdpb::kNodeOffline, 1700000000000};
+  info.state = pdpb::kStoreOffline;
+  info.stats = {1000, 400, 600, 12, 5, 1, 2};
+  info.last_heartbeat_ms = 1700000005000;
+  info.replicas = 11;
+  const json expected = json::parse(R"({
+      "store": {"id": 7, "address": "10.0.0.7:20160", "state": 0, "labels": [{"key": "zone", "value": "z1"}],
+                "node_state": "offline", "first_heartbeat_ms": 1700000000000},
+      "state": "offline",
+      "stats": {"capacity": 1000, "available": 400, "used_size": 600, "region_count": 12, "leader_count": 5,
+                "sending_snap_count": 1, "receiving_snap_count": 2},
+      "last_heartbeat_ms": 1700000005000,
+      "replicas": 11})");
+  EXPECT_EQ(ToJson(pdpb::GetStoreResponse{info}), json({{"store", expected}}));
+
+  // States without a name stay numbers.
+  pdpb::StoreInfo odd;
+  odd.state = 9;
+  odd.store.node_state = 7;
+  const json all = ToJson(pdpb::GetAllStoresResponse{{info, odd}});
+  ASSERT_EQ(all["stores"].size(), 2u);
+  EXPECT_EQ(all["stores"][0], expected);
+  EXPECT_EQ(all["stores"][1]["state"], 9);
+  EXPECT_EQ(all["stores"][1]["store"]["node_state"], 7);
+  EXPECT_EQ(all["stores"][1]["store"]["labels"], json::array());
+  EXPECT_EQ(ToJson(pdpb::GetAllStoresResponse{}), json::parse(R"({"stores": []})"));
+  EXPECT_EQ(ToJson(pdpb::RemoveStoreResponse{pdpb::kStoreTombstone}), json::parse(R"({"state": "tombstone"})"));
 }
 
 TEST(LatencyHistogramTest, PercentilesStayWithinTheBucketPrecision) {
