@@ -8,6 +8,7 @@
 #include "tools/json_messages.h"
 #include "tools/latency.h"
 #include "tools/stats_view.h"
+#include "tools/store_view.h"
 #include "tools/text.h"
 
 namespace kandb::tools {
@@ -242,6 +243,74 @@ TEST(JsonMessagesTest, StoresWithStatesByNameAndTheirLoad) {
   EXPECT_EQ(all["stores"][1]["store"]["labels"], json::array());
   EXPECT_EQ(ToJson(pdpb::GetAllStoresResponse{}), json::parse(R"({"stores": []})"));
   EXPECT_EQ(ToJson(pdpb::RemoveStoreResponse{pdpb::kStoreTombstone}), json::parse(R"({"state": "tombstone"})"));
+}
+
+// Two stores: one that reports (a minute and a half ago, by `kNow`), one
+// known only from its record.
+constexpr uint64_t kNow = 1700000090000;
+
+pdpb::StoreInfo ReportingStore() {
+  pdpb::StoreInfo info;
+  info.store = {1, "127.0.0.1:20160", 0, {{"zone", "z1"}, {"host", "h\x01"}}, pdpb::kNodeServing, 1700000000123};
+  info.state = pdpb::kStoreDisconnected;
+  info.stats = {100ULL << 30, 80ULL << 30, 20ULL << 30, 12, 4, 1, 0};
+  info.last_heartbeat_ms = kNow - 90000;
+  info.replicas = 11;
+  return info;
+}
+
+pdpb::StoreInfo SilentStore() {
+  pdpb::StoreInfo info;
+  info.store = {4, "10.0.0.4:20160", 0, {}, pdpb::kNodeOffline, 0};
+  info.state = pdpb::kStoreOffline;
+  info.replicas = 2;
+  return info;
+}
+
+TEST(StoreViewTest, OneLinePerStore) {
+  EXPECT_EQ(StoreLine(ReportingStore(), kNow),
+            "store 1 disconnected address \"127.0.0.1:20160\" labels zone=z1,host=h\\x01 replicas 11 regions 12 "
+            "leaders 4 available 80.0 GiB/100.0 GiB heartbeat 1m30s ago");
+  EXPECT_EQ(StoreLine(SilentStore(), kNow),
+            "store 4 offline address \"10.0.0.4:20160\" labels - replicas 2 regions - leaders - available - "
+            "heartbeat none");
+  // A heartbeat stamped ahead of the reader's clock is not a negative age.
+  const std::string early = StoreLine(ReportingStore(), kNow - 100000);
+  EXPECT_EQ(early.substr(early.rfind(" heartbeat ")), " heartbeat 0s ago");
+  for (auto [state, text] : {std::pair<uint8_t, const char*>{pdpb::kStoreUnknown, "unknown"},
+                             {pdpb::kStoreUp, "up"},
+                             {pdpb::kStoreDown, "down"},
+                             {pdpb::kStoreTombstone, "tombstone"},
+                             {6, "state 6"}}) {
+    EXPECT_EQ(StoreStateText(state), text);
+  }
+}
+
+TEST(StoreViewTest, PageOfOneStore) {
+  EXPECT_EQ(StorePage(ReportingStore(), kNow),
+            "store            1\n"
+            "state            disconnected\n"
+            "address          \"127.0.0.1:20160\"\n"
+            "labels           zone=z1,host=h\\x01\n"
+            "node state       serving\n"
+            "replicas         11 in region records\n"
+            "regions          12 reported, leading 4\n"
+            "capacity         100.0 GiB (107374182400 bytes)\n"
+            "available        80.0 GiB (85899345920 bytes)\n"
+            "used             20.0 GiB (21474836480 bytes)\n"
+            "snapshots        sending 1, receiving 0\n"
+            "first heartbeat  2023-11-14T22:13:20.123Z\n"
+            "last heartbeat   2023-11-14T22:13:20.000Z, 1m30s ago\n");
+  EXPECT_EQ(StorePage(SilentStore(), kNow),
+            "store            4\n"
+            "state            offline\n"
+            "address          \"10.0.0.4:20160\"\n"
+            "labels           -\n"
+            "node state       offline\n"
+            "replicas         2 in region records\n"
+            "load             not reported to this server\n"
+            "first heartbeat  none\n"
+            "last heartbeat   none since this server took over\n");
 }
 
 TEST(LatencyHistogramTest, PercentilesStayWithinTheBucketPrecision) {
