@@ -68,7 +68,9 @@ Status CommandLine::Store(Option* option, const std::string& value) {
 
 std::string CommandLine::Usage() const {
   std::string text = "usage: " + command_ + " [options]";
-  if (positional_ != nullptr) {
+  if (!synopsis_.empty()) {
+    text += " " + synopsis_;
+  } else if (positional_ != nullptr) {
     text += " ";
     text += positional_min_ == 0 ? "[" + positional_name_ + "]" : positional_name_;
     if (positional_max_ > 1) text += "...";

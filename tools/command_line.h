@@ -41,6 +41,9 @@ class CommandLine {
   // Arguments that are not options, between `min` and `max` of them.
   void SetPositional(const std::string& name, std::vector<std::string>* target, size_t min,
                      size_t max, const std::string& help);
+  // What the usage line shows after "[options]" in place of the positional
+  // name, for arguments with a shape of their own ("[remove] ID").
+  void SetSynopsis(std::string text) { synopsis_ = std::move(text); }
   // Free text printed after the option list (examples, formats).
   void SetEpilogue(std::string text) { epilogue_ = std::move(text); }
 
@@ -75,6 +78,7 @@ class CommandLine {
   std::vector<std::string>* positional_ = nullptr;
   size_t positional_min_ = 0;
   size_t positional_max_ = 0;
+  std::string synopsis_;
   std::string epilogue_;
 };
 

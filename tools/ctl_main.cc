@@ -1,7 +1,8 @@
 // kandb-meta-ctl: the operator's client of the placement-driver server, one
-// subcommand per method. Output is readable by default and JSON with
-// --json; a failed call prints the failure (the server's own text for a
-// remote error) on standard error and exits with status 1.
+// subcommand per method (`store` has two: show and remove). Output is
+// readable by default and JSON with --json; a failed call prints the
+// failure (the server's own text for a remote error) on standard error and
+// exits with status 1.
 
 #include <signal.h>
 #include <time.h>
@@ -29,6 +30,7 @@
 #include "tools/describe.h"
 #include "tools/json_messages.h"
 #include "tools/stats_view.h"
+#include "tools/store_view.h"
 #include "tools/text.h"
 
 namespace kandb::tools {
@@ -450,6 +452,97 @@ int RunHeartbeat(const std::vector<std::string>& args) {
   return kExitOk;
 }
 
+// The wall clock in milliseconds, against which heartbeat ages are shown.
+uint64_t NowMillis() {
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                   std::chrono::system_clock::now().time_since_epoch())
+                                   .count());
+}
+
+int RunStores(const std::vector<std::string>& args) {
+  const std::string command = CommandName("stores");
+  Common c;
+  bool exclude_tombstones = false;
+  CommandLine cl(command,
+                 "Lists the stores, one line each: state, address, labels, replicas, load and the age "
+                 "of the last store heartbeat (Pd.GetAllStores).");
+  cl.AddSwitch("exclude-tombstones", &exclude_tombstones, "leave out the stores that were removed");
+  AddCommon(&cl, &c, false);
+  cl.SetEpilogue(
+      "A line reads (wrapped here)\n"
+      "  store 1 up address \"127.0.0.1:20160\" labels zone=z1,host=h1 replicas 12 regions 12 leaders 4\n"
+      "  available 80.0 GiB/100.0 GiB heartbeat 3s ago\n"
+      "States: up, disconnected (silent for a while: gets no new replicas), down (silent too long:\n"
+      "its replicas are replaced), offline (being removed), tombstone (removed), unknown (has never\n"
+      "sent a store heartbeat). replicas counts the region records that place a replica on the\n"
+      "store; regions, leaders and the space are what the store last reported, '-' before its\n"
+      "first report to this server.\n");
+  if (int rc = cl.Parse(args, stdout, stderr); rc >= 0) return rc;
+  pdpb::GetAllStoresRequest request;
+  request.exclude_tombstones = exclude_tombstones;
+  pdpb::GetAllStoresResponse response;
+  if (int rc = CallServer(c, "Pd.GetAllStores", request, &response); rc >= 0) return rc;
+  if (c.json) {
+    PrintJson(ToJson(response));
+    return kExitOk;
+  }
+  if (response.stores.empty()) std::printf("no stores\n");
+  const uint64_t now_ms = NowMillis();
+  for (const pdpb::StoreInfo& info : response.stores) std::printf("%s\n", StoreLine(info, now_ms).c_str());
+  return kExitOk;
+}
+
+int RunStore(const std::vector<std::string>& args) {
+  const std::string command = CommandName("store");
+  Common c;
+  std::vector<std::string> words;
+  CommandLine cl(command,
+                 "Shows one store in detail (Pd.GetStore), or takes it out of the cluster "
+                 "(Pd.RemoveStore).");
+  cl.SetPositional("ID", &words, 1, 2, "the store's id");
+  cl.SetSynopsis("[remove] ID");
+  AddCommon(&cl, &c, false);
+  cl.SetEpilogue(
+      "  store ID         shows the store: state, address, labels, node state, replicas, the load it\n"
+      "                   last reported and its heartbeat times\n"
+      "  store remove ID  takes the store out of the cluster and prints the state it is in then:\n"
+      "                   offline while its replicas move to other stores, or tombstone at once\n"
+      "                   when it holds none\n");
+  if (int rc = cl.Parse(args, stdout, stderr); rc >= 0) return rc;
+  const bool remove = words[0] == "remove";
+  if (remove && words.size() == 1) return UsageError(command, "missing ID");
+  if (!remove && words.size() == 2) return UsageError(command, "unexpected argument '" + words[1] + "'");
+  uint64_t id = 0;
+  Status s = ParseUint(words.back(), UINT64_MAX, &id);
+  if (!s.ok()) return UsageError(command, "ID: " + s.message());
+
+  if (remove) {
+    pdpb::RemoveStoreRequest request;
+    request.store_id = id;
+    pdpb::RemoveStoreResponse response;
+    if (int rc = CallServer(c, "Pd.RemoveStore", request, &response); rc >= 0) return rc;
+    if (c.json) {
+      PrintJson(ToJson(response));
+      return kExitOk;
+    }
+    std::string what = StoreStateText(response.state);
+    if (response.state == pdpb::kStoreOffline) what += ": being removed, its replicas move to other stores";
+    if (response.state == pdpb::kStoreTombstone) what += ": removed, it held no replica";
+    std::printf("store %llu %s\n", static_cast<unsigned long long>(id), what.c_str());
+    return kExitOk;
+  }
+  pdpb::GetStoreRequest request;
+  request.store_id = id;
+  pdpb::GetStoreResponse response;
+  if (int rc = CallServer(c, "Pd.GetStore", request, &response); rc >= 0) return rc;
+  if (c.json) {
+    PrintJson(ToJson(response));
+  } else {
+    std::fputs(StorePage(response.store, NowMillis()).c_str(), stdout);
+  }
+  return kExitOk;
+}
+
 // Set by SIGINT while `stats --watch` runs.
 volatile std::sig_atomic_t interrupted = 0;
 
@@ -509,7 +602,8 @@ int RunStats(const std::vector<std::string>& args) {
   std::string watch;
   CommandLine cl(command,
                  "Shows the server's live statistics: requests, errors and latencies per method, "
-                 "connections, the storage engine and routing, counted since the server started (Pd.Stats).");
+                 "connections, the storage engine, routing, and the scheduler's stores, repairs and commands "
+                 "(Pd.Stats).");
   cl.AddSwitch("prometheus", &prometheus, "print in the Prometheus text exposition format");
   cl.AddString("watch", &watch, "redraw the rates every VALUE, an interval such as 1s or 500ms, until Ctrl-C");
   AddCommon(&cl, &c, false);
@@ -552,6 +646,8 @@ const Subcommand kSubcommands[] = {
     {"get-region", "route a key to its region", RunGetRegion},
     {"upsert-region", "write or delete region records", RunUpsertRegion},
     {"heartbeat", "send a region heartbeat, print the scheduling commands", RunHeartbeat},
+    {"stores", "list the stores: state, address, labels, load", RunStores},
+    {"store", "show one store (ID), or take it out of the cluster (remove ID)", RunStore},
     {"stats", "show live statistics (also --prometheus, --watch 1s)", RunStats},
 };
 

@@ -272,6 +272,15 @@ TEST_F(CtlTest, BadCommandLinesAndDocumentsExitTwoWithoutCallingTheServer) {
       {{"stats", "--watch", "1s", "--prometheus"},
        "kandb-meta-ctl stats: --watch cannot be combined with --json or --prometheus\n"},
       {{"stats", "--watch", "0s"}, "kandb-meta-ctl stats: --watch: the interval must be positive\n"},
+      {{"stores", "7"}, "kandb-meta-ctl stores: unexpected argument '7'\n"},
+      {{"store"}, "kandb-meta-ctl store: missing ID\n"},
+      {{"store", "--json", "remove"}, "kandb-meta-ctl store: missing ID\n"},
+      {{"store", "x7"}, "kandb-meta-ctl store: ID: not a number: 'x7'\n"},
+      {{"store", "remove", "-1"}, "kandb-meta-ctl store: ID: not a number: '-1'\n"},
+      {{"store", "18446744073709551616"},
+       "kandb-meta-ctl store: ID: out of range (max 18446744073709551615): '18446744073709551616'\n"},
+      {{"store", "5", "remove"}, "kandb-meta-ctl store: unexpected argument 'remove'\n"},
+      {{"store", "remove", "5", "6"}, "kandb-meta-ctl store: unexpected argument '6'\n"},
   };
   for (const auto& [args, message] : cases) {
     ProgramResult r = Ctl(args[0], std::vector<std::string>(args.begin() + 1, args.end()));
@@ -309,12 +318,15 @@ TEST_F(CtlTest, BadCommandLinesAndDocumentsExitTwoWithoutCallingTheServer) {
 }
 
 TEST(CtlHelpTest, EverySubcommandHasHelp) {
-  for (const char* sub : {"tso", "alloc-id", "bootstrap", "get-region", "upsert-region", "heartbeat", "stats"}) {
+  for (const char* sub :
+       {"tso", "alloc-id", "bootstrap", "get-region", "upsert-region", "heartbeat", "stores", "store", "stats"}) {
     ProgramResult help = RunProgram({KANDB_META_CTL_BINARY, sub, "--help"});
     EXPECT_EQ(ExitCode(help), 0) << sub;
     EXPECT_EQ(help.out.rfind(std::string("usage: kandb-meta-ctl ") + sub + " [options]", 0), 0u) << help.out;
     EXPECT_NE(help.out.find("--json"), std::string::npos) << sub;
   }
+  ProgramResult help = RunProgram({KANDB_META_CTL_BINARY, "store", "--help"});
+  EXPECT_EQ(help.out.substr(0, help.out.find('\n')), "usage: kandb-meta-ctl store [options] [remove] ID");
 }
 
 }  // namespace

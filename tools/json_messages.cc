@@ -42,6 +42,23 @@ json ToJson(const pdpb::ScheduleCommand& command) {
   return out;
 }
 
+// A value of a small enumeration: its name, or the number when it has none.
+json Named(uint8_t value, const char* name) { return *name != '\0' ? json(name) : json(value); }
+
+json ToJson(const pdpb::StoreLabel& label) {
+  return json{{"key", EscapeBytes(label.key)}, {"value", EscapeBytes(label.value)}};
+}
+
+json ToJson(const pdpb::StoreStats& stats) {
+  return json{{"capacity", stats.capacity},
+              {"available", stats.available},
+              {"used_size", stats.used_size},
+              {"region_count", stats.region_count},
+              {"leader_count", stats.leader_count},
+              {"sending_snap_count", stats.sending_snap_count},
+              {"receiving_snap_count", stats.receiving_snap_count}};
+}
+
 // Strict reading of one JSON object: each field is looked up by name, its
 // type and range are checked, and fields that nobody asked for are
 // reported at the end.
@@ -96,6 +113,31 @@ class ObjectReader {
   }
 
   // Reads an array field, handing each element and its path to `read`.
+  // A one-byte enumeration given by its name (as `name_of` spells it) or as
+  // a number.
+  void Named(const char* name, const char* (*name_of)(uint8_t), uint8_t* out) {
+    const json* field = Field(name);
+    if (field == nullptr) return;
+    if (field->is_string()) {
+      for (int v = 0; v <= 255; ++v) {
+        const char* candidate = name_of(static_cast<uint8_t>(v));
+        if (*candidate != '\0' && field->get_ref<const std::string&>() == candidate) {
+          *out = static_cast<uint8_t>(v);
+          return;
+        }
+      }
+    } else if (field->is_number_unsigned() && field->get<uint64_t>() <= 255) {
+      *out = static_cast<uint8_t>(field->get<uint64_t>());
+      return;
+    }
+    std::string names;
+    for (int v = 0; v <= 255; ++v) {
+      const char* candidate = name_of(static_cast<uint8_t>(v));
+      if (*candidate != '\0') names += std::string(names.empty() ? "" : ", ") + candidate;
+    }
+    status_ = Error(Path(name), "expected one of " + names + " or an integer in [0, 255]");
+  }
+
   template <class T, class ReadElement>
   void Array(const char* name, std::vector<T>* out, ReadElement read) {
     const json* field = Field(name);
@@ -166,6 +208,14 @@ class ObjectReader {
     r.Uint("id", UINT64_MAX, &out->id);
     r.Bytes("address", &out->address);
     r.Narrow("state", &out->state);
+    r.Array("labels", &out->labels, [](const json& v, const std::string& p, pdpb::StoreLabel* label) {
+      ObjectReader l(v, p);
+      l.Bytes("key", &label->key);
+      l.Bytes("value", &label->value);
+      return l.Finish();
+    });
+    r.Named("node_state", NodeStateName, &out->node_state);
+    r.Uint("first_heartbeat_ms", UINT64_MAX, &out->first_heartbeat_ms);
     return r.Finish();
   }
   static Status Read(const json& value, const std::string& path, pdpb::Region* out) {
@@ -220,12 +270,51 @@ const char* ScheduleKindName(uint32_t kind) {
   }
 }
 
+const char* StoreStateName(uint8_t state) {
+  switch (state) {
+    case pdpb::kStoreUnknown:
+      return "unknown";
+    case pdpb::kStoreUp:
+      return "up";
+    case pdpb::kStoreDisconnected:
+      return "disconnected";
+    case pdpb::kStoreDown:
+      return "down";
+    case pdpb::kStoreOffline:
+      return "offline";
+    case pdpb::kStoreTombstone:
+      return "tombstone";
+    default:
+      return "";
+  }
+}
+
+const char* NodeStateName(uint8_t node_state) {
+  switch (node_state) {
+    case pdpb::kNodeServing:
+      return "serving";
+    case pdpb::kNodeOffline:
+      return "offline";
+    case pdpb::kNodeTombstone:
+      return "tombstone";
+    default:
+      return "";
+  }
+}
+
 json ToJson(const pdpb::Peer& peer) {
   return json{{"id", peer.id}, {"store_id", peer.store_id}, {"role", peer.role}};
 }
 
 json ToJson(const pdpb::Store& store) {
-  return json{{"id", store.id}, {"address", EscapeBytes(store.address)}, {"state", store.state}};
+  json labels = json::array();
+  for (const pdpb::StoreLabel& label : store.labels) labels.push_back(ToJson(label));
+  return json{{"id", store.id},
+              {"address", EscapeBytes(store.address)},
+              {"state", store.state},
+              {"labels", labels},
+              {"node_state", Named(store.node_state, NodeStateName(store.node_state))},
+              {"first_heartbeat_ms", store.first_heartbeat_ms}};
 }
 
 json ToJson(const pdpb::Region& region) {
@@ -293,6 +382,26 @@ json ToJson(const pdpb::RegionHeartbeatResponse& response) {
   return json{{"commands", commands}};
 }
 
+json ToJson(const pdpb::StoreInfo& info) {
+  return json{{"store", ToJson(info.store)},
+              {"state", Named(info.state, StoreStateName(info.state))},
+              {"stats", ToJson(info.stats)},
+              {"last_heartbeat_ms", info.last_heartbeat_ms},
+              {"replicas", info.replicas}};
+}
+
+json ToJson(const pdpb::GetStoreResponse& response) { return json{{"store", ToJson(response.store)}}; }
+
+json ToJson(const pdpb::GetAllStoresResponse& response) {
+  json stores = json::array();
+  for (const pdpb::StoreInfo& info : response.stores) stores.push_back(ToJson(info));
+  return json{{"stores", stores}};
+}
+
+json ToJson(const pdpb::RemoveStoreResponse& response) {
+  return json{{"state", Named(response.state, StoreStateName(response.state))}};
+}
+
 json ToJson(const pdpb::LatencyHistogram& histogram) {
   return json{{"bounds_micros", UintArray(histogram.bounds_micros)},
               {"counts", UintArray(histogram.counts)},
@@ -315,6 +424,7 @@ json ToJson(const pdpb::StatsResponse& response) {
   const pdpb::ConnectionStats& c = response.connections;
   const pdpb::EngineStats& e = response.engine;
   const pdpb::RoutingStats& r = response.routing;
+  const pdpb::SchedulingStats& g = response.scheduling;
   json out{{"uptime_ms", response.uptime_ms},
            {"methods", methods},
            {"unknown_method_requests", response.unknown_method_requests},
@@ -322,7 +432,21 @@ json ToJson(const pdpb::StatsResponse& response) {
            {"has_engine", response.has_engine},
            {"routing", json{{"index_regions", r.index_regions},
                             {"index_lookups", r.index_lookups},
-                            {"walk_lookups", r.walk_lookups}}}};
+                            {"walk_lookups", r.walk_lookups}}},
+           {"scheduling", json{{"stores_unknown", g.stores_unknown},
+                               {"stores_up", g.stores_up},
+                               {"stores_disconnected", g.stores_disconnected},
+                               {"stores_down", g.stores_down},
+                               {"stores_offline", g.stores_offline},
+                               {"stores_tombstone", g.stores_tombstone},
+                               {"regions_missing_replica", g.regions_missing_replica},
+                               {"regions_on_down_store", g.regions_on_down_store},
+                               {"regions_on_offline_store", g.regions_on_offline_store},
+                               {"promote_learner", g.promote_learner},
+                               {"add_peer", g.add_peer},
+                               {"remove_peer", g.remove_peer},
+                               {"destroy_stale_replica", g.destroy_stale_replica},
+                               {"transfer_leader", g.transfer_leader}}}};
   // Without an engine of its own (etcd) there is nothing to show.
   if (response.has_engine) {
     out["engine"] = json{{"write_groups", e.write_groups},

@@ -6,7 +6,10 @@
 // the messages; byte strings (keys, addresses) are JSON strings in the
 // escaped form of EscapeBytes, so any byte survives the round trip;
 // numbers are JSON integers. A schedule command's kind is written as its
-// name ("AddPeer"), or as the number when it has none.
+// name ("AddPeer"), or as the number when it has none; a store's state and
+// node_state as their names in lower case ("up", "serving"), as the
+// readable output shows them, or as the number when they have none. Reading
+// takes either form for node_state.
 //
 // Reading is strict: an unknown field, a value of the wrong type or out of
 // range fails with InvalidArgument naming the field's path, e.g.
@@ -35,6 +38,10 @@ nlohmann::json ToJson(const pdpb::UpsertRegionRequest& request);
 nlohmann::json ToJson(const pdpb::UpsertRegionResponse& response);
 nlohmann::json ToJson(const pdpb::RegionHeartbeatRequest& request);
 nlohmann::json ToJson(const pdpb::RegionHeartbeatResponse& response);
+nlohmann::json ToJson(const pdpb::StoreInfo& info);
+nlohmann::json ToJson(const pdpb::GetStoreResponse& response);
+nlohmann::json ToJson(const pdpb::GetAllStoresResponse& response);
+nlohmann::json ToJson(const pdpb::RemoveStoreResponse& response);
 // The live statistics; "engine" is left out when has_engine is false.
 // last_fault is escaped like every byte string.
 nlohmann::json ToJson(const pdpb::StatsResponse& response);
@@ -50,6 +57,14 @@ Status FromJson(const nlohmann::json& json, pdpb::RegionHeartbeatRequest* out);
 // "PromoteLearner", "AddPeer", "RemovePeer", "DestroyStaleReplica",
 // "TransferLeader", or "" for any other kind.
 const char* ScheduleKindName(uint32_t kind);
+
+// The state the service sees a store in (StoreInfo.state): "unknown",
+// "up", "disconnected", "down", "offline", "tombstone", or "" for any
+// other value.
+const char* StoreStateName(uint8_t state);
+// What the operator decided about a store (Store.node_state): "serving",
+// "offline", "tombstone", or "" for any other value.
+const char* NodeStateName(uint8_t node_state);
 
 // Parses `text` as a JSON document. The library's parse error becomes an
 // InvalidArgument status carrying its message; nothing is thrown.

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/text.h"
+
 namespace kandb::tools {
 
 namespace {
@@ -27,22 +29,6 @@ std::string Duration(double nanos) {
   if (nanos < 1e6) return Format("%.1fus", nanos / 1e3);
   if (nanos < 1e9) return Format("%.2fms", nanos / 1e6);
   return Format("%.2fs", nanos / 1e9);
-}
-
-// "1h02m03s", "2m05s", "7s".
-std::string Uptime(uint64_t ms) {
-  const uint64_t s = ms / 1000;
-  if (s >= 3600) return Format("%" PRIu64 "h%02" PRIu64 "m%02" PRIu64 "s", s / 3600, s / 60 % 60, s % 60);
-  if (s >= 60) return Format("%" PRIu64 "m%02" PRIu64 "s", s / 60, s % 60);
-  return Format("%" PRIu64 "s", s);
-}
-
-// "512 B", "12.3 KiB", "4.5 MiB", "1.2 GiB".
-std::string Bytes(double bytes) {
-  if (bytes < 1024) return Format("%.0f B", bytes);
-  if (bytes < 1024.0 * 1024) return Format("%.1f KiB", bytes / 1024);
-  if (bytes < 1024.0 * 1024 * 1024) return Format("%.1f MiB", bytes / (1024.0 * 1024));
-  return Format("%.1f GiB", bytes / (1024.0 * 1024 * 1024));
 }
 
 std::string Mean(uint64_t sum_nanos, uint64_t count) {
@@ -161,6 +147,45 @@ std::string LabelValue(std::string_view value) {
   return out;
 }
 
+// The scheduler's figures, in the order every view lists them: how the
+// readable pages name them, and the label value of the Prometheus sample.
+struct SchedulingFigure {
+  const char* text;
+  const char* label;
+  uint64_t pdpb::SchedulingStats::*field;
+};
+
+constexpr SchedulingFigure kStoresByState[] = {
+    {"up", "up", &pdpb::SchedulingStats::stores_up},
+    {"disconnected", "disconnected", &pdpb::SchedulingStats::stores_disconnected},
+    {"down", "down", &pdpb::SchedulingStats::stores_down},
+    {"offline", "offline", &pdpb::SchedulingStats::stores_offline},
+    {"tombstone", "tombstone", &pdpb::SchedulingStats::stores_tombstone},
+    {"unknown", "unknown", &pdpb::SchedulingStats::stores_unknown},
+};
+
+constexpr SchedulingFigure kCommandsByKind[] = {
+    {"promote learner", "promote_learner", &pdpb::SchedulingStats::promote_learner},
+    {"add peer", "add_peer", &pdpb::SchedulingStats::add_peer},
+    {"remove peer", "remove_peer", &pdpb::SchedulingStats::remove_peer},
+    {"destroy stale replica", "destroy_stale_replica", &pdpb::SchedulingStats::destroy_stale_replica},
+    {"transfer leader", "transfer_leader", &pdpb::SchedulingStats::transfer_leader},
+};
+
+// The stores and regions lines, the same on both readable pages: they are
+// the state of the moment, not counters.
+std::string SchedulingState(const pdpb::SchedulingStats& g) {
+  std::string out = "stores        ";
+  for (const SchedulingFigure& f : kStoresByState) {
+    if (&f != kStoresByState) out += ", ";
+    out += Format("%s %" PRIu64, f.text, g.*f.field);
+  }
+  out += Format("\nregions       %" PRIu64 " missing a replica, %" PRIu64 " on a down store, %" PRIu64
+                " on an offline store\n",
+                g.regions_missing_replica, g.regions_on_down_store, g.regions_on_offline_store);
+  return out;
+}
+
 std::string MethodLabel(const pdpb::MethodStats& m) { return "method=\"" + LabelValue(m.method) + "\""; }
 
 }  // namespace
@@ -177,7 +202,7 @@ const char* StatusCodeName(uint32_t code) {
 
 std::string StatsText(const pdpb::StatsResponse& s) {
   std::string out;
-  out += Format("uptime        %s\n", Uptime(s.uptime_ms).c_str());
+  out += Format("uptime        %s\n", FormatElapsed(s.uptime_ms).c_str());
   out += Format("connections   open %" PRIu64 ", accepted %" PRIu64 ", failed accepts %" PRIu64 "\n",
                 s.connections.open, s.connections.accepted, s.connections.failed_accepts);
   out += Format("\n%-20s %12s %8s %9s %9s %9s\n", "method", "requests", "errors", "mean", "p50", "p99");
@@ -201,12 +226,12 @@ std::string StatsText(const pdpb::StatsResponse& s) {
     out += Format("write groups  %" PRIu64 ", batches %" PRIu64 " (%.2f per group, at most %" PRIu64 ")\n",
                   e.write_groups, e.batches, per_group, e.max_group_size);
     out += Format("log           %s written, %" PRIu64 " fdatasyncs, mean %s, p99 %s\n",
-                  Bytes(static_cast<double>(e.log_bytes)).c_str(), e.syncs,
+                  FormatBytes(static_cast<double>(e.log_bytes)).c_str(), e.syncs,
                   Mean(e.sync_latency.sum_nanos, e.sync_latency.count).c_str(),
                   Quantile(e.sync_latency, 0.99).c_str());
     out += Format("memtables     %s, %" PRIu64 " waiting for flush\n",
-                  Bytes(static_cast<double>(e.memtable_bytes)).c_str(), e.immutable_memtables);
-    out += Format("table files   %" PRIu64 ", %s\n", e.table_files, Bytes(static_cast<double>(e.table_bytes)).c_str());
+                  FormatBytes(static_cast<double>(e.memtable_bytes)).c_str(), e.immutable_memtables);
+    out += Format("table files   %" PRIu64 ", %s\n", e.table_files, FormatBytes(static_cast<double>(e.table_bytes)).c_str());
     out += Format("flushes       %" PRIu64 " in %s, compactions %" PRIu64 " in %s\n", e.flushes,
                   Duration(static_cast<double>(e.flush_nanos)).c_str(), e.compactions,
                   Duration(static_cast<double>(e.compaction_nanos)).c_str());
@@ -216,6 +241,13 @@ std::string StatsText(const pdpb::StatsResponse& s) {
   }
   out += Format("routing       %" PRIu64 " regions in the index; lookups by index %" PRIu64 ", by walk %" PRIu64 "\n",
                 s.routing.index_regions, s.routing.index_lookups, s.routing.walk_lookups);
+  out += SchedulingState(s.scheduling);
+  out += "scheduled     ";
+  for (const SchedulingFigure& f : kCommandsByKind) {
+    if (&f != kCommandsByKind) out += ", ";
+    out += Format("%s %" PRIu64, f.text, s.scheduling.*f.field);
+  }
+  out += "\n";
   return out;
 }
 
@@ -293,6 +325,19 @@ std::string StatsPrometheus(const pdpb::StatsResponse& s) {
   x.Family("routing_lookups_total", "counter", "Routing requests, by what answered them.");
   x.Sample("answered_by=\"index\"", s.routing.index_lookups);
   x.Sample("answered_by=\"walk\"", s.routing.walk_lookups);
+
+  const pdpb::SchedulingStats& g = s.scheduling;
+  x.Family("stores", "gauge", "Stores by the state the scheduler sees them in.");
+  for (const SchedulingFigure& f : kStoresByState) x.Sample(std::string("state=\"") + f.label + "\"", g.*f.field);
+  x.Family("regions_missing_replica", "gauge",
+           "Regions with fewer members than the replica target, as their leaders last reported them.");
+  x.Sample("", g.regions_missing_replica);
+  x.Family("regions_on_down_store", "gauge", "Regions with a member on a down store.");
+  x.Sample("", g.regions_on_down_store);
+  x.Family("regions_on_offline_store", "gauge", "Regions with a member on an offline store.");
+  x.Sample("", g.regions_on_offline_store);
+  x.Family("schedule_commands_total", "counter", "Scheduling commands issued in heartbeat answers, by kind.");
+  for (const SchedulingFigure& f : kCommandsByKind) x.Sample(std::string("kind=\"") + f.label + "\"", g.*f.field);
   return x.text();
 }
 
@@ -306,7 +351,7 @@ std::string StatsRates(const pdpb::StatsResponse& before_in, const pdpb::StatsRe
   };
 
   std::string out;
-  out += Format("uptime %s, rates over the last %.1f s\n", Uptime(now.uptime_ms).c_str(), seconds);
+  out += Format("uptime %s, rates over the last %.1f s\n", FormatElapsed(now.uptime_ms).c_str(), seconds);
   out += Format("connections   open %" PRIu64 ", accepted %.1f/s, failed accepts %.1f/s\n", now.connections.open,
                 rate(now.connections.accepted, before.connections.accepted),
                 rate(now.connections.failed_accepts, before.connections.failed_accepts));
@@ -339,11 +384,11 @@ std::string StatsRates(const pdpb::StatsResponse& before_in, const pdpb::StatsRe
                   rate(e.batches, b.batches),
                   groups == 0 ? 0.0 : static_cast<double>(batches) / static_cast<double>(groups));
     out += Format("log           %s/s, fdatasyncs %.1f/s, mean %s, p99 %s\n",
-                  Bytes(rate(e.log_bytes, b.log_bytes)).c_str(), rate(e.syncs, b.syncs),
+                  FormatBytes(rate(e.log_bytes, b.log_bytes)).c_str(), rate(e.syncs, b.syncs),
                   Mean(sync.sum_nanos, sync.count).c_str(), Quantile(sync, 0.99).c_str());
     out += Format("memtables     %s, %" PRIu64 " waiting; table files %" PRIu64 ", %s\n",
-                  Bytes(static_cast<double>(e.memtable_bytes)).c_str(), e.immutable_memtables, e.table_files,
-                  Bytes(static_cast<double>(e.table_bytes)).c_str());
+                  FormatBytes(static_cast<double>(e.memtable_bytes)).c_str(), e.immutable_memtables, e.table_files,
+                  FormatBytes(static_cast<double>(e.table_bytes)).c_str());
     out += Format("faults        %" PRIu64 " new (%" PRIu64 " since start)\n",
                   (e.disk_full_faults + e.sync_faults + e.other_faults) -
                       std::min(e.disk_full_faults + e.sync_faults + e.other_faults,
@@ -354,6 +399,13 @@ std::string StatsRates(const pdpb::StatsResponse& before_in, const pdpb::StatsRe
   out += Format("routing       %" PRIu64 " regions in the index; lookups by index %.1f/s, by walk %.1f/s\n",
                 now.routing.index_regions, rate(now.routing.index_lookups, before.routing.index_lookups),
                 rate(now.routing.walk_lookups, before.routing.walk_lookups));
+  out += SchedulingState(now.scheduling);
+  out += "scheduled     ";
+  for (const SchedulingFigure& f : kCommandsByKind) {
+    if (&f != kCommandsByKind) out += ", ";
+    out += Format("%s %.1f/s", f.text, rate(now.scheduling.*f.field, before.scheduling.*f.field));
+  }
+  out += "\n";
   return out;
 }
 

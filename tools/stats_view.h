@@ -2,7 +2,8 @@
 #define KANDB_TOOLS_STATS_VIEW_H_
 
 // How kandb-meta-ctl shows the server's live statistics ("Pd.Stats"): a
-// readable page of the counters since start, the Prometheus text
+// readable page of the counters since start (and of the scheduler's view of
+// the stores and regions at the moment), the Prometheus text
 // exposition format for a textfile collector, and the page of rates over
 // an interval that `stats --watch` redraws.
 

@@ -75,6 +75,35 @@ std::string FormatUtcMillis(uint64_t millis) {
   return text;
 }
 
+std::string FormatElapsed(uint64_t millis) {
+  const unsigned long long s = millis / 1000;
+  char text[64];
+  if (s >= 3600) {
+    std::snprintf(text, sizeof(text), "%lluh%02llum%02llus", s / 3600, s / 60 % 60, s % 60);
+  } else if (s >= 60) {
+    std::snprintf(text, sizeof(text), "%llum%02llus", s / 60, s % 60);
+  } else {
+    std::snprintf(text, sizeof(text), "%llus", s);
+  }
+  return text;
+}
+
+std::string FormatBytes(double bytes) {
+  char text[64];
+  if (bytes < 1024) {
+    std::snprintf(text, sizeof(text), "%.0f B", bytes);
+  } else if (bytes < 1024.0 * 1024) {
+    std::snprintf(text, sizeof(text), "%.1f KiB", bytes / 1024);
+  } else if (bytes < 1024.0 * 1024 * 1024) {
+    std::snprintf(text, sizeof(text), "%.1f MiB", bytes / (1024.0 * 1024));
+  } else if (bytes < 1024.0 * 1024 * 1024 * 1024) {
+    std::snprintf(text, sizeof(text), "%.1f GiB", bytes / (1024.0 * 1024 * 1024));
+  } else {
+    std::snprintf(text, sizeof(text), "%.1f TiB", bytes / (1024.0 * 1024 * 1024 * 1024));
+  }
+  return text;
+}
+
 Status ParseUint(std::string_view text, uint64_t max, uint64_t* out) {
   std::string quoted(1, '\'');
   quoted.append(text);

@@ -34,6 +34,13 @@ TsoParts SplitTso(uint64_t timestamp);
 // "2023-11-14T22:13:20.123Z" (UTC, milliseconds).
 std::string FormatUtcMillis(uint64_t millis);
 
+// "1h02m03s", "2m05s", "7s": a span of milliseconds in whole seconds,
+// rounded down.
+std::string FormatElapsed(uint64_t millis);
+// "512 B", "12.3 KiB", "4.5 MiB", "1.2 GiB", "3.5 TiB" (binary units, one
+// decimal).
+std::string FormatBytes(double bytes);
+
 // A whole decimal number in [0, max], nothing else around it.
 // InvalidArgument "not a number: 'TEXT'" or "out of range (max MAX): 'TEXT'".
 Status ParseUint(std::string_view text, uint64_t max, uint64_t* out);

@@ -7,6 +7,8 @@
 #include "tools/command_line.h"
 #include "tools/json_messages.h"
 #include "tools/latency.h"
+#include "tools/stats_view.h"
+#include "tools/store_view.h"
 #include "tools/text.h"
 
 namespace kandb::tools {
@@ -52,6 +54,20 @@ TEST(TextTest, NumberAndDurationLimits) {
   EXPECT_EQ(FormatUtcMillis(1700000000123), "2023-11-14T22:13:20.123Z");
 }
 
+TEST(TextTest, HumanUnitsStepAtEachBinaryPrefixAndWholeSeconds) {
+  const std::pair<double, const char*> sizes[] = {
+      {0, "0 B"},           {1023, "1023 B"},       {1024, "1.0 KiB"},
+      {1536, "1.5 KiB"},    {1048576, "1.0 MiB"},   {1073741824.0 * 80, "80.0 GiB"},
+      {1099511627776.0 * 3.5, "3.5 TiB"},
+  };
+  for (const auto& [bytes, text] : sizes) EXPECT_EQ(FormatBytes(bytes), text) << bytes;
+  EXPECT_EQ(FormatElapsed(999), "0s");
+  EXPECT_EQ(FormatElapsed(59999), "59s");
+  EXPECT_EQ(FormatElapsed(125000), "2m05s");
+  EXPECT_EQ(FormatElapsed(3723000), "1h02m03s");
+  EXPECT_EQ(FormatElapsed(100 * 3600000ULL), "100h00m00s");
+}
+
 TEST(JsonMessagesTest, RequestsRoundTripWithEscapedKeys) {
   pdpb::BootstrapRequest request;
   request.store = {1, "127.0.0.1:20160", 2};
@@ -63,6 +79,15 @@ TEST(JsonMessagesTest, RequestsRoundTripWithEscapedKeys) {
   Status s = FromJson(json::parse(doc.dump()), &back);
   ASSERT_TRUE(s.ok()) << s.ToString();
   EXPECT_EQ(back, request);
+
+  // A store record with what its store heartbeats added survives too.
+  request.store.labels = {{"zone", "z\x01"}, {"host", "h1"}};
+  request.store.node_state = pdpb::kNodeOffline;
+  request.store.first_heartbeat_ms = 1700000000123;
+  pdpb::BootstrapRequest labelled;
+  s = FromJson(json::parse(ToJson(request).dump()), &labelled);
+  ASSERT_TRUE(s.ok()) << s.ToString();
+  EXPECT_EQ(labelled, request);
 
   pdpb::RegionHeartbeatRequest heartbeat{4, {{9, {4, 6}, {5}, {6}}}, {7, 8}};
   pdpb::RegionHeartbeatRequest heartbeat_back;
@@ -81,6 +106,11 @@ TEST(JsonMessagesTest, StrictReadingNamesTheFieldPath) {
       {R"({"extra_regions": {}})", "extra_regions: expected an array"},
       {R"({"region": {"id": 1, "peer": []}})", "region.peer: unknown field"},
       {R"([1])", "request: expected an object"},
+      {R"({"store": {"labels": [{"key": "zone", "val": "z1"}]}})", "store.labels[0].val: unknown field"},
+      {R"({"store": {"node_state": "gone"}})",
+       "store.node_state: expected one of serving, offline, tombstone or an integer in [0, 255]"},
+      {R"({"store": {"node_state": 256}})",
+       "store.node_state: expected one of serving, offline, tombstone or an integer in [0, 255]"},
   };
   for (const auto& [text, message] : cases) {
     pdpb::BootstrapRequest request;
@@ -93,6 +123,194 @@ TEST(JsonMessagesTest, StrictReadingNamesTheFieldPath) {
   const json doc = ToJson(pdpb::RegionHeartbeatResponse{{{pdpb::kAddPeer, 9, 10, "h:1"}, {77, 1, 2, ""}}});
   EXPECT_EQ(doc["commands"][0]["kind"], "AddPeer");
   EXPECT_EQ(doc["commands"][1]["kind"], 77u);
+}
+
+// A server on etcd (no engine) with one method, stores in every state and
+// some repairs under way.
+pdpb::StatsResponse SchedulingStatsFixture() {
+  pdpb::StatsResponse s;
+  s.uptime_ms = 3723000;
+  s.connections = {2, 9, 0};
+  pdpb::MethodStats tso;
+  tso.method = "Pd.Tso";
+  tso.requests = 4;
+  tso.latency = {{16, 32}, {3, 1, 0}, 4, 40000};
+  s.methods.push_back(tso);
+  s.routing = {5, 7, 1};
+  s.scheduling = {1, 3, 2, 1, 1, 4, 6, 2, 1, 10, 20, 30, 40, 50};
+  return s;
+}
+
+TEST(StatsViewTest, SchedulingSectionOfTheReadablePage) {
+  EXPECT_EQ(StatsText(SchedulingStatsFixture()),
+            "uptime        1h02m03s\n"
+            "connections   open 2, accepted 9, failed accepts 0\n"
+            "\n"
+            "method                   requests   errors      mean       p50       p99\n"
+            "Pd.Tso                          4        0    10.0us  <=16.0us  <=32.0us\n"
+            "(unknown methods)               0\n"
+            "\n"
+            "engine        none of its own (the store lies on etcd)\n"
+            "routing       5 regions in the index; lookups by index 7, by walk 1\n"
+            "stores        up 3, disconnected 2, down 1, offline 1, tombstone 4, unknown 1\n"
+            "regions       6 missing a replica, 2 on a down store, 1 on an offline store\n"
+            "scheduled     promote learner 10, add peer 20, remove peer 30, destroy stale replica 40, "
+            "transfer leader 50\n");
+}
+
+TEST(StatsViewTest, SchedulingRatesShowStateNowAndCommandsPerSecond) {
+  pdpb::StatsResponse before = SchedulingStatsFixture();
+  pdpb::StatsResponse now = before;
+  now.uptime_ms += 2000;
+  now.scheduling.stores_up = 4;
+  now.scheduling.add_peer += 3;
+  now.scheduling.transfer_leader += 1;
+  const std::string page = StatsRates(before, now);
+  const std::string tail = page.substr(page.find("\nstores ") + 1);
+  EXPECT_EQ(tail,
+            "stores        up 4, disconnected 2, down 1, offline 1, tombstone 4, unknown 1\n"
+            "regions       6 missing a replica, 2 on a down store, 1 on an offline store\n"
+            "scheduled     promote learner 0.0/s, add peer 1.5/s, remove peer 0.0/s, "
+            "destroy stale replica 0.0/s, transfer leader 0.5/s\n");
+}
+
+TEST(StatsViewTest, SchedulingFamiliesInThePrometheusForm) {
+  const std::string text = StatsPrometheus(SchedulingStatsFixture());
+  ASSERT_NE(text.find("\n# HELP kandb_meta_stores "), std::string::npos) << text;
+  EXPECT_EQ(text.substr(text.find("\n# HELP kandb_meta_stores ") + 1),
+            "# HELP kandb_meta_stores Stores by the state the scheduler sees them in.\n"
+            "# TYPE kandb_meta_stores gauge\n"
+            "kandb_meta_stores{state=\"up\"} 3\n"
+            "kandb_meta_stores{state=\"disconnected\"} 2\n"
+            "kandb_meta_stores{state=\"down\"} 1\n"
+            "kandb_meta_stores{state=\"offline\"} 1\n"
+            "kandb_meta_stores{state=\"tombstone\"} 4\n"
+            "kandb_meta_stores{state=\"unknown\"} 1\n"
+            "# HELP kandb_meta_regions_missing_replica Regions with fewer members than the replica target, "
+            "as their leaders last reported them.\n"
+            "# TYPE kandb_meta_regions_missing_replica gauge\n"
+            "kandb_meta_regions_missing_replica 6\n"
+            "# HELP kandb_meta_regions_on_down_store Regions with a member on a down store.\n"
+            "# TYPE kandb_meta_regions_on_down_store gauge\n"
+            "kandb_meta_regions_on_down_store 2\n"
+            "# HELP kandb_meta_regions_on_offline_store Regions with a member on an offline store.\n"
+            "# TYPE kandb_meta_regions_on_offline_store gauge\n"
+            "kandb_meta_regions_on_offline_store 1\n"
+            "# HELP kandb_meta_schedule_commands_total Scheduling commands issued in heartbeat answers, by kind.\n"
+            "# TYPE kandb_meta_schedule_commands_total counter\n"
+            "kandb_meta_schedule_commands_total{kind=\"promote_learner\"} 10\n"
+            "kandb_meta_schedule_commands_total{kind=\"add_peer\"} 20\n"
+            "kandb_meta_schedule_commands_total{kind=\"remove_peer\"} 30\n"
+            "kandb_meta_schedule_commands_total{kind=\"destroy_stale_replica\"} 40\n"
+            "kandb_meta_schedule_commands_total{kind=\"transfer_leader\"} 50\n");
+}
+
+TEST(StatsViewTest, SchedulingInTheJsonForm) {
+  const json doc = ToJson(SchedulingStatsFixture());
+  EXPECT_EQ(doc["scheduling"], json::parse(R"({"stores_unknown": 1, "stores_up": 3, "stores_disconnected": 2,
+      "stores_down": 1, "stores_offline": 1, "stores_tombstone": 4, "regions_missing_replica": 6,
+      "regions_on_down_store": 2, "regions_on_offline_store": 1, "promote_learner": 10, "add_peer": 20,
+      "remove_peer": 30, "destroy_stale_replica": 40, "transfer_leader": 50})"));
+  EXPECT_FALSE(doc.contains("engine"));
+}
+
+TEST(JsonMessagesTest, StoresWithStatesByNameAndTheirLoad) {
+  pdpb::StoreInfo info;
+  info.store = {7, "10.0.0.7:20160", 0, {{"zone", "z1"}}, pdpb::kNodeOffline, 1700000000000};
+  info.state = pdpb::kStoreOffline;
+  info.stats = {1000, 400, 600, 12, 5, 1, 2};
+  info.last_heartbeat_ms = 1700000005000;
+  info.replicas = 11;
+  const json expected = json::parse(R"({
+      "store": {"id": 7, "address": "10.0.0.7:20160", "state": 0, "labels": [{"key": "zone", "value": "z1"}],
+                "node_state": "offline", "first_heartbeat_ms": 1700000000000},
+      "state": "offline",
+      "stats": {"capacity": 1000, "available": 400, "used_size": 600, "region_count": 12, "leader_count": 5,
+                "sending_snap_count": 1, "receiving_snap_count": 2},
+      "last_heartbeat_ms": 1700000005000,
+      "replicas": 11})");
+  EXPECT_EQ(ToJson(pdpb::GetStoreResponse{info}), json({{"store", expected}}));
+
+  // States without a name stay numbers.
+  pdpb::StoreInfo odd;
+  odd.state = 9;
+  odd.store.node_state = 7;
+  const json all = ToJson(pdpb::GetAllStoresResponse{{info, odd}});
+  ASSERT_EQ(all["stores"].size(), 2u);
+  EXPECT_EQ(all["stores"][0], expected);
+  EXPECT_EQ(all["stores"][1]["state"], 9);
+  EXPECT_EQ(all["stores"][1]["store"]["node_state"], 7);
+  EXPECT_EQ(all["stores"][1]["store"]["labels"], json::array());
+  EXPECT_EQ(ToJson(pdpb::GetAllStoresResponse{}), json::parse(R"({"stores": []})"));
+  EXPECT_EQ(ToJson(pdpb::RemoveStoreResponse{pdpb::kStoreTombstone}), json::parse(R"({"state": "tombstone"})"));
+}
+
+// Two stores: one that reports (a minute and a half ago, by `kNow`), one
+// known only from its record.
+constexpr uint64_t kNow = 1700000090000;
+
+pdpb::StoreInfo ReportingStore() {
+  pdpb::StoreInfo info;
+  info.store = {1, "127.0.0.1:20160", 0, {{"zone", "z1"}, {"host", "h\x01"}}, pdpb::kNodeServing, 1700000000123};
+  info.state = pdpb::kStoreDisconnected;
+  info.stats = {100ULL << 30, 80ULL << 30, 20ULL << 30, 12, 4, 1, 0};
+  info.last_heartbeat_ms = kNow - 90000;
+  info.replicas = 11;
+  return info;
+}
+
+pdpb::StoreInfo SilentStore() {
+  pdpb::StoreInfo info;
+  info.store = {4, "10.0.0.4:20160", 0, {}, pdpb::kNodeOffline, 0};
+  info.state = pdpb::kStoreOffline;
+  info.replicas = 2;
+  return info;
+}
+
+TEST(StoreViewTest, OneLinePerStore) {
+  EXPECT_EQ(StoreLine(ReportingStore(), kNow),
+            "store 1 disconnected address \"127.0.0.1:20160\" labels zone=z1,host=h\\x01 replicas 11 regions 12 "
+            "leaders 4 available 80.0 GiB/100.0 GiB heartbeat 1m30s ago");
+  EXPECT_EQ(StoreLine(SilentStore(), kNow),
+            "store 4 offline address \"10.0.0.4:20160\" labels - replicas 2 regions - leaders - available - "
+            "heartbeat none");
+  // A heartbeat stamped ahead of the reader's clock is not a negative age.
+  const std::string early = StoreLine(ReportingStore(), kNow - 100000);
+  EXPECT_EQ(early.substr(early.rfind(" heartbeat ")), " heartbeat 0s ago");
+  for (auto [state, text] : {std::pair<uint8_t, const char*>{pdpb::kStoreUnknown, "unknown"},
+                             {pdpb::kStoreUp, "up"},
+                             {pdpb::kStoreDown, "down"},
+                             {pdpb::kStoreTombstone, "tombstone"},
+                             {6, "state 6"}}) {
+    EXPECT_EQ(StoreStateText(state), text);
+  }
+}
+
+TEST(StoreViewTest, PageOfOneStore) {
+  EXPECT_EQ(StorePage(ReportingStore(), kNow),
+            "store            1\n"
+            "state            disconnected\n"
+            "address          \"127.0.0.1:20160\"\n"
+            "labels           zone=z1,host=h\\x01\n"
+            "node state       serving\n"
+            "replicas         11 in region records\n"
+            "regions          12 reported, leading 4\n"
+            "capacity         100.0 GiB (107374182400 bytes)\n"
+            "available        80.0 GiB (85899345920 bytes)\n"
+            "used             20.0 GiB (21474836480 bytes)\n"
+            "snapshots        sending 1, receiving 0\n"
+            "first heartbeat  2023-11-14T22:13:20.123Z\n"
+            "last heartbeat   2023-11-14T22:13:20.000Z, 1m30s ago\n");
+  EXPECT_EQ(StorePage(SilentStore(), kNow),
+            "store            4\n"
+            "state            offline\n"
+            "address          \"10.0.0.4:20160\"\n"
+            "labels           -\n"
+            "node state       offline\n"
+            "replicas         2 in region records\n"
+            "load             not reported to this server\n"
+            "first heartbeat  none\n"
+            "last heartbeat   none since this server took over\n");
 }
 
 TEST(LatencyHistogramTest, PercentilesStayWithinTheBucketPrecision) {
