@@ -495,5 +495,77 @@ TEST_F(PdTest, StaleReplicasAndLeaderBalancing) {
   EXPECT_TRUE(Heartbeat(1, {Entry(9, {1, 4}, {4})}).empty());  // store 1 leads 1 now
 }
 
+// Store heartbeats: the first one registers the store and makes the cluster
+// scheduled by what stores report; the record keeps the address, labels and
+// the operator's removal across a restart, the statistics stay in memory;
+// a removed store is Offline while it holds replicas, Tombstone once it
+// holds none, and refused from then on.
+TEST_F(PdTest, StoreHeartbeatsStatesAndRemoval) {
+  PutStores({1, 2, 3});
+  Put(RegionKey(50), pdpb::Encode(MakeRegion(50, "", "", {1, 3})));
+  Reopen(3);
+  // No store takes part yet: the first store in key order, as always.
+  EXPECT_EQ(Heartbeat(1, {Entry(50, {1, 3})}), (Cmds{Cmd(pdpb::kAddPeer, 50, 2, MakeStore(2).address)}));
+
+  pdpb::StoreHeartbeatRequest hb;
+  hb.store.id = 4;
+  hb.store.address = "10.0.0.4:20160";
+  hb.store.labels = {{"zone", "z3"}};
+  hb.stats.capacity = 100;
+  hb.stats.available = 90;
+  pdpb::StoreHeartbeatResponse state;
+  ASSERT_TRUE(service_->StoreHeartbeat(hb, &state).ok());
+  EXPECT_EQ(state.state, pdpb::kStoreUp);
+  pdpb::Store record;
+  const std::string stored = Get(StoreKey(4));
+  ASSERT_TRUE(pdpb::Decode(stored.size(), stored.data(), &record));
+  EXPECT_EQ(record.labels, hb.store.labels);
+  EXPECT_NE(record.first_heartbeat_ms, 0u);
+  EXPECT_EQ(Get(StoreKey(1)), pdpb::Encode(MakeStore(1)));  // the others untouched
+
+  // Now by score: store 2 holds nothing and never reported, store 4 has
+  // room; 3 holds a replica. The change in flight is repeated, not redone.
+  Cmds first = Heartbeat(1, {Entry(60, {1})});
+  ASSERT_EQ(first.size(), 1u);
+  EXPECT_EQ(first[0].kind, pdpb::kAddPeer);
+  EXPECT_NE(first[0].store_id, 3u);
+  EXPECT_EQ(Heartbeat(1, {Entry(60, {1})}), first);
+
+  pdpb::GetStoreResponse one;
+  ASSERT_TRUE(service_->GetStore(pdpb::GetStoreRequest{4}, &one).ok());
+  EXPECT_EQ(one.store.state, pdpb::kStoreUp);
+  EXPECT_EQ(one.store.stats, hb.stats);
+  EXPECT_NE(one.store.last_heartbeat_ms, 0u);
+  EXPECT_EQ(service_->GetStore(pdpb::GetStoreRequest{9}, &one).ToString(), "NotFound: store 9 not found");
+  pdpb::GetAllStoresResponse all;
+  ASSERT_TRUE(service_->GetAllStores(pdpb::GetAllStoresRequest{}, &all).ok());
+  ASSERT_EQ(all.stores.size(), 4u);
+  EXPECT_EQ(all.stores[2].store.id, 3u);
+  EXPECT_EQ(all.stores[2].state, pdpb::kStoreUnknown);
+  EXPECT_EQ(all.stores[2].replicas, 1u);
+
+  // Removal: store 3 still holds region 50's replica, store 4 nothing.
+  pdpb::RemoveStoreResponse removed;
+  ASSERT_TRUE(service_->RemoveStore(pdpb::RemoveStoreRequest{3}, &removed).ok());
+  EXPECT_EQ(removed.state, pdpb::kStoreOffline);
+  ASSERT_TRUE(service_->RemoveStore(pdpb::RemoveStoreRequest{4}, &removed).ok());
+  EXPECT_EQ(removed.state, pdpb::kStoreTombstone);
+  EXPECT_EQ(service_->StoreHeartbeat(hb, &state).ToString(), "InvalidArgument: store 4 is removed (tombstone)");
+  EXPECT_EQ(service_->RemoveStore(pdpb::RemoveStoreRequest{8}, &removed).ToString(), "NotFound: store 8 not found");
+
+  // The removal and the labels outlive a restart; the statistics do not.
+  Reopen(3);
+  ASSERT_TRUE(service_->GetStore(pdpb::GetStoreRequest{3}, &one).ok());
+  EXPECT_EQ(one.store.state, pdpb::kStoreOffline);
+  // Store 3's replica moves away: once the record no longer lists it, its
+  // next heartbeat finds it empty and makes it Tombstone.
+  Put(RegionKey(50), pdpb::Encode(MakeRegion(50, "", "", {1, 2})));
+  hb.store = MakeStore(3);
+  ASSERT_TRUE(service_->StoreHeartbeat(hb, &state).ok());
+  EXPECT_EQ(state.state, pdpb::kStoreTombstone);
+  ASSERT_TRUE(service_->GetAllStores(pdpb::GetAllStoresRequest{true}, &all).ok());
+  EXPECT_EQ(all.stores.size(), 2u);  // 1 and 2; 3 and 4 are gone
+}
+
 }  // namespace
 }  // namespace kandb::meta
