@@ -205,7 +205,24 @@ Status PdService::Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapRe
     // A store registering on an existing cluster. The answer waits for the
     // write like every other: a registration acknowledged but never written
     // would be lost at the next restart, with the store believing it done.
-    s = store_->Put({{StoreKey(req.store.id), pdpb::Encode(req.store)}});
+    // What a store heartbeat or the operator recorded stays: a removed
+    // store that registers again on its restart must not come back, nor
+    // lose its place in the failure domains. A record without those fields
+    // (a cluster whose stores never send store heartbeats) is replaced by
+    // the caller's as it is.
+    MutexLock lock(&store_record_mutex_);
+    pdpb::Store record = req.store;
+    std::string value;
+    bool found = false;
+    s = store_->Get(StoreKey(req.store.id), &value, &found);
+    if (!s.ok()) return s;
+    pdpb::Store known;
+    if (found && pdpb::Decode(value.size(), value.data(), &known)) {
+      record.node_state = known.node_state;
+      record.first_heartbeat_ms = known.first_heartbeat_ms;
+      if (record.labels.empty()) record.labels = known.labels;
+    }
+    s = store_->Put({{StoreKey(req.store.id), pdpb::Encode(record)}});
     if (!s.ok()) return s;
     resp->already_bootstrapped = true;
     return Status::OK();

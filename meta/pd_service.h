@@ -102,7 +102,8 @@ class PdService {
 
   // Records the first store and regions, or on an existing cluster only the
   // caller's store record. Fails when the write fails, in both cases.
-  Status Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapResponse* resp);
+  Status Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapResponse* resp)
+      EXCLUDES(store_record_mutex_);
   // The first region in key order of its record that covers `key`, its
   // first peer as leader, and the store records of its peers. Answered by
   // the routing index when the records form a clean partition of the key

@@ -501,6 +501,7 @@ TEST_F(PdTest, StaleReplicasAndLeaderBalancing) {
 // a removed store is Offline while it holds replicas, Tombstone once it
 // holds none, and refused from then on.
 TEST_F(PdTest, StoreHeartbeatsStatesAndRemoval) {
+  Put(kBootstrappedKey, "1");
   PutStores({1, 2, 3});
   Put(RegionKey(50), pdpb::Encode(MakeRegion(50, "", "", {1, 3})));
   Reopen(3);
@@ -553,8 +554,12 @@ TEST_F(PdTest, StoreHeartbeatsStatesAndRemoval) {
   EXPECT_EQ(service_->StoreHeartbeat(hb, &state).ToString(), "InvalidArgument: store 4 is removed (tombstone)");
   EXPECT_EQ(service_->RemoveStore(pdpb::RemoveStoreRequest{8}, &removed).ToString(), "NotFound: store 8 not found");
 
-  // The removal and the labels outlive a restart; the statistics do not.
+  // The removal and the labels outlive a restart, and a store registering
+  // again on its own restart; the statistics do not.
   Reopen(3);
+  pdpb::BootstrapResponse registered;
+  ASSERT_TRUE(service_->Bootstrap(pdpb::BootstrapRequest{MakeStore(3), MakeRegion(1, "", "", {3}), {}}, &registered).ok());
+  ASSERT_TRUE(registered.already_bootstrapped);
   ASSERT_TRUE(service_->GetStore(pdpb::GetStoreRequest{3}, &one).ok());
   EXPECT_EQ(one.store.state, pdpb::kStoreOffline);
   // Store 3's replica moves away: once the record no longer lists it, its
