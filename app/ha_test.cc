@@ -874,6 +874,68 @@ TEST_F(HaTest, TakeoverAtScaleServesOnceTheLeaseRunsOut) {
               follower_mib, read_ms.c_str());
 }
 
+// Store heartbeats on the replicated server: what a store heartbeat and a
+// removal persist (labels, the removal) is in etcd and outlives a
+// takeover; the statistics are learned again from the stores by the new
+// leader, which counts every store silent only from its own start.
+TEST_F(HaTest, StoresAcrossATakeover) {
+  testing::EtcdCluster etcd(dir_);
+  ASSERT_TRUE(etcd.Start(1));
+  testing::HaServers servers(KANDB_META_HA_BINARY, etcd.UrlList(), "stores", kLeaseMs);
+  ASSERT_TRUE(servers.Start(2));
+  const std::string targets = servers.AddressList();
+  Bootstrap(targets);
+  store::EtcdClient client(etcd.Endpoints(), 1000);
+  kanrpc::RpcClient c(targets, Options(5));
+  // Retried across the takeover: the client follows the leader.
+  auto call = [&c](const std::string& method, const auto& req, auto* resp) {
+    Status s;
+    for (const int64_t end = SteadyMs() + 20000; SteadyMs() < end; SleepMs(50)) {
+      s = c.Call(method, req, resp);
+      if (s.ok() || s.message().find("not found") != std::string::npos) break;
+    }
+    return s;
+  };
+
+  pdpb::StoreHeartbeatRequest hb;
+  hb.store.id = 7;
+  hb.store.address = "127.0.0.1:20167";
+  hb.store.labels = {{"zone", "z2"}, {"host", "h7"}};
+  hb.stats.capacity = 1000;
+  hb.stats.available = 600;
+  hb.stats.region_count = 3;
+  pdpb::StoreHeartbeatResponse state;
+  ASSERT_TRUE(call("Pd.StoreHeartbeat", hb, &state).ok());
+  EXPECT_EQ(state.state, pdpb::kStoreUp);
+  pdpb::GetStoreResponse got;
+  ASSERT_TRUE(call("Pd.GetStore", pdpb::GetStoreRequest{7}, &got).ok());
+  EXPECT_EQ(got.store.stats, hb.stats);
+  pdpb::RemoveStoreResponse removed;
+  ASSERT_TRUE(call("Pd.RemoveStore", pdpb::RemoveStoreRequest{1}, &removed).ok());
+  EXPECT_EQ(removed.state, pdpb::kStoreTombstone);  // its bootstrap region has no peers
+
+  const int leader = servers.WaitLeader(&client, 10000);
+  ASSERT_GE(leader, 0);
+  servers.Kill(leader);
+  ASSERT_TRUE(call("Pd.GetStore", pdpb::GetStoreRequest{7}, &got).ok());
+  EXPECT_EQ(got.store.store.labels, hb.store.labels);
+  EXPECT_EQ(got.store.store.address, hb.store.address);
+  EXPECT_EQ(got.store.state, pdpb::kStoreUp);
+  EXPECT_EQ(got.store.stats, pdpb::StoreStats{});
+  EXPECT_EQ(got.store.last_heartbeat_ms, 0u);
+  pdpb::GetAllStoresResponse all;
+  ASSERT_TRUE(call("Pd.GetAllStores", pdpb::GetAllStoresRequest{}, &all).ok());
+  ASSERT_EQ(all.stores.size(), 2u);
+  EXPECT_EQ(all.stores[0].state, pdpb::kStoreTombstone);
+  ASSERT_TRUE(call("Pd.StoreHeartbeat", hb, &state).ok());
+  ASSERT_TRUE(call("Pd.GetStore", pdpb::GetStoreRequest{7}, &got).ok());
+  EXPECT_EQ(got.store.stats, hb.stats);
+  pdpb::StoreHeartbeatRequest gone;
+  gone.store.id = 1;
+  EXPECT_EQ(c.Call("Pd.StoreHeartbeat", gone, &state).message(),
+            "remote: InvalidArgument: store 1 is removed (tombstone)");
+}
+
 // One etcd member lost: service goes on. Two lost: requests fail with a
 // clear status. Both back: service resumes and nothing acknowledged is lost.
 TEST_F(HaTest, LossOfEtcdMembers) {
