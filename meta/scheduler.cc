@@ -246,6 +246,7 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
 
   const size_t target = options_.target_replicas;
   auto add = [&]() {
+    mu_.AssertHeld();  // called below, within HealOne
     const uint64_t chosen = ChooseTarget(members, keep, view, order, now);
     if (chosen == 0) return false;
     const std::string& address = view->at(chosen).record->address;
