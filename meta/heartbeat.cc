@@ -155,7 +155,7 @@ Status PdService::RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
   }
 
   BalanceLeaders(req, stores.size(), unwell, transferred, &answer);
-  scheduler_.CountIssued(answer.commands);
+  scheduler_.CountIssued(answer.commands, informed);
   *resp = std::move(answer);
   return Status::OK();
 }
@@ -165,34 +165,56 @@ void PdService::BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t c
                                pdpb::RegionHeartbeatResponse* resp) {
   MutexLock lock(&heartbeat_mutex_);
   for (const RegionHeartbeatEntry& entry : req.regions) {
-    heartbeat_marks_[entry.region_id] = req.store_id;
+    auto [mark, fresh] = heartbeat_marks_.try_emplace(entry.region_id, req.store_id);
+    if (!fresh && mark->second != req.store_id) {
+      if (--led_counts_[mark->second] == 0) led_counts_.erase(mark->second);
+      mark->second = req.store_id;
+      fresh = true;
+    }
+    if (fresh) led_counts_[req.store_id]++;
   }
 
-  // Counted once per heartbeat: transfers chosen below do not change the
-  // figures until the stores report the new leadership.
-  std::map<uint64_t, uint64_t> led;
-  for (const auto& [region_id, store_id] : heartbeat_marks_) led[store_id]++;
-  const uint64_t own = led[req.store_id];
+  // Counted once per heartbeat, from the counts kept beside the marks (a
+  // count over every mark would cost each heartbeat the whole cluster).
+  // Scheduled the designed way, transfers chosen below do not change the
+  // figures until the stores report the new leadership; once stores send
+  // store heartbeats, each transfer moves one region's count at once, so
+  // that one heartbeat does not send all its regions to the same store
+  // and back with the next.
+  const bool adjust = !skip.empty();
+  auto led = [this](uint64_t store_id) {
+    heartbeat_mutex_.AssertHeld();  // called below, under the lock
+    auto it = led_counts_.find(store_id);
+    return it == led_counts_.end() ? uint64_t{0} : it->second;
+  };
+  uint64_t own = led(req.store_id);
+  std::map<uint64_t, uint64_t> gained;  // transfers chosen in this heartbeat, when adjusting
   if (own < 2 || candidate_stores < 2) return;
 
   for (size_t i = 0; i < req.regions.size(); i++) {
     const RegionHeartbeatEntry& entry = req.regions[i];
     if (i < skip.size() && skip[i]) continue;
+    if (own < 2) break;
     uint64_t target = 0;
     bool chosen = false;
     uint64_t best = own - 1;  // a transfer must leave the target clearly less loaded
     for (uint64_t member : entry.member_store_ids) {
       if (member == req.store_id || !Contains(entry.candidate_store_ids, member)) continue;
       if (Contains(unwell, member)) continue;
-      auto it = led.find(member);
-      const uint64_t count = it == led.end() ? 0 : it->second;
+      auto g = gained.find(member);
+      const uint64_t count = led(member) + (g == gained.end() ? 0 : g->second);
       if (count < best) {  // strict: on equal counts the earlier member stays
         best = count;
         target = member;
         chosen = true;
       }
     }
-    if (chosen) resp->commands.push_back(Command(pdpb::kTransferLeader, entry.region_id, target));
+    if (!chosen) continue;
+    resp->commands.push_back(Command(pdpb::kTransferLeader, entry.region_id, target));
+    if (adjust) {
+      own--;
+      gained[target]++;
+    }
   }
 }
 

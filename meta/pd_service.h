@@ -18,6 +18,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "common/mutex.h"
@@ -248,6 +249,8 @@ class PdService {
   // leader balancing compares. Only the heartbeat handler touches it.
   Mutex heartbeat_mutex_;
   std::map<uint64_t, uint64_t> heartbeat_marks_ GUARDED_BY(heartbeat_mutex_);
+  // Per store, the regions heartbeat_marks_ attributes to it.
+  std::unordered_map<uint64_t, uint64_t> led_counts_ GUARDED_BY(heartbeat_mutex_);
 };
 
 }  // namespace kandb::meta

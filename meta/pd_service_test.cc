@@ -3,6 +3,7 @@
 // end-to-end test only shows each method answered over the wire.
 
 #include "meta/pd_service.h"
+#include "rpc/server.h"
 
 #include <algorithm>
 #include <atomic>
@@ -570,6 +571,28 @@ TEST_F(PdTest, StoreHeartbeatsStatesAndRemoval) {
   EXPECT_EQ(state.state, pdpb::kStoreTombstone);
   ASSERT_TRUE(service_->GetAllStores(pdpb::GetAllStoresRequest{true}, &all).ok());
   EXPECT_EQ(all.stores.size(), 2u);  // 1 and 2; 3 and 4 are gone
+}
+
+// Once stores send store heartbeats, leader balancing moves one region's
+// count with each transfer it chooses, so that a heartbeat evens the load
+// out instead of sending every region it reports to the least loaded store
+// (which the next heartbeat would send back).
+TEST_F(PdTest, InformedLeaderBalancingStopsAtEven) {
+  PutStores({1, 2});
+  pdpb::StoreHeartbeatRequest hb;
+  pdpb::StoreHeartbeatResponse state;
+  for (uint64_t id : {1, 2}) {
+    hb.store = MakeStore(id);
+    ASSERT_TRUE(service_->StoreHeartbeat(hb, &state).ok());
+  }
+  std::vector<pdpb::RegionHeartbeatEntry> five;
+  for (uint64_t r = 1; r <= 5; r++) five.push_back(Entry(r, {1, 2}, {2}));
+  EXPECT_EQ(Heartbeat(1, five), (Cmds{Cmd(pdpb::kTransferLeader, 1, 2), Cmd(pdpb::kTransferLeader, 2, 2)}));
+  pdpb::StatsResponse stats;
+  kanrpc::RpcServer unused;
+  service_->GetStats(unused, &stats);
+  EXPECT_EQ(stats.scheduling.stores_up, 2u);
+  EXPECT_EQ(stats.scheduling.transfer_leader, 2u);
 }
 
 }  // namespace

@@ -253,6 +253,7 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
     *out = ScheduleCommand{pdpb::kAddPeer, entry.region_id, chosen, address};
     pending_[entry.region_id] = Pending{pdpb::kAddPeer, chosen, address, now};
     pending_adds_[chosen]++;
+    issued_[pdpb::kAddPeer]++;
     return true;
   };
   if (members.size() < target) return add();
@@ -301,6 +302,7 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
     if (state != pdpb::kStoreDown && state != pdpb::kStoreTombstone && !TakeToken(victim, now)) return false;
     *out = ScheduleCommand{pdpb::kRemovePeer, entry.region_id, victim, std::string()};
     pending_[entry.region_id] = Pending{pdpb::kRemovePeer, victim, std::string(), now};
+    issued_[pdpb::kRemovePeer]++;
     return true;
   }
   // At its count, but with a member to replace: the new replica first, so
@@ -372,9 +374,12 @@ void Scheduler::Heal(uint64_t reporter, const std::vector<RegionHeartbeatEntry>&
   }
 }
 
-void Scheduler::CountIssued(const std::vector<ScheduleCommand>& commands) {
+void Scheduler::CountIssued(const std::vector<ScheduleCommand>& commands, bool informed) {
   MutexLock lock(&mu_);
   for (const ScheduleCommand& c : commands) {
+    // Heal counts its adds and removals when it chooses them, not each
+    // time a change in flight is repeated.
+    if (informed && (c.kind == pdpb::kAddPeer || c.kind == pdpb::kRemovePeer)) continue;
     if (c.kind < 6) issued_[c.kind]++;
   }
 }

@@ -111,8 +111,9 @@ class Scheduler {
   // Region health of a heartbeat scheduled the designed way (no store
   // takes part, so only a missing member can be told), for the statistics.
   void NoteDesigned(const std::vector<pdpb::RegionHeartbeatEntry>& entries) EXCLUDES(mu_);
-  // Counts one command issued, by kind.
-  void CountIssued(const std::vector<pdpb::ScheduleCommand>& commands) EXCLUDES(mu_);
+  // Counts the commands of one heartbeat's answer, by kind; `informed`
+  // when Heal chose its auto-heal (which counts its own, once per change).
+  void CountIssued(const std::vector<pdpb::ScheduleCommand>& commands, bool informed) EXCLUDES(mu_);
   void FillStats(const std::vector<pdpb::Store>& stores, pdpb::SchedulingStats* out) const EXCLUDES(mu_);
 
  private:
