@@ -8,6 +8,8 @@
 
 #include "app/meta_server_test_util.h"
 #include "common/test_util.h"
+#include "pdpb/messages.h"
+#include "rpc/client.h"
 
 namespace kandb::tools {
 namespace {
@@ -249,6 +251,45 @@ TEST_F(CtlTest, StatsCountRealLoadAndTheirPrometheusFormParses) {
   r = Ctl("stats", {});
   ASSERT_EQ(ExitCode(r), 0) << r.err;
   EXPECT_NE(r.out.find("\nerrors of Pd.Tso: InvalidArgument 1\n"), std::string::npos) << r.out;
+}
+
+// The store commands against a live server: a store heartbeat sent here
+// makes store 1 Up with its labels; the list, one store, and its removal
+// (Tombstone at once: its only region has no peer on it), with the
+// server's own error text for a store it does not know.
+TEST_F(CtlTest, StoresListShowAndRemove) {
+  Bootstrap();
+  kanrpc::RpcClient client(server_.target(), kanrpc::RpcClientOptions{2000, 1});
+  pdpb::StoreHeartbeatRequest hb;
+  hb.store.id = 4;
+  hb.store.address = "127.0.0.1:20164";
+  hb.store.labels = {{"zone", "z1"}, {"host", "h4"}};
+  hb.stats.capacity = 100 << 20;
+  hb.stats.available = 80 << 20;
+  pdpb::StoreHeartbeatResponse state;
+  ASSERT_TRUE(client.Call("Pd.StoreHeartbeat", hb, &state).ok());
+
+  ProgramResult r = Ctl("stores", {});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(r.out.substr(0, r.out.find('\n') + 1),
+            "store 1 unknown address \"127.0.0.1:20160\" labels - replicas 1 regions - leaders - available - "
+            "heartbeat none\n");
+  EXPECT_NE(r.out.find("store 4 up address \"127.0.0.1:20164\" labels zone=z1,host=h4 replicas 0"),
+            std::string::npos)
+      << r.out;
+  json all = CtlJson("stores", {});
+  ASSERT_EQ(all["stores"].size(), 2u);
+  EXPECT_EQ(all["stores"][1]["state"], "up");
+
+  r = Ctl("store", {"4"});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_NE(r.out.find("labels           zone=z1,host=h4\n"), std::string::npos) << r.out;
+  r = Ctl("store", {"remove", "4"});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(r.out, "store 4 tombstone: removed, it held no replica\n");
+  r = Ctl("store", {"9"});
+  EXPECT_EQ(ExitCode(r), 1);
+  EXPECT_EQ(r.err, "remote: NotFound: store 9 not found\n");
 }
 
 TEST_F(CtlTest, BadCommandLinesAndDocumentsExitTwoWithoutCallingTheServer) {
