@@ -177,23 +177,25 @@ void PdService::BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t c
   // Counted once per heartbeat, from the counts kept beside the marks (a
   // count over every mark would cost each heartbeat the whole cluster).
   // Scheduled the designed way, transfers chosen below do not change the
-  // figures until the stores report the new leadership; once stores send
-  // store heartbeats, each transfer moves one region's count at once, so
-  // that one heartbeat does not send all its regions to the same store
-  // and back with the next.
+  // figures until the stores report the new leadership. Once stores send
+  // store heartbeats, a transfer moves the region's mark to its target at
+  // once: otherwise every heartbeat until the target reports would see it
+  // as lightly loaded as before, and send it more, and the next round all
+  // of them back. A transfer that does not happen is undone by the
+  // reporter's next heartbeat.
   const bool adjust = !skip.empty();
   auto led = [this](uint64_t store_id) {
     heartbeat_mutex_.AssertHeld();  // called below, under the lock
     auto it = led_counts_.find(store_id);
     return it == led_counts_.end() ? uint64_t{0} : it->second;
   };
-  uint64_t own = led(req.store_id);
-  std::map<uint64_t, uint64_t> gained;  // transfers chosen in this heartbeat, when adjusting
-  if (own < 2 || candidate_stores < 2) return;
+  const uint64_t counted = led(req.store_id);
+  if (counted < 2 || candidate_stores < 2) return;
 
   for (size_t i = 0; i < req.regions.size(); i++) {
     const RegionHeartbeatEntry& entry = req.regions[i];
     if (i < skip.size() && skip[i]) continue;
+    const uint64_t own = adjust ? led(req.store_id) : counted;
     if (own < 2) break;
     uint64_t target = 0;
     bool chosen = false;
@@ -201,8 +203,7 @@ void PdService::BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t c
     for (uint64_t member : entry.member_store_ids) {
       if (member == req.store_id || !Contains(entry.candidate_store_ids, member)) continue;
       if (Contains(unwell, member)) continue;
-      auto g = gained.find(member);
-      const uint64_t count = led(member) + (g == gained.end() ? 0 : g->second);
+      const uint64_t count = led(member);
       if (count < best) {  // strict: on equal counts the earlier member stays
         best = count;
         target = member;
@@ -212,8 +213,9 @@ void PdService::BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t c
     if (!chosen) continue;
     resp->commands.push_back(Command(pdpb::kTransferLeader, entry.region_id, target));
     if (adjust) {
-      own--;
-      gained[target]++;
+      heartbeat_marks_[entry.region_id] = target;
+      if (--led_counts_[req.store_id] == 0) led_counts_.erase(req.store_id);
+      led_counts_[target]++;
     }
   }
 }
