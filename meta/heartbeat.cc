@@ -25,10 +25,6 @@ namespace {
 using pdpb::RegionHeartbeatEntry;
 using pdpb::ScheduleCommand;
 
-bool Contains(const std::vector<uint64_t>& ids, uint64_t id) {
-  return std::find(ids.begin(), ids.end(), id) != ids.end();
-}
-
 ScheduleCommand Command(uint32_t kind, uint64_t region_id, uint64_t store_id,
                         std::string address = std::string()) {
   ScheduleCommand c;
@@ -44,7 +40,7 @@ ScheduleCommand Command(uint32_t kind, uint64_t region_id, uint64_t store_id,
 void ScheduleAddPeer(const RegionHeartbeatEntry& entry, const std::vector<pdpb::Store>& stores,
                      std::vector<ScheduleCommand>* commands) {
   for (const pdpb::Store& st : stores) {
-    if (Contains(entry.member_store_ids, st.id) || st.address.empty()) continue;
+    if (ContainsId(entry.member_store_ids, st.id) || st.address.empty()) continue;
     commands->push_back(Command(pdpb::kAddPeer, entry.region_id, st.id, st.address));
     return;
   }
@@ -57,7 +53,7 @@ void ScheduleRemovePeer(const RegionHeartbeatEntry& entry, uint64_t reporter,
                         std::vector<ScheduleCommand>* commands) {
   const std::vector<uint64_t>& members = entry.member_store_ids;
   auto chosen = std::find_if(members.begin(), members.end(), [&](uint64_t m) {
-    return m != reporter && Contains(entry.candidate_store_ids, m);
+    return m != reporter && ContainsId(entry.candidate_store_ids, m);
   });
   if (chosen == members.end()) {
     chosen = std::find_if(members.begin(), members.end(), [&](uint64_t m) { return m != reporter; });
@@ -201,8 +197,8 @@ void PdService::BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t c
     bool chosen = false;
     uint64_t best = own - 1;  // a transfer must leave the target clearly less loaded
     for (uint64_t member : entry.member_store_ids) {
-      if (member == req.store_id || !Contains(entry.candidate_store_ids, member)) continue;
-      if (Contains(unwell, member)) continue;
+      if (member == req.store_id || !ContainsId(entry.candidate_store_ids, member)) continue;
+      if (ContainsId(unwell, member)) continue;
       const uint64_t count = led(member);
       if (count < best) {  // strict: on equal counts the earlier member stays
         best = count;

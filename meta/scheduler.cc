@@ -14,10 +14,6 @@ namespace {
 using pdpb::RegionHeartbeatEntry;
 using pdpb::ScheduleCommand;
 
-bool Contains(const std::vector<uint64_t>& ids, uint64_t id) {
-  return std::find(ids.begin(), ids.end(), id) != ids.end();
-}
-
 // States whose replicas are replaced: the store is gone or going.
 bool Leaving(uint8_t state) {
   return state == pdpb::kStoreDown || state == pdpb::kStoreOffline || state == pdpb::kStoreTombstone;
@@ -176,7 +172,7 @@ uint64_t Scheduler::ChooseTarget(const std::vector<uint64_t>& members, const std
   for (size_t rank = 0; rank < order.size(); rank++) {
     const uint64_t id = order[rank];
     const StoreView& v = view->at(id);
-    if (Contains(members, id) || v.record->address.empty() || !MayReceive(v.state)) continue;
+    if (ContainsId(members, id) || v.record->address.empty() || !MayReceive(v.state)) continue;
     double weight = 1.0;
     if (v.has_stats && v.stats.capacity > 0) {
       const double free = static_cast<double>(v.stats.available) / static_cast<double>(v.stats.capacity);
@@ -217,8 +213,8 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
   auto pending = pending_.find(entry.region_id);
   if (pending != pending_.end()) {
     const Pending& p = pending->second;
-    const bool done = (p.kind == pdpb::kAddPeer && Contains(members, p.store_id)) ||
-                      (p.kind == pdpb::kRemovePeer && !Contains(members, p.store_id));
+    const bool done = (p.kind == pdpb::kAddPeer && ContainsId(members, p.store_id)) ||
+                      (p.kind == pdpb::kRemovePeer && !ContainsId(members, p.store_id));
     if (!done && now - p.issued_ms < options_.change_timeout_ms) {
       *out = ScheduleCommand{p.kind, entry.region_id, p.store_id, p.address};
       return true;
@@ -277,7 +273,7 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
       // Only the leader itself is to go: it hands leadership to a member
       // that stays, whose heartbeat then removes it.
       for (uint64_t m : members) {
-        if (m != reporter && Contains(entry.candidate_store_ids, m) && MayReceive(state_of(m))) {
+        if (m != reporter && ContainsId(entry.candidate_store_ids, m) && MayReceive(state_of(m))) {
           *out = ScheduleCommand{pdpb::kTransferLeader, entry.region_id, m, std::string()};
           return true;
         }
@@ -287,7 +283,7 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
     if (victim == 0) {
       // As before store heartbeats: a candidate first, never the reporter.
       for (uint64_t m : members) {
-        if (m != reporter && Contains(entry.candidate_store_ids, m)) {
+        if (m != reporter && ContainsId(entry.candidate_store_ids, m)) {
           victim = m;
           break;
         }

@@ -171,6 +171,15 @@ class Scheduler {
   uint64_t issued_[6] GUARDED_BY(mu_) = {};
 };
 
+// Whether a list of store or region ids holds `id`; the lists of one
+// heartbeat entry are short, so a scan.
+inline bool ContainsId(const std::vector<uint64_t>& ids, uint64_t id) {
+  for (uint64_t x : ids) {
+    if (x == id) return true;
+  }
+  return false;
+}
+
 // Parses a duration such as "30m", "20s", "500ms", "1h" (a bare number is
 // seconds) into milliseconds; false when it is not one.
 bool ParseDurationMs(const std::string& text, int64_t* out);
