@@ -7,11 +7,11 @@ work=$(mktemp -d)
 pid=
 trap '[ -n "$pid" ] && kill -9 $pid 2>/dev/null; rm -rf "$work"' EXIT
 
-start() {  # a server on $work/state; sets pid, port
+start() {  # a server on $work/state, with the flags given added; sets pid, port
   for _ in 1 2 3 4 5; do
     port=$((20000 + RANDOM % 20000))
     rm -f "$work/out"
-    "$server" --bind_addr=127.0.0.1 --port=$port --data_dir="$work/state" >"$work/out" 2>"$work/err" &
+    "$server" --bind_addr=127.0.0.1 --port=$port --data_dir="$work/state" "$@" >"$work/out" 2>"$work/err" &
     pid=$!
     for _ in $(seq 1200); do
       grep -q listening "$work/out" 2>/dev/null && return 0

@@ -8,6 +8,12 @@
 // region covers the key. It prints a progress line each second on standard
 // error and a final report (or --json) on standard output, and exits with
 // status 1 when any call failed or any answer was wrong.
+//
+// For heartbeat capacity it can stand for a whole cluster of stores: it
+// registers --stores stores, places every preloaded region on three of
+// them, lets each heartbeat report --heartbeat-entries regions that one
+// store leads, and with --store-heartbeats keeps every store Up through
+// store heartbeats from a side thread.
 
 #include <netdb.h>
 #include <netinet/in.h>
@@ -60,6 +66,16 @@ constexpr uint64_t kLargeValueWorkingSet = uint64_t{64} << 20;
 // regions and heartbeats.
 constexpr uint64_t kBenchStoreId = 1;
 constexpr char kBenchStoreAddress[] = "127.0.0.1:20160";
+// Stores 2..N answer at the ports after the bench store's.
+constexpr uint64_t kBenchStorePort = 20160;
+constexpr uint64_t kMaxStores = 10000;
+// Replicas of each preloaded region once there are stores enough: what a
+// server started with --target_replicas 3 asks for, so that auto-heal has
+// nothing to add or remove and a heartbeat costs only its reading.
+constexpr uint64_t kReplicas = 3;
+// How often every store sends its store heartbeat during the run: well
+// inside the silence after which a store counts as disconnected (20 s).
+constexpr auto kStoreHeartbeatPeriod = std::chrono::seconds(2);
 constexpr size_t kKeptMessages = 5;
 
 enum Method { kTso, kAllocId, kGetRegion, kUpsertRegion, kHeartbeat, kMethodCount };
@@ -83,6 +99,9 @@ struct Config {
   uint64_t value_bytes = 0;
   // Regions each connection rewrites in turn without preloaded regions.
   uint64_t own_regions = 1;
+  uint64_t stores = 1;
+  uint64_t heartbeat_entries = 1;
+  bool store_heartbeats = false;
   int64_t duration_ms = 10000;
   bool mix = false;
   Method single = kTso;
@@ -98,9 +117,32 @@ std::string TileKey(uint64_t i) {
 // cut the key space into disjoint ranges in key order (region i covers
 // [TileKey(i), TileKey(i+1)), the first from -inf, the last to +inf), or,
 // without preload, the one region that covers everything.
+//
+// Tile i is led by store (i mod stores) + 1 and has min(stores, 3) replicas.
+// From three stores on, the other two come from the leader's group of
+// three consecutive stores (the last one or two stores, outside any whole
+// group, take theirs from the first group), so that a region's replicas
+// always stand in three zones, store s being in zone s mod 3.
 struct Regions {
   uint64_t first_id = 0;
   uint64_t tiles = 0;
+  uint64_t stores = 1;
+
+  uint64_t replicas() const { return std::min(stores, kReplicas); }
+
+  // The stores holding tile i, its leader first.
+  std::vector<uint64_t> Members(uint64_t i) const {
+    const uint64_t leader = i % stores;
+    std::vector<uint64_t> members = {leader + 1};
+    if (stores < kReplicas) {
+      for (uint64_t k = 1; k < stores; ++k) members.push_back((leader + k) % stores + 1);
+      return members;
+    }
+    const uint64_t grouped = stores - stores % kReplicas;
+    const uint64_t group = leader < grouped ? leader - leader % kReplicas : 0;
+    for (uint64_t k = 1; k < kReplicas; ++k) members.push_back(group + (leader + k) % kReplicas + 1);
+    return members;
+  }
 
   pdpb::Region Tile(uint64_t i, uint64_t version) const {
     pdpb::Region region;
@@ -109,9 +151,15 @@ struct Regions {
     if (i + 1 < tiles) region.end_key = TileKey(i + 1);
     region.epoch = {1, version};
     // Peer ids follow the region ids in the same allocated block.
-    region.peers.push_back(pdpb::Peer{first_id + tiles + i, kBenchStoreId, 0});
+    const std::vector<uint64_t> members = Members(i);
+    for (size_t k = 0; k < members.size(); ++k) {
+      region.peers.push_back(pdpb::Peer{first_id + tiles + i * members.size() + k, members[k], 0});
+    }
     return region;
   }
+
+  // Tiles led by store index `leader` (0-based): leader, leader + stores, ...
+  uint64_t LedBy(uint64_t leader) const { return leader < tiles ? (tiles - leader + stores - 1) / stores : 0; }
 };
 
 // What all connections share while the load runs.
@@ -573,10 +621,11 @@ class Connection {
         pdpb::RegionHeartbeatResponse response;
         if (!Decode(payload.size(), payload.data(), &response)) return false;
         for (const pdpb::ScheduleCommand& command : response.commands) {
-          if (command.region_id != heartbeat_region_) {
-            CheckFailed("heartbeat for region " + std::to_string(heartbeat_region_) +
-                        " answered a command for region " + std::to_string(command.region_id));
-          }
+          if (std::binary_search(heartbeat_regions_.begin(), heartbeat_regions_.end(), command.region_id)) continue;
+          CheckFailed((heartbeat_regions_.size() == 1
+                           ? "heartbeat for region " + std::to_string(heartbeat_regions_[0])
+                           : "heartbeat for " + std::to_string(heartbeat_regions_.size()) + " regions") +
+                      " answered a command for region " + std::to_string(command.region_id));
         }
         return true;
       }
@@ -648,15 +697,34 @@ class Connection {
     return request;
   }
 
+  // A store's heartbeat, as its leader sends it: the next
+  // --heartbeat-entries regions it leads from a random one on, wrapping
+  // around, each with the members its record lists.
   pdpb::RegionHeartbeatRequest HeartbeatRequest() {
     pdpb::RegionHeartbeatRequest request;
-    request.store_id = kBenchStoreId;
-    pdpb::RegionHeartbeatEntry entry;
-    heartbeat_region_ = regions_.first_id;
-    if (regions_.tiles > 0) heartbeat_region_ += random_() % regions_.tiles;
-    entry.region_id = heartbeat_region_;
-    entry.member_store_ids = {kBenchStoreId};
-    request.regions.push_back(entry);
+    heartbeat_regions_.clear();
+    if (regions_.tiles == 0) {
+      request.store_id = kBenchStoreId;
+      pdpb::RegionHeartbeatEntry entry;
+      entry.region_id = regions_.first_id;
+      entry.member_store_ids = {kBenchStoreId};
+      request.regions.push_back(entry);
+      heartbeat_regions_.push_back(entry.region_id);
+      return request;
+    }
+    const uint64_t leader = regions_.stores > 1 ? random_() % std::min(regions_.stores, regions_.tiles) : 0;
+    const uint64_t led = regions_.LedBy(leader);
+    const uint64_t from = random_() % led;
+    request.store_id = leader + 1;
+    for (uint64_t k = 0; k < std::min(config_.heartbeat_entries, led); ++k) {
+      const uint64_t tile = leader + regions_.stores * ((from + k) % led);
+      pdpb::RegionHeartbeatEntry entry;
+      entry.region_id = regions_.first_id + tile;
+      entry.member_store_ids = regions_.Members(tile);
+      request.regions.push_back(std::move(entry));
+      heartbeat_regions_.push_back(regions_.first_id + tile);
+    }
+    std::sort(heartbeat_regions_.begin(), heartbeat_regions_.end());
     return request;
   }
 
@@ -694,7 +762,7 @@ class Connection {
   // What the answer is checked against.
   uint64_t tso_seen_before_ = 0;
   std::string key_;
-  uint64_t heartbeat_region_ = 0;
+  std::vector<uint64_t> heartbeat_regions_;  // sorted
 
   MethodStats stats_[kMethodCount];
   uint64_t last_timestamp_ = 0;
@@ -739,7 +807,41 @@ Status AllocIds(kanrpc::RpcClient* client, uint64_t count, uint64_t* first) {
   return s;
 }
 
-// Bootstraps the cluster unless it exists, and preloads the regions.
+std::string StoreAddress(uint64_t store_id) {
+  return "127.0.0.1:" + std::to_string(kBenchStorePort + store_id - 1);
+}
+
+// One store heartbeat from every registered store, each in its zone and
+// with statistics that match the regions it holds.
+Status SendStoreHeartbeats(kanrpc::RpcClient* client, const Regions& regions) {
+  constexpr uint64_t kCapacity = uint64_t{1} << 40;
+  for (uint64_t id = 1; id <= regions.stores; ++id) {
+    pdpb::StoreHeartbeatRequest request;
+    request.store.id = id;
+    request.store.address = StoreAddress(id);
+    std::string zone = "z";
+    zone += std::to_string(id % 3);
+    request.store.labels = {pdpb::StoreLabel{"zone", std::move(zone)}};
+    request.stats.capacity = kCapacity;
+    request.stats.available = kCapacity / 4 * 3;
+    request.stats.used_size = kCapacity / 4;
+    request.stats.region_count = regions.tiles * regions.replicas() / regions.stores;
+    request.stats.leader_count = regions.LedBy(id - 1);
+    pdpb::StoreHeartbeatResponse response;
+    Status s = client->Call("Pd.StoreHeartbeat", request, &response);
+    if (!s.ok()) {
+      std::string message = "store heartbeat of store ";
+      message += std::to_string(id);
+      message += ": ";
+      message += s.message();
+      return Status(s.code(), std::move(message));
+    }
+  }
+  return Status::OK();
+}
+
+// Bootstraps the cluster unless it exists, registers the stores, preloads
+// the regions and, with --store-heartbeats, makes every store take part.
 Status Prepare(const Config& config, bool needs_cluster, Regions* regions) {
   kanrpc::RpcClientOptions options;
   options.timeout_ms = static_cast<int32_t>(std::max<uint64_t>(config.timeout_ms, 60000));
@@ -752,7 +854,8 @@ Status Prepare(const Config& config, bool needs_cluster, Regions* regions) {
 
   // Ids for the regions and, right after them, their peers.
   regions->tiles = config.preload;
-  const uint64_t wanted = config.preload > 0 ? 2 * config.preload : 2;
+  regions->stores = config.stores;
+  const uint64_t wanted = config.preload > 0 ? (1 + regions->replicas()) * config.preload : 2;
   if (wanted > UINT32_MAX) return Status::InvalidArgument("too many regions to preload");
   s = AllocIds(&client, wanted, &regions->first_id);
   if (!s.ok()) return s;
@@ -774,6 +877,15 @@ Status Prepare(const Config& config, bool needs_cluster, Regions* regions) {
     s = client.Call("Pd.Bootstrap", request, &response);
     if (!s.ok()) return s;
   }
+  // Bootstrapping an existing cluster is how a store registers itself.
+  for (uint64_t id = 2; id <= config.stores; ++id) {
+    pdpb::BootstrapRequest request;
+    request.store = pdpb::Store{id, StoreAddress(id), 0};
+    pdpb::BootstrapResponse response;
+    s = client.Call("Pd.Bootstrap", request, &response);
+    if (!s.ok()) return s;
+    if (!response.already_bootstrapped) return Status::Corruption("store " + std::to_string(id) + " bootstrapped the cluster");
+  }
   const auto start = std::chrono::steady_clock::now();
   for (uint64_t i = 0; i < regions->tiles; i += kPreloadBatch) {
     pdpb::UpsertRegionRequest request;
@@ -790,6 +902,8 @@ Status Prepare(const Config& config, bool needs_cluster, Regions* regions) {
                  static_cast<unsigned long long>(regions->tiles), static_cast<unsigned long long>(regions->first_id),
                  static_cast<unsigned long long>(regions->first_id + regions->tiles - 1), seconds);
   }
+  if (config.stores > 1) std::fprintf(stderr, "registered %llu stores\n", static_cast<unsigned long long>(config.stores));
+  if (config.store_heartbeats) return SendStoreHeartbeats(&client, *regions);
   return Status::OK();
 }
 
@@ -846,6 +960,15 @@ int Main(int argc, char** argv) {
              "upsert-region without preloaded regions: pad each region record by N bytes, and let the "
              "connections rewrite in turn enough regions of their own to hold 64 MiB of distinct records "
              "(default 0: one small region each)");
+  cl.AddUint("stores", &config.stores, kMaxStores,
+             "register N stores first: store 1 bootstraps, stores 2..N register on the cluster; from 3 on, "
+             "every preloaded region has replicas on 3 of them (default 1)");
+  cl.AddUint("heartbeat-entries", &config.heartbeat_entries, 100000,
+             "regions each heartbeat reports: consecutive ones of those its store leads, among the preloaded "
+             "regions (default 1)");
+  cl.AddSwitch("store-heartbeats", &config.store_heartbeats,
+               "send a store heartbeat for every store first and every 2 s during the run, so that the "
+               "server schedules by what the stores report");
   cl.SetEpilogue(
       "get-region, upsert-region, heartbeat and mix bootstrap the cluster when it is not\n"
       "(store 1, one region over all keys, or the first preloaded region). With preloaded\n"
@@ -875,6 +998,14 @@ int Main(int argc, char** argv) {
     config.own_regions = std::max<uint64_t>(1, (kLargeValueWorkingSet + per_conn - 1) / per_conn);
   }
   if (config.threads == 0) return usage_error("--threads must be at least 1");
+  if (config.stores == 0) return usage_error("--stores must be at least 1");
+  if (config.heartbeat_entries == 0) return usage_error("--heartbeat-entries must be at least 1");
+  if (config.heartbeat_entries > 1 && config.preload < config.heartbeat_entries * config.stores) {
+    // Each store then leads at least as many regions as a heartbeat reports.
+    return usage_error("--heartbeat-entries " + std::to_string(config.heartbeat_entries) +
+                       " needs --preload-regions of at least " +
+                       std::to_string(config.heartbeat_entries * config.stores) + " (entries x stores)");
+  }
   if (!config.duration.empty() && config.requests > 0) return usage_error("give --duration or --requests, not both");
   if (!config.duration.empty()) {
     Status s = ParseDurationMillis(config.duration, &config.duration_ms);
@@ -882,7 +1013,7 @@ int Main(int argc, char** argv) {
   }
 
   const bool needs_cluster = config.mix || config.single == kGetRegion || config.single == kUpsertRegion ||
-                             config.single == kHeartbeat;
+                             config.single == kHeartbeat || config.stores > 1 || config.store_heartbeats;
   Regions regions;
   Status s = Prepare(config, needs_cluster, &regions);
   if (!s.ok()) {
@@ -927,6 +1058,31 @@ int Main(int argc, char** argv) {
   std::vector<std::thread> threads;
   for (auto& d : drivers) threads.emplace_back([driver = d.get()] { driver->Run(); });
 
+  // The stores stay Up while the load runs.
+  std::atomic<bool> over{false};
+  std::thread store_heartbeats;
+  if (config.store_heartbeats) {
+    store_heartbeats = std::thread([&] {
+      kanrpc::RpcClientOptions options;
+      options.timeout_ms = static_cast<int32_t>(config.timeout_ms);
+      options.attempts = 1;
+      kanrpc::RpcClient client(config.addr, options);
+      auto next = std::chrono::steady_clock::now() + kStoreHeartbeatPeriod;
+      while (!over.load()) {
+        if (std::chrono::steady_clock::now() < next) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(20));
+          continue;
+        }
+        next += kStoreHeartbeatPeriod;
+        Status sent = SendStoreHeartbeats(&client, regions);
+        if (!sent.ok()) {
+          shared.errors.fetch_add(1);
+          shared.Keep("store-heartbeat: " + sent.message());
+        }
+      }
+    });
+  }
+
   // Progress once a second until the duration is over or the request budget
   // is used up.
   std::atomic<int> running{static_cast<int>(threads.size())};
@@ -953,6 +1109,8 @@ int Main(int argc, char** argv) {
     last_done = done;
   }
   waiter.join();
+  over = true;
+  if (store_heartbeats.joinable()) store_heartbeats.join();
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
   LatencyHistogram all;
@@ -971,6 +1129,14 @@ int Main(int argc, char** argv) {
   const uint64_t errors = shared.errors.load();
   const uint64_t wrong = shared.check_failures.load();
   const double throughput = seconds > 0 ? static_cast<double>(all.count()) / seconds : 0;
+  // Region entries the answered heartbeats carried; reported only when the
+  // new options are given, so that other runs print what they always did.
+  const bool cluster_options = config.stores > 1 || config.heartbeat_entries > 1 || config.store_heartbeats;
+  const uint64_t entries_per_heartbeat = regions.tiles > 0 ? config.heartbeat_entries : 1;
+  const double entries_rate =
+      seconds > 0 ? static_cast<double>((per_method[kHeartbeat].count() - method_errors[kHeartbeat]) *
+                                        entries_per_heartbeat) / seconds
+                  : 0;
 
   if (config.json) {
     nlohmann::json report{{"method", config.method},
@@ -984,6 +1150,12 @@ int Main(int argc, char** argv) {
                           {"errors", errors},
                           {"wrong_answers", wrong},
                           {"messages", shared.messages}};
+    if (cluster_options) {
+      report["stores"] = config.stores;
+      report["store_heartbeats"] = config.store_heartbeats;
+      report["heartbeat_entries"] = entries_per_heartbeat;
+      report["heartbeat_entries_per_second"] = entries_rate;
+    }
     if (config.mix) {
       for (int m = 0; m < kMethodCount; ++m) {
         report["per_method"][kMethodNames[m]] = {{"requests", per_method[m].count()},
@@ -998,6 +1170,12 @@ int Main(int argc, char** argv) {
                 static_cast<unsigned long long>(regions.tiles), seconds);
     std::printf("requests       %llu\nthroughput     %.0f req/s\nlatency        %s\n",
                 static_cast<unsigned long long>(all.count()), throughput, LatencyText(all).c_str());
+    if (cluster_options) {
+      std::printf("stores         %llu%s\nentries        %.0f regions/s in heartbeats of %llu\n",
+                  static_cast<unsigned long long>(config.stores),
+                  config.store_heartbeats ? ", each sending store heartbeats" : "", entries_rate,
+                  static_cast<unsigned long long>(entries_per_heartbeat));
+    }
     if (config.mix) {
       for (int m = 0; m < kMethodCount; ++m) {
         std::printf("  %-13s %8llu requests, %llu errors, %s\n", kMethodNames[m],

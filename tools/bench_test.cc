@@ -1,11 +1,13 @@
 // Runs kandb-meta-bench against a live kandb-meta: a two-second mixed load
 // over preloaded regions with every answer checked, a run bounded by its
-// request count, large-value upserts, and the command-line and setup
-// failures.
+// request count, large-value upserts, heartbeats of many regions from many
+// stores, and the command-line and setup failures.
 
 #include <sys/wait.h>
 
+#include <cstdio>
 #include <filesystem>
+#include <set>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -98,6 +100,49 @@ TEST_F(BenchTest, LargeValueUpsertsWriteTheirPadding) {
   EXPECT_GE(logged, 30u * 40000);
 }
 
+// Five stores, so that two of them stand outside a whole group of three:
+// every region must still have three replicas in three zones, and every
+// store must be registered, labelled and Up.
+TEST_F(BenchTest, HeartbeatsOfManyRegionsFromManyStoresThatStayUp) {
+  server_.Kill();
+  ASSERT_TRUE(server_.Start(dir_ + "/pd-stores", {"--target_replicas=3"}));
+  ProgramResult r = Bench({"--method", "heartbeat", "--conns", "2", "--requests", "200", "--preload-regions", "40",
+                           "--stores", "5", "--heartbeat-entries", "4", "--store-heartbeats", "--json"});
+  ASSERT_EQ(ExitCode(r), 0) << r.out << r.err;
+  const json report = json::parse(r.out, nullptr, false);
+  ASSERT_FALSE(report.is_discarded()) << r.out;
+  EXPECT_EQ(report["stores"], 5);
+  EXPECT_EQ(report["heartbeat_entries"], 4);
+  EXPECT_DOUBLE_EQ(report["heartbeat_entries_per_second"].get<double>(), 4 * report["throughput"].get<double>());
+  EXPECT_NE(r.err.find("registered 5 stores\n"), std::string::npos) << r.err;
+
+  auto client = server_.NewClient();
+  pdpb::GetAllStoresResponse all;
+  ASSERT_TRUE(client->Call("Pd.GetAllStores", pdpb::GetAllStoresRequest{}, &all).ok());
+  ASSERT_EQ(all.stores.size(), 5u);
+  uint64_t replicas = 0;
+  for (const pdpb::StoreInfo& info : all.stores) {
+    const uint64_t id = info.store.id;
+    EXPECT_EQ(info.store.address, std::string("127.0.0.1:").append(std::to_string(20159 + id)));
+    EXPECT_EQ(info.store.labels,
+              (std::vector<pdpb::StoreLabel>{{"zone", std::string("z").append(std::to_string(id % 3))}}));
+    EXPECT_EQ(info.state, pdpb::kStoreUp) << id;
+    EXPECT_GT(info.replicas, 0u) << id;
+    replicas += info.replicas;
+  }
+  EXPECT_EQ(replicas, 40u * 3);
+  for (int i = 0; i < 40; ++i) {
+    char key[32];
+    std::snprintf(key, sizeof(key), "bench/%010d", i);
+    pdpb::GetRegionResponse route;
+    ASSERT_TRUE(client->Call("Pd.GetRegion", pdpb::GetRegionRequest{key}, &route).ok());
+    std::set<uint64_t> zones;
+    for (const pdpb::Peer& peer : route.region.peers) zones.insert(peer.store_id % 3);
+    EXPECT_EQ(zones.size(), 3u) << key;
+    EXPECT_EQ(route.region.peers.size(), 3u) << key;
+  }
+}
+
 TEST_F(BenchTest, BadCommandLinesAndAnUnreachableServerExitTwo) {
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{"--method", "scan"}, "kandb-meta-bench: unknown method 'scan'\n(see kandb-meta-bench --help)\n"},
@@ -107,6 +152,12 @@ TEST_F(BenchTest, BadCommandLinesAndAnUnreachableServerExitTwo) {
       {{"--conns", "0"}, "kandb-meta-bench: --conns must be at least 1\n(see kandb-meta-bench --help)\n"},
       {{"--value-bytes", "100", "--preload-regions", "10"},
        "kandb-meta-bench: --value-bytes pads the connections' own regions: give it without --preload-regions\n"
+       "(see kandb-meta-bench --help)\n"},
+      {{"--stores", "0"}, "kandb-meta-bench: --stores must be at least 1\n(see kandb-meta-bench --help)\n"},
+      {{"--heartbeat-entries", "0"},
+       "kandb-meta-bench: --heartbeat-entries must be at least 1\n(see kandb-meta-bench --help)\n"},
+      {{"--heartbeat-entries", "10", "--stores", "3", "--preload-regions", "29"},
+       "kandb-meta-bench: --heartbeat-entries 10 needs --preload-regions of at least 30 (entries x stores)\n"
        "(see kandb-meta-bench --help)\n"},
   };
   for (const auto& [args, message] : cases) {
