@@ -15,8 +15,10 @@ namespace kandb::tools::sim {
 namespace {
 
 constexpr uint64_t kMiB = uint64_t{1} << 20;
-// Region records per UpsertRegion call at setup and when flushing changes.
-constexpr size_t kUpsertBatch = 1000;
+// Region records per UpsertRegion call at setup and when flushing changes:
+// within the replicated server's limit of one etcd transaction (127
+// records), so that the same calls work on both servers.
+constexpr size_t kUpsertBatch = 100;
 // Peer identifiers fetched at a time for the replicas that snapshots create.
 constexpr uint32_t kPeerIdBlock = 4096;
 // How often the run looks at the whole cluster to decide whether it is done.
