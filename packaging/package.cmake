@@ -26,7 +26,7 @@ set(CPACK_PACKAGE_DESCRIPTION
 records of regions and stores, routes keys to regions and answers region heartbeats
 with scheduling commands. Its state lives in an embedded log-structured engine.
 The package holds the server, its systemd unit and the operator tools
-kandb-meta-ctl, kandb-meta-inspect and kandb-meta-bench.")
+kandb-meta-ctl, kandb-meta-inspect, kandb-meta-bench and kandb-meta-sim.")
 # The files go where they would go for CMAKE_INSTALL_PREFIX=/usr, and the
 # install scripts see that prefix (DESTDIR stages them), so the unit's
 # ExecStart names /usr/bin/kandb-meta.
