@@ -42,7 +42,7 @@ inline bool SchedulingOptionsFromFlags(const SchedulingFlags& flags, meta::Sched
     std::fprintf(stderr, "bad value for --max_store_down_time: '%s'\n", flags.max_store_down_time->c_str());
     return false;
   }
-  if (*flags.store_limit <= 0) {
+  if (*flags.store_limit <= 0 || *flags.store_limit > meta::Scheduler::kMaxStoreLimit) {
     std::fprintf(stderr, "bad value for --store_limit: '%lld'\n", static_cast<long long>(*flags.store_limit));
     return false;
   }

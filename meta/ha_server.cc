@@ -370,6 +370,10 @@ class HaServer::TermRouter final : public RegionRouter {
     const std::shared_ptr<const RegionIndex> index = mirror_->index();
     return index != nullptr && index->Stores(stores, replicas);
   }
+  bool StoresAsHeld(std::shared_ptr<const std::vector<pdpb::Store>>* stores) const override {
+    const std::shared_ptr<const RegionIndex> index = mirror_->index();
+    return index != nullptr && index->Stores(stores, nullptr);
+  }
 
  private:
   // How long a route waits for the copy before it walks.

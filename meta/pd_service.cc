@@ -62,6 +62,16 @@ Status PdService::Create(store::MetaStore* store, Options options, std::unique_p
 
 namespace {
 
+// A store's record as a registration may set it: what only the service
+// writes (the operator's removal, the first store heartbeat) is not taken
+// from the caller.
+pdpb::Store Registered(const pdpb::Store& store) {
+  pdpb::Store record = store;
+  record.node_state = pdpb::kNodeServing;
+  record.first_heartbeat_ms = 0;
+  return record;
+}
+
 Scheduler::Options SchedulingOptions(const PdService::Options& options) {
   Scheduler::Options scheduling = options.scheduling;
   scheduling.target_replicas = options.target_replicas;
@@ -209,15 +219,15 @@ Status PdService::Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapRe
     // store that registers again on its restart must not come back, nor
     // lose its place in the failure domains. A record without those fields
     // (a cluster whose stores never send store heartbeats) is replaced by
-    // the caller's as it is.
+    // the caller's as it is, and so is one that cannot be read or decoded,
+    // which registering again repairs.
     MutexLock lock(&store_record_mutex_);
-    pdpb::Store record = req.store;
+    pdpb::Store record = Registered(req.store);
     std::string value;
     bool found = false;
-    s = store_->Get(StoreKey(req.store.id), &value, &found);
-    if (!s.ok()) return s;
     pdpb::Store known;
-    if (found && pdpb::Decode(value.size(), value.data(), &known)) {
+    if (store_->Get(StoreKey(req.store.id), &value, &found).ok() && found &&
+        pdpb::Decode(value.size(), value.data(), &known)) {
       record.node_state = known.node_state;
       record.first_heartbeat_ms = known.first_heartbeat_ms;
       if (record.labels.empty()) record.labels = known.labels;
@@ -234,7 +244,7 @@ Status PdService::Bootstrap(const pdpb::BootstrapRequest& req, pdpb::BootstrapRe
   std::vector<store::KeyValue> batch;
   batch.reserve(3 + req.extra_regions.size());
   batch.emplace_back(kBootstrappedKey, "1");
-  batch.emplace_back(StoreKey(req.store.id), pdpb::Encode(req.store));
+  batch.emplace_back(StoreKey(req.store.id), pdpb::Encode(Registered(req.store)));
   batch.emplace_back(RegionKey(req.region.id), pdpb::Encode(req.region));
   for (const pdpb::Region& region : req.extra_regions) {
     batch.emplace_back(RegionKey(region.id), pdpb::Encode(region));

@@ -203,6 +203,9 @@ class PdService {
                     Scheduler::ReplicaCounts* replicas, bool* counted = nullptr);
   // A store's record; *found false when it has none.
   Status ReadStore(uint64_t store_id, pdpb::Store* out, bool* found);
+  // Makes an Offline store Tombstone when the records place no replica on
+  // it and no add is on its way to it; *state is then Tombstone.
+  Status FinishRemoval(uint64_t store_id, uint8_t* state) EXCLUDES(store_record_mutex_);
 
   store::MetaStore* const store_;
   const uint32_t target_replicas_;
@@ -233,10 +236,11 @@ class PdService {
 
   // What the service knows of its stores beyond their records.
   Scheduler scheduler_;
-  // Serialises the read, change and write of a store record by store
-  // heartbeats and removals, so that neither undoes the other. Taken only on
-  // worker threads, never by an event loop, so it may be held across the
-  // write.
+  // Serialises the changes of store records (a store heartbeat that
+  // changes its record, a removal, a registration), each a read and a
+  // write, so that none undoes another. Taken only on worker threads, never
+  // by an event loop, so it may be held across the write; never across a
+  // read of every store.
   Mutex store_record_mutex_;
 
   // Serialises timestamp batches only.

@@ -58,6 +58,12 @@ class RegionRouter {
     (void)replicas;
     return false;
   }
+  // The store records the copy holds now, without waiting for it to be
+  // current or writing anything: for the statistics, which must cost the
+  // methods nothing.
+  virtual bool StoresAsHeld(std::shared_ptr<const std::vector<pdpb::Store>>* stores) const {
+    return Stores(stores, nullptr);
+  }
 };
 
 class RegionIndex final : public RegionRouter {

@@ -54,7 +54,16 @@ bool ParseDurationMs(const std::string& text, int64_t* out) {
   return true;
 }
 
-Scheduler::Scheduler(Options options) : options_(std::move(options)), started_ms_(Now()) {}
+Scheduler::Scheduler(Options options) : options_(std::move(options)), started_ms_(Now()) {
+  MutexLock lock(&mu_);
+  swept_ms_ = started_ms_;
+}
+
+uint64_t Scheduler::PendingAddsTo(uint64_t store_id) const {
+  MutexLock lock(&mu_);
+  auto it = pending_adds_.find(store_id);
+  return it == pending_adds_.end() ? 0 : it->second;
+}
 
 int64_t Scheduler::Now() const {
   return options_.steady_ms ? options_.steady_ms() : SteadyNs() / 1000000;
@@ -92,16 +101,19 @@ uint8_t Scheduler::StateOf(const pdpb::Store& record) const {
   return StateLocked(record, now);
 }
 
-pdpb::StoreInfo Scheduler::Info(const pdpb::Store& record, uint64_t replicas) const {
+pdpb::StoreInfo Scheduler::Info(const pdpb::Store& record, uint64_t replicas, bool counted) const {
   const int64_t now = Now();
   pdpb::StoreInfo info;
   info.store = record;
   info.replicas = replicas;
   MutexLock lock(&mu_);
   info.state = StateLocked(record, now);
-  // Offline with nothing left is as good as removed; the record says so
-  // once the store or the operator next calls.
-  if (info.state == pdpb::kStoreOffline && replicas == 0) info.state = pdpb::kStoreTombstone;
+  // Offline with nothing left (by the records, and nothing on its way) is
+  // as good as removed; the record says so once the store or the operator
+  // next calls. Without counts nothing is guessed.
+  if (info.state == pdpb::kStoreOffline && counted && replicas == 0 && pending_adds_.count(record.id) == 0) {
+    info.state = pdpb::kStoreTombstone;
+  }
   auto it = heard_.find(record.id);
   if (it != heard_.end()) {
     info.stats = it->second.stats;
@@ -133,14 +145,17 @@ std::vector<uint64_t> Scheduler::Unwell(const std::vector<pdpb::Store>& stores) 
 bool Scheduler::TakeToken(uint64_t store_id, int64_t now) {
   // Counted in whole units, a change costing a minute's worth of ms, so
   // that refills add up exactly: each ms adds `limit` units.
-  const int64_t limit = std::max<int64_t>(1, options_.store_limit);
+  const int64_t limit = std::clamp<int64_t>(options_.store_limit, 1, kMaxStoreLimit);
   constexpr int64_t kCost = 60 * 1000;
   auto [it, fresh] = buckets_.try_emplace(store_id);
   Bucket& bucket = it->second;
   if (fresh) {
     bucket.units = limit * kCost;
   } else if (now > bucket.refilled_ms) {
-    bucket.units = std::min(limit * kCost, bucket.units + (now - bucket.refilled_ms) * limit);
+    // A minute refills the bucket whole; capping the time first keeps the
+    // product in range.
+    const int64_t elapsed = std::min<int64_t>(now - bucket.refilled_ms, kCost);
+    bucket.units = std::min(limit * kCost, bucket.units + elapsed * limit);
   }
   bucket.refilled_ms = std::max(bucket.refilled_ms, now);
   if (bucket.units < kCost) return false;
@@ -215,7 +230,10 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
     const Pending& p = pending->second;
     const bool done = (p.kind == pdpb::kAddPeer && ContainsId(members, p.store_id)) ||
                       (p.kind == pdpb::kRemovePeer && !ContainsId(members, p.store_id));
-    if (!done && now - p.issued_ms < options_.change_timeout_ms) {
+    // An add to a store that may no longer take replicas is chosen again.
+    auto target = view->find(p.store_id);
+    const bool unwanted = p.kind == pdpb::kAddPeer && (target == view->end() || !MayReceive(target->second.state));
+    if (!done && !unwanted && now - p.issued_ms < options_.change_timeout_ms) {
       *out = ScheduleCommand{p.kind, entry.region_id, p.store_id, p.address};
       return true;
     }
@@ -255,20 +273,6 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
   if (members.size() < target) return add();
   if (members.size() > target) {
     uint64_t victim = leaving_other;
-    // Then a member sharing the narrowest domain with another one.
-    const size_t levels = options_.location_labels.size();
-    for (size_t i = 0; victim == 0 && levels > 0 && i < members.size(); i++) {
-      const uint64_t m = members[i];
-      auto vm = view->find(m);
-      if (m == reporter || vm == view->end()) continue;
-      for (uint64_t o : members) {
-        auto vo = view->find(o);
-        if (o != m && vo != view->end() && SharedDepth(*vm->second.record, *vo->second.record) >= levels) {
-          victim = m;
-          break;
-        }
-      }
-    }
     if (victim == 0 && reporter_leaving) {
       // Only the leader itself is to go: it hands leadership to a member
       // that stays, whose heartbeat then removes it.
@@ -279,6 +283,21 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
         }
       }
       return false;
+    }
+    // Then a member sharing the narrowest domain with another that stays
+    // (a leaving store's domain is about to be free).
+    const size_t levels = options_.location_labels.size();
+    for (size_t i = 0; victim == 0 && levels > 0 && i < keep.size(); i++) {
+      const uint64_t m = keep[i];
+      auto vm = view->find(m);
+      if (m == reporter || vm == view->end()) continue;
+      for (uint64_t o : keep) {
+        auto vo = view->find(o);
+        if (o != m && vo != view->end() && SharedDepth(*vm->second.record, *vo->second.record) >= levels) {
+          victim = m;
+          break;
+        }
+      }
     }
     if (victim == 0) {
       // As before store heartbeats: a candidate first, never the reporter.
@@ -335,6 +354,22 @@ void Scheduler::Heal(uint64_t reporter, const std::vector<RegionHeartbeatEntry>&
                      std::vector<ScheduleCommand>* per_entry) {
   const int64_t now = Now();
   MutexLock lock(&mu_);
+  // Changes of regions that stopped reporting (merged away, or led by a
+  // store that died) would otherwise stay, and their adds keep counting
+  // on their targets.
+  if (now - swept_ms_ >= options_.change_timeout_ms) {
+    swept_ms_ = now;
+    for (auto it = pending_.begin(); it != pending_.end();) {
+      if (now - it->second.issued_ms < options_.change_timeout_ms) {
+        ++it;
+        continue;
+      }
+      if (it->second.kind == pdpb::kAddPeer && --pending_adds_[it->second.store_id] == 0) {
+        pending_adds_.erase(it->second.store_id);
+      }
+      it = pending_.erase(it);
+    }
+  }
   std::unordered_map<uint64_t, StoreView> view;
   view.reserve(stores.size());
   std::vector<uint64_t> order;

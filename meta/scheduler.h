@@ -83,6 +83,9 @@ class Scheduler {
   };
   using ReplicaCounts = std::unordered_map<uint64_t, uint64_t>;
 
+  // The highest --store_limit taken; more is no limit at all.
+  static constexpr int64_t kMaxStoreLimit = 1000000;
+
   explicit Scheduler(Options options);
   Scheduler(const Scheduler&) = delete;
   Scheduler& operator=(const Scheduler&) = delete;
@@ -93,8 +96,11 @@ class Scheduler {
   void ReportStore(uint64_t store_id, const pdpb::StoreStats& stats) EXCLUDES(mu_);
   // The state of a store from its record and its heartbeats.
   uint8_t StateOf(const pdpb::Store& record) const EXCLUDES(mu_);
-  // The record, state, statistics and last heartbeat of a store.
-  pdpb::StoreInfo Info(const pdpb::Store& record, uint64_t replicas) const EXCLUDES(mu_);
+  // The record, state, statistics and last heartbeat of a store;
+  // `counted` when `replicas` comes from the records (else it is unknown).
+  pdpb::StoreInfo Info(const pdpb::Store& record, uint64_t replicas, bool counted) const EXCLUDES(mu_);
+  // Adds issued to a store that the records may not show yet.
+  uint64_t PendingAddsTo(uint64_t store_id) const EXCLUDES(mu_);
   // Whether any store of the cluster takes part in store heartbeats: from
   // then on, heartbeats are scheduled by Heal instead of the designed rule.
   bool Active(const std::vector<pdpb::Store>& stores) const EXCLUDES(mu_);
@@ -169,6 +175,8 @@ class Scheduler {
   uint64_t on_down_ GUARDED_BY(mu_) = 0;
   uint64_t on_offline_ GUARDED_BY(mu_) = 0;
   uint64_t issued_[6] GUARDED_BY(mu_) = {};
+  // When pending_ was last swept of changes that timed out.
+  int64_t swept_ms_ GUARDED_BY(mu_) = 0;
 };
 
 // Whether a list of store or region ids holds `id`; the lists of one

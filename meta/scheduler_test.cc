@@ -92,8 +92,9 @@ TEST_F(SchedulerTest, StatesChangeAtTheirTimes) {
 
   store.node_state = pdpb::kNodeOffline;
   EXPECT_EQ(s.StateOf(store), pdpb::kStoreOffline);
-  EXPECT_EQ(s.Info(store, 3).state, pdpb::kStoreOffline);
-  EXPECT_EQ(s.Info(store, 0).state, pdpb::kStoreTombstone);  // nothing left to move
+  EXPECT_EQ(s.Info(store, 3, true).state, pdpb::kStoreOffline);
+  EXPECT_EQ(s.Info(store, 0, true).state, pdpb::kStoreTombstone);  // nothing left to move
+  EXPECT_EQ(s.Info(store, 0, false).state, pdpb::kStoreOffline);   // unknown: no guess
   store.node_state = pdpb::kNodeTombstone;
   EXPECT_EQ(s.StateOf(store), pdpb::kStoreTombstone);
 
@@ -204,12 +205,30 @@ TEST_F(SchedulerTest, ReplacementAddsFirstAndRepeatsItsChoice) {
   EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{20, {1, 2, 6, 8}, {}, {6, 8}}, offline),
             Cmd(pdpb::kRemovePeer, 20, 1));
 
+  // A leaving leader on the same host as its replacement (a disk being
+  // swapped): once the new replica is in, leadership moves; the new
+  // replica is never taken for a duplicate of the one that leaves.
+  std::vector<pdpb::Store> swap = {At(31, "z1", "hX"), At(32, "z2"), At(33, "z3"), At(38, "z1", "hX")};
+  swap[0].node_state = pdpb::kNodeOffline;
+  for (uint64_t id : {31, 32, 33, 38}) s.ReportStore(id, Room(80));
+  EXPECT_EQ(HealOne(&s, 31, RegionHeartbeatEntry{30, {31, 32, 33}, {}, {32, 33}}, swap), Cmd(pdpb::kAddPeer, 30, 38));
+  EXPECT_EQ(HealOne(&s, 31, RegionHeartbeatEntry{30, {31, 32, 33, 38}, {}, {32, 33, 38}}, swap),
+            Cmd(pdpb::kTransferLeader, 30, 32));
+
+  // An add in flight to a store that stops taking replicas is chosen again.
+  std::vector<pdpb::Store> later = {At(41, "z1"), At(42, "z2"), At(43, "z3"), At(44, "z3")};
+  for (uint64_t id : {41, 42, 43, 44}) s.ReportStore(id, Room(80));
+  const ScheduleCommand first = HealOne(&s, 41, RegionHeartbeatEntry{40, {41, 42}, {}, {}}, later, {{44, 9}});
+  EXPECT_EQ(first, Cmd(pdpb::kAddPeer, 40, 43));
+  later[2].node_state = pdpb::kNodeOffline;
+  EXPECT_EQ(HealOne(&s, 41, RegionHeartbeatEntry{40, {41, 42}, {}, {}}, later), Cmd(pdpb::kAddPeer, 40, 44));
+
   pdpb::SchedulingStats stats;
   s.FillStats(offline, &stats);
   EXPECT_EQ(stats.stores_down, 1u);
   EXPECT_EQ(stats.stores_offline, 1u);
   EXPECT_EQ(stats.stores_up, 4u);
-  EXPECT_EQ(stats.regions_on_offline_store, 1u);  // region 20, as last reported
+  EXPECT_EQ(stats.regions_on_offline_store, 2u);  // regions 20 and 30, as last reported
   EXPECT_EQ(stats.regions_on_down_store, 0u);     // region 9 is repaired
 }
 

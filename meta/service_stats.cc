@@ -72,7 +72,7 @@ void PdService::GetStats(const kanrpc::RpcServer& server, pdpb::StatsResponse* r
   // Store states need the records; without a copy that stands for them
   // only the counters are given (a scan here would cost every caller).
   std::shared_ptr<const std::vector<pdpb::Store>> stores;
-  if (router_ == nullptr || !router_->Stores(&stores, nullptr)) stores = std::make_shared<std::vector<pdpb::Store>>();
+  if (router_ == nullptr || !router_->StoresAsHeld(&stores)) stores = std::make_shared<std::vector<pdpb::Store>>();
   scheduler_.FillStats(*stores, &resp->scheduling);
 }
 

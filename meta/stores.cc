@@ -35,7 +35,15 @@ Status PdService::ReadStore(uint64_t store_id, pdpb::Store* out, bool* found) {
 Status PdService::StoreHeartbeat(const pdpb::StoreHeartbeatRequest& req, pdpb::StoreHeartbeatResponse* resp) {
   const uint64_t id = req.store.id;
   if (id == 0) return Status::InvalidArgument("store id 0");
-  MutexLock lock(&store_record_mutex_);
+  // The record as this heartbeat would leave it.
+  auto merged = [&req, id](const pdpb::Store& record, bool found) {
+    pdpb::Store updated = record;
+    updated.id = id;
+    if (!req.store.address.empty() || !found) updated.address = req.store.address;
+    updated.labels = req.store.labels;
+    if (updated.first_heartbeat_ms == 0) updated.first_heartbeat_ms = static_cast<uint64_t>(WallNs() / 1000000);
+    return updated;
+  };
   pdpb::Store record;
   bool found = false;
   Status s = ReadStore(id, &record, &found);
@@ -43,47 +51,66 @@ Status PdService::StoreHeartbeat(const pdpb::StoreHeartbeatRequest& req, pdpb::S
   if (record.node_state == pdpb::kNodeTombstone) {
     return Status::InvalidArgument(StoreName(id) + " is removed (tombstone)");
   }
-  pdpb::Store updated = record;
-  updated.id = id;
-  if (!req.store.address.empty()) updated.address = req.store.address;
-  updated.labels = req.store.labels;
-  if (updated.first_heartbeat_ms == 0) updated.first_heartbeat_ms = static_cast<uint64_t>(WallNs() / 1000000);
-  if (!found && updated.address.empty()) return Status::InvalidArgument(StoreName(id) + " has no address");
-  // The statistics count before the write: a store whose record write
+  if (!found && req.store.address.empty()) return Status::InvalidArgument(StoreName(id) + " has no address");
+  // The statistics count before any write: a store whose record write
   // fails is still alive, and says so again at its next heartbeat.
   scheduler_.ReportStore(id, req.stats);
+  pdpb::Store updated = merged(record, found);
   if (!found || !(updated == record)) {
+    // A change (rare: a new store, a new address or label) is read again
+    // and written under the lock, so that it cannot undo a removal that
+    // came in between; an unchanged record takes no lock at all.
+    MutexLock lock(&store_record_mutex_);
+    s = ReadStore(id, &record, &found);
+    if (!s.ok()) return s;
+    if (record.node_state == pdpb::kNodeTombstone) {
+      return Status::InvalidArgument(StoreName(id) + " is removed (tombstone)");
+    }
+    updated = merged(record, found);
     s = store_->Put({{StoreKey(id), pdpb::Encode(updated)}});
     if (!s.ok()) return s;
   }
   uint8_t state = scheduler_.StateOf(updated);
   if (state == pdpb::kStoreOffline) {
-    std::shared_ptr<const std::vector<pdpb::Store>> stores;
-    Scheduler::ReplicaCounts replicas;
-    bool counted = false;
-    s = LoadStores(&stores, &replicas, &counted);
+    s = FinishRemoval(id, &state);
     if (!s.ok()) return s;
-    // Counts from the records themselves; without them (the index cannot
-    // stand for the records) a removal is never finished on a guess.
-    if (counted && ReplicasOf(replicas, id) == 0) {
-      updated.node_state = pdpb::kNodeTombstone;
-      s = store_->Put({{StoreKey(id), pdpb::Encode(updated)}});
-      if (!s.ok()) return s;
-      state = pdpb::kStoreTombstone;
-    }
   }
   resp->state = state;
+  return Status::OK();
+}
+
+Status PdService::FinishRemoval(uint64_t store_id, uint8_t* state) {
+  std::shared_ptr<const std::vector<pdpb::Store>> stores;
+  Scheduler::ReplicaCounts replicas;
+  bool counted = false;
+  Status s = LoadStores(&stores, &replicas, &counted);
+  if (!s.ok()) return s;
+  // Counts from the records themselves, and no add on its way to it:
+  // without them (the copy cannot stand for the records) a removal is
+  // never finished on a guess.
+  if (!counted || ReplicasOf(replicas, store_id) != 0 || scheduler_.PendingAddsTo(store_id) != 0) return Status::OK();
+  MutexLock lock(&store_record_mutex_);
+  pdpb::Store record;
+  bool found = false;
+  s = ReadStore(store_id, &record, &found);
+  if (!s.ok() || !found) return s;
+  if (record.node_state != pdpb::kNodeOffline) return Status::OK();
+  record.node_state = pdpb::kNodeTombstone;
+  s = store_->Put({{StoreKey(store_id), pdpb::Encode(record)}});
+  if (!s.ok()) return s;
+  *state = pdpb::kStoreTombstone;
   return Status::OK();
 }
 
 Status PdService::GetStore(const pdpb::GetStoreRequest& req, pdpb::GetStoreResponse* resp) {
   std::shared_ptr<const std::vector<pdpb::Store>> stores;
   Scheduler::ReplicaCounts replicas;
-  Status s = LoadStores(&stores, &replicas);
+  bool counted = false;
+  Status s = LoadStores(&stores, &replicas, &counted);
   if (!s.ok()) return s;
   for (const pdpb::Store& store : *stores) {
     if (store.id != req.store_id) continue;
-    resp->store = scheduler_.Info(store, ReplicasOf(replicas, store.id));
+    resp->store = scheduler_.Info(store, ReplicasOf(replicas, store.id), counted);
     return Status::OK();
   }
   return Status::NotFound(StoreName(req.store_id) + " not found");
@@ -92,12 +119,13 @@ Status PdService::GetStore(const pdpb::GetStoreRequest& req, pdpb::GetStoreRespo
 Status PdService::GetAllStores(const pdpb::GetAllStoresRequest& req, pdpb::GetAllStoresResponse* resp) {
   std::shared_ptr<const std::vector<pdpb::Store>> stores;
   Scheduler::ReplicaCounts replicas;
-  Status s = LoadStores(&stores, &replicas);
+  bool counted = false;
+  Status s = LoadStores(&stores, &replicas, &counted);
   if (!s.ok()) return s;
   pdpb::GetAllStoresResponse answer;
   answer.stores.reserve(stores->size());
   for (const pdpb::Store& store : *stores) {
-    pdpb::StoreInfo info = scheduler_.Info(store, ReplicasOf(replicas, store.id));
+    pdpb::StoreInfo info = scheduler_.Info(store, ReplicasOf(replicas, store.id), counted);
     if (req.exclude_tombstones && info.state == pdpb::kStoreTombstone) continue;
     answer.stores.push_back(std::move(info));
   }
@@ -110,25 +138,27 @@ Status PdService::GetAllStores(const pdpb::GetAllStoresRequest& req, pdpb::GetAl
 
 Status PdService::RemoveStore(const pdpb::RemoveStoreRequest& req, pdpb::RemoveStoreResponse* resp) {
   const uint64_t id = req.store_id;
-  MutexLock lock(&store_record_mutex_);
-  pdpb::Store record;
-  bool found = false;
-  Status s = ReadStore(id, &record, &found);
-  if (!s.ok()) return s;
-  if (!found) return Status::NotFound(StoreName(id) + " not found");
-  if (record.node_state == pdpb::kNodeTombstone) {
-    resp->state = pdpb::kStoreTombstone;
-    return Status::OK();
+  {
+    MutexLock lock(&store_record_mutex_);
+    pdpb::Store record;
+    bool found = false;
+    Status s = ReadStore(id, &record, &found);
+    if (!s.ok()) return s;
+    if (!found) return Status::NotFound(StoreName(id) + " not found");
+    if (record.node_state == pdpb::kNodeTombstone) {
+      resp->state = pdpb::kStoreTombstone;
+      return Status::OK();
+    }
+    if (record.node_state != pdpb::kNodeOffline) {
+      record.node_state = pdpb::kNodeOffline;
+      s = store_->Put({{StoreKey(id), pdpb::Encode(record)}});
+      if (!s.ok()) return s;
+    }
   }
-  std::shared_ptr<const std::vector<pdpb::Store>> stores;
-  Scheduler::ReplicaCounts replicas;
-  bool counted = false;
-  s = LoadStores(&stores, &replicas, &counted);
+  uint8_t state = pdpb::kStoreOffline;
+  Status s = FinishRemoval(id, &state);
   if (!s.ok()) return s;
-  record.node_state = counted && ReplicasOf(replicas, id) == 0 ? pdpb::kNodeTombstone : pdpb::kNodeOffline;
-  s = store_->Put({{StoreKey(id), pdpb::Encode(record)}});
-  if (!s.ok()) return s;
-  resp->state = record.node_state == pdpb::kNodeTombstone ? pdpb::kStoreTombstone : pdpb::kStoreOffline;
+  resp->state = state;
   return Status::OK();
 }
 
