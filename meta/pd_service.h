@@ -150,6 +150,10 @@ class PdService {
   // once it holds none. NotFound when it has no record.
   Status RemoveStore(const pdpb::RemoveStoreRequest& req, pdpb::RemoveStoreResponse* resp)
       EXCLUDES(store_record_mutex_);
+  // Called by a store heartbeat between its first read of the record and
+  // its write, so that a test can run a removal in that window. Set before
+  // the service is shared.
+  void SetStoreRecordHookForTesting(std::function<void()> hook) { store_record_hook_ = std::move(hook); }
 
   // The replicated server's timestamp ceiling. `admit` is consulted under
   // tso_mutex_ with the physical part of each batch before the batch is
@@ -242,6 +246,7 @@ class PdService {
   // by an event loop, so it may be held across the write; never across a
   // read of every store.
   Mutex store_record_mutex_;
+  std::function<void()> store_record_hook_;  // tests only; set before serving
 
   // Serialises timestamp batches only.
   Mutex tso_mutex_;

@@ -6,6 +6,7 @@
 #include "rpc/server.h"
 
 #include <algorithm>
+#include <chrono>
 #include <atomic>
 #include <memory>
 #include <ostream>
@@ -593,6 +594,40 @@ TEST_F(PdTest, InformedLeaderBalancingStopsAtEven) {
   service_->GetStats(unused, &stats);
   EXPECT_EQ(stats.scheduling.stores_up, 2u);
   EXPECT_EQ(stats.scheduling.transfer_leader, 2u);
+}
+
+// The window between a store heartbeat's read of its record and its
+// write: a removal that lands there is kept, not overwritten by the record
+// as the heartbeat first read it.
+TEST_F(PdTest, StoreHeartbeatNeverUndoesARemoval) {
+  Put(kBootstrappedKey, "1");
+  PutStores({1, 5});
+  Put(RegionKey(50), pdpb::Encode(MakeRegion(50, "", "", {1, 5})));
+  Reopen(3);
+  std::atomic<int> stage{0};
+  service_->SetStoreRecordHookForTesting([&stage] {
+    stage = 1;
+    while (stage.load() != 2) std::this_thread::yield();
+  });
+  std::thread heartbeat([this] {
+    pdpb::StoreHeartbeatRequest hb;
+    hb.store = MakeStore(5);
+    hb.store.labels = {{"zone", "z1"}};  // a change: the record is written
+    pdpb::StoreHeartbeatResponse state;
+    EXPECT_TRUE(service_->StoreHeartbeat(hb, &state).ok());
+    EXPECT_EQ(state.state, pdpb::kStoreOffline);
+  });
+  while (stage.load() != 1) std::this_thread::yield();
+  pdpb::RemoveStoreResponse resp;
+  ASSERT_TRUE(service_->RemoveStore(pdpb::RemoveStoreRequest{5}, &resp).ok());
+  EXPECT_EQ(resp.state, pdpb::kStoreOffline);  // it still holds region 50's replica
+  stage = 2;
+  heartbeat.join();
+  pdpb::Store record;
+  const std::string stored = Get(StoreKey(5));
+  ASSERT_TRUE(pdpb::Decode(stored.size(), stored.data(), &record));
+  EXPECT_EQ(record.node_state, pdpb::kNodeOffline);
+  EXPECT_EQ(record.labels.size(), 1u);
 }
 
 }  // namespace

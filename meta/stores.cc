@@ -57,6 +57,7 @@ Status PdService::StoreHeartbeat(const pdpb::StoreHeartbeatRequest& req, pdpb::S
   scheduler_.ReportStore(id, req.stats);
   pdpb::Store updated = merged(record, found);
   if (!found || !(updated == record)) {
+    if (store_record_hook_) store_record_hook_();
     // A change (rare: a new store, a new address or label) is read again
     // and written under the lock, so that it cannot undo a removal that
     // came in between; an unchanged record takes no lock at all.
