@@ -335,6 +335,10 @@ struct Observed {
   std::atomic<uint64_t> tso_high{0};       // largest timestamp any client received
   std::atomic<uint64_t> below{0};          // answers not above an earlier one
   std::atomic<int64_t> last_success_ms{0};  // steady clock
+  // When the most recently sent call that succeeded was sent. Only a call
+  // sent after a leader is dead proves that another one serves: an answer
+  // the dead leader wrote just before the kill can still arrive after it.
+  std::atomic<int64_t> last_success_sent_ms{0};
   std::atomic<uint64_t> failures{0};
   std::mutex mu;
   std::vector<uint64_t> timestamps;
@@ -348,6 +352,7 @@ void LoadThread(const std::string& targets, int index, Observed* seen) {
   std::vector<std::pair<uint64_t, uint64_t>> ids;
   std::map<uint64_t, std::string> acked;
   for (uint64_t n = 0; !seen->stop.load(); ++n) {
+    const int64_t sent_ms = SteadyMs();
     Status s;
     switch (n % 3) {
       case 0: {
@@ -383,6 +388,9 @@ void LoadThread(const std::string& targets, int index, Observed* seen) {
     }
     if (s.ok()) {
       seen->last_success_ms.store(SteadyMs());
+      int64_t latest = seen->last_success_sent_ms.load();
+      while (latest < sent_ms && !seen->last_success_sent_ms.compare_exchange_weak(latest, sent_ms)) {
+      }
     } else {
       seen->failures.fetch_add(1);
       SleepMs(20);
@@ -417,11 +425,11 @@ TEST_F(HaTest, LeaderKillsUnderLoad) {
     SleepMs(1000);
     const int leader = servers.WaitLeader(&client, 10000);
     ASSERT_GE(leader, 0);
+    servers.Kill(leader);  // returns once the process is gone
     const int64_t killed_at = SteadyMs();
-    servers.Kill(leader);
     ASSERT_TRUE(servers.Restart(leader));
-    while (seen.last_success_ms.load() <= killed_at && SteadyMs() < killed_at + 30000) SleepMs(5);
-    ASSERT_GT(seen.last_success_ms.load(), killed_at) << "no leader took over";
+    while (seen.last_success_sent_ms.load() <= killed_at && SteadyMs() < killed_at + 30000) SleepMs(5);
+    ASSERT_GT(seen.last_success_sent_ms.load(), killed_at) << "no leader took over";
     longest_ms = std::max(longest_ms, seen.last_success_ms.load() - killed_at);
   }
   SleepMs(500);
@@ -445,8 +453,9 @@ TEST_F(HaTest, LeaderKillsUnderLoad) {
 
   // Acknowledged upserts route through the last leader too. The first
   // route of a new term may walk every record in etcd: on a loaded machine
-  // that takes longer than the load's one-second calls.
-  kanrpc::RpcClient router(targets, Options(5, 10000));
+  // that takes longer than the load's one-second calls. Enough attempts to
+  // outlast a lease, should leadership be changing hands.
+  kanrpc::RpcClient router(targets, Options(20, 10000));
   size_t routed = 0;
   for (const auto& [id, encoding] : seen.acked) {
     if (routed++ % 97 != 0) continue;
