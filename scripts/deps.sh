@@ -14,12 +14,13 @@
 set -euo pipefail
 
 # One package a line; adding a package is adding a line. The server itself
-# needs only the compiler; everything else serves the tools, tests or CI.
+# needs only the compiler and OpenSSL; everything else serves the tools, tests or CI.
 server_packages=(
   cmake
   ninja-build
   g++
   nlohmann-json3-dev         # the tools' JSON output and request documents
+  libssl-dev                 # TLS on the RPC port (OpenSSL)
 )
 test_packages=(
   "${server_packages[@]}"
@@ -31,6 +32,7 @@ test_packages=(
   libcurl4-openssl-dev       # kandb-meta-ha's etcd client (built where found)
   etcd-server                # real etcd members for the replicated server's tests
   etcd-client
+  openssl                    # the tests make their certificates with it
   util-linux                 # prlimit, for tests that lower resource limits
   python3-prometheus-client  # parses the Prometheus text output in tests
 )
