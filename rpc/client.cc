@@ -15,6 +15,8 @@
 #include <thread>
 #include <utility>
 
+#include "rpc/tls.h"
+
 namespace kandb::kanrpc {
 
 // A cluster's servers answer a follower's "not leader" with this text
@@ -112,15 +114,25 @@ Status RpcClient::Connect() {
   }
   freeaddrinfo(list);
   if (fd_ < 0) return failed;
-  reader_.Reset(fd_);
+  if (options_.tls != nullptr) {
+    Status s = options_.tls->Handshake(fd_, host, options_.timeout_ms, &transport_);
+    if (!s.ok()) {
+      Disconnect();
+      return s;
+    }
+  } else {
+    transport_ = std::make_unique<SocketTransport>(fd_);
+  }
+  reader_.Reset(transport_.get());
   return Status::OK();
 }
 
 void RpcClient::Disconnect() {
-  if (fd_ >= 0) close(fd_);
-  fd_ = -1;
   // Bytes buffered from the old connection belong to no future call.
   reader_.Reset(-1);
+  transport_.reset();
+  if (fd_ >= 0) close(fd_);
+  fd_ = -1;
 }
 
 Status RpcClient::CallOnce(const std::string& method, const std::string& request,
@@ -128,7 +140,7 @@ Status RpcClient::CallOnce(const std::string& method, const std::string& request
   const uint64_t id = next_request_id_++;
   send_buffer_.clear();
   AppendFrame(&send_buffer_, FrameType::kRequest, id, method, request);
-  Status s = WriteAll(fd_, send_buffer_.data(), send_buffer_.size(), options_.timeout_ms);
+  Status s = SendAll(transport_.get(), send_buffer_.data(), send_buffer_.size(), options_.timeout_ms);
   if (!s.ok()) return s;
   s = reader_.Read(&answer_, options_.timeout_ms);
   if (!s.ok()) return s;

@@ -26,6 +26,8 @@ bool ParseTarget(const std::string& target, std::string* host, std::string* port
 // replicated cluster's members.
 std::vector<std::string> SplitTargets(const std::string& target);
 
+class TlsClientContext;
+
 struct RpcClientOptions {
   // Bounds every single wait of a write or a read, in milliseconds; negative
   // waits without limit. Connecting is not bounded by it.
@@ -33,6 +35,9 @@ struct RpcClientOptions {
   // How many times a call is tried before its last failure is returned.
   // Zero or less tries once, as 1 does.
   int32_t attempts = 3;
+  // When set, every connection is a TLS session made from it (rpc/tls.h);
+  // a failed handshake is a transport failure like any other.
+  std::shared_ptr<const TlsClientContext> tls = nullptr;
 };
 
 class RpcClient {
@@ -101,6 +106,7 @@ class RpcClient {
   // connection and answers arrive in request order.
   Mutex mu_;
   int fd_ GUARDED_BY(mu_) = -1;  // -1 when not connected
+  std::unique_ptr<Transport> transport_ GUARDED_BY(mu_);  // over fd_ while connected
   // The servers of `target_` (one for a single target), plus leaders named
   // in redirects that the list did not hold, and the one calls go to.
   std::vector<std::string> targets_ GUARDED_BY(mu_);

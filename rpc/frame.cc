@@ -24,9 +24,9 @@ constexpr size_t kInitialCapacity = 8 * 1024;
 constexpr size_t kKeepCapacity = 1024 * 1024;
 
 Status Timeout() { return Status::Corruption("kanrpc: io timeout"); }
-Status Closed() { return Status::NotFound("kanrpc: connection closed"); }
+Status Closed() { return ConnectionClosed(); }
 Status PollError(int err) { return Status::Corruption("kanrpc poll: " + ErrnoText(err)); }
-Status IoError(int err) { return Status::Corruption("kanrpc io: " + ErrnoText(err)); }
+Status IoError(int err) { return TransferError(err); }
 
 // Waits until the socket is ready for `events` (timeout_ms >= 0).
 Status WaitReady(int fd, short events, int timeout_ms) {
@@ -119,10 +119,19 @@ Status ReadExact(int fd, char* buf, size_t n, int timeout_ms) {
   return Status::OK();
 }
 
-FrameReader::FrameReader(int fd, bool read_ahead) : fd_(fd), read_ahead_(read_ahead) {}
+FrameReader::FrameReader(int fd, bool read_ahead)
+    : own_transport_(std::make_unique<SocketTransport>(fd)), transport_(own_transport_.get()), read_ahead_(read_ahead) {}
+
+FrameReader::FrameReader(Transport* transport, bool read_ahead) : transport_(transport), read_ahead_(read_ahead) {}
 
 void FrameReader::Reset(int fd) {
-  fd_ = fd;
+  own_transport_ = std::make_unique<SocketTransport>(fd);
+  Reset(own_transport_.get());
+}
+
+void FrameReader::Reset(Transport* transport) {
+  if (transport != own_transport_.get()) own_transport_.reset();
+  transport_ = transport;
   start_ = end_ = 0;
   if (capacity_ > kKeepCapacity) {
     buf_.reset();
@@ -155,7 +164,8 @@ Status FrameReader::Fill(size_t need, int timeout_ms) {
     size_t room = capacity_ - end_;
     if (!read_ahead_) room = std::min(room, need - (end_ - start_));
     size_t got = 0;
-    Status s = RecvSome(fd_, buf_.get() + end_, room, timeout_ms, &got);
+    Status s = transport_->Recv(buf_.get() + end_, room, &got);
+    if (s.ok() && got == 0) s = WaitTransport(*transport_, timeout_ms);
     if (!s.ok()) return s;
     end_ += got;
   }
@@ -234,15 +244,10 @@ Status FrameReader::ReadAvailable(Frame* frame, bool* got) {
     Status s = TakeBuffered(frame, got, &need);
     if (!s.ok() || *got) return s;
     MakeRoom(need);
-    const ssize_t r = recv(fd_, buf_.get() + end_, capacity_ - end_, MSG_DONTWAIT);
-    if (r > 0) {
-      end_ += static_cast<size_t>(r);
-      continue;
-    }
-    if (r == 0) return Closed();
-    if (errno == EINTR) continue;
-    if (errno == EAGAIN || errno == EWOULDBLOCK) return Status::OK();
-    return IoError(errno);
+    size_t got = 0;
+    s = transport_->Recv(buf_.get() + end_, capacity_ - end_, &got);
+    if (!s.ok() || got == 0) return s;
+    end_ += got;
   }
 }
 

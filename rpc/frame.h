@@ -24,6 +24,7 @@
 #include <string>
 
 #include "common/status.h"
+#include "rpc/transport.h"
 
 namespace kandb::kanrpc {
 
@@ -92,7 +93,10 @@ Status ParseFrame(const char* p, size_t n, Frame* frame, size_t* size, size_t* n
 // Not thread-safe; one reader per connection, used by one thread at a time.
 class FrameReader {
  public:
+  // Reads a plain socket.
   explicit FrameReader(int fd, bool read_ahead = true);
+  // Reads through `transport`, which outlives the reader or its next Reset.
+  explicit FrameReader(Transport* transport, bool read_ahead = true);
   FrameReader(const FrameReader&) = delete;
   FrameReader& operator=(const FrameReader&) = delete;
 
@@ -107,9 +111,10 @@ class FrameReader {
   // blocks, whatever the socket's mode. Failures as Read.
   Status ReadAvailable(Frame* frame, bool* got);
 
-  // Starts over on another (or the same, reconnected) socket, dropping every
-  // buffered byte.
+  // Starts over on another (or the same, reconnected) socket or transport,
+  // dropping every buffered byte.
   void Reset(int fd);
+  void Reset(Transport* transport);
 
   // Bytes received but not yet returned as part of a frame.
   size_t buffered() const { return end_ - start_; }
@@ -128,7 +133,9 @@ class FrameReader {
   // Makes free space after end_, compacting or growing towards `need`.
   void MakeRoom(size_t need);
 
-  int fd_;
+  // The plain socket's, when the reader was given one.
+  std::unique_ptr<Transport> own_transport_;
+  Transport* transport_;
   const bool read_ahead_;
   std::unique_ptr<char[]> buf_;
   size_t capacity_ = 0;

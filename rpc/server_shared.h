@@ -1,0 +1,60 @@
+#ifndef KANDB_RPC_SERVER_SHARED_H_
+#define KANDB_RPC_SERVER_SHARED_H_
+
+// What the parts of RpcServer share: the method table, the loops and the
+// worker pool, and the counters that Stats reads.
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/mutex.h"
+#include "common/thread_annotations.h"
+#include "rpc/server.h"
+#include "rpc/server_stats.h"
+
+namespace kandb::kanrpc {
+
+using Clock = std::chrono::steady_clock;
+
+enum class Kind { kUnknown, kBlocking, kInline, kTryInline, kAsync };
+
+struct RpcServer::Shared {
+  struct Method {
+    Kind kind = Kind::kUnknown;
+    RawHandler handler;        // kBlocking, kInline, kTryInline (when the attempt declines)
+    RawAttempt attempt;        // kTryInline
+    AsyncRawHandler async;     // kAsync
+    size_t index = 0;          // registration order: where its counters are kept
+  };
+  // Written only before Start, read without locking afterwards: the thread
+  // starts in Start order every registration before every lookup.
+  std::map<std::string, Method, std::less<>> methods;
+  // Set before Start, read-only afterwards.
+  std::function<void()> pass_hook;
+  // Written by Start before any thread exists, read-only after.
+  Clock::time_point started;
+  // False until the first Stop.
+  std::atomic<bool> stopping{false};
+  // Created by Start before the accept thread, destroyed with Shared; the
+  // loops are joined by Stop.
+  std::vector<std::unique_ptr<Loop>> loops;
+  std::unique_ptr<Workers> workers;
+  // Guards the members below; never held while a handler runs.
+  Mutex mu;
+  // The connections being served, by socket, so that Stats can read their
+  // counters. A loop lists a connection when it adopts it and removes it
+  // before closing the socket and freeing the counters.
+  std::map<int, const Connection*> connections GUARDED_BY(mu);
+  // The counters of the connections that ended (folded in as each ends)
+  // and of the accept thread; sized by Start.
+  ServerStats ended GUARDED_BY(mu);
+};
+
+}  // namespace kandb::kanrpc
+
+#endif  // KANDB_RPC_SERVER_SHARED_H_
