@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "app/scheduling_flags.h"
+#include "app/tls_flags.h"
 #include "common/flags.h"
 #include "common/status.h"
 #include "meta/ha_server.h"
@@ -43,6 +44,7 @@ int64_t* const FLAGS_lease_ms = kandb::DefineInt64Flag(
     "leader lease in ms; etcd grants whole seconds, at least 2, so it is rounded up");
 // Extension flags, after the designed ones.
 const kandb::app::SchedulingFlags kSchedulingFlags = kandb::app::DefineSchedulingFlags();
+const kandb::app::TlsFlags kTlsFlags = kandb::app::DefineTlsFlags();
 
 // Every etcd call on one endpoint is bounded by this, well inside a third
 // of the shortest lease, so a dead endpoint cannot stall a renewal.
@@ -62,6 +64,15 @@ std::string DefaultAdvertise(const std::string& bind_addr, int64_t port) {
 
 int main(int argc, char** argv) {
   kandb::ParseFlags(argc, argv);
+  // Certificates are read before anything else is opened: a bad file
+  // fails the start at once, and the reload thread exists before any
+  // other, so that SIGHUP reaches only it.
+  std::shared_ptr<kandb::kanrpc::TlsServerContext> tls;
+  if (const kandb::Status tls_status = kandb::app::TlsFromFlags(kTlsFlags, &tls); !tls_status.ok()) {
+    std::fprintf(stderr, "failed to start pd: %s\n", tls_status.ToString().c_str());
+    return 1;
+  }
+  if (tls != nullptr) kandb::app::ReloadOnHangup(tls, "kandb-meta-ha");
   if (FLAGS_etcd->empty()) {
     // No default: etcd's own client port is 2379 too, and a silent default
     // would collide with this server's port on one machine.
@@ -87,6 +98,7 @@ int main(int argc, char** argv) {
   auto ha = std::make_unique<kandb::meta::HaServer>(&etcd, options);
   auto server = std::make_unique<kandb::kanrpc::RpcServer>();
   ha->RegisterTo(server.get());
+  if (tls != nullptr) server->SetTls(tls);
   s = server->Start(static_cast<int32_t>(*FLAGS_port), bind_addr);
   if (!s.ok()) {
     std::fprintf(stderr, "failed to start pd: %s\n", s.ToString().c_str());

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "app/scheduling_flags.h"
+#include "app/tls_flags.h"
 #include "common/flags.h"
 #include "common/status.h"
 #include "meta/pd_service.h"
@@ -34,6 +35,7 @@ int64_t* const FLAGS_target_replicas = kandb::DefineInt64Flag(
     "(0 = off; promotion of caught-up learners is always on)");
 // Extension flags, after the designed ones.
 const kandb::app::SchedulingFlags kSchedulingFlags = kandb::app::DefineSchedulingFlags();
+const kandb::app::TlsFlags kTlsFlags = kandb::app::DefineTlsFlags();
 
 // The state is opened without a passphrase (values in plain) and with every
 // write group synced before it is acknowledged.
@@ -56,6 +58,15 @@ void RaiseDescriptorLimit() {
 
 int main(int argc, char** argv) {
   kandb::ParseFlags(argc, argv);
+  // Certificates are read before anything else is opened: a bad file
+  // fails the start at once, and the reload thread exists before any
+  // other, so that SIGHUP reaches only it.
+  std::shared_ptr<kandb::kanrpc::TlsServerContext> tls;
+  if (const kandb::Status tls_status = kandb::app::TlsFromFlags(kTlsFlags, &tls); !tls_status.ok()) {
+    std::fprintf(stderr, "failed to start pd: %s\n", tls_status.ToString().c_str());
+    return 1;
+  }
+  if (tls != nullptr) kandb::app::ReloadOnHangup(tls, "kandb-meta");
   RaiseDescriptorLimit();
   const std::string& data_dir = *FLAGS_data_dir;
   const std::string& bind_addr = *FLAGS_bind_addr;
@@ -81,6 +92,7 @@ int main(int argc, char** argv) {
   }
   auto server = std::make_unique<kandb::kanrpc::RpcServer>();
   service->RegisterTo(server.get());
+  if (tls != nullptr) server->SetTls(tls);
 
   // The server goes first in every teardown: its handlers point into the
   // service, and the service into the store.

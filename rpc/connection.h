@@ -26,13 +26,21 @@ namespace kandb::kanrpc {
 // closed at once, a writing one once it has sent everything or the grace
 // is over, and one in a call once answered and written.
 struct Connection {
-  Connection(int socket, RpcServer::Loop* owner, size_t methods)
-      : fd(socket), loop(owner), reader(socket), counters(methods) {}
+  // `stream` moves the bytes of the socket `socket`, which the connection
+  // owns and closes.
+  Connection(int socket, std::unique_ptr<Transport> stream, RpcServer::Loop* owner, size_t methods)
+      : fd(socket), transport(std::move(stream)), loop(owner), reader(transport.get()), counters(methods) {}
 
   const int fd;
+  const std::unique_ptr<Transport> transport;
   RpcServer::Loop* const loop;
   FrameReader reader;
   ConnectionCounters counters;
+
+  // A TLS session not yet set up: nothing is read as frames until it is,
+  // and it is dropped when that takes kHandshakeTimeoutMs.
+  bool handshaking = false;
+  Clock::time_point handshake_deadline;
 
   // The call in flight: its request, the method's entry and when it was
   // read; the answer goes to status and response.

@@ -104,7 +104,19 @@ void RpcServer::Loop::DrainInbox() {
       close(fd);
       continue;
     }
-    auto* connection = new Connection(fd, this, shared_->methods.size());
+    std::unique_ptr<Transport> transport =
+        shared_->tls != nullptr ? shared_->tls->Accept(fd) : std::make_unique<SocketTransport>(fd);
+    if (transport == nullptr) {
+      ReportFault("accept", "cannot start a TLS session");
+      close(fd);
+      continue;
+    }
+    auto* connection = new Connection(fd, std::move(transport), this, shared_->methods.size());
+    if (shared_->tls != nullptr) {
+      connection->handshaking = true;
+      connection->handshake_deadline = Clock::now() + std::chrono::milliseconds(RpcServer::kHandshakeTimeoutMs);
+      ++handshakes_;
+    }
     {
       MutexLock lock(&shared_->mu);
       shared_->connections.emplace(fd, connection);
@@ -185,7 +197,7 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
     // with answers the peer has not taken are checked once a second for
     // their write time-out, and after Stop when the grace ends.
     const bool pending = !ready_.empty() || started_async_ || !local_answers_.empty();
-    int timeout_ms = pending ? 0 : stalled_writers_ > 0 ? 1000 : -1;
+    int timeout_ms = pending ? 0 : stalled_writers_ + handshakes_ > 0 ? 1000 : -1;
     if (!pending && draining) {
       const auto left =
           std::chrono::ceil<std::chrono::milliseconds>(stop_deadline_ - Clock::now()).count();
@@ -218,8 +230,8 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
       FinishLocalAnswers();
     }
     const Clock::time_point now = Clock::now();
-    if (stalled_writers_ > 0 && now >= next_write_check_) {
-      DropStalledWriters(now);
+    if (stalled_writers_ + handshakes_ > 0 && now >= next_write_check_) {
+      DropStalled(now);
       next_write_check_ = now + std::chrono::seconds(1);
     }
     FreeClosed();
@@ -233,6 +245,7 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
 }
 
 void RpcServer::Loop::Serve(Connection* connection) {
+  if (connection->handshaking && !StepHandshake(connection)) return;
   if (connection->round != round_) {
     connection->round = round_;
     connection->frames_left = kFramesPerTurn;
@@ -263,6 +276,36 @@ void RpcServer::Loop::Serve(Connection* connection) {
     FinishCall(connection);
     if (connection->dead) return;
   }
+}
+
+bool RpcServer::Loop::StepHandshake(Connection* connection) {
+  if (stop_seen_) {
+    Close(connection);
+    return false;
+  }
+  if (handshake_round_ != round_) {
+    handshake_round_ = round_;
+    handshakes_left_ = kHandshakesPerTurn;
+  }
+  if (handshakes_left_ == 0) {
+    if (!connection->ready) {
+      connection->ready = true;
+      ready_.push_back(connection);
+    }
+    return false;
+  }
+  --handshakes_left_;
+  bool done = false;
+  // A refused client (no certificate, another CA, a name not allowed, no
+  // TLS at all) is closed without more: what it cost ends with the close.
+  if (!connection->transport->Handshake(&done).ok()) {
+    Close(connection);
+    return false;
+  }
+  if (!done) return false;
+  connection->handshaking = false;
+  --handshakes_;
+  return true;
 }
 
 bool RpcServer::Loop::StartCall(Connection* connection) {
@@ -333,24 +376,22 @@ void RpcServer::Loop::FinishCall(Connection* connection) {
 bool RpcServer::Loop::Flush(Connection* connection) {
   std::string& out = connection->out;
   while (connection->out_done < out.size()) {
-    const ssize_t r =
-        send(connection->fd, out.data() + connection->out_done, out.size() - connection->out_done,
-             MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (r > 0) {
-      connection->out_done += static_cast<size_t>(r);
+    size_t sent = 0;
+    if (!connection->transport->Send(out.data() + connection->out_done, out.size() - connection->out_done, &sent)
+             .ok()) {
+      Close(connection);
+      return false;
+    }
+    if (sent > 0) {
+      connection->out_done += sent;
       continue;
     }
-    if (r < 0 && errno == EINTR) continue;
-    if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-      // The peer is not reading; the clock runs from the first refusal.
-      if (connection->write_deadline == Clock::time_point()) {
-        connection->write_deadline = Clock::now() + std::chrono::milliseconds(kWriteTimeoutMs);
-        ++stalled_writers_;
-      }
-      return true;
+    // The peer is not reading; the clock runs from the first refusal.
+    if (connection->write_deadline == Clock::time_point()) {
+      connection->write_deadline = Clock::now() + std::chrono::milliseconds(kWriteTimeoutMs);
+      ++stalled_writers_;
     }
-    Close(connection);
-    return false;
+    return true;
   }
   // A large answer must not pin its size until the next one.
   if (out.capacity() > (1u << 20)) {
@@ -368,6 +409,7 @@ void RpcServer::Loop::Close(Connection* connection) {
   if (connection->dead) return;
   connection->dead = true;
   if (connection->write_deadline != Clock::time_point()) --stalled_writers_;
+  if (connection->handshaking) --handshakes_;
   {
     MutexLock lock(&shared_->mu);
     shared_->connections.erase(connection->fd);
@@ -398,11 +440,12 @@ bool RpcServer::Loop::CloseOnStop(Clock::time_point now) {
   return draining;
 }
 
-void RpcServer::Loop::DropStalledWriters(Clock::time_point now) {
+void RpcServer::Loop::DropStalled(Clock::time_point now) {
   std::vector<Connection*> stalled;
   for (Connection* connection : connections_) {
-    if (!connection->out.empty() && connection->write_deadline != Clock::time_point() &&
-        now >= connection->write_deadline) {
+    if ((!connection->out.empty() && connection->write_deadline != Clock::time_point() &&
+         now >= connection->write_deadline) ||
+        (connection->handshaking && now >= connection->handshake_deadline)) {
       stalled.push_back(connection);
     }
   }

@@ -80,7 +80,13 @@ class RpcServer::Loop {
   // answer left to send, and once the stop's grace is over those whose
   // peer has not taken their answers either. True while some still drain.
   bool CloseOnStop(Clock::time_point now);
-  void DropStalledWriters(Clock::time_point now);
+  // Closes the connections whose peer has taken no answer bytes for
+  // kWriteTimeoutMs, and those whose TLS handshake ran past its time.
+  void DropStalled(Clock::time_point now);
+  // Takes the next step of `connection`'s TLS handshake, if the round's
+  // budget allows (else it is listed for the next round); true once the
+  // session is set up, false while it is not or when it failed (closed).
+  bool StepHandshake(Connection* connection);
 
   Shared* const shared_;
   std::shared_ptr<Shared> keep_;  // set by Run: Workers::Submit needs it
@@ -126,6 +132,11 @@ class RpcServer::Loop {
   // Connections whose answers wait for the peer to read (write_deadline
   // set), so that an idle loop need not look at every connection.
   size_t stalled_writers_ = 0;
+  // Connections whose TLS handshake is not done, and the steps left in
+  // this round (kHandshakesPerTurn, renewed when handshake_round_ moves).
+  size_t handshakes_ = 0;
+  uint64_t handshake_round_ = 0;
+  int handshakes_left_ = 0;
   // An asynchronous call started since the pass hook last ran: the hook is
   // due, in this round if it has not run yet, else at once in the next.
   bool started_async_ = false;

@@ -58,6 +58,8 @@ void RpcServer::SetAnswerPostedHookForTesting(void (*hook)()) { answer_posted_ho
 
 void RpcServer::SetPassHook(std::function<void()> hook) { shared_->pass_hook = std::move(hook); }
 
+void RpcServer::SetTls(std::shared_ptr<TlsServerContext> tls) { shared_->tls = std::move(tls); }
+
 void RpcServer::RegisterAsyncRaw(const std::string& method, AsyncRawHandler handler) {
   Shared::Method& entry = shared_->methods.try_emplace(method).first->second;
   if (entry.kind == Kind::kUnknown) entry.index = shared_->methods.size() - 1;

@@ -44,6 +44,7 @@ enum class CallMode {
 };
 
 struct Connection;
+class TlsServerContext;
 
 // The answer to one asynchronous call. Send it exactly once, from any
 // thread; the connection reads nothing more until it is sent. Copies refer
@@ -89,6 +90,13 @@ class RpcServer {
   // loop turns to the others, so that a client sending back to back cannot
   // keep its loop to itself.
   static constexpr int kFramesPerTurn = 16;
+  // How long a TLS client may take to set its session up. The same for
+  // one that sends nothing at all: it holds a descriptor and a session.
+  static constexpr int kHandshakeTimeoutMs = 10000;
+  // TLS handshake steps a loop takes in one round before it turns to the
+  // connections already set up: a flood of new sessions (each costing a
+  // signature) cannot keep the established ones waiting.
+  static constexpr int kHandshakesPerTurn = 16;
 
   // `loops` event loops serve the connections; 0 means one per two
   // processors.
@@ -135,6 +143,11 @@ class RpcServer {
   // start wait for the next round's call, which follows at once (the loop
   // only polls its sockets in between). Set before Start.
   void SetPassHook(std::function<void()> hook);
+
+  // Makes every connection a TLS session from `tls`, which the caller may
+  // Reload at any time (sessions already set up keep what they were made
+  // with). Set before Start; without it the port speaks plain frames.
+  void SetTls(std::shared_ptr<TlsServerContext> tls);
 
   // Listens on bind_addr (dotted IPv4 only; host names are not resolved) and
   // port, and starts the accept thread. Returns at once. A server starts at

@@ -16,6 +16,7 @@
 #include "common/thread_annotations.h"
 #include "rpc/server.h"
 #include "rpc/server_stats.h"
+#include "rpc/tls.h"
 
 namespace kandb::kanrpc {
 
@@ -36,6 +37,10 @@ struct RpcServer::Shared {
   std::map<std::string, Method, std::less<>> methods;
   // Set before Start, read-only afterwards.
   std::function<void()> pass_hook;
+  // Set before Start, when connections speak TLS; the pointer is read-only
+  // afterwards (the context guards its own reloads). Declared before the
+  // loops, so that it outlives the sessions they free.
+  std::shared_ptr<TlsServerContext> tls;
   // Written by Start before any thread exists, read-only after.
   Clock::time_point started;
   // False until the first Stop.

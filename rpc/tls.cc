@@ -14,6 +14,8 @@
 #include <cstring>
 #include <utility>
 
+#include "rpc/sys_error.h"
+
 namespace kandb::kanrpc {
 
 namespace {
@@ -25,6 +27,9 @@ std::string TakeReason() {
   while (ERR_get_error() != 0) {
   }
   if (first == 0) return "unknown error";
+  // A failed system call (a file that is not there) is queued with the
+  // system's error number as its reason.
+  if (ERR_GET_LIB(first) == ERR_LIB_SYS) return ErrnoText(ERR_GET_REASON(first));
   if (const char* reason = ERR_reason_error_string(first)) return reason;
   char text[256];
   ERR_error_string_n(first, text, sizeof(text));
