@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "app/meta_server_test_util.h"
+#include "common/test_certs.h"
 #include "common/test_util.h"
 #include "pdpb/messages.h"
 #include "rpc/rpc_test_util.h"
@@ -36,7 +37,14 @@ const char kUsage[] =
     "  --location_labels      comma-separated store label keys naming the failure domains, widest first "
     "(e.g. zone,rack,host); a region's replicas go to distinct ones (default: )\n"
     "  --store_limit          replicas added to or removed from one store per minute, at most, by repair "
-    "and placement (default: 60)\n";
+    "and placement (default: 60)\n"
+    "  --tls_cert             PEM certificate (chain) of the RPC port; with --tls_key the port speaks only TLS "
+    "(default: )\n"
+    "  --tls_key              PEM private key of --tls_cert (default: )\n"
+    "  --tls_ca               PEM CA certificates; clients must present a certificate signed by one of them "
+    "(default: )\n"
+    "  --tls_allowed_cn       comma-separated names let in: a client certificate's common name or a DNS "
+    "alternative name must be one (default: )\n";
 
 ProgramResult RunMeta(std::vector<std::string> args) {
   args.insert(args.begin(), KANDB_META_BINARY);
@@ -187,6 +195,38 @@ TEST(ProcessEntryTest, StartFailuresExactTextsAndStatus) {
   }
   EXPECT_TRUE(IsDirectory(dir));
   EXPECT_FALSE(IsDirectory(scratch.path() + "/missing"));
+}
+
+// TLS settings are checked before the state is opened: a start that fails
+// on them leaves no state directory behind.
+TEST(ProcessEntryTest, TlsStartFailuresNameTheFileAndTheReason) {
+  ScratchDir scratch;
+  kandb::testing::TestPki pki(scratch.path(), "start");
+  ASSERT_TRUE(pki.ok()) << pki.error();
+  const kandb::testing::CertFiles server = pki.Server("server"), other = pki.Server("other");
+  ASSERT_FALSE(other.cert.empty()) << pki.error();
+  const std::string garbage = scratch.path() + "/garbage.pem", missing = scratch.path() + "/missing.pem";
+  kandb::testing::WriteFileOrDie(garbage, "not a certificate\n");
+  const std::string dir = "--data_dir=" + scratch.path() + "/state";
+  const std::string cert = "--tls_cert=" + server.cert, key = "--tls_key=" + server.key;
+  const std::string prefix = "failed to start pd: InvalidArgument: tls: ";
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{dir, "--tls_cert=" + missing, key}, "cannot load certificate " + missing + ": No such file or directory"},
+      {{dir, "--tls_cert=" + garbage, key}, "cannot load certificate " + garbage + ": no start line"},
+      {{dir, cert, "--tls_key=" + other.key}, "cannot load key " + other.key + ": key values mismatch"},
+      {{dir, cert, key, "--tls_ca=" + missing}, "cannot load CA " + missing + ": No such file or directory"},
+      {{dir, cert}, "--tls_cert and --tls_key go together, and --tls_ca and --tls_allowed_cn need both"},
+      {{dir, "--tls_ca=" + pki.ca().cert}, "--tls_cert and --tls_key go together, and --tls_ca and --tls_allowed_cn need both"},
+      {{dir, cert, key, "--tls_allowed_cn=store-1"},
+       "--tls_allowed_cn needs --tls_ca, to check client certificates against"},
+  };
+  for (const auto& [args, reason] : cases) {
+    ProgramResult r = RunMeta(args);
+    EXPECT_EQ(ExitCode(r), 1);
+    EXPECT_EQ(r.err, prefix + reason + "\n");
+    EXPECT_EQ(r.out, "");
+  }
+  EXPECT_FALSE(IsDirectory(scratch.path() + "/state"));
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 
 #include "common/test_util.h"
 #include "rpc/client.h"
+#include "rpc/tls.h"
 
 namespace kandb::testing {
 
@@ -73,10 +74,11 @@ class MetaServer {
 
   // A client with one attempt per call, so that every failure is seen as it
   // arrives rather than retried.
-  std::unique_ptr<kanrpc::RpcClient> NewClient() const {
+  std::unique_ptr<kanrpc::RpcClient> NewClient(std::shared_ptr<const kanrpc::TlsClientContext> tls = nullptr) const {
     kanrpc::RpcClientOptions options;
     options.timeout_ms = 10000;
     options.attempts = 1;
+    options.tls = std::move(tls);
     return std::make_unique<kanrpc::RpcClient>(target(), options);
   }
 

@@ -1,6 +1,7 @@
 // The six methods over the wire: the real kandb-meta binary on 127.0.0.1
 // with a fresh state directory, called through RpcClient, each answered
-// once, and failures checked as the exact text of the error frame. The
+// once, and failures checked as the exact text of the error frame; every
+// case twice, over plain TCP and over mutual TLS with an allow-list. The
 // policies behind the answers are checked in process (meta/).
 
 #include <string>
@@ -9,15 +10,17 @@
 #include <gtest/gtest.h>
 
 #include "app/meta_server_test_util.h"
+#include "common/test_certs.h"
 #include "common/test_util.h"
 #include "pdpb/messages.h"
+#include "rpc/tls.h"
 
 namespace kandb {
 namespace {
 
 using pdpb::ScheduleCommand;
 
-class PdEndToEndTest : public ::testing::Test {
+class PdEndToEndTest : public ::testing::TestWithParam<bool> {
  protected:
   PdEndToEndTest() : dir_(testing::MakeTempDir("kandb-e2e")) {}
   ~PdEndToEndTest() override {
@@ -26,8 +29,18 @@ class PdEndToEndTest : public ::testing::Test {
   }
 
   void StartServer(std::vector<std::string> flags = {}) {
+    std::shared_ptr<const kanrpc::TlsClientContext> tls;
+    if (GetParam()) {
+      testing::TestPki pki(dir_, "cluster");
+      ASSERT_TRUE(pki.ok()) << pki.error();
+      const testing::CertFiles server = pki.Server("server"), client = pki.Issue("client", "store-1", "");
+      ASSERT_FALSE(client.cert.empty()) << pki.error();
+      flags.insert(flags.end(), {"--tls_cert=" + server.cert, "--tls_key=" + server.key, "--tls_ca=" + pki.ca().cert,
+                                 "--tls_allowed_cn=pd-ctl, store-1"});
+      ASSERT_TRUE(kanrpc::TlsClientContext::Load({client.cert, client.key, pki.ca().cert, ""}, &tls).ok());
+    }
     ASSERT_TRUE(server_.Start(dir_ + "/state", flags));
-    client_ = server_.NewClient();
+    client_ = server_.NewClient(tls);
   }
   // The decoded answer of a call that must succeed.
   template <class Resp, class Req>
@@ -68,7 +81,7 @@ pdpb::Region Region(uint64_t id, std::string start, std::string end, std::vector
   return r;
 }
 
-TEST_F(PdEndToEndTest, TimestampsIdentifiersAndTheRequestLayer) {
+TEST_P(PdEndToEndTest, TimestampsIdentifiersAndTheRequestLayer) {
   StartServer();
   // An empty payload is a request with count 0, answered as 1.
   std::string raw;
@@ -94,7 +107,7 @@ TEST_F(PdEndToEndTest, TimestampsIdentifiersAndTheRequestLayer) {
   EXPECT_EQ(Ok<pdpb::AllocIdResponse>("Pd.AllocId", pdpb::AllocIdRequest{}).first_id, 1030u);
 }
 
-TEST_F(PdEndToEndTest, BootstrapRoutingAndUpsert) {
+TEST_P(PdEndToEndTest, BootstrapRoutingAndUpsert) {
   StartServer();
   EXPECT_EQ(RouteError(""), "remote: NotFound: cluster not bootstrapped");
   Upsert({}, {});
@@ -122,7 +135,7 @@ TEST_F(PdEndToEndTest, BootstrapRoutingAndUpsert) {
   EXPECT_EQ(RouteError("c"), "remote: NotFound: cluster not bootstrapped");
 }
 
-TEST_F(PdEndToEndTest, HeartbeatCommandsArriveInPolicyOrder) {
+TEST_P(PdEndToEndTest, HeartbeatCommandsArriveInPolicyOrder) {
   StartServer({"--target_replicas=3"});
   Bootstrap(1, "s1", Region(50, "", "", {2}));
   for (uint64_t id : {2, 10, 3}) Bootstrap(id, "s" + std::to_string(id));
@@ -136,6 +149,9 @@ TEST_F(PdEndToEndTest, HeartbeatCommandsArriveInPolicyOrder) {
                 {pdpb::kTransferLeader, 2, 3, ""},
             }));
 }
+
+INSTANTIATE_TEST_SUITE_P(Transports, PdEndToEndTest, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& info) { return info.param ? "Tls" : "Plain"; });
 
 }  // namespace
 }  // namespace kandb

@@ -27,6 +27,7 @@
 #include "pdpb/stats.h"
 #include "rpc/client.h"
 #include "tools/command_line.h"
+#include "tools/tls_options.h"
 #include "tools/describe.h"
 #include "tools/json_messages.h"
 #include "tools/stats_view.h"
@@ -45,6 +46,7 @@ struct Common {
   uint64_t attempts = 1;
   bool json = false;
   std::string request_file;
+  TlsOptions tls;
 };
 
 void AddCommon(CommandLine* cl, Common* c, bool with_request) {
@@ -54,6 +56,7 @@ void AddCommon(CommandLine* cl, Common* c, bool with_request) {
   cl->AddUint("attempts", &c->attempts, 100,
               "tries per call; failures are retried after 20 ms, 40 ms, ... (default 1)");
   cl->AddSwitch("json", &c->json, "print the answer as JSON");
+  AddTlsOptions(cl, &c->tls);
   if (with_request) {
     cl->AddString("request", &c->request_file,
                   "the whole request as a JSON document in FILE ('-' for standard input); "
@@ -104,13 +107,26 @@ int CheckExclusive(const CommandLine& cl, const std::string& command, const Comm
   return -1;
 }
 
+// The client's options from the common ones. Returns -1 on success, else
+// the exit status after the error was printed (a TLS file that cannot be
+// used is a bad command line).
+int ClientOptions(const Common& c, kanrpc::RpcClientOptions* options) {
+  options->timeout_ms = static_cast<int32_t>(c.timeout_ms);
+  options->attempts = static_cast<int32_t>(c.attempts);
+  const Status s = ClientTls(c.tls, &options->tls);
+  if (!s.ok()) {
+    std::fprintf(stderr, "%s: %s\n", kProgram, s.message().c_str());
+    return kExitUsage;
+  }
+  return -1;
+}
+
 // Makes the call. On failure prints the status message (for a remote error
 // "remote: " and the server's text) and returns kExitFailure; else -1.
 template <class Req, class Resp>
 int CallServer(const Common& c, const char* method, const Req& request, Resp* response) {
   kanrpc::RpcClientOptions options;
-  options.timeout_ms = static_cast<int32_t>(c.timeout_ms);
-  options.attempts = static_cast<int32_t>(c.attempts);
+  if (int rc = ClientOptions(c, &options); rc >= 0) return rc;
   kanrpc::RpcClient client(c.addr, options);
   Status s = client.Call(method, request, response);
   if (!s.ok()) {
@@ -569,8 +585,7 @@ int WatchStats(const Common& c, int64_t interval_ms) {
   sigaction(SIGTERM, &action, nullptr);
 
   kanrpc::RpcClientOptions options;
-  options.timeout_ms = static_cast<int32_t>(c.timeout_ms);
-  options.attempts = static_cast<int32_t>(c.attempts);
+  if (int rc = ClientOptions(c, &options); rc >= 0) return rc;
   kanrpc::RpcClient client(c.addr, options);
   const bool terminal = isatty(STDOUT_FILENO) != 0;
   pdpb::StatsResponse before;  // the first page shows the rates since start
@@ -659,7 +674,8 @@ std::string TopUsage() {
     std::snprintf(line, sizeof(line), "  %-14s %s\n", sub.name, sub.summary);
     text += line;
   }
-  text += std::string("\nEvery command takes --addr HOST:PORT, --timeout-ms, --attempts, --json and --help;\n") +
+  text += std::string("\nEvery command takes --addr HOST:PORT, --timeout-ms, --attempts, --json, the TLS\n") +
+          "options --tls-cert, --tls-key, --tls-ca and --tls-server-name, and --help;\n" +
           "all but --help may also stand before the command.\n" +
           "Exit status: 0 success, 1 the call failed, 2 bad command line or request document.\n";
   return text;
@@ -668,7 +684,8 @@ std::string TopUsage() {
 // The options of Common that people also type before the command, as in
 // "kandb-meta-ctl --addr 10.0.0.1:2379 tso"; --request belongs to a command.
 constexpr SharedOption kSharedOptions[] = {
-    {"addr", true}, {"timeout-ms", true}, {"attempts", true}, {"json", false}};
+    {"addr", true},     {"timeout-ms", true}, {"attempts", true},       {"json", false},
+    {"tls-cert", true}, {"tls-key", true},    {"tls-server-name", true}, {"tls-ca", true}};
 
 int Main(int argc, char** argv) {
   std::optional<std::string> command;
