@@ -114,7 +114,7 @@ void RpcServer::Loop::DrainInbox() {
     auto* connection = new Connection(fd, std::move(transport), this, shared_->methods.size());
     if (shared_->tls != nullptr) {
       connection->handshaking = true;
-      connection->handshake_deadline = Clock::now() + std::chrono::milliseconds(RpcServer::kHandshakeTimeoutMs);
+      connection->handshake_deadline = Clock::now() + std::chrono::milliseconds(shared_->handshake_timeout_ms);
       ++handshakes_;
     }
     {

@@ -148,6 +148,8 @@ class RpcServer {
   // Reload at any time (sessions already set up keep what they were made
   // with). Set before Start; without it the port speaks plain frames.
   void SetTls(std::shared_ptr<TlsServerContext> tls);
+  // Replaces kHandshakeTimeoutMs (tests shorten it). Set before Start.
+  void SetHandshakeTimeoutMs(int timeout_ms);
 
   // Listens on bind_addr (dotted IPv4 only; host names are not resolved) and
   // port, and starts the accept thread. Returns at once. A server starts at

@@ -41,6 +41,7 @@ struct RpcServer::Shared {
   // afterwards (the context guards its own reloads). Declared before the
   // loops, so that it outlives the sessions they free.
   std::shared_ptr<TlsServerContext> tls;
+  int handshake_timeout_ms = RpcServer::kHandshakeTimeoutMs;  // as tls
   // Written by Start before any thread exists, read-only after.
   Clock::time_point started;
   // False until the first Stop.
