@@ -4,7 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <memory>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -13,6 +17,7 @@
 #include "common/test_util.h"
 #include "pdpb/messages.h"
 #include "rpc/rpc_test_util.h"
+#include "rpc/tls.h"
 
 namespace kandb {
 namespace {
@@ -227,6 +232,83 @@ TEST(ProcessEntryTest, TlsStartFailuresNameTheFileAndTheReason) {
     EXPECT_EQ(r.out, "");
   }
   EXPECT_FALSE(IsDirectory(scratch.path() + "/state"));
+}
+
+// SIGHUP while clients call: sessions set up before it keep answering,
+// sessions set up throughout it never fail, and after it new sessions get
+// the new certificate.
+TEST(ProcessEntryTest, SighupRotatesTheCertificateWhileClientsCall) {
+  ScratchDir scratch;
+  kandb::testing::TestPki pki(scratch.path(), "old"), next(scratch.path(), "new");
+  ASSERT_TRUE(pki.ok() && next.ok()) << pki.error() << next.error();
+  const kandb::testing::CertFiles server = pki.Server("server"), client = pki.Issue("client", "store-1", "");
+  const kandb::testing::CertFiles rotated = next.Server("rotated");
+  ASSERT_FALSE(rotated.cert.empty()) << next.error();
+  const std::string both = scratch.path() + "/both.pem";
+  kandb::testing::WriteFileOrDie(both, kandb::testing::ReadFileOrEmpty(pki.ca().cert) +
+                                           kandb::testing::ReadFileOrEmpty(next.ca().cert));
+  MetaServer meta;
+  ASSERT_TRUE(meta.Start(scratch.path() + "/state", {"--tls_cert=" + server.cert, "--tls_key=" + server.key,
+                                                     "--tls_ca=" + pki.ca().cert, "--tls_allowed_cn=store-1"}));
+  const auto context = [&client](const std::string& ca) {
+    std::shared_ptr<const kandb::kanrpc::TlsClientContext> tls;
+    EXPECT_TRUE(kandb::kanrpc::TlsClientContext::Load({client.cert, client.key, ca, ""}, &tls).ok());
+    return tls;
+  };
+  const auto trusting_both = context(both);
+
+  std::atomic<bool> stop{false};
+  std::atomic<int> failures{0}, calls{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&, t] {
+      // Two callers keep their session; the third sets up one per call.
+      std::unique_ptr<kandb::kanrpc::RpcClient> kept = meta.NewClient(trusting_both);
+      while (!stop.load()) {
+        std::unique_ptr<kandb::kanrpc::RpcClient> fresh = t == 2 ? meta.NewClient(trusting_both) : nullptr;
+        kandb::pdpb::TsoResponse resp;
+        const kandb::Status s = (fresh ? fresh : kept)->Call("Pd.Tso", kandb::pdpb::TsoRequest{1}, &resp);
+        ++calls;
+        if (!s.ok()) {
+          ++failures;
+          ADD_FAILURE() << s.ToString();
+        }
+      }
+    });
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  kandb::testing::WriteFileOrDie(server.cert, kandb::testing::ReadFileOrEmpty(rotated.cert));
+  kandb::testing::WriteFileOrDie(server.key, kandb::testing::ReadFileOrEmpty(rotated.key));
+  meta.child()->Kill(SIGHUP);
+  bool reloaded = false;
+  for (int i = 0; i < 1000 && !reloaded; ++i) {
+    reloaded = meta.child()->Stderr().find("kandb-meta: reloaded TLS certificate " + server.cert + "\n") !=
+               std::string::npos;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_TRUE(reloaded) << meta.child()->Stderr();
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  stop = true;
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(failures.load(), 0);
+  EXPECT_GT(calls.load(), 0);
+
+  kandb::pdpb::TsoResponse resp;
+  EXPECT_TRUE(meta.NewClient(context(next.ca().cert))->Call("Pd.Tso", kandb::pdpb::TsoRequest{1}, &resp).ok());
+  EXPECT_FALSE(meta.NewClient(context(pki.ca().cert))->Call("Pd.Tso", kandb::pdpb::TsoRequest{1}, &resp).ok());
+  // A reload that cannot read the files keeps serving with what it has.
+  kandb::testing::WriteFileOrDie(server.cert, "torn\n");
+  meta.child()->Kill(SIGHUP);
+  for (int i = 0; i < 1000 && meta.child()->Stderr().find("TLS reload failed") == std::string::npos; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_NE(meta.child()->Stderr().find("kandb-meta: TLS reload failed, the certificate in use stays: "
+                                        "InvalidArgument: tls: cannot load certificate " +
+                                        server.cert + ": no start line\n"),
+            std::string::npos)
+      << meta.child()->Stderr();
+  EXPECT_TRUE(meta.NewClient(context(next.ca().cert))->Call("Pd.Tso", kandb::pdpb::TsoRequest{1}, &resp).ok());
+  meta.Kill();
 }
 
 }  // namespace
