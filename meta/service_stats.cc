@@ -36,6 +36,7 @@ void SetServerStats(const kanrpc::ServerStats& server, pdpb::StatsResponse* out)
   out->connections.open = server.open_connections;
   out->connections.accepted = server.accepted_connections;
   out->connections.failed_accepts = server.failed_accepts;
+  out->connections.tls_refused = server.tls_refused;
 }
 
 pdpb::EngineStats EngineStatsMessage(const lsm::EngineStats& engine) {

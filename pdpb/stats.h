@@ -63,10 +63,13 @@ struct ConnectionStats {
   uint64_t open = 0;            // being served now
   uint64_t accepted = 0;        // since start
   uint64_t failed_accepts = 0;  // accept failures and calls refused a worker thread
+  // TLS clients refused during their handshake (a certificate or a name
+  // not let in, no TLS, a handshake not done in time); absent without TLS.
+  uint64_t tls_refused = 0;
   bool operator==(const ConnectionStats&) const = default;
 };
 KANDB_PDPB_FIELDS(ConnectionStats, U64(1, &ConnectionStats::open), U64(2, &ConnectionStats::accepted),
-                  U64(3, &ConnectionStats::failed_accepts))
+                  U64(3, &ConnectionStats::failed_accepts), U64IfSet(4, &ConnectionStats::tls_refused))
 
 struct EngineStats {
   uint64_t write_groups = 0;

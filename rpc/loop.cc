@@ -278,6 +278,11 @@ void RpcServer::Loop::Serve(Connection* connection) {
   }
 }
 
+void RpcServer::Loop::CountRefused() {
+  MutexLock lock(&shared_->mu);
+  ++shared_->ended.tls_refused;
+}
+
 bool RpcServer::Loop::StepHandshake(Connection* connection) {
   if (stop_seen_) {
     Close(connection);
@@ -299,6 +304,7 @@ bool RpcServer::Loop::StepHandshake(Connection* connection) {
   // A refused client (no certificate, another CA, a name not allowed, no
   // TLS at all) is closed without more: what it cost ends with the close.
   if (!connection->transport->Handshake(&done).ok()) {
+    CountRefused();
     Close(connection);
     return false;
   }
@@ -449,7 +455,10 @@ void RpcServer::Loop::DropStalled(Clock::time_point now) {
       stalled.push_back(connection);
     }
   }
-  for (Connection* connection : stalled) Close(connection);
+  for (Connection* connection : stalled) {
+    if (connection->handshaking) CountRefused();
+    Close(connection);
+  }
 }
 
 }  // namespace kandb::kanrpc

@@ -87,6 +87,7 @@ class RpcServer::Loop {
   // budget allows (else it is listed for the next round); true once the
   // session is set up, false while it is not or when it failed (closed).
   bool StepHandshake(Connection* connection);
+  void CountRefused() EXCLUDES(shared_->mu);
 
   Shared* const shared_;
   std::shared_ptr<Shared> keep_;  // set by Run: Workers::Submit needs it

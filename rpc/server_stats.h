@@ -43,6 +43,8 @@ struct ServerStats {
   // accept() failures, and calls that could not be served for want of a
   // worker thread.
   uint64_t failed_accepts = 0;
+  // TLS handshakes that failed or ran past their time.
+  uint64_t tls_refused = 0;
 };
 
 // One connection's counters, written by its thread only, read by whoever

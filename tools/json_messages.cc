@@ -428,7 +428,7 @@ json ToJson(const pdpb::StatsResponse& response) {
   json out{{"uptime_ms", response.uptime_ms},
            {"methods", methods},
            {"unknown_method_requests", response.unknown_method_requests},
-           {"connections", json{{"open", c.open}, {"accepted", c.accepted}, {"failed_accepts", c.failed_accepts}}},
+           {"connections", json{{"open", c.open}, {"accepted", c.accepted}, {"failed_accepts", c.failed_accepts}, {"tls_refused", c.tls_refused}}},
            {"has_engine", response.has_engine},
            {"routing", json{{"index_regions", r.index_regions},
                             {"index_lookups", r.index_lookups},

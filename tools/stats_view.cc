@@ -203,8 +203,11 @@ const char* StatusCodeName(uint32_t code) {
 std::string StatsText(const pdpb::StatsResponse& s) {
   std::string out;
   out += Format("uptime        %s\n", FormatElapsed(s.uptime_ms).c_str());
-  out += Format("connections   open %" PRIu64 ", accepted %" PRIu64 ", failed accepts %" PRIu64 "\n",
-                s.connections.open, s.connections.accepted, s.connections.failed_accepts);
+  out += Format("connections   open %" PRIu64 ", accepted %" PRIu64 ", failed accepts %" PRIu64 "%s\n",
+                s.connections.open, s.connections.accepted, s.connections.failed_accepts,
+                s.connections.tls_refused > 0
+                    ? Format(", TLS refused %" PRIu64, s.connections.tls_refused).c_str()
+                    : "");
   out += Format("\n%-20s %12s %8s %9s %9s %9s\n", "method", "requests", "errors", "mean", "p50", "p99");
   for (const pdpb::MethodStats& m : s.methods) {
     out += Format("%-20s %12" PRIu64 " %8" PRIu64 " %9s %9s %9s\n", m.method.c_str(), m.requests, ErrorTotal(m),
@@ -277,6 +280,9 @@ std::string StatsPrometheus(const pdpb::StatsResponse& s) {
   x.Family("accept_failures_total", "counter",
            "Failed accepts, and calls refused for want of a worker thread.");
   x.Sample("", s.connections.failed_accepts);
+  x.Family("tls_refused_total", "counter",
+           "TLS clients refused during their handshake: certificate or name not let in, no TLS, too slow.");
+  x.Sample("", s.connections.tls_refused);
 
   x.Family("engine_present", "gauge", "1 when the metadata store has a storage engine of its own, 0 on etcd.");
   x.Sample("", s.has_engine ? 1 : 0);
