@@ -4,6 +4,7 @@
 
 #include "rpc/tls.h"
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -206,6 +207,57 @@ TEST_F(TlsTest, StalledHandshakesAndIdleSessions) {
   Frame answer;
   ASSERT_TRUE(reader.Read(&answer, 10000).ok());
   EXPECT_EQ(answer.payload, "idle");
+}
+
+// Hundreds of hellos that arrive together: the loop takes them a budget at
+// a time, with the established session served in between, and every one
+// of them is set up in the end (none is forgotten on the list of those
+// left for the next round).
+TEST_F(TlsTest, HandshakeFloodIsTakenInTurns) {
+  StartServer(MutualConfig());
+  const auto context = ClientContext(pki_.Issue("store-1", "store-1", ""), pki_.ca().cert);
+  std::unique_ptr<RpcClient> established = Client(context);
+  ASSERT_EQ(Call(established.get(), "Echo", "a"), "a");
+
+  constexpr int kFlood = 20 * RpcServer::kHandshakesPerTurn;
+  std::vector<Socket> sockets;
+  std::vector<std::unique_ptr<Transport>> sessions;
+  std::vector<bool> done(kFlood, false);
+  for (int i = 0; i < kFlood; ++i) {
+    sockets.push_back(ConnectTo(server_.port()));
+    ASSERT_TRUE(sockets.back().valid());
+    ASSERT_EQ(fcntl(sockets.back().fd(), F_SETFL, O_NONBLOCK), 0);
+    std::unique_ptr<Transport> session;
+    ASSERT_TRUE(context->Connect(sockets.back().fd(), "127.0.0.1", &session).ok());
+    bool set_up = false;
+    ASSERT_TRUE(session->Handshake(&set_up).ok());  // sends the hello
+    sessions.push_back(std::move(session));
+  }
+  // Each round of the flood is interleaved with a call on the established
+  // session; the clients finish their side as their answers come in.
+  for (int remaining = kFlood, rounds = 0; remaining > 0; ++rounds) {
+    ASSERT_LT(rounds, 100000) << remaining << " handshakes never finished";
+    ASSERT_EQ(Call(established.get(), "Echo", "b"), "b");
+    for (int i = 0; i < kFlood; ++i) {
+      if (done[i]) continue;
+      bool set_up = false;
+      ASSERT_TRUE(sessions[i]->Handshake(&set_up).ok());
+      if (set_up) {
+        done[i] = true;
+        --remaining;
+      }
+    }
+  }
+  // Set up on both sides: each answers a call.
+  for (int i = 0; i < kFlood; i += 37) {
+    std::string frame = BuildFrame(FrameType::kRequest, i, "Echo", std::to_string(i));
+    ASSERT_TRUE(SendAll(sessions[i].get(), frame.data(), frame.size(), 10000).ok());
+    FrameReader reader(sessions[i].get());
+    Frame answer;
+    ASSERT_TRUE(reader.Read(&answer, 10000).ok());
+    EXPECT_EQ(answer.payload, std::to_string(i));
+  }
+  EXPECT_EQ(server_.Stats().tls_refused, 0u);
 }
 
 // Frames sent back to back on one session are answered in order, across
