@@ -2,7 +2,8 @@
 #define KANDB_APP_ETCD_TEST_UTIL_H_
 
 // Real etcd members and real kandb-meta-ha servers on 127.0.0.1, on free
-// ports, started, killed, paused and restarted by the tests.
+// ports, started, killed, paused and restarted by the tests; etcd's client
+// URLs plain or over TLS with client certificates.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -13,6 +14,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -21,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/test_certs.h"
 #include "common/test_util.h"
 #include "store/etcd_backend.h"
 #include "store/etcd_client.h"
@@ -42,14 +45,33 @@ class EtcdCluster {
   // Large enough for the tests' bootstrap and upsert batches.
   static constexpr int kMaxTxnOps = 10000;
 
-  explicit EtcdCluster(std::string dir) : dir_(std::move(dir)) {}
+  // kClientCertAuth: client URLs are https:// and take only clients with
+  // a certificate of the cluster's CA (etcd's --client-cert-auth); the
+  // peers stay on http. Start makes the CA and certificates under `dir`.
+  enum class Mode { kPlain, kClientCertAuth };
+
+  explicit EtcdCluster(std::string dir, Mode mode = Mode::kPlain) : dir_(std::move(dir)), mode_(mode) {}
 
   bool Start(int members) {
+    std::vector<std::string> tls_args;
+    if (mode_ == Mode::kClientCertAuth) {
+      TestPki pki(dir_, "etcd");
+      const CertFiles server = pki.ok() ? pki.Server("etcd-server", "etcd") : CertFiles{};
+      const CertFiles client = server.cert.empty() ? CertFiles{} : pki.Issue("client", "kandb-meta-ha", "");
+      if (client.cert.empty()) {
+        std::fprintf(stderr, "test certificates: %s\n", pki.error().c_str());
+        return false;
+      }
+      client_tls_ = store::EtcdTls{pki.ca().cert, client.cert, client.key};
+      tls_args = {"--client-cert-auth", "--trusted-ca-file", pki.ca().cert,
+                  "--cert-file", server.cert, "--key-file", server.key};
+    }
+    const std::string scheme = mode_ == Mode::kClientCertAuth ? "https://" : "http://";
     std::string initial;
     for (int i = 0; i < members; ++i) {
       Member m;
       m.name = "m" + std::to_string(i);
-      m.client = "http://127.0.0.1:" + std::to_string(PickFreePort());
+      m.client = scheme + "127.0.0.1:" + std::to_string(PickFreePort());
       m.peer = "http://127.0.0.1:" + std::to_string(PickFreePort());
       initial += (i > 0 ? "," : "") + m.name + "=" + m.peer;
       members_.push_back(std::move(m));
@@ -62,6 +84,7 @@ class EtcdCluster {
                 "--initial-cluster-token", "kandb-test", "--max-txn-ops",
                 std::to_string(kMaxTxnOps), "--heartbeat-interval", "100",
                 "--election-timeout", "1000", "--log-level", "warn"};
+      m.argv.insert(m.argv.end(), tls_args.begin(), tls_args.end());
       if (!Restart(static_cast<int>(&m - members_.data()))) return false;
     }
     return WaitHealthy(30000);
@@ -81,7 +104,7 @@ class EtcdCluster {
 
   // True once a write through the cluster succeeds.
   bool WaitHealthy(int timeout_ms) {
-    store::EtcdClient client(Endpoints(), 1000);
+    store::EtcdClient client(Endpoints(), 1000, client_tls_);
     for (const int64_t end = SteadyMs() + timeout_ms; SteadyMs() < end; SleepMs(100)) {
       store::EtcdTxnResult r;
       if (client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kPut, "health", "ok", 0}}, {}, &r).ok()) {
@@ -101,6 +124,10 @@ class EtcdCluster {
     for (const Member& m : members_) list += (list.empty() ? "" : ",") + m.client;
     return list;
   }
+  // What a client needs to be let in: empty for a plain cluster; the
+  // cluster's CA and a client certificate (CN kandb-meta-ha) of it once a
+  // kClientCertAuth cluster started.
+  const store::EtcdTls& client_tls() const { return client_tls_; }
 
  private:
   struct Member {
@@ -109,6 +136,8 @@ class EtcdCluster {
     std::unique_ptr<ChildProcess> process;
   };
   const std::string dir_;
+  const Mode mode_;
+  store::EtcdTls client_tls_;
   std::vector<Member> members_;
 };
 
@@ -219,14 +248,17 @@ class AnswerDelayProxy {
   std::vector<std::thread> pumps_;
 };
 
-// kandb-meta-ha servers of one cluster name, each on its own port.
+// kandb-meta-ha servers of one cluster name, each on its own port, each
+// given the TLS files of `tls` that are set.
 class HaServers {
  public:
-  HaServers(std::string binary, std::string etcd_urls, std::string cluster, int64_t lease_ms)
+  HaServers(std::string binary, std::string etcd_urls, std::string cluster, int64_t lease_ms,
+            store::EtcdTls tls = {})
       : binary_(std::move(binary)),
         etcd_urls_(std::move(etcd_urls)),
         cluster_(std::move(cluster)),
-        lease_ms_(lease_ms) {}
+        lease_ms_(lease_ms),
+        tls_(std::move(tls)) {}
 
   bool Start(int count) {
     for (int i = 0; i < count; ++i) {
@@ -239,11 +271,13 @@ class HaServers {
   bool Restart(int i) {
     processes_[i] = std::make_unique<ChildProcess>();
     const std::string port = std::to_string(ports_[i]);
-    if (!processes_[i]->Start({binary_, "--bind_addr=127.0.0.1", "--port=" + port,
-                               "--etcd=" + etcd_urls_, "--cluster=" + cluster_,
-                               "--lease_ms=" + std::to_string(lease_ms_)})) {
-      return false;
-    }
+    std::vector<std::string> argv = {binary_, "--bind_addr=127.0.0.1", "--port=" + port,
+                                     "--etcd=" + etcd_urls_, "--cluster=" + cluster_,
+                                     "--lease_ms=" + std::to_string(lease_ms_)};
+    if (!tls_.ca_file.empty()) argv.push_back("--etcd_cacert=" + tls_.ca_file);
+    if (!tls_.cert_file.empty()) argv.push_back("--etcd_cert=" + tls_.cert_file);
+    if (!tls_.key_file.empty()) argv.push_back("--etcd_key=" + tls_.key_file);
+    if (!processes_[i]->Start(argv)) return false;
     return processes_[i]->WaitForOutput(
         "kandb-meta-ha listening on 127.0.0.1:" + port + ", cluster " + cluster_ + "\n", 30000);
   }
@@ -300,6 +334,7 @@ class HaServers {
  private:
   const std::string binary_, etcd_urls_, cluster_;
   const int64_t lease_ms_;
+  const store::EtcdTls tls_;
   std::vector<int> ports_;
   std::vector<std::unique_ptr<ChildProcess>> processes_;
 };

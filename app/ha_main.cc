@@ -6,11 +6,14 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "app/scheduling_flags.h"
@@ -45,6 +48,17 @@ int64_t* const FLAGS_lease_ms = kandb::DefineInt64Flag(
 // Extension flags, after the designed ones.
 const kandb::app::SchedulingFlags kSchedulingFlags = kandb::app::DefineSchedulingFlags();
 const kandb::app::TlsFlags kTlsFlags = kandb::app::DefineTlsFlags();
+// TLS towards etcd (the RPC port's own is --tls_*), named as etcdctl
+// names them.
+std::string* const FLAGS_etcd_cacert = kandb::DefineStringFlag(
+    "etcd_cacert", "",
+    "PEM file of the CAs that the etcd members' certificates must chain to, for https:// "
+    "--etcd URLs (empty: the system's CAs)");
+std::string* const FLAGS_etcd_cert = kandb::DefineStringFlag(
+    "etcd_cert", "",
+    "PEM client certificate for etcd members run with --client-cert-auth (needs --etcd_key)");
+std::string* const FLAGS_etcd_key = kandb::DefineStringFlag(
+    "etcd_key", "", "PEM private key of --etcd_cert, unencrypted (needs --etcd_cert)");
 
 // Every etcd call on one endpoint is bounded by this, well inside a third
 // of the shortest lease, so a dead endpoint cannot stall a renewal.
@@ -58,6 +72,22 @@ std::string DefaultAdvertise(const std::string& bind_addr, int64_t port) {
     host = gethostname(name, sizeof(name) - 1) == 0 && name[0] != '\0' ? name : "localhost";
   }
   return host + ":" + std::to_string(port);
+}
+
+// libcurl reads the TLS files only when it connects, and a file it cannot
+// read there looks like an etcd that cannot be reached, over and over: a
+// start with such a file fails at once and names it.
+kandb::Status CheckReadable(const char* flag, const std::string& path) {
+  if (path.empty()) return kandb::Status::OK();
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  // A directory opens; reading it fails.
+  if (file != nullptr && (std::fgetc(file) != EOF || !std::ferror(file))) {
+    std::fclose(file);
+    return kandb::Status::OK();
+  }
+  const std::string why = std::strerror(errno);
+  if (file != nullptr) std::fclose(file);
+  return kandb::Status::InvalidArgument("cannot read --" + std::string(flag) + " file " + path + ": " + why);
 }
 
 }  // namespace
@@ -85,6 +115,22 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "bad --etcd: %s\n", s.ToString().c_str());
     return 2;
   }
+  kandb::store::EtcdTls etcd_tls{*FLAGS_etcd_cacert, *FLAGS_etcd_cert, *FLAGS_etcd_key};
+  if (etcd_tls.cert_file.empty() != etcd_tls.key_file.empty()) {
+    // A certificate alone would make libcurl look for the key inside it;
+    // a key alone would be ignored.
+    std::fprintf(stderr, "--etcd_cert and --etcd_key go together: give both or neither\n");
+    return 1;
+  }
+  for (const auto& [flag, path] : {std::pair<const char*, const std::string*>{"etcd_cacert", &etcd_tls.ca_file},
+                                   {"etcd_cert", &etcd_tls.cert_file},
+                                   {"etcd_key", &etcd_tls.key_file}}) {
+    s = CheckReadable(flag, *path);
+    if (!s.ok()) {
+      std::fprintf(stderr, "%s\n", s.message().c_str());
+      return 1;
+    }
+  }
   const std::string& bind_addr = *FLAGS_bind_addr;
   kandb::meta::HaOptions options;
   options.prefix = kandb::store::EtcdClusterPrefix(*FLAGS_cluster);
@@ -94,7 +140,7 @@ int main(int argc, char** argv) {
   options.target_replicas = static_cast<uint32_t>(*FLAGS_target_replicas);
   if (!kandb::app::SchedulingOptionsFromFlags(kSchedulingFlags, &options.scheduling)) return 1;
 
-  kandb::store::EtcdClient etcd(endpoints, kEtcdTimeoutMs);
+  kandb::store::EtcdClient etcd(endpoints, kEtcdTimeoutMs, std::move(etcd_tls));
   auto ha = std::make_unique<kandb::meta::HaServer>(&etcd, options);
   auto server = std::make_unique<kandb::kanrpc::RpcServer>();
   ha->RegisterTo(server.get());

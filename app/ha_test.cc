@@ -1,7 +1,9 @@
 // The replicated server against real etcd members and real kandb-meta-ha
-// processes: leader kills under load, a leader paused past its lease, a
-// leader whose lease was revoked, and the loss of etcd members.
-// KANDB_HA_KILLS (default 5) sets the number of leader kills.
+// processes: leader kills under load (also with etcd over TLS with client
+// certificates, and the servers etcd refuses there), a leader paused past
+// its lease, a leader whose lease was revoked, and the loss of etcd
+// members. KANDB_HA_KILLS (default 5) sets the number of leader kills on
+// plain etcd.
 
 #include <signal.h>
 
@@ -103,6 +105,9 @@ class HaTest : public ::testing::Test {
     }
     FAIL() << s.ToString();
   }
+
+  // The failover run, on etcd of either mode (below, with its load).
+  void LeaderKillsUnderLoad(testing::EtcdCluster::Mode mode, int kills, int64_t lease_ms);
 
   std::string dir_;
 };
@@ -403,18 +408,16 @@ void LoadThread(const std::string& targets, int index, Observed* seen) {
 }
 
 // Three etcd members, three servers, clients on the list of all three; the
-// leader is SIGKILLed again and again (and restarted as a follower).
-// Nothing handed out twice or out of order, nothing acknowledged lost.
-TEST_F(HaTest, LeaderKillsUnderLoad) {
-  const char* env = std::getenv("KANDB_HA_KILLS");
-  const int kills = env != nullptr && std::atoi(env) > 0 ? std::atoi(env) : 5;
-  testing::EtcdCluster etcd(dir_);
+// leader is SIGKILLed `kills` times (and restarted as a follower). Nothing
+// handed out twice or out of order, nothing acknowledged lost.
+void HaTest::LeaderKillsUnderLoad(testing::EtcdCluster::Mode mode, int kills, int64_t lease_ms) {
+  testing::EtcdCluster etcd(dir_, mode);
   ASSERT_TRUE(etcd.Start(3));
-  testing::HaServers servers(KANDB_META_HA_BINARY, etcd.UrlList(), "kills", kLeaseMs);
+  testing::HaServers servers(KANDB_META_HA_BINARY, etcd.UrlList(), "kills", lease_ms, etcd.client_tls());
   ASSERT_TRUE(servers.Start(3));
   const std::string targets = servers.AddressList();
   Bootstrap(targets);
-  store::EtcdClient client(etcd.Endpoints(), 1000);
+  store::EtcdClient client(etcd.Endpoints(), 1000, etcd.client_tls());
 
   Observed seen;
   LoadThreads threads(&seen.stop);
@@ -447,9 +450,10 @@ TEST_F(HaTest, LeaderKillsUnderLoad) {
   for (const auto& [id, encoding] : seen.acked) lost += stored.count(id) == 0 || stored.at(id) != encoding;
   EXPECT_EQ(lost, 0u);
   EXPECT_GT(seen.acked.size(), 0u);
-  std::printf("failover: %d kills, %zu answers checked, longest time without a leader %lld ms (lease %lld ms)\n",
+  std::printf("failover%s: %d kills, %zu answers checked, longest time without a leader %lld ms (lease %lld ms)\n",
+              mode == testing::EtcdCluster::Mode::kClientCertAuth ? " (etcd over TLS, client certificates)" : "",
               kills, ts.size() + ids.size() + seen.acked.size(), static_cast<long long>(longest_ms),
-              static_cast<long long>(kLeaseMs));
+              static_cast<long long>(lease_ms));
 
   // Acknowledged upserts route through the last leader too. The first
   // route of a new term may walk every record in etcd: on a loaded machine
@@ -466,6 +470,107 @@ TEST_F(HaTest, LeaderKillsUnderLoad) {
     ASSERT_TRUE(routed_status.ok()) << routed_status.ToString();
     EXPECT_EQ(resp.region.id, id);
   }
+}
+
+TEST_F(HaTest, LeaderKillsUnderLoad) {
+  const char* env = std::getenv("KANDB_HA_KILLS");
+  LeaderKillsUnderLoad(testing::EtcdCluster::Mode::kPlain, env != nullptr && std::atoi(env) > 0 ? std::atoi(env) : 5,
+                       kLeaseMs);
+}
+
+// The same with every etcd call over TLS with the client certificate:
+// campaigns, renewals, the term's writes and the records' watch. Shorter:
+// the plain run holds the count of kills, and the shortest lease etcd
+// grants makes each takeover quicker.
+TEST_F(HaTest, LeaderKillsUnderLoadOnEtcdWithClientCertificates) {
+  LeaderKillsUnderLoad(testing::EtcdCluster::Mode::kClientCertAuth, 2, 2000);
+}
+
+// TLS settings a server must not start with, and servers that etcd with
+// client-certificate authentication lets in on nothing less than the
+// certificates both ways: each says it cannot reach etcd, answers "not
+// leader" and never writes the leader key.
+TEST_F(HaTest, TlsRefusals) {
+  testing::EtcdCluster etcd(dir_, testing::EtcdCluster::Mode::kClientCertAuth);
+  ASSERT_TRUE(etcd.Start(1));
+  const store::EtcdTls& good = etcd.client_tls();
+
+  // Refused before etcd is contacted, with the file named.
+  const std::string missing = dir_ + "/missing.pem";
+  const struct {
+    std::vector<std::string> flags;
+    std::string err;
+  } starts[] = {
+      {{"--etcd_cacert=" + missing}, "cannot read --etcd_cacert file " + missing + ": No such file or directory\n"},
+      {{"--etcd_cert=" + good.cert_file, "--etcd_key=" + dir_},
+       "cannot read --etcd_key file " + dir_ + ": Is a directory\n"},
+      {{"--etcd_cert=" + good.cert_file}, "--etcd_cert and --etcd_key go together: give both or neither\n"},
+  };
+  for (const auto& c : starts) {
+    std::vector<std::string> argv = {KANDB_META_HA_BINARY, "--port=0", "--etcd=" + etcd.UrlList()};
+    argv.insert(argv.end(), c.flags.begin(), c.flags.end());
+    const testing::ProgramResult r = testing::RunProgram(argv);
+    EXPECT_EQ(testing::ExitCode(r), 1) << c.flags[0];
+    EXPECT_EQ(r.err, c.err);
+    EXPECT_EQ(r.out, "");
+  }
+
+  // A CA that etcd does not know, and a client certificate of it.
+  testing::TestPki other(dir_, "other");
+  const testing::CertFiles stranger = other.ok() ? other.Issue("stranger", "kandb-meta-ha", "") : testing::CertFiles{};
+  ASSERT_FALSE(stranger.cert.empty()) << other.error();
+  const struct {
+    const char* what;
+    store::EtcdTls tls;
+  } refused[] = {
+      {"no client certificate", {good.ca_file, "", ""}},
+      {"a client certificate of another CA", {good.ca_file, stranger.cert, stranger.key}},
+      {"etcd's certificate checked against another CA", {other.ca().cert, good.cert_file, good.key_file}},
+  };
+  std::vector<std::unique_ptr<testing::HaServers>> servers;
+  for (const auto& c : refused) {
+    servers.push_back(std::make_unique<testing::HaServers>(KANDB_META_HA_BINARY, etcd.UrlList(), "refused",
+                                                           kLeaseMs, c.tls));
+    ASSERT_TRUE(servers.back()->Start(1)) << c.what;
+  }
+  const std::string report = "cannot reach etcd: Unavailable: etcd unreachable: " + etcd.UrlList() + ": ";
+  for (size_t i = 0; i < servers.size(); ++i) {
+    for (const int64_t end = SteadyMs() + 30000;
+         servers[i]->Stderr(0).find(report) == std::string::npos && SteadyMs() < end;) {
+      SleepMs(50);
+    }
+    const std::string err = servers[i]->Stderr(0);
+    const size_t at = err.find(report);
+    ASSERT_NE(at, std::string::npos) << refused[i].what << ": " << err;
+    const size_t from = at + report.size();
+    std::printf("refused, %s: %s\n", refused[i].what, err.substr(from, err.find('\n', from) - from).c_str());
+    kanrpc::RpcClient c(servers[i]->Address(0), Options(1));
+    pdpb::TsoResponse tso;
+    const Status s = c.Call("Pd.Tso", pdpb::TsoRequest{1}, &tso);
+    EXPECT_NE(s.message().find("Unavailable: not leader; no leader yet"), std::string::npos)
+        << refused[i].what << ": " << s.ToString();
+  }
+  store::EtcdClient client(etcd.Endpoints(), 1000, good);
+  EXPECT_TRUE(servers[0]->LeaderKey(&client).empty());
+  // The test's own client is let in, on calls and watch streams alike
+  // (a server whose stream was refused would still lead, only slowly):
+  // the refusals were the certificates'.
+  std::vector<store::EtcdKv> kvs;
+  bool more = false;
+  int64_t revision = 0;
+  ASSERT_TRUE(client.Range("health", "", 0, 0, &kvs, &more, &revision).ok());
+  ASSERT_EQ(kvs.size(), 1u);
+  std::vector<store::EtcdEvent> events;
+  store::EtcdWatchStop stop;
+  const Status watched = client.Watch("health", "", kvs[0].mod_revision,
+                                      [&events](const store::EtcdWatchAnswer& answer) {
+                                        events.insert(events.end(), answer.events.begin(), answer.events.end());
+                                        return events.empty();
+                                      },
+                                      &stop);
+  EXPECT_TRUE(watched.ok()) << watched.ToString();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].kv.value, "ok");
 }
 
 // A leader paused past its lease: another server takes over and serves;

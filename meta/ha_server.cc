@@ -537,6 +537,12 @@ void HaServer::Campaign() {
   Status s = etcd_->Range(leader_key_, "", 0, 0, &kvs, &more, &revision);
   std::string seen;
   if (s.ok() && !kvs.empty()) seen = kvs.front().value;
+  // A server that cannot read etcd (a majority down, or its certificate
+  // refused) never leads: said once when it starts failing, not at every
+  // attempt, so that the operator sees why.
+  if (!s.ok() && !etcd_failing_) Log("cannot reach etcd: " + s.ToString());
+  if (s.ok() && etcd_failing_) Log("reached etcd again");
+  etcd_failing_ = !s.ok();
   const int64_t now = SteadyNs();
   if (s.ok() && !kvs.empty()) {
     // A leader writes its key a few times a second when idle: a copy that

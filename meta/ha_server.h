@@ -161,6 +161,7 @@ class HaServer {
   int64_t lease_ttl_s_ = 0;
   int64_t next_renew_ns_ = 0;
   std::string last_leader_seen_;  // for the follower's log lines
+  bool etcd_failing_ = false;     // the last campaign's read failed; logged once
   // Since when the leader key has been seen absent, and since when the
   // copy of the records has lagged its last write (0: not so).
   int64_t vacant_since_ns_ = 0;

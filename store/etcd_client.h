@@ -4,7 +4,9 @@
 // EtcdClient: the calls of etcd's v3 API that the replicated placement
 // server needs (range reads, transactions, leases), spoken as JSON over
 // HTTP/1.1 to etcd's gateway ("/v3/..."), with libcurl keeping connections
-// open between calls.
+// open between calls. https:// endpoints are reached over libcurl's TLS,
+// with etcd's certificate verified and, where etcd asks for one
+// (--client-cert-auth), a client certificate of EtcdTls.
 //
 // Several endpoints may be given; a call goes to the one that answered
 // last and moves on to the next one when an endpoint cannot be reached or
@@ -114,14 +116,25 @@ class EtcdWatchStop {
   std::atomic<bool> stopped_{false};
 };
 
+// TLS towards https:// endpoints: paths of PEM files, empty when not
+// given. http:// endpoints ignore them. The files are read when a
+// connection is made, not before: a caller that wants a missing file
+// reported as such checks the paths itself.
+struct EtcdTls {
+  std::string ca_file;    // CAs that etcd's certificate must chain to; empty: the system's
+  std::string cert_file;  // the client certificate etcd's --client-cert-auth asks for
+  std::string key_file;   // its private key, unencrypted
+};
+
 class EtcdClient {
  public:
   // Splits "http://h1:p1,http://h2:p2" into endpoints. A bare "host:port"
   // gets "http://" in front. Fails with code 1 on an empty list or entry.
   static Status ParseEndpoints(const std::string& list, std::vector<std::string>* out);
 
-  // `timeout_ms` bounds every call on one endpoint, connecting included.
-  EtcdClient(std::vector<std::string> endpoints, int timeout_ms);
+  // `timeout_ms` bounds every call on one endpoint, connecting (and the
+  // TLS handshake) included.
+  EtcdClient(std::vector<std::string> endpoints, int timeout_ms, EtcdTls tls = {});
   ~EtcdClient();
   EtcdClient(const EtcdClient&) = delete;
   EtcdClient& operator=(const EtcdClient&) = delete;
@@ -169,6 +182,8 @@ class EtcdClient {
 
   const std::vector<std::string> endpoints_;
   const int timeout_ms_;
+  // Given to every handle, pooled or streaming.
+  const EtcdTls tls_;
   // The endpoint that answered last; calls start there.
   std::atomic<size_t> preferred_{0};
 
