@@ -110,7 +110,9 @@ int main(int argc, char** argv) {
     return 2;
   }
   std::vector<std::string> endpoints;
-  kandb::Status s = kandb::store::EtcdClient::ParseEndpoints(*FLAGS_etcd, &endpoints);
+  // With certificates for etcd, a bare host:port means TLS.
+  const bool etcd_over_tls = !FLAGS_etcd_cacert->empty() || !FLAGS_etcd_cert->empty();
+  kandb::Status s = kandb::store::EtcdClient::ParseEndpoints(*FLAGS_etcd, &endpoints, etcd_over_tls);
   if (!s.ok()) {
     std::fprintf(stderr, "bad --etcd: %s\n", s.ToString().c_str());
     return 2;

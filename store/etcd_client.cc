@@ -200,14 +200,14 @@ class EtcdClient::Handle {
   curl_slist* headers_ = nullptr;
 };
 
-Status EtcdClient::ParseEndpoints(const std::string& list, std::vector<std::string>* out) {
+Status EtcdClient::ParseEndpoints(const std::string& list, std::vector<std::string>* out, bool tls) {
   std::vector<std::string> endpoints;
   size_t start = 0;
   for (;;) {
     const size_t comma = list.find(',', start);
     std::string item = list.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
     if (item.empty()) return Status::InvalidArgument("empty etcd endpoint in '" + list + "'");
-    if (item.find("://") == std::string::npos) item = "http://" + item;
+    if (item.find("://") == std::string::npos) item = (tls ? "https://" : "http://") + item;
     while (!item.empty() && item.back() == '/') item.pop_back();
     endpoints.push_back(std::move(item));
     if (comma == std::string::npos) break;

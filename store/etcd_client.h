@@ -129,8 +129,9 @@ struct EtcdTls {
 class EtcdClient {
  public:
   // Splits "http://h1:p1,http://h2:p2" into endpoints. A bare "host:port"
-  // gets "http://" in front. Fails with code 1 on an empty list or entry.
-  static Status ParseEndpoints(const std::string& list, std::vector<std::string>* out);
+  // gets "http://" in front, or "https://" with `tls`. Fails with code 1 on
+  // an empty list or entry.
+  static Status ParseEndpoints(const std::string& list, std::vector<std::string>* out, bool tls = false);
 
   // `timeout_ms` bounds every call on one endpoint, connecting (and the
   // TLS handshake) included.
