@@ -17,6 +17,8 @@
 //
 // With --tls-* options every connection is a TLS session: the TCP connect,
 // then the handshake, step by step as the socket allows, then the calls.
+// With --reconnect every call has a connection of its own (connect,
+// handshake, one call, close), so that the rate is one of new connections.
 
 #include <netdb.h>
 #include <netinet/in.h>
@@ -114,6 +116,7 @@ struct Config {
   std::string tls_key;
   std::string tls_ca;
   std::string tls_server_name;
+  bool reconnect = false;
 
   bool tls() const {
     return !tls_cert.empty() || !tls_key.empty() || !tls_ca.empty() || !tls_server_name.empty();
@@ -594,6 +597,7 @@ class Connection {
     stats_[method_].latency.Record(static_cast<uint64_t>(nanos.count()));
     shared_->done.fetch_add(1, std::memory_order_relaxed);
     if (failure.empty()) {
+      if (config_.reconnect) CloseSocket();
       Next(now);
       return;
     }
@@ -1055,6 +1059,9 @@ int Main(int argc, char** argv) {
   cl.AddString("tls-server-name", &config.tls_server_name,
                "name the server's certificate must carry (default: the host of --addr, a DNS name or an IP "
                "address)");
+  cl.AddSwitch("reconnect", &config.reconnect,
+               "make every call on a new connection: connect, TLS handshake if any, one call, close; the "
+               "throughput is then new connections per second");
   cl.SetEpilogue(
       "get-region, upsert-region, heartbeat and mix bootstrap the cluster when it is not\n"
       "(store 1, one region over all keys, or the first preloaded region). With preloaded\n"
@@ -1247,7 +1254,10 @@ int Main(int argc, char** argv) {
                           {"errors", errors},
                           {"wrong_answers", wrong},
                           {"messages", shared.messages}};
-    if (config.tls()) report["tls"] = true;
+    if (config.tls() || config.reconnect) {
+      report["tls"] = config.tls();
+      report["reconnect"] = config.reconnect;
+    }
     if (cluster_options) {
       report["stores"] = config.stores;
       report["store_heartbeats"] = config.store_heartbeats;
@@ -1263,9 +1273,9 @@ int Main(int argc, char** argv) {
     }
     std::printf("%s\n", report.dump(2).c_str());
   } else {
-    std::printf("%s: %s against %s, %llu connections%s, %llu preloaded regions, %.2f s\n", kProgram,
+    std::printf("%s: %s against %s, %llu connections%s%s, %llu preloaded regions, %.2f s\n", kProgram,
                 config.method.c_str(), config.addr.c_str(), static_cast<unsigned long long>(config.conns),
-                config.tls() ? " over TLS" : "",
+                config.tls() ? " over TLS" : "", config.reconnect ? ", a new one for every call" : "",
                 static_cast<unsigned long long>(regions.tiles), seconds);
     std::printf("requests       %llu\nthroughput     %.0f req/s\nlatency        %s\n",
                 static_cast<unsigned long long>(all.count()), throughput, LatencyText(all).c_str());

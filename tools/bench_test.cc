@@ -1,7 +1,8 @@
 // Runs kandb-meta-bench against a live kandb-meta: a two-second mixed load
 // over preloaded regions with every answer checked, a run bounded by its
 // request count, large-value upserts, heartbeats of many regions from many
-// stores, load over TLS, and the command-line and setup failures.
+// stores, load over TLS with a session kept or made anew for every call,
+// and the command-line and setup failures.
 
 #include <sys/wait.h>
 
@@ -147,8 +148,9 @@ TEST_F(BenchTest, HeartbeatsOfManyRegionsFromManyStoresThatStayUp) {
 }
 
 // A server that demands a client certificate: the load and the setup's
-// calls go through TLS sessions, kept for the run.
-TEST_F(BenchTest, LoadOverTlsWithSessionsKeptForTheRun) {
+// calls go through TLS sessions, kept for the run or, with --reconnect,
+// made anew (connect, full handshake, one call, close) for every call.
+TEST_F(BenchTest, LoadOverTlsWithSessionsKeptOrNewForEveryCall) {
   testing::TestPki pki(dir_, "bench");
   ASSERT_TRUE(pki.ok()) << pki.error();
   const testing::CertFiles cert = pki.Server("server");
@@ -184,9 +186,18 @@ TEST_F(BenchTest, LoadOverTlsWithSessionsKeptForTheRun) {
   EXPECT_EQ(report["errors"], 0) << report["messages"];
   EXPECT_EQ(report["wrong_answers"], 0) << report["messages"];
   EXPECT_EQ(report["tls"], true);
+  EXPECT_EQ(report["reconnect"], false);
   // A handful, not one a call: the four load connections, the setup's
   // (which a refused probe makes two) and this client's own.
-  EXPECT_LE(accepted(), 10u);
+  const uint64_t kept = accepted();
+  EXPECT_LE(kept, 10u);
+
+  report = run({"--method", "tso", "--conns", "4", "--requests", "300", "--reconnect", "--json"});
+  EXPECT_EQ(report["requests"], 300);
+  EXPECT_EQ(report["errors"], 0) << report["messages"];
+  EXPECT_EQ(report["wrong_answers"], 0) << report["messages"];
+  EXPECT_EQ(report["reconnect"], true);
+  EXPECT_GE(accepted() - kept, 300u);
 
   // The name checked is --tls-server-name's, not the address's.
   std::vector<std::string> args = {"--requests", "1", "--tls-server-name", "elsewhere"};
