@@ -14,6 +14,11 @@
 // them, lets each heartbeat report --heartbeat-entries regions that one
 // store leads, and with --store-heartbeats keeps every store Up through
 // store heartbeats from a side thread.
+//
+// With --tls-* options every connection is a TLS session: the TCP connect,
+// then the handshake, step by step as the socket allows, then the calls.
+// With --reconnect every call has a connection of its own (connect,
+// handshake, one call, close), so that the rate is one of new connections.
 
 #include <netdb.h>
 #include <netinet/in.h>
@@ -44,6 +49,8 @@
 #include "rpc/client.h"
 #include "rpc/frame.h"
 #include "rpc/sys_error.h"
+#include "rpc/tls.h"
+#include "rpc/transport.h"
 #include "tools/command_line.h"
 #include "tools/latency.h"
 #include "tools/text.h"
@@ -105,6 +112,15 @@ struct Config {
   int64_t duration_ms = 10000;
   bool mix = false;
   Method single = kTso;
+  std::string tls_cert;
+  std::string tls_key;
+  std::string tls_ca;
+  std::string tls_server_name;
+  bool reconnect = false;
+
+  bool tls() const {
+    return !tls_cert.empty() || !tls_key.empty() || !tls_ca.empty() || !tls_server_name.empty();
+  }
 };
 
 std::string TileKey(uint64_t i) {
@@ -266,8 +282,16 @@ class Driver {
 // pause; so no socket is open while a connection pauses or has finished.
 class Connection {
  public:
-  Connection(const Config& config, const Regions& regions, Shared* shared, uint64_t seed)
-      : config_(config), regions_(regions), shared_(shared), random_(seed), targets_(kanrpc::SplitTargets(config.addr)) {}
+  // `tls`, when not null, makes every connection a TLS session; it
+  // outlives the connection.
+  Connection(const Config& config, const Regions& regions, const kanrpc::TlsClientContext* tls, Shared* shared,
+             uint64_t seed)
+      : config_(config),
+        regions_(regions),
+        tls_(tls),
+        shared_(shared),
+        random_(seed),
+        targets_(kanrpc::SplitTargets(config.addr)) {}
   ~Connection() { CloseSocket(); }
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -305,6 +329,9 @@ class Connection {
       case State::kConnecting:
         FinishConnect(now);
         return;
+      case State::kHandshaking:
+        StepHandshake(now);
+        return;
       case State::kSending:
         Flush(now);
         return;
@@ -330,6 +357,7 @@ class Connection {
           CloseSocket();
           ConnectNextAddress(now);
           break;
+        case State::kHandshaking:
         case State::kSending:
         case State::kAwaiting:
           Failed("kanrpc: io timeout", now);
@@ -347,10 +375,11 @@ class Connection {
 
  private:
   enum class State {
-    kConnecting,  // a non-blocking connect is under way
-    kSending,     // the request did not fit the socket at once
-    kAwaiting,    // the request is sent; the answer is due
-    kPaused,      // after a failed call, before the next one
+    kConnecting,   // a non-blocking connect is under way
+    kHandshaking,  // connected; the TLS session is being set up
+    kSending,      // the request did not fit the socket at once
+    kAwaiting,     // the request is sent; the answer is due
+    kPaused,       // after a failed call, before the next one
     kFinished,
   };
 
@@ -408,9 +437,44 @@ class Connection {
   void Connected(Clock::time_point now) {
     const int one = 1;
     setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-    reader_.Reset(fd_);
     reached_ = true;
-    Send(now);
+    if (tls_ == nullptr) {
+      transport_ = std::make_unique<kanrpc::SocketTransport>(fd_);
+      reader_.Reset(transport_.get());
+      Send(now);
+      return;
+    }
+    std::string host, port;
+    kanrpc::ParseTarget(targets_[current_], &host, &port);
+    Status s = tls_->Connect(fd_, host, &transport_);
+    if (!s.ok()) {
+      Failed(s.message(), now);
+      return;
+    }
+    state_ = State::kHandshaking;
+    StepHandshake(now);
+  }
+
+  // One step of the TLS handshake; every step that has to wait is bounded
+  // by the time-out, as every wait of a call is. A session that cannot be
+  // set up fails the call like a connection that cannot be made.
+  void StepHandshake(Clock::time_point now) {
+    bool done = false;
+    Status s = transport_->Handshake(&done);
+    if (!s.ok()) {
+      Failed(s.message(), now);
+      return;
+    }
+    if (done) {
+      reader_.Reset(transport_.get());
+      Send(now);
+      return;
+    }
+    if (!WatchTransport()) {
+      Failed("epoll_ctl: " + kanrpc::ErrnoText(errno), now);
+      return;
+    }
+    SetTimeout(now);
   }
 
   // Frames the request under a new id; each attempt has its own, as the
@@ -427,18 +491,18 @@ class Connection {
   void Flush(Clock::time_point now) {
     SetTimeout(now);
     while (sent_ < out_.size()) {
-      const ssize_t n = send(fd_, out_.data() + sent_, out_.size() - sent_, MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (n > 0) {
-        sent_ += static_cast<size_t>(n);
-        continue;
-      }
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-        if (!Watch(EPOLLOUT)) Failed("epoll_ctl: " + kanrpc::ErrnoText(errno), now);
+      size_t n = 0;
+      Status s = transport_->Send(out_.data() + sent_, out_.size() - sent_, &n);
+      if (!s.ok()) {
+        Failed(s.message(), now);
         return;
       }
-      Failed(n == 0 ? "kanrpc: connection closed" : "kanrpc io: " + kanrpc::ErrnoText(errno), now);
-      return;
+      if (n == 0) {
+        // The next try offers the same bytes again, as a TLS session needs.
+        if (!WatchTransport()) Failed("epoll_ctl: " + kanrpc::ErrnoText(errno), now);
+        return;
+      }
+      sent_ += n;
     }
     if (!Watch(EPOLLIN)) {
       Failed("epoll_ctl: " + kanrpc::ErrnoText(errno), now);
@@ -449,6 +513,11 @@ class Connection {
 
   // Checks the answer as the blocking client does: the id of the request
   // outstanding, then the frame type, then the payload.
+  //
+  // The reader receives until the transport has nothing more, so bytes a
+  // TLS session decrypted ahead (which no socket event announces) are
+  // never left behind while an answer is due. Once a whole answer is in,
+  // nothing can follow it: a single request is outstanding.
   void Receive(Clock::time_point now) {
     const size_t buffered = reader_.buffered();
     bool got = false;
@@ -461,6 +530,8 @@ class Connection {
       // Part of a frame arrived: the wait starts over, as each wait of the
       // blocking client's read is bounded on its own.
       if (reader_.buffered() > buffered) SetTimeout(now);
+      // A TLS session may have to write before it can read on.
+      if (!WatchTransport()) Failed("epoll_ctl: " + kanrpc::ErrnoText(errno), now);
       return;
     }
     if (answer_.request_id != request_id_) {
@@ -526,6 +597,7 @@ class Connection {
     stats_[method_].latency.Record(static_cast<uint64_t>(nanos.count()));
     shared_->done.fetch_add(1, std::memory_order_relaxed);
     if (failure.empty()) {
+      if (config_.reconnect) CloseSocket();
       Next(now);
       return;
     }
@@ -549,12 +621,16 @@ class Connection {
     return true;
   }
 
+  // Polls the socket for what the transport's last call waits for.
+  bool WatchTransport() { return Watch(transport_->wait_events() == POLLOUT ? EPOLLOUT : EPOLLIN); }
+
   void CloseSocket() {
     if (fd_ < 0) return;
+    reader_.Reset(static_cast<kanrpc::Transport*>(nullptr));
+    transport_.reset();
     close(fd_);  // which also takes it out of the epoll set
     fd_ = -1;
     watched_ = 0;
-    reader_.Reset(-1);
   }
 
   void CheckFailed(const std::string& what) {
@@ -730,6 +806,7 @@ class Connection {
 
   const Config& config_;
   const Regions& regions_;
+  const kanrpc::TlsClientContext* const tls_;
   Shared* const shared_;
   Driver* driver_ = nullptr;
   std::mt19937_64 random_;
@@ -743,7 +820,10 @@ class Connection {
   size_t next_address_ = 0;
   int fd_ = -1;
   uint32_t watched_ = 0;  // epoll events the socket is registered for; 0 when it is not
-  kanrpc::FrameReader reader_{-1};
+  // The bytes of fd_ go through it once connected (and the TLS session, if
+  // any, is set up); the reader reads through it.
+  std::unique_ptr<kanrpc::Transport> transport_;
+  kanrpc::FrameReader reader_{static_cast<kanrpc::Transport*>(nullptr)};
 
   State state_ = State::kPaused;
   Clock::time_point deadline_;
@@ -842,8 +922,9 @@ Status SendStoreHeartbeats(kanrpc::RpcClient* client, const Regions& regions) {
 
 // Bootstraps the cluster unless it exists, registers the stores, preloads
 // the regions and, with --store-heartbeats, makes every store take part.
-Status Prepare(const Config& config, bool needs_cluster, Regions* regions) {
-  kanrpc::RpcClientOptions options;
+Status Prepare(const Config& config, const kanrpc::RpcClientOptions& load_options, bool needs_cluster,
+               Regions* regions) {
+  kanrpc::RpcClientOptions options = load_options;
   options.timeout_ms = static_cast<int32_t>(std::max<uint64_t>(config.timeout_ms, 60000));
   options.attempts = 1;
   kanrpc::RpcClient client(config.addr, options);
@@ -969,11 +1050,24 @@ int Main(int argc, char** argv) {
   cl.AddSwitch("store-heartbeats", &config.store_heartbeats,
                "send a store heartbeat for every store first and every 2 s during the run, so that the "
                "server schedules by what the stores report");
+  cl.AddString("tls-cert", &config.tls_cert,
+               "PEM client certificate for a server that demands one, with --tls-key; any --tls-* option "
+               "makes every connection TLS");
+  cl.AddString("tls-key", &config.tls_key, "PEM private key of --tls-cert");
+  cl.AddString("tls-ca", &config.tls_ca,
+               "PEM CA certificates the server's certificate must chain to (default: the system's CAs)");
+  cl.AddString("tls-server-name", &config.tls_server_name,
+               "name the server's certificate must carry (default: the host of --addr, a DNS name or an IP "
+               "address)");
+  cl.AddSwitch("reconnect", &config.reconnect,
+               "make every call on a new connection: connect, TLS handshake if any, one call, close; the "
+               "throughput is then new connections per second");
   cl.SetEpilogue(
       "get-region, upsert-region, heartbeat and mix bootstrap the cluster when it is not\n"
       "(store 1, one region over all keys, or the first preloaded region). With preloaded\n"
       "regions, get-region routes keys inside them, upsert-region rewrites them with a later\n"
-      "version, and heartbeat reports them. Exit status: 0 no error and no wrong answer,\n"
+      "version, and heartbeat reports them. Over TLS a failed handshake counts as a failed\n"
+      "call, as a failed connect does. Exit status: 0 no error and no wrong answer,\n"
       "1 some call failed or an answer was wrong, 2 bad command line or the setup failed.\n");
   std::vector<std::string> args(argv + 1, argv + argc);
   if (int rc = cl.Parse(args, stdout, stderr); rc >= 0) return rc;
@@ -1012,10 +1106,20 @@ int Main(int argc, char** argv) {
     if (!s.ok()) return usage_error("--duration: " + s.message());
   }
 
+  // Every client of the run, the load's and the setup's, speaks TLS alike.
+  kanrpc::RpcClientOptions client_options;
+  std::shared_ptr<const kanrpc::TlsClientContext> tls;
+  if (config.tls()) {
+    Status s = kanrpc::TlsClientContext::Load(
+        kanrpc::TlsClientConfig{config.tls_cert, config.tls_key, config.tls_ca, config.tls_server_name}, &tls);
+    if (!s.ok()) return usage_error(s.message());
+    client_options.tls = tls;
+  }
+
   const bool needs_cluster = config.mix || config.single == kGetRegion || config.single == kUpsertRegion ||
                              config.single == kHeartbeat || config.stores > 1 || config.store_heartbeats;
   Regions regions;
-  Status s = Prepare(config, needs_cluster, &regions);
+  Status s = Prepare(config, client_options, needs_cluster, &regions);
   if (!s.ok()) {
     std::fprintf(stderr, "%s: setup failed: %s\n", kProgram, s.message().c_str());
     return kExitUsage;
@@ -1027,13 +1131,13 @@ int Main(int argc, char** argv) {
   std::random_device seed_source;
   const uint64_t seed = (static_cast<uint64_t>(seed_source()) << 32) | seed_source();
   for (uint64_t i = 0; i < config.conns; ++i) {
-    connections.push_back(std::make_unique<Connection>(config, regions, &shared, seed + i));
+    connections.push_back(std::make_unique<Connection>(config, regions, tls.get(), &shared, seed + i));
   }
   if ((config.mix || config.single == kUpsertRegion) && regions.tiles == 0) {
     // Each connection rewrites a region of its own: a narrow range, with a
     // peer id right after the region id.
     uint64_t first = 0;
-    kanrpc::RpcClient client(config.addr, kanrpc::RpcClientOptions{});
+    kanrpc::RpcClient client(config.addr, client_options);
     s = AllocIds(&client, 2 * config.conns * config.own_regions, &first);
     if (!s.ok()) {
       std::fprintf(stderr, "%s: setup failed: %s\n", kProgram, s.message().c_str());
@@ -1063,7 +1167,7 @@ int Main(int argc, char** argv) {
   std::thread store_heartbeats;
   if (config.store_heartbeats) {
     store_heartbeats = std::thread([&] {
-      kanrpc::RpcClientOptions options;
+      kanrpc::RpcClientOptions options = client_options;
       options.timeout_ms = static_cast<int32_t>(config.timeout_ms);
       options.attempts = 1;
       kanrpc::RpcClient client(config.addr, options);
@@ -1150,6 +1254,10 @@ int Main(int argc, char** argv) {
                           {"errors", errors},
                           {"wrong_answers", wrong},
                           {"messages", shared.messages}};
+    if (config.tls() || config.reconnect) {
+      report["tls"] = config.tls();
+      report["reconnect"] = config.reconnect;
+    }
     if (cluster_options) {
       report["stores"] = config.stores;
       report["store_heartbeats"] = config.store_heartbeats;
@@ -1165,8 +1273,9 @@ int Main(int argc, char** argv) {
     }
     std::printf("%s\n", report.dump(2).c_str());
   } else {
-    std::printf("%s: %s against %s, %llu connections, %llu preloaded regions, %.2f s\n", kProgram,
+    std::printf("%s: %s against %s, %llu connections%s%s, %llu preloaded regions, %.2f s\n", kProgram,
                 config.method.c_str(), config.addr.c_str(), static_cast<unsigned long long>(config.conns),
+                config.tls() ? " over TLS" : "", config.reconnect ? ", a new one for every call" : "",
                 static_cast<unsigned long long>(regions.tiles), seconds);
     std::printf("requests       %llu\nthroughput     %.0f req/s\nlatency        %s\n",
                 static_cast<unsigned long long>(all.count()), throughput, LatencyText(all).c_str());

@@ -1,7 +1,8 @@
 // Runs kandb-meta-bench against a live kandb-meta: a two-second mixed load
 // over preloaded regions with every answer checked, a run bounded by its
 // request count, large-value upserts, heartbeats of many regions from many
-// stores, and the command-line and setup failures.
+// stores, load over TLS with a session kept or made anew for every call,
+// and the command-line and setup failures.
 
 #include <sys/wait.h>
 
@@ -13,8 +14,11 @@
 #include <nlohmann/json.hpp>
 
 #include "app/meta_server_test_util.h"
+#include "common/test_certs.h"
 #include "common/test_util.h"
 #include "pdpb/messages.h"
+#include "pdpb/stats.h"
+#include "rpc/tls.h"
 
 namespace kandb::tools {
 namespace {
@@ -143,6 +147,67 @@ TEST_F(BenchTest, HeartbeatsOfManyRegionsFromManyStoresThatStayUp) {
   }
 }
 
+// A server that demands a client certificate: the load and the setup's
+// calls go through TLS sessions, kept for the run or, with --reconnect,
+// made anew (connect, full handshake, one call, close) for every call.
+TEST_F(BenchTest, LoadOverTlsWithSessionsKeptOrNewForEveryCall) {
+  testing::TestPki pki(dir_, "bench");
+  ASSERT_TRUE(pki.ok()) << pki.error();
+  const testing::CertFiles cert = pki.Server("server");
+  const testing::CertFiles client_cert = pki.Issue("client", "bench", "");
+  ASSERT_FALSE(cert.cert.empty() || client_cert.cert.empty()) << pki.error();
+  server_.Kill();
+  ASSERT_TRUE(server_.Start(dir_ + "/pd-tls", {"--tls_cert=" + cert.cert, "--tls_key=" + cert.key,
+                                               "--tls_ca=" + pki.ca().cert, "--tls_allowed_cn=bench"}));
+  const std::vector<std::string> tls = {"--tls-cert", client_cert.cert, "--tls-key", client_cert.key,
+                                        "--tls-ca", pki.ca().cert};
+  kanrpc::RpcClientOptions options;
+  options.attempts = 1;
+  ASSERT_TRUE(
+      kanrpc::TlsClientContext::Load({client_cert.cert, client_cert.key, pki.ca().cert, ""}, &options.tls).ok());
+  kanrpc::RpcClient stats_client(server_.target(), options);
+  const auto accepted = [&stats_client] {
+    pdpb::StatsResponse stats;
+    EXPECT_TRUE(stats_client.Call("Pd.Stats", pdpb::StatsRequest{}, &stats).ok());
+    return stats.connections.accepted;
+  };
+
+  const auto run = [&](std::vector<std::string> args) {
+    args.insert(args.end(), tls.begin(), tls.end());
+    ProgramResult r = Bench(args);
+    EXPECT_EQ(ExitCode(r), 0) << r.out << r.err;
+    const json report = json::parse(r.out, nullptr, false);
+    EXPECT_FALSE(report.is_discarded()) << r.out;
+    return report;
+  };
+  json report = run({"--method", "mix", "--conns", "4", "--threads", "2", "--requests", "400", "--preload-regions",
+                     "100", "--json"});
+  EXPECT_EQ(report["requests"], 400);
+  EXPECT_EQ(report["errors"], 0) << report["messages"];
+  EXPECT_EQ(report["wrong_answers"], 0) << report["messages"];
+  EXPECT_EQ(report["tls"], true);
+  EXPECT_EQ(report["reconnect"], false);
+  // A handful, not one a call: the four load connections, the setup's
+  // (which a refused probe makes two) and this client's own.
+  const uint64_t kept = accepted();
+  EXPECT_LE(kept, 10u);
+
+  report = run({"--method", "tso", "--conns", "4", "--requests", "300", "--reconnect", "--json"});
+  EXPECT_EQ(report["requests"], 300);
+  EXPECT_EQ(report["errors"], 0) << report["messages"];
+  EXPECT_EQ(report["wrong_answers"], 0) << report["messages"];
+  EXPECT_EQ(report["reconnect"], true);
+  EXPECT_GE(accepted() - kept, 300u);
+
+  // The name checked is --tls-server-name's, not the address's.
+  std::vector<std::string> args = {"--requests", "1", "--tls-server-name", "elsewhere"};
+  args.insert(args.end(), tls.begin(), tls.end());
+  ProgramResult r = Bench(args);
+  EXPECT_EQ(ExitCode(r), 2);
+  EXPECT_NE(r.err.find("kandb-meta-bench: setup failed: kanrpc tls: certificate verify failed"), std::string::npos)
+      << r.err;
+}
+
 TEST_F(BenchTest, BadCommandLinesAndAnUnreachableServerExitTwo) {
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{"--method", "scan"}, "kandb-meta-bench: unknown method 'scan'\n(see kandb-meta-bench --help)\n"},
@@ -158,6 +223,9 @@ TEST_F(BenchTest, BadCommandLinesAndAnUnreachableServerExitTwo) {
        "kandb-meta-bench: --heartbeat-entries must be at least 1\n(see kandb-meta-bench --help)\n"},
       {{"--heartbeat-entries", "10", "--stores", "3", "--preload-regions", "29"},
        "kandb-meta-bench: --heartbeat-entries 10 needs --preload-regions of at least 30 (entries x stores)\n"
+       "(see kandb-meta-bench --help)\n"},
+      {{"--tls-cert", "client.pem"},
+       "kandb-meta-bench: tls: a certificate needs its key, and a key its certificate\n"
        "(see kandb-meta-bench --help)\n"},
   };
   for (const auto& [args, message] : cases) {
