@@ -52,6 +52,7 @@
 #include "rpc/tls.h"
 #include "rpc/transport.h"
 #include "tools/command_line.h"
+#include "tools/tls_options.h"
 #include "tools/latency.h"
 #include "tools/text.h"
 
@@ -112,14 +113,12 @@ struct Config {
   int64_t duration_ms = 10000;
   bool mix = false;
   Method single = kTso;
-  std::string tls_cert;
-  std::string tls_key;
-  std::string tls_ca;
-  std::string tls_server_name;
+  TlsOptions tls_options;
   bool reconnect = false;
 
   bool tls() const {
-    return !tls_cert.empty() || !tls_key.empty() || !tls_ca.empty() || !tls_server_name.empty();
+    return !tls_options.cert.empty() || !tls_options.key.empty() || !tls_options.ca.empty() ||
+           !tls_options.server_name.empty();
   }
 };
 
@@ -1050,15 +1049,7 @@ int Main(int argc, char** argv) {
   cl.AddSwitch("store-heartbeats", &config.store_heartbeats,
                "send a store heartbeat for every store first and every 2 s during the run, so that the "
                "server schedules by what the stores report");
-  cl.AddString("tls-cert", &config.tls_cert,
-               "PEM client certificate for a server that demands one, with --tls-key; any --tls-* option "
-               "makes every connection TLS");
-  cl.AddString("tls-key", &config.tls_key, "PEM private key of --tls-cert");
-  cl.AddString("tls-ca", &config.tls_ca,
-               "PEM CA certificates the server's certificate must chain to (default: the system's CAs)");
-  cl.AddString("tls-server-name", &config.tls_server_name,
-               "name the server's certificate must carry (default: the host of --addr, a DNS name or an IP "
-               "address)");
+  AddTlsOptions(&cl, &config.tls_options);
   cl.AddSwitch("reconnect", &config.reconnect,
                "make every call on a new connection: connect, TLS handshake if any, one call, close; the "
                "throughput is then new connections per second");
@@ -1109,12 +1100,8 @@ int Main(int argc, char** argv) {
   // Every client of the run, the load's and the setup's, speaks TLS alike.
   kanrpc::RpcClientOptions client_options;
   std::shared_ptr<const kanrpc::TlsClientContext> tls;
-  if (config.tls()) {
-    Status s = kanrpc::TlsClientContext::Load(
-        kanrpc::TlsClientConfig{config.tls_cert, config.tls_key, config.tls_ca, config.tls_server_name}, &tls);
-    if (!s.ok()) return usage_error(s.message());
-    client_options.tls = tls;
-  }
+  if (Status s = ClientTls(config.tls_options, &tls); !s.ok()) return usage_error(s.message());
+  client_options.tls = tls;
 
   const bool needs_cluster = config.mix || config.single == kGetRegion || config.single == kUpsertRegion ||
                              config.single == kHeartbeat || config.stores > 1 || config.store_heartbeats;

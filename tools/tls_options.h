@@ -22,13 +22,15 @@ struct TlsOptions {
 };
 
 inline void AddTlsOptions(CommandLine* cl, TlsOptions* tls) {
-  cl->AddString("tls-cert", &tls->cert, "PEM client certificate: call the server over TLS, presenting it");
+  cl->AddString("tls-cert", &tls->cert,
+                "PEM client certificate for a server that demands one, with --tls-key; any --tls-* option "
+                "makes every connection TLS");
   cl->AddString("tls-key", &tls->key, "PEM private key of --tls-cert");
   cl->AddString("tls-ca", &tls->ca,
-                "PEM CA certificates the server's certificate must chain to: call over TLS "
-                "(default with --tls-cert: the system's CAs)");
+                "PEM CA certificates the server's certificate must chain to (default: the system's CAs)");
   cl->AddString("tls-server-name", &tls->server_name,
-                "the name the server's certificate must carry (default: the host of --addr)");
+                "name the server's certificate must carry (default: the host of --addr, a DNS name or an IP "
+                "address)");
 }
 
 // The client's TLS settings: *out stays null when no option asks for TLS.
