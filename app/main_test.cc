@@ -211,6 +211,11 @@ TEST(ProcessEntryTest, TlsStartFailuresNameTheFileAndTheReason) {
   const kandb::testing::CertFiles server = pki.Server("server"), other = pki.Server("other");
   ASSERT_FALSE(other.cert.empty()) << pki.error();
   const std::string garbage = scratch.path() + "/garbage.pem", missing = scratch.path() + "/missing.pem";
+  const std::string encrypted = scratch.path() + "/encrypted.key";
+  ASSERT_EQ(ExitCode(kandb::testing::RunProgram({"/bin/sh", "-c",
+                                                  "openssl pkey -aes128 -passout pass:secret -in '" + server.key +
+                                                      "' -out '" + encrypted + "'"})),
+            0);
   kandb::testing::WriteFileOrDie(garbage, "not a certificate\n");
   const std::string dir = "--data_dir=" + scratch.path() + "/state";
   const std::string cert = "--tls_cert=" + server.cert, key = "--tls_key=" + server.key;
@@ -224,6 +229,9 @@ TEST(ProcessEntryTest, TlsStartFailuresNameTheFileAndTheReason) {
       {{dir, "--tls_ca=" + pki.ca().cert}, "--tls_cert and --tls_key go together, and --tls_ca and --tls_allowed_cn need both"},
       {{dir, cert, key, "--tls_allowed_cn=store-1"},
        "--tls_allowed_cn needs --tls_ca, to check client certificates against"},
+      {{dir, cert, key, "--tls_ca=" + pki.ca().cert, "--tls_allowed_cn= , "}, "--tls_allowed_cn names no one: ' , '"},
+      // Never a passphrase prompt: it would stop a server started in the background.
+      {{dir, cert, "--tls_key=" + encrypted}, "cannot load key " + encrypted + ": bad decrypt"},
   };
   for (const auto& [args, reason] : cases) {
     ProgramResult r = RunMeta(args);

@@ -58,6 +58,11 @@ inline Status TlsFromFlags(const TlsFlags& flags, std::shared_ptr<kanrpc::TlsSer
   if (!flags.allowed_cn->empty() && flags.ca->empty()) {
     return Status::InvalidArgument("tls: --tls_allowed_cn needs --tls_ca, to check client certificates against");
   }
+  // A list of blanks and commas must not pass for no list at all, which
+  // lets in every certificate the CA signed.
+  if (!flags.allowed_cn->empty() && config.allowed_names.empty()) {
+    return Status::InvalidArgument("tls: --tls_allowed_cn names no one: '" + *flags.allowed_cn + "'");
+  }
   return kanrpc::TlsServerContext::Load(config, out);
 }
 

@@ -68,7 +68,8 @@ namespace {
 
 // connect bounded by the call's time-out (none when negative): a target
 // that drops SYNs would otherwise hold the caller for the kernel's minutes
-// of retries. The socket is left blocking, as the frame I/O expects.
+// of retries. The socket is left blocking; the transports never block on
+// it either way (a TLS session makes it non-blocking).
 bool ConnectWithin(int fd, const struct sockaddr* addr, socklen_t length, int timeout_ms) {
   if (timeout_ms < 0) return connect(fd, addr, length) == 0;
   const int flags = fcntl(fd, F_GETFL);

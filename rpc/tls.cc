@@ -103,8 +103,12 @@ class TlsTransport final : public Transport {
   TlsTransport(int fd, SSL* ssl) : Transport(fd), ssl_(ssl) {}
   ~TlsTransport() override { SSL_free(ssl_); }
 
+  // Each operation starts on an empty error queue: SSL_get_error reads the
+  // queue, and an error some other OpenSSL user of this thread left there
+  // would pass for this session's.
   Status Recv(char* buf, size_t size, size_t* n) override {
     *n = 0;
+    ERR_clear_error();
     const int r = SSL_read(ssl_, buf, static_cast<int>(std::min<size_t>(size, INT_MAX)));
     if (r > 0) {
       *n = static_cast<size_t>(r);
@@ -115,6 +119,7 @@ class TlsTransport final : public Transport {
 
   Status Send(const char* data, size_t size, size_t* n) override {
     *n = 0;
+    ERR_clear_error();
     const int r = SSL_write(ssl_, data, static_cast<int>(std::min<size_t>(size, INT_MAX)));
     if (r > 0) {
       *n = static_cast<size_t>(r);
@@ -124,6 +129,7 @@ class TlsTransport final : public Transport {
   }
 
   Status Handshake(bool* done) override {
+    ERR_clear_error();
     const int r = SSL_do_handshake(ssl_);
     *done = r == 1;
     return *done ? Status::OK() : Outcome(r);
@@ -225,6 +231,10 @@ SSL_CTX* NewContext(const SSL_METHOD* method) {
   SSL_CTX_set_mode(ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
                             SSL_MODE_RELEASE_BUFFERS);
   SSL_CTX_set_read_ahead(ctx, 1);
+  // An encrypted key would make OpenSSL ask for its passphrase on the
+  // terminal, stopping a server started in the background (or a reload on
+  // SIGHUP) for good; it fails to load instead.
+  SSL_CTX_set_default_passwd_cb(ctx, [](char*, int, int, void*) { return 0; });
   return ctx;
 }
 
