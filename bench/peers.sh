@@ -19,14 +19,8 @@ rounds=${ROUNDS:-3}
 seconds=${SECONDS_PER_RUN:-2}
 conns=(1 8 64)
 
-if ! command -v redis-server >/dev/null || ! command -v redis-benchmark >/dev/null; then
-  if [ "$(id -u)" -ne 0 ]; then
-    echo "redis-server and redis-tools are missing; install them as root (apt-get install redis-server redis-tools)" >&2
-    exit 2
-  fi
-  DEBIAN_FRONTEND=noninteractive apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends redis-server redis-tools >/dev/null
-fi
+. "$(dirname "$0")/redis_lib.sh"
+ensure_redis
 for f in "$build/app/kandb-meta" "$build/tools/kandb-meta-bench" "$build/bench/fsync_probe"; do
   [ -x "$f" ] || { echo "missing $f: build first (cmake --build $build)" >&2; exit 2; }
 done

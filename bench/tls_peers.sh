@@ -25,14 +25,8 @@ rounds=${ROUNDS:-1}
 seconds=${SECONDS_PER_RUN:-3}
 conns=(1 8 64)
 
-if ! command -v redis-server >/dev/null || ! command -v redis-benchmark >/dev/null; then
-  if [ "$(id -u)" -ne 0 ]; then
-    echo "redis-server and redis-tools are missing; install them as root (apt-get install redis-server redis-tools)" >&2
-    exit 2
-  fi
-  DEBIAN_FRONTEND=noninteractive apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends redis-server redis-tools >/dev/null
-fi
+. "$(dirname "$0")/redis_lib.sh"
+ensure_redis
 command -v openssl >/dev/null || { echo "the openssl command is missing (apt-get install openssl)" >&2; exit 2; }
 for f in "$build/app/kandb-meta" "$build/tools/kandb-meta-bench"; do
   [ -x "$f" ] || { echo "missing $f: build first (cmake --build $build)" >&2; exit 2; }
