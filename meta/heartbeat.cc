@@ -105,13 +105,13 @@ Status PdService::RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
   // what they tell; until then it is the first-store rule.
   const bool informed = scheduler_.Active(stores);
   std::vector<ScheduleCommand> healed;
-  std::vector<uint64_t> unwell;
-  std::vector<bool> transferred;
+  std::vector<bool> changing;
   if (informed) {
     scheduler_.Heal(req.store_id, req.regions, stores, replicas, &healed);
-    unwell = scheduler_.Unwell(stores);
-    transferred.resize(healed.size());
-    for (size_t i = 0; i < healed.size(); i++) transferred[i] = healed[i].kind == pdpb::kTransferLeader;
+    // A region with a change under way keeps its leader until it is done:
+    // a transfer chosen for it already, or one onto a replica about to go.
+    changing.resize(healed.size());
+    for (size_t i = 0; i < healed.size(); i++) changing[i] = healed[i].kind != 0;
   } else {
     scheduler_.NoteDesigned(req.regions);
   }
@@ -150,14 +150,16 @@ Status PdService::RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
     if (!listed) commands.push_back(Command(pdpb::kDestroyStaleReplica, region_id, req.store_id));
   }
 
-  BalanceLeaders(req, stores.size(), unwell, transferred, &answer);
+  // Leader balancing: from the regions' last reporters the designed way;
+  // from the counts the stores report once they send store heartbeats.
+  BalanceLeaders(req, stores.size(), !informed, &answer);
+  if (informed) scheduler_.BalanceLeaders(req.store_id, req.regions, changing, scheduler_.Unwell(stores), &commands);
   scheduler_.CountIssued(answer.commands, informed);
   *resp = std::move(answer);
   return Status::OK();
 }
 
-void PdService::BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t candidate_stores,
-                               const std::vector<uint64_t>& unwell, const std::vector<bool>& skip,
+void PdService::BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t candidate_stores, bool balance,
                                pdpb::RegionHeartbeatResponse* resp) {
   MutexLock lock(&heartbeat_mutex_);
   for (const RegionHeartbeatEntry& entry : req.regions) {
@@ -169,36 +171,25 @@ void PdService::BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t c
     }
     if (fresh) led_counts_[req.store_id]++;
   }
+  if (!balance) return;
 
   // Counted once per heartbeat, from the counts kept beside the marks (a
-  // count over every mark would cost each heartbeat the whole cluster).
-  // Scheduled the designed way, transfers chosen below do not change the
-  // figures until the stores report the new leadership. Once stores send
-  // store heartbeats, a transfer moves the region's mark to its target at
-  // once: otherwise every heartbeat until the target reports would see it
-  // as lightly loaded as before, and send it more, and the next round all
-  // of them back. A transfer that does not happen is undone by the
-  // reporter's next heartbeat.
-  const bool adjust = !skip.empty();
+  // count over every mark would cost each heartbeat the whole cluster);
+  // transfers chosen below do not change the figures until the stores
+  // report the new leadership.
   auto led = [this](uint64_t store_id) {
     heartbeat_mutex_.AssertHeld();  // called below, under the lock
     auto it = led_counts_.find(store_id);
     return it == led_counts_.end() ? uint64_t{0} : it->second;
   };
-  const uint64_t counted = led(req.store_id);
-  if (counted < 2 || candidate_stores < 2) return;
-
-  for (size_t i = 0; i < req.regions.size(); i++) {
-    const RegionHeartbeatEntry& entry = req.regions[i];
-    if (i < skip.size() && skip[i]) continue;
-    const uint64_t own = adjust ? led(req.store_id) : counted;
-    if (own < 2) break;
+  const uint64_t own = led(req.store_id);
+  if (own < 2 || candidate_stores < 2) return;
+  for (const RegionHeartbeatEntry& entry : req.regions) {
     uint64_t target = 0;
     bool chosen = false;
     uint64_t best = own - 1;  // a transfer must leave the target clearly less loaded
     for (uint64_t member : entry.member_store_ids) {
       if (member == req.store_id || !ContainsId(entry.candidate_store_ids, member)) continue;
-      if (ContainsId(unwell, member)) continue;
       const uint64_t count = led(member);
       if (count < best) {  // strict: on equal counts the earlier member stays
         best = count;
@@ -206,13 +197,7 @@ void PdService::BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t c
         chosen = true;
       }
     }
-    if (!chosen) continue;
-    resp->commands.push_back(Command(pdpb::kTransferLeader, entry.region_id, target));
-    if (adjust) {
-      heartbeat_marks_[entry.region_id] = target;
-      if (--led_counts_[req.store_id] == 0) led_counts_.erase(req.store_id);
-      led_counts_[target]++;
-    }
+    if (chosen) resp->commands.push_back(Command(pdpb::kTransferLeader, entry.region_id, target));
   }
 }
 

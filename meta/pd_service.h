@@ -192,13 +192,10 @@ class PdService {
   // Persists `mark` as the identifier high-water mark.
   Status WriteIdMark(uint64_t mark) REQUIRES(id_mutex_);
 
-  // The leadership transfers of one heartbeat (appended to *resp), after
-  // recording the reporter as the last reporter of each entry's region.
-  // Members on `unwell` stores are passed over, and so are the entries
-  // whose `skip` is set (a transfer already chosen); both are empty for a
-  // heartbeat scheduled the designed way.
-  void BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t candidate_stores,
-                      const std::vector<uint64_t>& unwell, const std::vector<bool>& skip,
+  // Records the reporter as the last reporter of each entry's region and,
+  // with `balance`, appends the leadership transfers chosen from those
+  // records to *resp.
+  void BalanceLeaders(const pdpb::RegionHeartbeatRequest& req, size_t candidate_stores, bool balance,
                       pdpb::RegionHeartbeatResponse* resp) EXCLUDES(heartbeat_mutex_);
   // The store records in key order and the replicas per store: from the
   // routing index when it stands for the records, else read from the store

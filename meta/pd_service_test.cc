@@ -574,21 +574,26 @@ TEST_F(PdTest, StoreHeartbeatsStatesAndRemoval) {
   EXPECT_EQ(all.stores.size(), 2u);  // 1 and 2; 3 and 4 are gone
 }
 
-// Once stores send store heartbeats, leader balancing moves one region's
-// count with each transfer it chooses, so that a heartbeat evens the load
-// out instead of sending every region it reports to the least loaded store
-// (which the next heartbeat would send back).
+// Once stores send store heartbeats, leader balancing compares the leader
+// counts they report, and moves one region's count with each transfer it
+// chooses until the stores report again, so that a heartbeat evens the
+// load out instead of sending every region it reports to the least loaded
+// store (which the next heartbeat would send back). A store's next report
+// replaces what was counted for it.
 TEST_F(PdTest, InformedLeaderBalancingStopsAtEven) {
   PutStores({1, 2});
   pdpb::StoreHeartbeatRequest hb;
   pdpb::StoreHeartbeatResponse state;
   for (uint64_t id : {1, 2}) {
     hb.store = MakeStore(id);
+    hb.stats.leader_count = id == 1 ? 5 : 0;
     ASSERT_TRUE(service_->StoreHeartbeat(hb, &state).ok());
   }
   std::vector<pdpb::RegionHeartbeatEntry> five;
   for (uint64_t r = 1; r <= 5; r++) five.push_back(Entry(r, {1, 2}, {2}));
   EXPECT_EQ(Heartbeat(1, five), (Cmds{Cmd(pdpb::kTransferLeader, 1, 2), Cmd(pdpb::kTransferLeader, 2, 2)}));
+  // Until store 2 reports, the transfers stand: nothing more moves.
+  EXPECT_EQ(Heartbeat(1, {five[2], five[3], five[4]}), Cmds{});
   pdpb::StatsResponse stats;
   kanrpc::RpcServer unused;
   service_->GetStats(unused, &stats);

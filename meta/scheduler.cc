@@ -23,6 +23,10 @@ bool Leaving(uint8_t state) {
 // (scheduled as before store heartbeats existed).
 bool MayReceive(uint8_t state) { return state == pdpb::kStoreUp || state == pdpb::kStoreUnknown; }
 
+// Store limits are counted in whole units, a change costing a minute's
+// worth of ms, so that refills add up exactly: each ms adds `limit` units.
+constexpr int64_t kCost = 60 * 1000;
+
 const std::string* LabelOf(const pdpb::Store& store, const std::string& key) {
   for (const pdpb::StoreLabel& label : store.labels) {
     if (label.key == key) return &label.value;
@@ -77,6 +81,7 @@ void Scheduler::ReportStore(uint64_t store_id, const pdpb::StoreStats& stats) {
   heard.steady_ms = now;
   heard.wall_ms = wall;
   heard.stats = stats;
+  heard.leader_delta = 0;
 }
 
 uint8_t Scheduler::StateLocked(const pdpb::Store& record, int64_t now) const {
@@ -132,6 +137,11 @@ bool Scheduler::Active(const std::vector<pdpb::Store>& stores) const {
   });
 }
 
+bool Scheduler::Repairing() const {
+  MutexLock lock(&mu_);
+  return missing_ + on_down_ + on_offline_ > 0;
+}
+
 std::vector<uint64_t> Scheduler::Unwell(const std::vector<pdpb::Store>& stores) const {
   const int64_t now = Now();
   std::vector<uint64_t> out;
@@ -143,10 +153,7 @@ std::vector<uint64_t> Scheduler::Unwell(const std::vector<pdpb::Store>& stores) 
 }
 
 bool Scheduler::TakeToken(uint64_t store_id, int64_t now) {
-  // Counted in whole units, a change costing a minute's worth of ms, so
-  // that refills add up exactly: each ms adds `limit` units.
   const int64_t limit = std::clamp<int64_t>(options_.store_limit, 1, kMaxStoreLimit);
-  constexpr int64_t kCost = 60 * 1000;
   auto [it, fresh] = buckets_.try_emplace(store_id);
   Bucket& bucket = it->second;
   if (fresh) {
@@ -163,6 +170,12 @@ bool Scheduler::TakeToken(uint64_t store_id, int64_t now) {
   return true;
 }
 
+void Scheduler::GiveBackToken(uint64_t store_id) {
+  const int64_t limit = std::clamp<int64_t>(options_.store_limit, 1, kMaxStoreLimit);
+  Bucket& bucket = buckets_[store_id];
+  bucket.units = std::min(limit * kCost, bucket.units + kCost);
+}
+
 size_t Scheduler::SharedDepth(const pdpb::Store& a, const pdpb::Store& b) const {
   for (size_t i = 0; i < options_.location_labels.size(); i++) {
     const std::string* va = LabelOf(a, options_.location_labels[i]);
@@ -173,9 +186,18 @@ size_t Scheduler::SharedDepth(const pdpb::Store& a, const pdpb::Store& b) const 
   return options_.location_labels.size();
 }
 
+double Scheduler::Score(const StoreView& v, int64_t delta) const {
+  double weight = 1.0;
+  if (v.has_stats && v.stats.capacity > 0) {
+    const double free = static_cast<double>(v.stats.available) / static_cast<double>(v.stats.capacity);
+    weight = 1.0 / std::max(free, 1e-3);
+  }
+  return static_cast<double>(std::max<int64_t>(0, v.load + delta)) * weight;
+}
+
 uint64_t Scheduler::ChooseTarget(const std::vector<uint64_t>& members, const std::vector<uint64_t>& keep,
                                  std::unordered_map<uint64_t, StoreView>* view, const std::vector<uint64_t>& order,
-                                 int64_t now) {
+                                 int64_t now, const BalanceBounds* bounds) {
   struct Candidate {
     size_t depth;
     double score;
@@ -184,15 +206,16 @@ uint64_t Scheduler::ChooseTarget(const std::vector<uint64_t>& members, const std
   };
   std::vector<Candidate> candidates;
   const size_t levels = options_.location_labels.size();
+  // Scores now of the stores that could hold the replica.
+  double group_sum = 0;
+  size_t group_size = 0;
   for (size_t rank = 0; rank < order.size(); rank++) {
     const uint64_t id = order[rank];
     const StoreView& v = view->at(id);
     if (ContainsId(members, id) || v.record->address.empty() || !MayReceive(v.state)) continue;
-    double weight = 1.0;
-    if (v.has_stats && v.stats.capacity > 0) {
-      const double free = static_cast<double>(v.stats.available) / static_cast<double>(v.stats.capacity);
-      if (free < options_.low_space_ratio) continue;
-      weight = 1.0 / std::max(free, 1e-3);
+    if (v.has_stats && v.stats.capacity > 0 &&
+        static_cast<double>(v.stats.available) < options_.low_space_ratio * static_cast<double>(v.stats.capacity)) {
+      continue;
     }
     size_t depth = 0;
     for (uint64_t kept : keep) {
@@ -201,7 +224,25 @@ uint64_t Scheduler::ChooseTarget(const std::vector<uint64_t>& members, const std
     }
     // Never two replicas in the narrowest domain named (the same host).
     if (levels > 0 && depth >= levels) continue;
-    candidates.push_back({depth, static_cast<double>(v.load + 1) * weight, rank, id});
+    if (bounds != nullptr) {
+      if (depth > bounds->max_depth) continue;
+      group_sum += Score(v, 0);
+      group_size++;
+      // Nor onto a store still giving replicas away: the two would cross.
+      if (moving_out_.count(id) > 0) continue;
+    }
+    candidates.push_back({depth, Score(v, 1), rank, id});
+  }
+  if (bounds != nullptr) {
+    // A move goes from a store above the mean of the stores that could
+    // hold the replica to one that stays below it: a store that gave
+    // replicas away never takes any back, nor one that took them gives.
+    const double mean = (group_sum + bounds->source) / static_cast<double>(group_size + 1);
+    if (!(bounds->source > mean)) return 0;
+    const double limit = std::min(bounds->below, mean);
+    candidates.erase(std::remove_if(candidates.begin(), candidates.end(),
+                                    [limit](const Candidate& c) { return !(c.score < limit); }),
+                     candidates.end());
   }
   if (candidates.empty()) return 0;
   std::sort(candidates.begin(), candidates.end(), [](const Candidate& a, const Candidate& b) {
@@ -225,6 +266,9 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
                         std::unordered_map<uint64_t, StoreView>* view, const std::vector<uint64_t>& order, int64_t now,
                         ScheduleCommand* out) {
   const std::vector<uint64_t>& members = entry.member_store_ids;
+  // A move is over once the replica it takes away is gone.
+  auto move = moves_.find(entry.region_id);
+  if (move != moves_.end() && !ContainsId(members, move->second.from)) EndMove(entry.region_id);
   auto pending = pending_.find(entry.region_id);
   if (pending != pending_.end()) {
     const Pending& p = pending->second;
@@ -238,6 +282,8 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
       return true;
     }
     if (p.kind == pdpb::kAddPeer && --pending_adds_[p.store_id] == 0) pending_adds_.erase(p.store_id);
+    // A move whose new replica never came leaves the old one where it is.
+    if (p.kind == pdpb::kAddPeer && !done) EndMove(entry.region_id);
     pending_.erase(pending);
   }
 
@@ -271,19 +317,29 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
     return true;
   };
   if (members.size() < target) return add();
+  // The leader itself is to go: it hands leadership to a member that
+  // stays, whose heartbeat then removes it.
+  auto hand_over = [&](uint64_t going) {
+    for (uint64_t m : members) {
+      if (m != reporter && m != going && ContainsId(entry.candidate_store_ids, m) && MayReceive(state_of(m))) {
+        *out = ScheduleCommand{pdpb::kTransferLeader, entry.region_id, m, std::string()};
+        return true;
+      }
+    }
+    return false;
+  };
   if (members.size() > target) {
     uint64_t victim = leaving_other;
-    if (victim == 0 && reporter_leaving) {
-      // Only the leader itself is to go: it hands leadership to a member
-      // that stays, whose heartbeat then removes it.
-      for (uint64_t m : members) {
-        if (m != reporter && ContainsId(entry.candidate_store_ids, m) && MayReceive(state_of(m))) {
-          *out = ScheduleCommand{pdpb::kTransferLeader, entry.region_id, m, std::string()};
-          return true;
-        }
-      }
-      return false;
+    // The second half of a move: its new replica is in, the old one goes
+    // (it was paid for on its store when the move was chosen).
+    bool moving = false;
+    move = moves_.find(entry.region_id);
+    if (victim == 0 && !reporter_leaving && move != moves_.end()) {
+      if (move->second.from == reporter) return hand_over(reporter);
+      victim = move->second.from;
+      moving = true;
     }
+    if (victim == 0 && reporter_leaving) return hand_over(reporter);
     // Then a member sharing the narrowest domain with another that stays
     // (a leaving store's domain is about to be free).
     const size_t levels = options_.location_labels.size();
@@ -314,7 +370,9 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
     if (victim == 0) return false;
     // A store that is down gets nothing to do from its removal.
     const uint8_t state = state_of(victim);
-    if (state != pdpb::kStoreDown && state != pdpb::kStoreTombstone && !TakeToken(victim, now)) return false;
+    if (!moving && state != pdpb::kStoreDown && state != pdpb::kStoreTombstone && !TakeToken(victim, now)) {
+      return false;
+    }
     *out = ScheduleCommand{pdpb::kRemovePeer, entry.region_id, victim, std::string()};
     pending_[entry.region_id] = Pending{pdpb::kRemovePeer, victim, std::string(), now};
     issued_[pdpb::kRemovePeer]++;
@@ -323,7 +381,69 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
   // At its count, but with a member to replace: the new replica first, so
   // the region never has fewer members than it had.
   if (keep.size() < members.size()) return add();
-  return false;
+  // At its count with no add in flight: a move recorded for it ended some
+  // other way (its surplus went as a repair's).
+  if (moves_.count(entry.region_id) > 0) EndMove(entry.region_id);
+  return BalanceOne(reporter, entry, view, order, now, out);
+}
+
+void Scheduler::EndMove(uint64_t region_id) {
+  auto it = moves_.find(region_id);
+  if (it == moves_.end()) return;
+  if (--moving_out_[it->second.from] == 0) moving_out_.erase(it->second.from);
+  moves_.erase(it);
+}
+
+bool Scheduler::BalanceOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
+                           std::unordered_map<uint64_t, StoreView>* view, const std::vector<uint64_t>& order,
+                           int64_t now, ScheduleCommand* out) {
+  if (options_.balance_tolerance <= 0 || missing_ + on_down_ + on_offline_ > 0) return false;
+  const std::vector<uint64_t>& members = entry.member_store_ids;
+  // The busiest member other than the leader, which would first have to
+  // hand leadership over, and other than a store still taking replicas in:
+  // counted with all of them it may look busy before it holds them, and
+  // would pass them on.
+  uint64_t from = 0;
+  double top = 0;
+  for (uint64_t m : members) {
+    auto it = view->find(m);
+    if (m == reporter || it == view->end() || !MayReceive(it->second.state) || pending_adds_.count(m) > 0) continue;
+    const double score = Score(it->second, 0);
+    if (from == 0 || score > top) {
+      from = m;
+      top = score;
+    }
+  }
+  if (from == 0) return false;
+  StoreView& source = view->at(from);
+  std::vector<uint64_t> keep;
+  size_t depth = 0;  // how much the replica that moves shares with the rest
+  for (uint64_t m : members) {
+    if (m == from) continue;
+    keep.push_back(m);
+    auto k = view->find(m);
+    if (k != view->end()) depth = std::max(depth, SharedDepth(*source.record, *k->second.record));
+  }
+  // The target must end clearly below where the source stands now: by more
+  // than the replica itself, and by more than the tolerance.
+  const double unit = top - Score(source, -1);
+  const double below = top - std::max(unit, options_.balance_tolerance * top);
+  if (!TakeToken(from, now)) return false;
+  const BalanceBounds bounds{top, below, depth};
+  const uint64_t chosen = ChooseTarget(members, keep, view, order, now, &bounds);
+  if (chosen == 0) {
+    GiveBackToken(from);  // the removal will not happen
+    return false;
+  }
+  source.load--;
+  moves_[entry.region_id] = Move{from, now};
+  moving_out_[from]++;
+  const std::string& address = view->at(chosen).record->address;
+  *out = ScheduleCommand{pdpb::kAddPeer, entry.region_id, chosen, address};
+  pending_[entry.region_id] = Pending{pdpb::kAddPeer, chosen, address, now};
+  pending_adds_[chosen]++;
+  issued_[pdpb::kAddPeer]++;
+  return true;
 }
 
 void Scheduler::SetFlags(uint64_t region_id, uint8_t flags) {
@@ -369,6 +489,12 @@ void Scheduler::Heal(uint64_t reporter, const std::vector<RegionHeartbeatEntry>&
       }
       it = pending_.erase(it);
     }
+    for (auto it = moves_.begin(); it != moves_.end();) {
+      const uint64_t region_id = it->first;
+      const bool stale = now - it->second.started_ms >= 2 * options_.change_timeout_ms;
+      ++it;
+      if (stale) EndMove(region_id);
+    }
   }
   std::unordered_map<uint64_t, StoreView> view;
   view.reserve(stores.size());
@@ -380,7 +506,9 @@ void Scheduler::Heal(uint64_t reporter, const std::vector<RegionHeartbeatEntry>&
     v.state = StateLocked(store, now);
     auto r = replicas.find(store.id);
     auto p = pending_adds_.find(store.id);
-    v.load = (r != replicas.end() ? r->second : 0) + (p != pending_adds_.end() ? p->second : 0);
+    auto o = moving_out_.find(store.id);
+    v.load = static_cast<int64_t>((r != replicas.end() ? r->second : 0) + (p != pending_adds_.end() ? p->second : 0)) -
+             static_cast<int64_t>(o != moving_out_.end() ? o->second : 0);
     auto h = heard_.find(store.id);
     if (h != heard_.end()) {
       v.stats = h->second.stats;
@@ -402,6 +530,44 @@ void Scheduler::Heal(uint64_t reporter, const std::vector<RegionHeartbeatEntry>&
     SetFlags(entry.region_id, flags);
     if (options_.target_replicas == 0) continue;
     HealOne(reporter, entry, &view, order, now, &(*per_entry)[i]);
+  }
+}
+
+void Scheduler::BalanceLeaders(uint64_t reporter, const std::vector<RegionHeartbeatEntry>& entries,
+                               const std::vector<bool>& skip, const std::vector<uint64_t>& unwell,
+                               std::vector<ScheduleCommand>* out) {
+  MutexLock lock(&mu_);
+  // Leadership waits while replicas are repaired: the repair moves it where
+  // it must, and balancing meanwhile would chase a moving target.
+  if (missing_ + on_down_ + on_offline_ > 0) return;
+  auto reporting = heard_.find(reporter);
+  if (reporting == heard_.end()) return;
+  auto led = [](const Heard& h) { return static_cast<int64_t>(h.stats.leader_count) + h.leader_delta; };
+  for (size_t i = 0; i < entries.size(); i++) {
+    if (i < skip.size() && skip[i]) continue;
+    const RegionHeartbeatEntry& entry = entries[i];
+    const int64_t own = led(reporting->second);
+    // The target must end clearly below the reporter: by more than one
+    // region, and by a small share of what the reporter leads, so that
+    // large counts are not passed back and forth over a few regions.
+    const int64_t margin = std::max<int64_t>(1, static_cast<int64_t>(options_.leader_tolerance * static_cast<double>(own)));
+    int64_t best = own - margin;
+    Heard* target = nullptr;
+    uint64_t target_id = 0;
+    for (uint64_t m : entry.member_store_ids) {
+      if (m == reporter || !ContainsId(entry.candidate_store_ids, m) || ContainsId(unwell, m)) continue;
+      auto h = heard_.find(m);
+      if (h == heard_.end()) continue;  // a store that reports nothing is not compared
+      if (led(h->second) < best) {  // strict: on equal counts the earlier member stays
+        best = led(h->second);
+        target = &h->second;
+        target_id = m;
+      }
+    }
+    if (target == nullptr) continue;
+    out->push_back(ScheduleCommand{pdpb::kTransferLeader, entry.region_id, target_id, std::string()});
+    reporting->second.leader_delta--;
+    target->leader_delta++;
   }
 }
 

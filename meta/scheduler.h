@@ -26,6 +26,17 @@
 // repeated rather than another one chosen, so that a slow snapshot never
 // makes the region gain a second new replica.
 //
+// When nothing is to repair (no region reported missing a replica or
+// holding one on a Down or Offline store), replicas are balanced: a region
+// whose member on the store with the highest score could go to a store
+// scoring clearly lower, in the same or a better spread of failure
+// domains, gets a replica there, and once it is reported as a member the
+// one on the busy store is removed (a move; the member count never drops).
+// "Clearly" is a tolerance relative to the busy store's score, so that a
+// move never makes the two swap places and moves back. A move counts on
+// both stores from the moment it is chosen, so that the heartbeats before
+// it completes do not move more than the difference.
+//
 // Thread-safe; one mutex guards everything and is held only for in-memory
 // work (never across a call into the store or the network).
 
@@ -65,6 +76,14 @@ class Scheduler {
     double low_space_ratio = 0.2;
     // How long a change may stay unreported before another may be chosen.
     int64_t change_timeout_ms = 10 * 60 * 1000;
+    // Replicas move from a store to one scoring lower only when the gap is
+    // over this share of the busier store's score (and over one replica
+    // each way); 0 turns replica balance off.
+    double balance_tolerance = 0.02;
+    // Leadership moves to a store leading fewer regions only when it leads
+    // fewer by more than this share of the reporter's count (and by more
+    // than one).
+    double leader_tolerance = 0.02;
     // Monotonic ms for every time above; wall-clock ms for what is shown.
     // Empty: the system's clocks.
     std::function<int64_t()> steady_ms;
@@ -76,8 +95,10 @@ class Scheduler {
     const pdpb::Store* record = nullptr;
     uint8_t state = pdpb::kStoreUnknown;
     // Region records placing a replica on it, plus adds issued to it that
-    // the records do not show yet.
-    uint64_t load = 0;
+    // the records do not show yet, less the moves away from it chosen and
+    // not yet done. Signed: a move may be counted before the records show
+    // the replica it takes away.
+    int64_t load = 0;
     pdpb::StoreStats stats;
     bool has_stats = false;
   };
@@ -104,6 +125,9 @@ class Scheduler {
   // Whether any store of the cluster takes part in store heartbeats: from
   // then on, heartbeats are scheduled by Heal instead of the designed rule.
   bool Active(const std::vector<pdpb::Store>& stores) const EXCLUDES(mu_);
+  // Whether a region was last reported missing a replica or holding one
+  // on a Down or Offline store: then nothing is balanced.
+  bool Repairing() const EXCLUDES(mu_);
 
   // The auto-heal and repair decision for each entry of one region
   // heartbeat from `reporter`: (*per_entry)[i] is the one change for entry
@@ -114,6 +138,15 @@ class Scheduler {
             std::vector<pdpb::ScheduleCommand>* per_entry) EXCLUDES(mu_);
   // The stores leadership must not move to: silent, down or leaving.
   std::vector<uint64_t> Unwell(const std::vector<pdpb::Store>& stores) const EXCLUDES(mu_);
+  // Leadership transfers for the entries of one region heartbeat from
+  // `reporter` (appended to *out), from the leader counts the stores
+  // report in their store heartbeats and the transfers chosen since: from
+  // the store leading the most toward the fewest, with a tolerance, never
+  // onto an `unwell` store, never for an entry whose `skip` is set (a
+  // change under way), and not at all while a region is repaired.
+  void BalanceLeaders(uint64_t reporter, const std::vector<pdpb::RegionHeartbeatEntry>& entries,
+                      const std::vector<bool>& skip, const std::vector<uint64_t>& unwell,
+                      std::vector<pdpb::ScheduleCommand>* out) EXCLUDES(mu_);
   // Region health of a heartbeat scheduled the designed way (no store
   // takes part, so only a missing member can be told), for the statistics.
   void NoteDesigned(const std::vector<pdpb::RegionHeartbeatEntry>& entries) EXCLUDES(mu_);
@@ -127,6 +160,9 @@ class Scheduler {
     int64_t steady_ms = 0;
     uint64_t wall_ms = 0;
     pdpb::StoreStats stats;
+    // Leaderships transferred to (+) or from (-) the store since it last
+    // reported its count, which does not show them yet.
+    int64_t leader_delta = 0;
   };
   // A change issued and not yet seen done.
   struct Pending {
@@ -142,19 +178,46 @@ class Scheduler {
     int64_t refilled_ms = 0;
   };
   enum RegionFlags : uint8_t { kMissing = 1, kOnDown = 2, kOnOffline = 4 };
+  // A balance move of a region: a replica added elsewhere, then this one
+  // removed.
+  struct Move {
+    uint64_t from = 0;
+    int64_t started_ms = 0;
+  };
 
   int64_t Now() const;
   uint8_t StateLocked(const pdpb::Store& record, int64_t now) const REQUIRES(mu_);
   bool TakeToken(uint64_t store_id, int64_t now) REQUIRES(mu_);
+  // Returns a change taken for one that is not made after all.
+  void GiveBackToken(uint64_t store_id) REQUIRES(mu_);
   // The one change for one entry, or none.
   bool HealOne(uint64_t reporter, const pdpb::RegionHeartbeatEntry& entry,
                std::unordered_map<uint64_t, StoreView>* view, const std::vector<uint64_t>& order, int64_t now,
                pdpb::ScheduleCommand* out) REQUIRES(mu_);
   // The best store for a new replica of a region whose members are
   // `members`, of which those in `keep` stay; 0 when none may take it now.
+  // What a balance move asks of its target: to share no more domain
+  // levels with the members that stay than the replica it replaces
+  // (`max_depth`), and to score below `below` and below the mean of the
+  // stores that could hold the replica after taking it, the source
+  // (scoring `source`) being above that mean.
+  struct BalanceBounds {
+    double source = 0;
+    double below = 0;
+    size_t max_depth = 0;
+  };
   uint64_t ChooseTarget(const std::vector<uint64_t>& members, const std::vector<uint64_t>& keep,
                         std::unordered_map<uint64_t, StoreView>* view, const std::vector<uint64_t>& order,
-                        int64_t now) REQUIRES(mu_);
+                        int64_t now, const BalanceBounds* bounds = nullptr) REQUIRES(mu_);
+  // A balance move for a region at its count with every member well, or
+  // none.
+  bool BalanceOne(uint64_t reporter, const pdpb::RegionHeartbeatEntry& entry,
+                  std::unordered_map<uint64_t, StoreView>* view, const std::vector<uint64_t>& order, int64_t now,
+                  pdpb::ScheduleCommand* out) REQUIRES(mu_);
+  // The score of a store after `delta` more replicas: its load weighted by
+  // the share of its space left.
+  double Score(const StoreView& v, int64_t delta) const;
+  void EndMove(uint64_t region_id) REQUIRES(mu_);
   void SetFlags(uint64_t region_id, uint8_t flags) REQUIRES(mu_);
   // How many of the location labels, widest first, two stores share.
   size_t SharedDepth(const pdpb::Store& a, const pdpb::Store& b) const;
@@ -169,6 +232,8 @@ class Scheduler {
   std::unordered_map<uint64_t, Pending> pending_ GUARDED_BY(mu_);  // by region id
   std::unordered_map<uint64_t, uint64_t> pending_adds_ GUARDED_BY(mu_);  // by target store
   std::unordered_map<uint64_t, Bucket> buckets_ GUARDED_BY(mu_);
+  std::unordered_map<uint64_t, Move> moves_ GUARDED_BY(mu_);  // by region id
+  std::unordered_map<uint64_t, uint64_t> moving_out_ GUARDED_BY(mu_);  // moves_ by source store
   // Per region, the flags of its last heartbeat that had any; counted.
   std::unordered_map<uint64_t, uint8_t> region_flags_ GUARDED_BY(mu_);
   uint64_t missing_ GUARDED_BY(mu_) = 0;

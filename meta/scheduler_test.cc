@@ -274,5 +274,136 @@ TEST_F(SchedulerTest, StoreLimitSpreadsRepairOverTime) {
   EXPECT_EQ(out[1], Cmd(pdpb::kRemovePeer, 7, 2));
 }
 
+// Replica balance, as a table of cluster states: a move goes from the
+// busiest member (never the reporting leader) to a store scoring clearly
+// lower, in the same or a better spread of zones, and not at all within
+// the tolerance, while a region is repaired, or past the store limits.
+TEST_F(SchedulerTest, BalanceTable) {
+  const std::vector<pdpb::Store> four = {At(1, "z1"), At(2, "z2"), At(3, "z3"), At(4, "z1")};
+  struct Case {
+    const char* name;
+    uint64_t reporter;
+    Scheduler::ReplicaCounts replicas;
+    ScheduleCommand expected;  // kind 0: no move
+  };
+  const std::vector<Case> cases = {
+      {"the empty store of the busiest member's zone", 2, {{1, 10}, {2, 10}, {3, 10}, {4, 0}},
+       Cmd(pdpb::kAddPeer, 9, 4)},
+      {"the leader's replica stays: store 4 would share a zone with store 1", 1, {{1, 10}, {2, 10}, {3, 10}},
+       ScheduleCommand{}},
+      {"within one replica each way: no move", 2, {{1, 10}, {2, 10}, {3, 10}, {4, 8}}, ScheduleCommand{}},
+      {"just past it", 2, {{1, 10}, {2, 10}, {3, 10}, {4, 7}}, Cmd(pdpb::kAddPeer, 9, 4)},
+      {"within the share of the busier store's load", 2, {{1, 1000}, {2, 1000}, {3, 1000}, {4, 985}},
+       ScheduleCommand{}},
+      {"past the share", 2, {{1, 1000}, {2, 1000}, {3, 1000}, {4, 970}}, Cmd(pdpb::kAddPeer, 9, 4)},
+  };
+  for (const Case& c : cases) {
+    Scheduler s(Base());
+    for (uint64_t id : {1, 2, 3, 4}) s.ReportStore(id, Room(80));
+    EXPECT_EQ(HealOne(&s, c.reporter, RegionHeartbeatEntry{9, {1, 2, 3}, {}, {}}, four, c.replicas), c.expected)
+        << c.name;
+  }
+
+  const Scheduler::ReplicaCounts uneven = {{1, 10}, {2, 10}, {3, 10}, {4, 0}};
+  {
+    // A region missing a replica anywhere holds every move back until its
+    // repair is reported done.
+    Scheduler s(Base());
+    for (uint64_t id : {1, 2, 3, 4}) s.ReportStore(id, Room(80));
+    EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{5, {2, 3}, {}, {}}, four, uneven).kind, pdpb::kAddPeer);
+    EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{9, {1, 2, 3}, {}, {}}, four, uneven).kind, 0u);
+    EXPECT_TRUE(s.Repairing());
+    EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{5, {2, 3, 4}, {}, {}}, four, uneven).kind, 0u);
+    EXPECT_FALSE(s.Repairing());
+    EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{9, {1, 2, 3}, {}, {}}, four, uneven), Cmd(pdpb::kAddPeer, 9, 4));
+  }
+  {
+    // Each move costs the target and the source a change: one a minute
+    // moves one region, the next waits.
+    Scheduler::Options o = Base();
+    o.store_limit = 1;
+    Scheduler s(o);
+    for (uint64_t id : {1, 2, 3, 4}) s.ReportStore(id, Room(80));
+    std::vector<ScheduleCommand> out;
+    s.Heal(2, {RegionHeartbeatEntry{9, {1, 2, 3}, {}, {}}, RegionHeartbeatEntry{10, {1, 2, 3}, {}, {}}}, four,
+           uneven, &out);
+    EXPECT_EQ(out[0], Cmd(pdpb::kAddPeer, 9, 4));
+    EXPECT_EQ(out[1].kind, 0u);
+  }
+}
+
+// A move adds first and removes the replica it replaces once the new one
+// is reported, paid for when it was chosen; a source that leads by then
+// hands leadership over first. While it is under way, the store it fills
+// is never taken for a source, nor the one it empties for a target.
+TEST_F(SchedulerTest, MoveAddsFirstThenRemovesItsSource) {
+  Scheduler::Options o = Base();
+  o.store_limit = 1;  // the removal must not need a change of its own
+  Scheduler s(o);
+  const std::vector<pdpb::Store> five = {At(1, "z1"), At(2, "z2"), At(3, "z3"), At(4, "z1"), At(5, "z1")};
+  for (uint64_t id : {1, 2, 3, 4, 5}) s.ReportStore(id, Room(80));
+  const Scheduler::ReplicaCounts counts = {{1, 20}, {2, 10}, {3, 10}, {4, 0}, {5, 12}};
+  EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{9, {1, 2, 3}, {}, {}}, five, counts), Cmd(pdpb::kAddPeer, 9, 4));
+  EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{9, {1, 2, 3}, {}, {}}, five, counts), Cmd(pdpb::kAddPeer, 9, 4));
+  // Store 1 leads the region by the time the new replica is in.
+  EXPECT_EQ(HealOne(&s, 1, RegionHeartbeatEntry{9, {1, 2, 3, 4}, {}, {2, 3, 4}}, five, counts),
+            Cmd(pdpb::kTransferLeader, 9, 2));
+  EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{9, {1, 2, 3, 4}, {}, {1, 3, 4}}, five, counts),
+            Cmd(pdpb::kRemovePeer, 9, 1));
+  EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{9, {2, 3, 4}, {}, {3, 4}}, five, counts).kind, 0u);
+
+  // Store 4 now takes a replica of region 11 from store 1: store 4 is not
+  // the source of region 12's move though it looks busiest there, and
+  // store 1 is no target for region 13 while it gives.
+  Scheduler t(Base());
+  for (uint64_t id : {1, 2, 3, 4, 5}) t.ReportStore(id, Room(80));
+  const Scheduler::ReplicaCounts busy = {{1, 30}, {2, 10}, {3, 10}, {4, 29}, {5, 0}};
+  EXPECT_EQ(HealOne(&t, 2, RegionHeartbeatEntry{11, {1, 2, 3}, {}, {}}, five, busy), Cmd(pdpb::kAddPeer, 11, 5));
+  EXPECT_EQ(HealOne(&t, 3, RegionHeartbeatEntry{12, {5, 2, 3}, {}, {}}, five, busy).kind, 0u);
+}
+
+// Leadership follows the counts the stores report, moved with each
+// transfer chosen until they report again: from the reporter to the member
+// leading the fewest, past a margin, never onto an unwell store, never
+// for a region with a change under way, and not while repairing.
+TEST_F(SchedulerTest, LeaderBalanceTable) {
+  auto leading = [](uint64_t n) {
+    pdpb::StoreStats st = Room(80);
+    st.leader_count = n;
+    return st;
+  };
+  const std::vector<pdpb::Store> three = {At(1, "z1"), At(2, "z2"), At(3, "z3")};
+  Scheduler s(Base());
+  s.ReportStore(1, leading(10));
+  s.ReportStore(2, leading(7));
+  s.ReportStore(3, leading(8));
+  std::vector<RegionHeartbeatEntry> entries;
+  for (uint64_t r = 1; r <= 3; r++) entries.push_back(RegionHeartbeatEntry{r, {1, 2, 3}, {}, {2, 3}});
+  std::vector<ScheduleCommand> out;
+  s.BalanceLeaders(1, entries, {}, {}, &out);
+  // 10 against 7: one to store 2 (9 and 8), then none (9 against 8).
+  EXPECT_EQ(out, (std::vector<ScheduleCommand>{Cmd(pdpb::kTransferLeader, 1, 2)}));
+  out.clear();
+  s.BalanceLeaders(1, entries, {}, {}, &out);
+  EXPECT_TRUE(out.empty());
+  s.ReportStore(1, leading(10));  // the stores report: their counts stand again
+  s.ReportStore(2, leading(7));
+  s.ReportStore(3, leading(9));
+  out.clear();
+  s.BalanceLeaders(1, entries, {true, false, false}, {2}, &out);
+  EXPECT_TRUE(out.empty());  // store 2 is unwell, and store 3 is within the margin
+  out.clear();
+  s.BalanceLeaders(1, entries, {true, false, false}, {}, &out);
+  EXPECT_EQ(out, (std::vector<ScheduleCommand>{Cmd(pdpb::kTransferLeader, 2, 2)}));
+
+  // While a region misses a replica, nothing moves.
+  s.ReportStore(1, leading(10));
+  s.ReportStore(2, leading(7));
+  EXPECT_EQ(HealOne(&s, 1, RegionHeartbeatEntry{50, {1, 2}, {}, {}}, three), Cmd(pdpb::kAddPeer, 50, 3));
+  out.clear();
+  s.BalanceLeaders(1, entries, {}, {}, &out);
+  EXPECT_TRUE(out.empty());
+}
+
 }  // namespace
 }  // namespace kandb::meta
