@@ -39,8 +39,9 @@ Spread SpreadOf(const std::vector<uint64_t>& values) {
 }
 
 Status ParseEvent(std::string_view item, SimEvent* e) {
-  const Status bad = Status::InvalidArgument("bad event '" + std::string(item) +
-                                             "': want kill:N@T, add:N@T, remove:N@T or zone-down:ZONE@T");
+  const Status bad = Status::InvalidArgument(
+      "bad event '" + std::string(item) +
+      "': want kill:N@T, add:N@T, remove:N@T, zone-down:ZONE@T, drain-leaders:N@T or split:N@T");
   const size_t colon = item.find(':');
   const size_t at = item.rfind('@');
   if (colon == std::string_view::npos || at == std::string_view::npos || at < colon) return bad;
@@ -59,11 +60,16 @@ Status ParseEvent(std::string_view item, SimEvent* e) {
     e->kind = SimEvent::kAdd;
   } else if (kind == "remove") {
     e->kind = SimEvent::kRemove;
+  } else if (kind == "drain-leaders") {
+    e->kind = SimEvent::kDrainLeaders;
+  } else if (kind == "split") {
+    e->kind = SimEvent::kSplit;
   } else {
     return bad;
   }
   if (!ParseUint(arg, UINT32_MAX, &e->arg).ok()) return bad;
   if (e->kind == SimEvent::kAdd && e->arg == 0) return bad;
+  if (e->kind == SimEvent::kSplit && e->arg < 2) return bad;
   return Status::OK();
 }
 
@@ -141,8 +147,13 @@ Status ClusterModel::PlaceRegions(uint64_t first_region_id, uint64_t first_peer_
   first_region_id_ = first_region_id;
   regions_.assign(options_.regions, Region());
   uint64_t peer_id = first_peer_id;
+  region_index_.clear();
   for (uint64_t r = 0; r < options_.regions; ++r) {
     Region& region = regions_[r];
+    region.id = first_region_id + r;
+    region_index_[region.id] = static_cast<uint32_t>(r);
+    if (r > 0) region.start_key = RegionKey(r);
+    if (r + 1 < options_.regions) region.end_key = RegionKey(r + 1);
     // Walk the stores from a position that turns with the region, taking
     // stores of zones not used yet; creation order interleaves the zones,
     // so neighbours are in distinct zones and the load spreads evenly.
@@ -247,6 +258,63 @@ uint64_t ClusterModel::KillZone(const std::string& zone, int64_t now) {
 
 void ClusterModel::MarkRemoving(uint32_t index) { stores_[index].removing = true; }
 
+uint64_t ClusterModel::DrainLeaders(uint32_t index) {
+  uint64_t moved = 0;
+  for (uint32_t r = 0; r < regions_.size(); ++r) {
+    Region& region = regions_[r];
+    if (region.leader != static_cast<int32_t>(index)) continue;
+    for (const Peer& p : region.peers) {
+      if (p.store != index && stores_[p.store].alive()) {
+        SetLeader(r, static_cast<int32_t>(p.store));
+        ++moved;
+        break;
+      }
+    }
+  }
+  return moved;
+}
+
+uint64_t ClusterModel::SplitPeerIds(uint32_t index, uint64_t parts) const {
+  return index < regions_.size() && parts > 1 ? (parts - 1) * regions_[index].peers.size() : 0;
+}
+
+bool ClusterModel::Split(uint32_t index, uint64_t parts, uint64_t first_region_id) {
+  if (index >= regions_.size() || parts < 2 || regions_[index].lost_quorum) return false;
+  if (spare_peer_ids() < SplitPeerIds(index, parts)) return false;
+  // The new ranges cut the region's own just after its start: its start
+  // key followed by a counter sorts after the start and before any later
+  // region's start.
+  const Region parent = regions_[index];
+  if (parent.leader < 0) return false;
+  std::vector<std::string> cuts;
+  for (uint64_t k = 1; k < parts; ++k) {
+    char suffix[24];
+    std::snprintf(suffix, sizeof(suffix), "/%08llu", static_cast<unsigned long long>(k));
+    cuts.push_back(parent.start_key + suffix);
+  }
+  regions_[index].end_key = cuts[0];
+  regions_[index].version++;
+  MarkDirty(index);
+  for (uint64_t k = 1; k < parts; ++k) {
+    Region child;
+    child.id = first_region_id + k - 1;
+    child.start_key = cuts[k - 1];
+    child.end_key = k + 1 < parts ? cuts[k] : parent.end_key;
+    child.version = parent.version + 1;
+    child.conf_version = parent.conf_version;
+    for (const Peer& p : parent.peers) {
+      child.peers.push_back(Peer{next_peer_id_++, p.store, false});
+      stores_[p.store].replicas++;
+    }
+    const uint32_t ci = static_cast<uint32_t>(regions_.size());
+    region_index_[child.id] = ci;
+    regions_.push_back(std::move(child));
+    SetLeader(ci, parent.leader);
+    MarkDirty(ci);
+  }
+  return true;
+}
+
 void ClusterModel::StopStore(uint32_t index, int64_t now) {
   if (!stores_[index].alive()) return;
   // The same loss as a kill, but the store counts as removed, not dead.
@@ -283,12 +351,12 @@ void ClusterModel::Apply(const pdpb::ScheduleCommand& command, int64_t now) {
   const uint32_t kind = command.kind <= pdpb::kTransferLeader ? command.kind : 0;
   commands_[kind]++;
   const int64_t target = StoreIndex(command.store_id);
-  if (command.region_id < first_region_id_ || command.region_id - first_region_id_ >= regions_.size() ||
-      target < 0) {
+  auto found = region_index_.find(command.region_id);
+  if (found == region_index_.end() || target < 0) {
     ignored_++;
     return;
   }
-  const uint32_t ri = static_cast<uint32_t>(command.region_id - first_region_id_);
+  const uint32_t ri = found->second;
   const uint32_t si = static_cast<uint32_t>(target);
   Region& region = regions_[ri];
   auto member = std::find_if(region.peers.begin(), region.peers.end(), [&](const Peer& p) { return p.store == si; });
@@ -302,6 +370,7 @@ void ClusterModel::Apply(const pdpb::ScheduleCommand& command, int64_t now) {
         ignored_++;
       } else {
         Enqueue(ri, si);
+        last_change_ms_ = now;
       }
       return;
     case pdpb::kRemovePeer:
@@ -310,6 +379,7 @@ void ClusterModel::Apply(const pdpb::ScheduleCommand& command, int64_t now) {
         return;
       }
       if (member->added) added_then_removed_++;
+      last_change_ms_ = now;
       region.peers.erase(member);
       stores_[si].replicas--;
       region.conf_version++;
@@ -322,6 +392,7 @@ void ClusterModel::Apply(const pdpb::ScheduleCommand& command, int64_t now) {
         ignored_++;
         return;
       }
+      if (region.leader != static_cast<int32_t>(si)) last_change_ms_ = now;
       SetLeader(ri, static_cast<int32_t>(si));
       return;
     case pdpb::kDestroyStaleReplica:
@@ -414,22 +485,52 @@ int64_t ClusterModel::NextDue() const {
 pdpb::Region ClusterModel::RegionRecord(uint32_t index) const {
   const Region& r = regions_[index];
   pdpb::Region record;
-  record.id = first_region_id_ + index;
-  if (index > 0) record.start_key = RegionKey(index);
-  if (index + 1 < regions_.size()) record.end_key = RegionKey(index + 1);
-  record.epoch = {r.conf_version, 1};
+  record.id = r.id;
+  record.start_key = r.start_key;
+  record.end_key = r.end_key;
+  record.epoch = {r.conf_version, r.version};
   for (const Peer& p : r.peers) record.peers.push_back(pdpb::Peer{p.id, stores_[p.store].id, 0});
   return record;
 }
 
-std::vector<pdpb::Region> ClusterModel::TakeDirtyRegions() {
+std::vector<pdpb::Region> ClusterModel::TakeDirtyRegions(std::vector<uint32_t>* indices) {
   std::vector<pdpb::Region> out;
   out.reserve(dirty_.size());
   for (uint32_t ri : dirty_) {
     regions_[ri].dirty = false;
     out.push_back(RegionRecord(ri));
   }
+  if (indices != nullptr) *indices = dirty_;
   dirty_.clear();
+  return out;
+}
+
+pdpb::RegionHeartbeatEntry ClusterModel::Entry(uint32_t ri) const {
+  const Region& r = regions_[ri];
+  pdpb::RegionHeartbeatEntry e;
+  e.region_id = r.id;
+  for (const Peer& p : r.peers) {
+    e.member_store_ids.push_back(stores_[p.store].id);
+    if (stores_[p.store].alive() && static_cast<int32_t>(p.store) != r.leader) {
+      e.candidate_store_ids.push_back(stores_[p.store].id);
+    }
+  }
+  return e;
+}
+
+std::vector<pdpb::RegionHeartbeatRequest> ClusterModel::RegionHeartbeatsOf(const std::vector<uint32_t>& regions) const {
+  std::unordered_map<int32_t, size_t> by_leader;  // leader -> place in out
+  std::vector<pdpb::RegionHeartbeatRequest> out;
+  for (uint32_t ri : regions) {
+    const Region& r = regions_[ri];
+    if (r.leader < 0 || r.lost_quorum || !stores_[r.leader].alive()) continue;
+    auto [it, fresh] = by_leader.try_emplace(r.leader, out.size());
+    if (fresh) {
+      out.emplace_back();
+      out.back().store_id = stores_[r.leader].id;
+    }
+    out[it->second].regions.push_back(Entry(ri));
+  }
   return out;
 }
 
@@ -451,30 +552,23 @@ pdpb::StoreHeartbeatRequest ClusterModel::StoreHeartbeat(uint32_t index) const {
   return req;
 }
 
-std::vector<pdpb::RegionHeartbeatRequest> ClusterModel::RegionHeartbeats() const {
+std::vector<pdpb::RegionHeartbeatRequest> ClusterModel::RegionHeartbeats(int64_t only) const {
   std::vector<std::vector<pdpb::RegionHeartbeatEntry>> led(stores_.size());
   std::vector<std::vector<uint64_t>> followed(stores_.size());
   for (uint32_t ri = 0; ri < regions_.size(); ++ri) {
     const Region& r = regions_[ri];
-    const uint64_t id = first_region_id_ + ri;
+    const uint64_t id = r.id;
     for (const Peer& p : r.peers) {
+      if (only >= 0 && p.store != only) continue;
       if (stores_[p.store].alive() && static_cast<int32_t>(p.store) != r.leader) followed[p.store].push_back(id);
     }
-    if (r.leader < 0) continue;
-    pdpb::RegionHeartbeatEntry e;
-    e.region_id = id;
-    for (const Peer& p : r.peers) {
-      e.member_store_ids.push_back(stores_[p.store].id);
-      if (stores_[p.store].alive() && static_cast<int32_t>(p.store) != r.leader) {
-        e.candidate_store_ids.push_back(stores_[p.store].id);
-      }
-    }
-    led[r.leader].push_back(std::move(e));
+    if (r.leader < 0 || (only >= 0 && r.leader != only)) continue;
+    led[r.leader].push_back(Entry(ri));
   }
   const size_t chunk = std::max<size_t>(1, options_.heartbeat_chunk);
   std::vector<pdpb::RegionHeartbeatRequest> out;
   for (uint32_t s = 0; s < stores_.size(); ++s) {
-    if (!stores_[s].alive()) continue;
+    if (!stores_[s].alive() || (only >= 0 && s != only)) continue;
     size_t e = 0, f = 0;
     do {
       pdpb::RegionHeartbeatRequest req;
@@ -731,6 +825,23 @@ void Simulation::Fire(const SimEvent& event, int64_t now) {
       }
       return;
     }
+    case SimEvent::kDrainLeaders:
+      if (event.arg < n) model_.DrainLeaders(static_cast<uint32_t>(event.arg));
+      return;
+    case SimEvent::kSplit: {
+      // The region in the middle of the key space as it was set up.
+      const uint32_t index = static_cast<uint32_t>(options_.regions / 2);
+      const uint64_t parts = std::min<uint64_t>(event.arg, UINT32_MAX / (1 + options_.replicas));
+      const uint64_t peers = model_.SplitPeerIds(index, parts);
+      pdpb::AllocIdResponse ids;
+      if (model_.spare_peer_ids() < peers) {
+        if (!Call("Pd.AllocId", pdpb::AllocIdRequest{static_cast<uint32_t>(peers)}, &ids).ok()) return;
+        model_.AddPeerIds(ids.first_id, ids.count);
+      }
+      if (!Call("Pd.AllocId", pdpb::AllocIdRequest{static_cast<uint32_t>(parts - 1)}, &ids).ok()) return;
+      model_.Split(index, parts, ids.first_id);
+      return;
+    }
     case SimEvent::kRemove: {
       if (event.arg >= n) return;
       const uint32_t index = static_cast<uint32_t>(event.arg);
@@ -760,26 +871,42 @@ void Simulation::SendStoreHeartbeats(int64_t now) {
 
 void Simulation::SendRegionHeartbeats(int64_t now) {
   const int64_t start = Now();
-  for (const pdpb::RegionHeartbeatRequest& req : model_.RegionHeartbeats()) {
-    pdpb::RegionHeartbeatResponse resp;
-    if (Call("Pd.RegionHeartbeat", req, &resp).ok()) {
-      for (const pdpb::ScheduleCommand& c : resp.commands) model_.Apply(c, now);
+  // Each store's heartbeats are made when it sends them, from what it
+  // holds then: made all at once, the last stores' would report members
+  // that the commands answered to the first ones have changed since.
+  for (uint32_t s = 0; s < model_.stores().size(); ++s) {
+    for (const pdpb::RegionHeartbeatRequest& req : model_.RegionHeartbeats(s)) {
+      pdpb::RegionHeartbeatResponse resp;
+      if (Call("Pd.RegionHeartbeat", req, &resp).ok()) {
+        for (const pdpb::ScheduleCommand& c : resp.commands) model_.Apply(c, now);
+      }
+      // A round over a large cluster takes long: store heartbeats go on
+      // meanwhile, or the server would take the stores for disconnected.
+      if (Now() >= next_store_hb_) SendStoreHeartbeats(Now());
     }
-    // A round over a large cluster takes long: store heartbeats go on
-    // meanwhile, or the server would take the stores for disconnected.
-    if (Now() >= next_store_hb_) SendStoreHeartbeats(Now());
   }
   last_round_ms_ = Now() - start;
 }
 
 void Simulation::FlushRegions() {
-  std::vector<pdpb::Region> dirty = model_.TakeDirtyRegions();
+  std::vector<uint32_t> changed;
+  std::vector<pdpb::Region> dirty = model_.TakeDirtyRegions(&changed);
   for (size_t i = 0; i < dirty.size(); i += kUpsertBatch) {
     pdpb::UpsertRegionRequest req;
     req.regions.assign(std::make_move_iterator(dirty.begin() + static_cast<ptrdiff_t>(i)),
                        std::make_move_iterator(dirty.begin() + static_cast<ptrdiff_t>(std::min(dirty.size(), i + kUpsertBatch))));
     pdpb::UpsertRegionResponse resp;
     (void)Call("Pd.UpsertRegion", req, &resp);
+  }
+  // A leader reports a region at once when its members change, so that
+  // the server sees the change when its record does, not a whole interval
+  // later (and the next step of a replacement or a move follows at once).
+  const int64_t now = Now();
+  for (const pdpb::RegionHeartbeatRequest& req : model_.RegionHeartbeatsOf(changed)) {
+    pdpb::RegionHeartbeatResponse resp;
+    if (Call("Pd.RegionHeartbeat", req, &resp).ok()) {
+      for (const pdpb::ScheduleCommand& c : resp.commands) model_.Apply(c, now);
+    }
   }
 }
 
@@ -838,10 +965,12 @@ Status Simulation::Run(int64_t duration_ms, int64_t grace_ms, int64_t progress_m
         } else if (repaired_at_ < 0) {
           repaired_at_ = now;
         }
+        // Settled: every region at its count on serving stores, and no
+        // command moved a replica or a leader since (balancing is over).
         if (t.healthy + t.no_quorum < model_.regions().size()) {
           settled_at_ = -1;
-        } else if (settled_at_ < 0) {
-          settled_at_ = now;
+        } else {
+          settled_at_ = std::max(settled_at_ < 0 ? now : settled_at_, model_.last_change_ms());
         }
         // Healthy only counts while the server still answers the
         // heartbeats, which succeed every interval when it is there.

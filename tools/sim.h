@@ -53,10 +53,12 @@ struct SimOptions {
 };
 
 // A scripted event of a run: at `at_ms` after setup, kill store `arg` (its
-// index in creation order), add `arg` empty stores, remove store `arg`, or
-// take every store of `zone` down.
+// index in creation order), add `arg` empty stores, remove store `arg`,
+// take every store of `zone` down, move every leadership off store `arg`
+// (as when it restarts), or split the region in the middle of the key
+// space into `arg` regions (a hot range).
 struct SimEvent {
-  enum Kind { kKill, kAdd, kRemove, kZoneDown };
+  enum Kind { kKill, kAdd, kRemove, kZoneDown, kDrainLeaders, kSplit };
   Kind kind = kKill;
   uint64_t arg = 0;
   std::string zone;
@@ -64,8 +66,8 @@ struct SimEvent {
   bool operator==(const SimEvent&) const = default;
 };
 
-// "kill:3@10s,add:2@60s,remove:5@90s,zone-down:z1@10s"; an empty text is no
-// event. The events come back in time order (stable for equal times).
+// "kill:3@10s,add:2@60s,remove:5@90s,zone-down:z1@10s,drain-leaders:0@5s,
+// split:500@5s"; an empty text is no event. The events come back in time order (stable for equal times).
 Status ParseEvents(std::string_view text, std::vector<SimEvent>* out);
 
 // Where a store stands, from its creation index: zone z<i % zones>, hosts
@@ -138,7 +140,10 @@ class ClusterModel {
     bool added = false;   // joined during the run
   };
   struct Region {
+    uint64_t id = 0;
+    std::string start_key, end_key;
     uint64_t conf_version = 1;
+    uint64_t version = 1;
     std::vector<Peer> peers;
     int32_t leader = -1;  // store index; -1 while an election is due or quorum is lost
     std::vector<uint32_t> adding;  // stores with a snapshot of it queued or in flight
@@ -190,6 +195,15 @@ class ClusterModel {
   void MarkRemoving(uint32_t index);
   // The server refuses it (tombstone): it stops at once.
   void StopStore(uint32_t index, int64_t now);
+  // Every region the store leads elects another live member, as when the
+  // store restarts; how many moved.
+  uint64_t DrainLeaders(uint32_t index);
+  // Splits the region at `index` into `parts` regions of the same members
+  // and leader, the new ones with ids first_region_id.. and peers with ids
+  // from the spare ones (SplitPeerIds tells how many it needs); false when
+  // there are not enough of them or the range cannot be cut.
+  bool Split(uint32_t index, uint64_t parts, uint64_t first_region_id);
+  uint64_t SplitPeerIds(uint32_t index, uint64_t parts) const;
 
   // A command answered to a heartbeat.
   void Apply(const pdpb::ScheduleCommand& command, int64_t now);
@@ -201,12 +215,17 @@ class ClusterModel {
 
   // The records of regions whose membership changed since the last call,
   // as their leaders write them.
-  std::vector<pdpb::Region> TakeDirtyRegions();
+  // `indices`, when given, gets their places in regions().
+  std::vector<pdpb::Region> TakeDirtyRegions(std::vector<uint32_t>* indices = nullptr);
   pdpb::Region RegionRecord(uint32_t index) const;
   pdpb::StoreHeartbeatRequest StoreHeartbeat(uint32_t index) const;
   // One round of region heartbeats of every live store, each store's split
   // into calls of at most heartbeat_chunk entries and ids.
-  std::vector<pdpb::RegionHeartbeatRequest> RegionHeartbeats() const;
+  // Or of store `only` (a place in stores()) alone.
+  std::vector<pdpb::RegionHeartbeatRequest> RegionHeartbeats(int64_t only = -1) const;
+  // The heartbeats that the leaders of `regions` (places in regions())
+  // send at once when a region's members change: those regions only.
+  std::vector<pdpb::RegionHeartbeatRequest> RegionHeartbeatsOf(const std::vector<uint32_t>& regions) const;
 
   Tally Count() const;
   // The figures of the model; the run fills in its timings.
@@ -217,6 +236,8 @@ class ClusterModel {
   uint64_t first_region_id() const { return first_region_id_; }
   // Index of a store id, or -1.
   int64_t StoreIndex(uint64_t id) const;
+  // When a command last changed a region's members or leader.
+  int64_t last_change_ms() const { return last_change_ms_; }
   static std::string RegionKey(uint64_t index);
 
  private:
@@ -230,11 +251,13 @@ class ClusterModel {
   void Observe(uint32_t region);
   void MarkDirty(uint32_t region);
   uint64_t LiveMembers(const Region& r) const;
+  pdpb::RegionHeartbeatEntry Entry(uint32_t region) const;
 
   const SimOptions options_;
   std::vector<Store> stores_;
   std::unordered_map<uint64_t, uint32_t> store_index_;
   std::vector<Region> regions_;
+  std::unordered_map<uint64_t, uint32_t> region_index_;  // by region id
   uint64_t first_region_id_ = 0;
   uint64_t next_peer_id_ = 0;
   uint64_t peer_id_end_ = 0;
@@ -243,6 +266,7 @@ class ClusterModel {
   std::vector<uint32_t> dirty_;
   std::mt19937_64 random_;
   int64_t now_ = 0;  // of the last call that passed the time
+  int64_t last_change_ms_ = 0;
 
   uint64_t min_live_ = 0;
   uint64_t commands_[6] = {};

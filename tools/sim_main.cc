@@ -46,7 +46,7 @@ int Main(int argc, char** argv) {
   cl.AddUint("region-size-mb", &options.region_size_mb, 1 << 20, "size of every region (default 96)");
   cl.AddUint("snapshot-ms", &snapshot_ms, 3600000, "time to ship one region's snapshot (default: 10 ms per MB of region)");
   cl.AddUint("snapshot-concurrency", &options.snapshot_concurrency, 1024, "snapshots one store receives at once; more wait (default 3)");
-  cl.AddString("events", &events_text, "scripted events, e.g. kill:3@10s,add:2@60s,remove:5@90s,zone-down:z1@10s");
+  cl.AddString("events", &events_text, "scripted events, e.g. kill:3@10s,add:2@60s,remove:5@90s,zone-down:z1@10s,drain-leaders:0@5s,split:500@5s");
   cl.AddUint("duration-s", &duration_s, 86400, "longest run, in seconds (default 300)");
   cl.AddUint("grace-ms", &grace_ms, 3600000, "how long the cluster stays healthy after the last event before the run ends (default: 3 region heartbeats)");
   cl.AddUint("progress-ms", &progress_ms, 3600000, "interval of the progress lines, 0 for none (default 5000)");
@@ -56,8 +56,12 @@ int Main(int argc, char** argv) {
   cl.SetEpilogue(
       "Events: kill:N kills store N (creation order, from 0), add:N adds N empty stores,\n"
       "remove:N asks the server to remove store N, zone-down:ZONE kills every store of the\n"
-      "zone; @T is the time after setup (500ms, 10s, 2m). The server must be fresh (not\n"
-      "bootstrapped) and should run with --target_replicas equal to --replicas.\n");
+      "zone, drain-leaders:N moves every leadership off store N (as a restart does),\n"
+      "split:N splits the region in the middle of the key space into N regions (a hot\n"
+      "range); @T is the time after setup (500ms, 10s, 2m). The server must be fresh (not\n"
+      "bootstrapped) and should run with --target_replicas equal to --replicas. The run\n"
+      "ends once every region has its replicas and no replica or leader moved for the\n"
+      "grace time.\n");
   std::vector<std::string> args(argv + 1, argv + argc);
   if (int rc = cl.Parse(args, stdout, stderr); rc >= 0) return rc;
   auto usage_error = [](const std::string& message) {

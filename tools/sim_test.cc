@@ -272,9 +272,13 @@ TEST(SimEventsTest, ParsesScriptsInTimeOrderAndNamesTheBadItem) {
   EXPECT_EQ(events[1], (SimEvent{SimEvent::kKill, 3, "", 10000}));
   EXPECT_EQ(events[2], (SimEvent{SimEvent::kZoneDown, 0, "z1", 10000}));
   EXPECT_EQ(events[3], (SimEvent{SimEvent::kRemove, 5, "", 90000}));
+  ASSERT_TRUE(ParseEvents("split:40@2s,drain-leaders:0@1s", &events).ok());
+  EXPECT_EQ(events[0], (SimEvent{SimEvent::kDrainLeaders, 0, "", 1000}));
+  EXPECT_EQ(events[1], (SimEvent{SimEvent::kSplit, 40, "", 2000}));
   ASSERT_TRUE(ParseEvents("", &events).ok());
   EXPECT_TRUE(events.empty());
-  for (const char* bad : {"kill:3", "kill@3s", "stop:1@1s", "kill:x@1s", "add:0@1s", "zone-down:@1s", "kill:1@1h"}) {
+  for (const char* bad : {"kill:3", "kill@3s", "stop:1@1s", "kill:x@1s", "add:0@1s", "zone-down:@1s", "kill:1@1h",
+                          "split:1@1s"}) {
     Status s = ParseEvents(std::string("add:1@1s,") + bad, &events);
     EXPECT_TRUE(s.IsInvalidArgument()) << bad;
     EXPECT_NE(s.message().find(std::string("'") + bad + "'"), std::string::npos) << s.message();
@@ -285,8 +289,8 @@ TEST(SimCommandLineTest, BadScriptsExitTwoAndAnUnreachableServerOne) {
   ProgramResult r = RunProgram({KANDB_META_SIM_BINARY, "--events", "kill:1@1s,explode:2@3s"});
   EXPECT_EQ(ExitCode(r), 2);
   EXPECT_EQ(r.err,
-            "kandb-meta-sim: --events: bad event 'explode:2@3s': want kill:N@T, add:N@T, remove:N@T or "
-            "zone-down:ZONE@T\n(see kandb-meta-sim --help)\n");
+            "kandb-meta-sim: --events: bad event 'explode:2@3s': want kill:N@T, add:N@T, remove:N@T, "
+            "zone-down:ZONE@T, drain-leaders:N@T or split:N@T\n(see kandb-meta-sim --help)\n");
   r = RunProgram({KANDB_META_SIM_BINARY, "--stores", "2"});
   EXPECT_EQ(ExitCode(r), 2);
   EXPECT_NE(r.err.find("--stores must be at least --replicas"), std::string::npos) << r.err;
