@@ -55,6 +55,24 @@ class RoutingTest : public ::testing::Test {
     }
     return true;
   }
+  // Scans [start, end) with the service (the index when it answers) and
+  // with the walk; they must agree. Returns whether the index answered.
+  bool AgreeScan(const std::string& start, const std::string& end, uint32_t limit) {
+    std::vector<pdpb::Region> by_index;
+    Status index_status;
+    const bool answered =
+        service_->routing_index()->Scan(start, end, PdService::ScanLimit(limit), &by_index, &index_status);
+    const pdpb::ScanRegionsRequest req{start, end, limit};
+    pdpb::ScanRegionsResponse served, walked;
+    const Status s = service_->ScanRegions(req, &served);
+    const Status w = service_->ScanRegionsByWalk(req, &walked);
+    const std::string where = "scan " + ::testing::PrintToString(start) + " " + ::testing::PrintToString(end);
+    EXPECT_EQ(s.ToString(), w.ToString()) << where;
+    if (w.ok()) {
+      EXPECT_TRUE(served == walked) << where;
+    }
+    return answered;
+  }
   void Put(const std::string& key, const std::string& value) { ASSERT_TRUE(store_->Put({{key, value}}).ok()); }
 
   const std::string dir_;
@@ -86,7 +104,7 @@ TEST_F(RoutingTest, IndexAnswersAsTheWalkInEveryState) {
   const uint64_t seed = std::random_device()();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937_64 rng(seed);
-  uint64_t answered = 0, declined = 0;
+  uint64_t answered = 0, declined = 0, scans_answered = 0, scans_declined = 0;
   std::vector<std::string> boundaries;
   std::vector<std::string> odd_keys;  // written under the region range, not by id
   for (int64_t step = 0; step < steps && !HasFailure(); step++) {
@@ -167,10 +185,57 @@ TEST_F(RoutingTest, IndexAnswersAsTheWalkInEveryState) {
     }
     for (int i = 0; i < 20; i++) probes.push_back(RandomKey(&rng));
     for (const std::string& key : probes) (Agree(key) ? answered : declined)++;
+    // Scans between probe keys, open-ended too, with small limits.
+    for (int i = 0; i < 6; i++) {
+      const std::string& start = probes[rng() % probes.size()];
+      const std::string end = rng() % 3 == 0 ? "" : probes[rng() % probes.size()];
+      (AgreeScan(start, end, static_cast<uint32_t>(rng() % 4)) ? scans_answered : scans_declined)++;
+    }
   }
-  std::printf("%lld steps: %llu probes answered by the index, %llu by the walk\n", static_cast<long long>(steps),
-              static_cast<unsigned long long>(answered), static_cast<unsigned long long>(declined));
+  std::printf("%lld steps: %llu probes answered by the index, %llu by the walk; scans %llu and %llu\n",
+              static_cast<long long>(steps), static_cast<unsigned long long>(answered),
+              static_cast<unsigned long long>(declined), static_cast<unsigned long long>(scans_answered),
+              static_cast<unsigned long long>(scans_declined));
   EXPECT_GT(answered, declined / 10);  // the clean states are common enough to matter
+  EXPECT_GT(scans_answered, scans_declined / 10);
+}
+
+// The replicated server's copy of the records is an index fed by its
+// owner, batch by batch, as etcd's watch brings them: it scans and finds
+// regions as the index over a store does, and follows deletions.
+TEST(RegionIndexFedTest, ScansAndFindsWhatItWasFed) {
+  RegionIndex index;
+  std::vector<pdpb::Region> regions;
+  Status status;
+  ASSERT_TRUE(index.Scan("", "", 10, &regions, &status));
+  EXPECT_EQ(status.ToString(), "NotFound: cluster not bootstrapped");
+  std::mt19937_64 rng(1);
+  const pdpb::Region a = MakeRegion(3, "", "k", &rng), b = MakeRegion(20, "k", "", &rng);
+  const pdpb::Store store{1, "s1", 0};
+  index.Apply({{lsm::kOpPut, RegionKey(3), pdpb::Encode(a)},
+               {lsm::kOpPut, RegionKey(20), pdpb::Encode(b)},
+               {lsm::kOpPut, StoreKey(1), pdpb::Encode(store)}});
+  ASSERT_TRUE(index.Scan("j", "", 10, &regions, &status));
+  ASSERT_TRUE(status.ok());
+  EXPECT_EQ(regions, (std::vector<pdpb::Region>{a, b}));
+  ASSERT_TRUE(index.Scan("k", "", 1, &regions, &status));
+  EXPECT_EQ(regions, (std::vector<pdpb::Region>{b}));
+
+  const pdpb::Region led{7, "x", "", {1, 1}, {{70, 5, 0}, {71, 1, 0}}};
+  index.Apply({{lsm::kOpPut, RegionKey(7), pdpb::Encode(led)}});  // overlaps 20
+  EXPECT_FALSE(index.Scan("", "", 10, &regions, &status));
+  pdpb::GetRegionResponse found;
+  ASSERT_TRUE(index.FindRegion(7, 1, &found, &status));
+  ASSERT_TRUE(status.ok());
+  EXPECT_EQ(found.leader, led.peers[1]);
+  EXPECT_EQ(found.leader_store, store);
+  EXPECT_EQ(found.stores, std::vector<pdpb::Store>{store});
+  EXPECT_FALSE(index.FindRegion(8, std::nullopt, &found, &status));  // a read of the record answers
+
+  index.Apply({{lsm::kOpDelete, RegionKey(7), ""}, {lsm::kOpDelete, RegionKey(3), ""}});
+  ASSERT_TRUE(index.Scan("", "", 10, &regions, &status));
+  EXPECT_EQ(regions, (std::vector<pdpb::Region>{b}));
+  EXPECT_FALSE(index.FindRegion(7, std::nullopt, &found, &status));
 }
 
 TEST_F(RoutingTest, ConcurrentWritersAndReadersEndInAgreement) {
