@@ -982,6 +982,14 @@ TEST_F(HaTest, TakeoverAtScaleServesOnceTheLeaseRunsOut) {
   SleepMs(kShortLeaseMs);
   EXPECT_TRUE(routed()) << servers.Stderr(1 - leader);
   EXPECT_EQ(servers.Stderr(1 - leader).find("stepped down"), std::string::npos) << servers.Stderr(1 - leader);
+  // The region reads answer from the new leader's copy alike.
+  pdpb::ScanRegionsResponse scanned;
+  ASSERT_TRUE(router.Call("Pd.ScanRegions", pdpb::ScanRegionsRequest{middle, "", 3}, &scanned).ok());
+  ASSERT_EQ(scanned.regions.size(), 3u);
+  EXPECT_EQ(scanned.regions[2].region.id, static_cast<uint64_t>(10 + regions / 2 + 2));
+  pdpb::GetRegionResponse by_id;
+  ASSERT_TRUE(router.Call("Pd.GetRegionById", pdpb::GetRegionByIdRequest{10}, &by_id).ok());
+  EXPECT_EQ(by_id.leader_store.id, 1u);
   std::printf("takeover at %lld regions: routed by the new leader %lld ms after the kill (lease %lld ms); "
               "follower resident memory %.0f MiB, records read in %s ms\n",
               static_cast<long long>(regions), static_cast<long long>(took), static_cast<long long>(kShortLeaseMs),

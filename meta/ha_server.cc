@@ -340,18 +340,19 @@ class HaServer::TermRouter final : public RegionRouter {
   TermRouter(Term* term, RegionMirror* mirror) : term_(term), mirror_(mirror) {}
 
   bool Route(const std::string& key, pdpb::GetRegionResponse* resp, Status* status) const override {
-    if (mirror_->index() == nullptr) return false;
-    if (!term_->CatchUp().ok()) return false;
-    const int64_t before = mirror_->applied_revision();
-    if (!mirror_->WaitFor(term_->barrier(), kRouteWaitMs)) {
-      // A revision etcd applied has not come in that long, and nothing
-      // else has either: the stream is stuck (its member cut off, say).
-      // Start another.
-      mirror_->Reconnect(before);
-      return false;
-    }
-    const std::shared_ptr<const RegionIndex> index = mirror_->index();
+    const std::shared_ptr<const RegionIndex> index = Current();
     return index != nullptr && index->Route(key, resp, status);
+  }
+  // The region reads under the same rule as routing.
+  bool Scan(const std::string& start, const std::string& end, uint32_t limit, std::vector<pdpb::Region>* regions,
+            Status* status) const override {
+    const std::shared_ptr<const RegionIndex> index = Current();
+    return index != nullptr && index->Scan(start, end, limit, regions, status);
+  }
+  bool FindRegion(uint64_t region_id, std::optional<uint64_t> leader_store, pdpb::GetRegionResponse* resp,
+                  Status* status) const override {
+    const std::shared_ptr<const RegionIndex> index = Current();
+    return index != nullptr && index->FindRegion(region_id, leader_store, resp, status);
   }
   size_t regions() const override {
     const std::shared_ptr<const RegionIndex> index = mirror_->index();
@@ -378,6 +379,22 @@ class HaServer::TermRouter final : public RegionRouter {
  private:
   // How long a route waits for the copy before it walks.
   static constexpr int64_t kRouteWaitMs = 1000;
+
+  // The copy's index once it holds every write the term must show, else
+  // null (the caller reads the records themselves).
+  std::shared_ptr<const RegionIndex> Current() const {
+    if (mirror_->index() == nullptr) return nullptr;
+    if (!term_->CatchUp().ok()) return nullptr;
+    const int64_t before = mirror_->applied_revision();
+    if (!mirror_->WaitFor(term_->barrier(), kRouteWaitMs)) {
+      // A revision etcd applied has not come in that long, and nothing
+      // else has either: the stream is stuck (its member cut off, say).
+      // Start another.
+      mirror_->Reconnect(before);
+      return nullptr;
+    }
+    return mirror_->index();
+  }
 
   Term* const term_;
   RegionMirror* const mirror_;
@@ -487,6 +504,9 @@ void HaServer::RegisterTo(kanrpc::RpcServer* server) {
   Bind(server, "Pd.GetStore", &PdService::GetStore);
   Bind(server, "Pd.GetAllStores", &PdService::GetAllStores);
   Bind(server, "Pd.RemoveStore", &PdService::RemoveStore);
+  // Region reads.
+  Bind(server, "Pd.GetRegionById", &PdService::GetRegionById);
+  Bind(server, "Pd.ScanRegions", &PdService::ScanRegions);
   // Every member answers with its own counters, leading or not. The store
   // lies on etcd, so the engine part is always absent; routing counts only
   // while a term's service exists.

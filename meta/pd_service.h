@@ -18,6 +18,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -155,6 +156,37 @@ class PdService {
   // the service is shared.
   void SetStoreRecordHookForTesting(std::function<void()> hook) { store_record_hook_ = std::move(hook); }
 
+  // ---- Region reads for clients that warm a route cache (an extension:
+  // the designed methods answer as without them). Each presents as a
+  // region's leader the peer on the store that last reported the region in
+  // a region heartbeat, when that store is a member, else the first peer;
+  // each takes heartbeat_mutex_ once per call, so they run on worker
+  // threads, never on an event loop.
+
+  // The region with id `region_id`, answered as GetRegion answers the one
+  // that covers a key (its record, leader, leader's store, peers' stores),
+  // from the routing index when it holds the record, else from a read of
+  // the record. NotFound "no region with id N" when there is no such
+  // record, "cluster not bootstrapped" when there are none at all;
+  // Corruption "bad region record" when it does not decode.
+  Status GetRegionById(const pdpb::GetRegionByIdRequest& req, pdpb::GetRegionResponse* resp)
+      EXCLUDES(heartbeat_mutex_);
+  // The regions whose ranges meet [start_key, end_key), in the order of
+  // their start keys, at most ScanLimit(limit) of them, each with its
+  // leader: from the routing index when the records form a clean
+  // partition, else by ScanRegionsByWalk. Records that do not decode cover
+  // no key and are left out. NotFound "cluster not bootstrapped" when there
+  // are no region records at all.
+  Status ScanRegions(const pdpb::ScanRegionsRequest& req, pdpb::ScanRegionsResponse* resp)
+      EXCLUDES(heartbeat_mutex_);
+  // The same answer from a walk over every region record, ordered by start
+  // key (then by record key): the reference the index must match.
+  Status ScanRegionsByWalk(const pdpb::ScanRegionsRequest& req, pdpb::ScanRegionsResponse* resp)
+      EXCLUDES(heartbeat_mutex_);
+  // Regions a scan answers at most: `requested`, 0 read as
+  // kScanRegionsDefaultLimit, capped at kScanRegionsMaxLimit.
+  static uint32_t ScanLimit(uint32_t requested);
+
   // The replicated server's timestamp ceiling. `admit` is consulted under
   // tso_mutex_ with the physical part of each batch before the batch is
   // answered, and fails the batch when no ceiling above that part could be persisted;
@@ -173,9 +205,10 @@ class PdService {
   // Registers the six methods ("Pd.Tso", "Pd.AllocId", "Pd.Bootstrap",
   // "Pd.GetRegion", "Pd.UpsertRegion", "Pd.RegionHeartbeat") on `server`,
   // before it starts, and beside them the read-only "Pd.Stats", which
-  // answers GetStats of that server, and the store methods
+  // answers GetStats of that server, the store methods
   // ("Pd.StoreHeartbeat", "Pd.GetStore", "Pd.GetAllStores",
-  // "Pd.RemoveStore"). The service must outlive the server's
+  // "Pd.RemoveStore") and the region reads ("Pd.GetRegionById",
+  // "Pd.ScanRegions"). The service must outlive the server's
   // use of them. For a store on the embedded engine, whose reads never wait
   // on the network: timestamps (without a ceiling) and routing by the index
   // are answered on the server's event loops, upserts when
@@ -204,6 +237,14 @@ class PdService {
                     Scheduler::ReplicaCounts* replicas, bool* counted = nullptr);
   // A store's record; *found false when it has none.
   Status ReadStore(uint64_t store_id, pdpb::Store* out, bool* found);
+  // The store that last reported region `region_id` in a region
+  // heartbeat, if any.
+  std::optional<uint64_t> LastReporter(uint64_t region_id) EXCLUDES(heartbeat_mutex_);
+  // The regions of a scan, read by walking every record.
+  Status WalkScan(const pdpb::ScanRegionsRequest& req, std::vector<pdpb::Region>* regions);
+  // The answer to a scan: each region with its leader, the marks read
+  // under one hold of heartbeat_mutex_.
+  void PresentScan(std::vector<pdpb::Region> regions, pdpb::ScanRegionsResponse* resp) EXCLUDES(heartbeat_mutex_);
   // Makes an Offline store Tombstone when the records place no replica on
   // it and no add is on its way to it; *state is then Tombstone.
   Status FinishRemoval(uint64_t store_id, uint8_t* state) EXCLUDES(store_record_mutex_);
@@ -252,7 +293,9 @@ class PdService {
   TsoAdmit tso_admit_ GUARDED_BY(tso_mutex_);         // null: no ceiling
 
   // Per region id, the store that reported it last: the load figure that
-  // leader balancing compares. Only the heartbeat handler touches it.
+  // leader balancing compares. Only the heartbeat handler writes it; the
+  // region reads look up the leaders they present in it. Taken on worker
+  // threads only, never across a read or a write of the store.
   Mutex heartbeat_mutex_;
   std::map<uint64_t, uint64_t> heartbeat_marks_ GUARDED_BY(heartbeat_mutex_);
   // Per store, the regions heartbeat_marks_ attributes to it.

@@ -321,6 +321,13 @@ TEST(PdDamageTest, DamagedTableRecordFailsOnlyTheReadsThatMeetIt) {
     EXPECT_EQ(route.region.id, 2u);
     EXPECT_EQ(route.leader_store, MakeStore(1));
     EXPECT_EQ(service->GetRegion({"z"}, &route).ToString(), "Corruption: sst bad record op");
+    // The region reads too: a record before the damage is read, a scan
+    // that must walk past it fails with the read's text.
+    ASSERT_TRUE(service->GetRegionById({2}, &route).ok());
+    EXPECT_EQ(route.region.id, 2u);
+    EXPECT_EQ(service->GetRegionById({3}, &route).ToString(), "Corruption: sst bad record op");
+    pdpb::ScanRegionsResponse scan;
+    EXPECT_EQ(service->ScanRegions({"", "", 1}, &scan).ToString(), "Corruption: sst bad record op");
   }
   kandb::testing::RemoveTree(dir);
 }

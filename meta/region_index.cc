@@ -230,13 +230,72 @@ bool RegionIndex::Route(const std::string& key, pdpb::GetRegionResponse* resp, S
   pdpb::Decode(record.value.size(), record.value.data(), &region);
   *status = AnswerRoute(std::move(region), [this](uint64_t store_id, std::string* value, bool* found) {
     mu_.AssertReaderHeld();  // called within Route, under the lock
-    auto store = stores_.find(StoreKey(store_id));
-    *found = store != stores_.end() && store->second.open_status.ok();
-    if (store == stores_.end()) return Status::OK();
-    if (!store->second.open_status.ok()) return store->second.open_status;
-    *value = store->second.value;
-    return Status::OK();
+    return LookupStore(store_id, value, found);
   }, resp);
+  return true;
+}
+
+Status RegionIndex::LookupStore(uint64_t store_id, std::string* value, bool* found) const {
+  auto store = stores_.find(StoreKey(store_id));
+  *found = store != stores_.end() && store->second.open_status.ok();
+  if (store == stores_.end()) return Status::OK();
+  if (!store->second.open_status.ok()) return store->second.open_status;
+  *value = store->second.value;
+  return Status::OK();
+}
+
+bool RegionIndex::Scan(const std::string& start, const std::string& end, uint32_t limit,
+                       std::vector<pdpb::Region>* regions, Status* status) const {
+  std::vector<std::string> records;
+  {
+    ReaderLock lock(&mu_);
+    if (regions_.empty() && load_status_.ok()) {
+      *status = Status::NotFound("cluster not bootstrapped");
+      return true;
+    }
+    // As for routing: only a clean partition of decodable records orders
+    // the scan by range start alone.
+    if (!load_status_.ok() || overlapping_pairs_ > 0 || undecodable_ > 0 || regions_.size() > kRegionScanLimit) {
+      return false;
+    }
+    // From the last range starting at or below `start`, which is the only
+    // one that may cover it; every later one starts above it.
+    records.reserve(std::min<size_t>(limit, regions_.size()));
+    by_start_.VisitFrom(StartKey(start), [&](const StartKey& at) {
+      mu_.AssertReaderHeld();  // called within the walk, under the lock
+      if (records.size() >= limit) return false;
+      const RegionRecord& record = at.region->second;
+      if (!end.empty() && record.start >= end) return false;
+      if (RangeMeets(record.start, record.end, start, end)) records.push_back(record.value);
+      return true;
+    });
+  }
+  std::vector<pdpb::Region> answer(records.size());
+  for (size_t i = 0; i < records.size(); ++i) {
+    pdpb::Decode(records[i].size(), records[i].data(), &answer[i]);  // decodes: it was linked
+  }
+  *regions = std::move(answer);
+  *status = Status::OK();
+  return true;
+}
+
+bool RegionIndex::FindRegion(uint64_t region_id, std::optional<uint64_t> leader_store, pdpb::GetRegionResponse* resp,
+                             Status* status) const {
+  ReaderLock lock(&mu_);
+  if (!load_status_.ok()) return false;
+  auto it = regions_.find(RegionKey(region_id));
+  // A record that is absent, or that could not be opened or decoded, is
+  // left to the read of its key, which names what it finds.
+  if (it == regions_.end() || !it->second.decodes) return false;
+  pdpb::Region region;
+  pdpb::Decode(it->second.value.size(), it->second.value.data(), &region);
+  *status = AnswerRoute(
+      std::move(region),
+      [this](uint64_t store_id, std::string* value, bool* found) {
+        mu_.AssertReaderHeld();  // called within FindRegion, under the lock
+        return LookupStore(store_id, value, found);
+      },
+      resp, leader_store);
   return true;
 }
 

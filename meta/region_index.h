@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -64,6 +65,37 @@ class RegionRouter {
   virtual bool StoresAsHeld(std::shared_ptr<const std::vector<pdpb::Store>>* stores) const {
     return Stores(stores, nullptr);
   }
+
+  // ---- Region reads. Each declines (false) unless the router overrides it.
+
+  // The regions whose ranges meet [start, end) (an empty end: no bound), in
+  // the order of their start keys, at most `limit` of them, as the walk over
+  // the records would answer: true with them in *regions (OK) or with the
+  // failure in *status; false when only the walk can answer (ranges that
+  // overlap, a record that cannot be decoded or opened, the copy not
+  // loaded or not current). Safe from any thread.
+  virtual bool Scan(const std::string& start, const std::string& end, uint32_t limit,
+                    std::vector<pdpb::Region>* regions, Status* status) const {
+    (void)start;
+    (void)end;
+    (void)limit;
+    (void)regions;
+    (void)status;
+    return false;
+  }
+  // The record of region `region_id`, its answer completed as routing
+  // completes one (AnswerRoute, with `leader_store`): true with it in *resp
+  // (OK) or the failure in *status; false when the router does not hold a
+  // decodable record under that id (or is not current), and a read of the
+  // record must answer. Safe from any thread.
+  virtual bool FindRegion(uint64_t region_id, std::optional<uint64_t> leader_store,
+                          pdpb::GetRegionResponse* resp, Status* status) const {
+    (void)region_id;
+    (void)leader_store;
+    (void)resp;
+    (void)status;
+    return false;
+  }
 };
 
 class RegionIndex final : public RegionRouter {
@@ -93,6 +125,15 @@ class RegionIndex final : public RegionRouter {
 
   bool Stores(std::shared_ptr<const std::vector<pdpb::Store>>* stores,
               std::unordered_map<uint64_t, uint64_t>* replicas) const override EXCLUDES(mu_);
+
+  // Region reads over the clean partition the index holds; see
+  // RegionRouter. The records are copied under the shared lock and decoded
+  // after it, so that a long scan holds up the writes it waits behind only
+  // for the copying.
+  bool Scan(const std::string& start, const std::string& end, uint32_t limit, std::vector<pdpb::Region>* regions,
+            Status* status) const override EXCLUDES(mu_);
+  bool FindRegion(uint64_t region_id, std::optional<uint64_t> leader_store, pdpb::GetRegionResponse* resp,
+                  Status* status) const override EXCLUDES(mu_);
 
   // Applies the puts (values opened) and deletions of one batch as one
   // change: a lookup sees all of it or none. Keys outside the region and
@@ -140,6 +181,8 @@ class RegionIndex final : public RegionRouter {
   // Adds or removes a ranged region and keeps overlapping_pairs_ right.
   void Link(const Region* region) REQUIRES(mu_);
   void Unlink(const Region* region) REQUIRES(mu_);
+  // Reads a store record held, for AnswerRoute.
+  Status LookupStore(uint64_t store_id, std::string* value, bool* found) const REQUIRES_SHARED(mu_);
   static bool Ranged(const RegionRecord& record);
   static bool Overlap(const Region* before, const Region* after);
 

@@ -4,7 +4,9 @@
 // The rules of routing a key that the walk over the region records and the
 // region index share, so that both answer alike.
 
+#include <algorithm>
 #include <cstdint>
+#include <optional>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -20,6 +22,14 @@ inline bool RangeCovers(std::string_view start, std::string_view end, std::strin
   return (start.empty() || start <= key) && (end.empty() || key < end);
 }
 
+// Whether [start, end) and [from, to) share a key, an empty end or `to`
+// being open: the ranges a scan of [from, to) answers. A range whose end
+// is not above its start shares none.
+inline bool RangeMeets(std::string_view start, std::string_view end, std::string_view from, std::string_view to) {
+  const std::string_view low = std::max(start, from);
+  return (end.empty() || low < end) && (to.empty() || low < to);
+}
+
 // Reads the record of one store: fails when the read fails, else sets
 // *found and, when found, *value.
 using StoreLookup = std::function<Status(uint64_t store_id, std::string* value, bool* found)>;
@@ -30,7 +40,16 @@ using StoreLookup = std::function<Status(uint64_t store_id, std::string* value, 
 // (left empty when absent; "bad store record" when it does not decode),
 // and the store records of the peers, in peer order, that exist and
 // decode. *resp is set only on success.
-Status AnswerRoute(pdpb::Region region, const StoreLookup& lookup, pdpb::GetRegionResponse* resp);
+//
+// With `leader_store`, the peer on that store stands for the leader when
+// one is a member (the first peer otherwise): a region read by id presents
+// the peer whose store last reported the region.
+Status AnswerRoute(pdpb::Region region, const StoreLookup& lookup, pdpb::GetRegionResponse* resp,
+                   std::optional<uint64_t> leader_store = std::nullopt);
+
+// The index of the peer presented as the region's leader: the one on
+// `leader_store` when one is, else the first (0 for a region without peers).
+size_t LeaderIndex(const pdpb::Region& region, std::optional<uint64_t> leader_store);
 
 }  // namespace kandb::meta
 

@@ -69,6 +69,17 @@ void PdService::RegisterTo(kanrpc::RpcServer* server) {
   server->Register<pdpb::RemoveStoreRequest, pdpb::RemoveStoreResponse>(
       "Pd.RemoveStore",
       [this](const pdpb::RemoveStoreRequest& req, pdpb::RemoveStoreResponse* resp) { return RemoveStore(req, resp); });
+  // Region reads: a scan decodes up to thousands of records, and both take
+  // the heartbeat bookkeeping's lock for the leaders they present, which
+  // an event loop never takes; so they run on workers.
+  server->Register<pdpb::GetRegionByIdRequest, pdpb::GetRegionResponse>(
+      "Pd.GetRegionById", [this](const pdpb::GetRegionByIdRequest& req, pdpb::GetRegionResponse* resp) {
+        return GetRegionById(req, resp);
+      });
+  server->Register<pdpb::ScanRegionsRequest, pdpb::ScanRegionsResponse>(
+      "Pd.ScanRegions", [this](const pdpb::ScanRegionsRequest& req, pdpb::ScanRegionsResponse* resp) {
+        return ScanRegions(req, resp);
+      });
   // Read-only and answered from counters and the copy of the store
   // records, taking only the scheduler's lock for in-memory work, so that
   // calling it every second costs the six methods nothing.

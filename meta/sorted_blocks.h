@@ -72,6 +72,25 @@ class SortedBlocks {
     return it == block.begin() ? nullptr : &*(it - 1);
   }
 
+  // Calls `visit` on the values in order, from the last one not above
+  // `probe` (from the first when none is), for as long as it returns true.
+  // No change may come during the walk.
+  template <typename Visit>
+  void VisitFrom(const T& probe, Visit visit) const {
+    if (blocks_.empty()) return;
+    size_t b = BlockFor(probe);
+    const std::vector<T>& first = blocks_[b];
+    // Only block 0 can lack a value not above the probe; it then starts
+    // the walk from its first value.
+    size_t pos = static_cast<size_t>(std::upper_bound(first.begin(), first.end(), probe, less_) - first.begin());
+    pos = pos == 0 ? 0 : pos - 1;
+    for (; b < blocks_.size(); ++b, pos = 0) {
+      for (const std::vector<T>& block = blocks_[b]; pos < block.size(); ++pos) {
+        if (!visit(block[pos])) return;
+      }
+    }
+  }
+
  private:
   static constexpr size_t kMaxBlock = 512;
 

@@ -36,6 +36,11 @@ KANDB_PDPB_DEFINE_CODEC(GetAllStoresRequest)
 KANDB_PDPB_DEFINE_CODEC(GetAllStoresResponse)
 KANDB_PDPB_DEFINE_CODEC(RemoveStoreRequest)
 KANDB_PDPB_DEFINE_CODEC(RemoveStoreResponse)
+// Region reads
+KANDB_PDPB_DEFINE_CODEC(GetRegionByIdRequest)
+KANDB_PDPB_DEFINE_CODEC(ScanRegionsRequest)
+KANDB_PDPB_DEFINE_CODEC(ScannedRegion)
+KANDB_PDPB_DEFINE_CODEC(ScanRegionsResponse)
 
 // ---- Region bounds, in place ----
 

@@ -71,6 +71,9 @@ constexpr Checker kCheckers[] = {
     CheckMessage<GetStoreRequest>,      CheckMessage<GetStoreResponse>,
     CheckMessage<GetAllStoresRequest>,  CheckMessage<GetAllStoresResponse>,
     CheckMessage<RemoveStoreRequest>,   CheckMessage<RemoveStoreResponse>,
+    // Region reads.
+    CheckMessage<GetRegionByIdRequest>, CheckMessage<ScanRegionsRequest>,
+    CheckMessage<ScanRegionsResponse>,
 };
 constexpr size_t kTypes = sizeof(kCheckers) / sizeof(kCheckers[0]);
 
@@ -158,6 +161,10 @@ std::vector<std::string> MakeSeeds() {
       Tagged(25, all),
       Tagged(26, RemoveStoreRequest{4}),
       Tagged(27, RemoveStoreResponse{kStoreOffline}),
+      // Region reads.
+      Tagged(28, GetRegionByIdRequest{2}),
+      Tagged(29, ScanRegionsRequest{"a", "z", 100}),
+      Tagged(30, ScanRegionsResponse{{ScannedRegion{region, region.peers[1]}, ScannedRegion{}}}),
       // The empty message decodes for every type.
       std::string(1, '\0'),
   };

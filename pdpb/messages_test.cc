@@ -120,6 +120,10 @@ std::vector<Codec> AllCodecs() {
                 RegionHeartbeatResponse{{ScheduleCommand{kPromoteLearner, 1, 2, ""},
                                          ScheduleCommand{kTransferLeader, kMax, kMax, "h:1"}}}),
       MakeCodec("StatsResponse", SampleStats()),
+      MakeCodec("GetRegionByIdRequest", GetRegionByIdRequest{kMax}),
+      MakeCodec("ScanRegionsRequest", ScanRegionsRequest{kBinary, "\xff", 0xffffffffu}),
+      MakeCodec("ScanRegionsResponse",
+                ScanRegionsResponse{{ScannedRegion{SampleRegion(4, 2), Peer{41, kMax, 1}}, ScannedRegion{}}}),
   };
 }
 
@@ -168,6 +172,22 @@ TEST(MessagesTest, ExactByteLayouts) {
                                Bytes({6, 0, 8, 1, 0, 0}) + zero_engine + Bytes({7, 0, 42, 0, 0, 0}) + three_zeros +
                                Bytes({8, 0, 196, 0, 0, 0}) + Encode(SchedulingStats{}));
   EXPECT_EQ(Encode(SchedulingStats{}).size(), 14 * 14u);
+}
+
+// The region reads: a region id; a scan's two keys, both always written,
+// and its limit in an 8-byte record; each scanned entry a region, then its
+// leader, one record per entry and none for an empty answer.
+TEST(MessagesTest, RegionReadLayouts) {
+  EXPECT_EQ(Encode(GetRegionByIdRequest{0x0102}), U64(1, 0x0102));
+  EXPECT_EQ(Encode(ScanRegionsRequest{"ab", "", 7}),
+            Bytes({1, 0, 2, 0, 0, 0, 'a', 'b', 2, 0, 0, 0, 0, 0}) + U64(3, 7));
+  const ScannedRegion entry{Region{}, Peer{1, 2, 0}};
+  const std::string entry_bytes = Bytes({1, 0, 60, 0, 0, 0}) + Encode(Region{}) + Bytes({2, 0, 42, 0, 0, 0}) +
+                                  U64(1, 1) + U64(2, 2) + U64(3, 0);
+  EXPECT_EQ(Encode(entry), entry_bytes);
+  EXPECT_EQ(Encode(ScanRegionsResponse{}), "");
+  EXPECT_EQ(Encode(ScanRegionsResponse{{entry, entry}}),
+            Bytes({1, 0, 114, 0, 0, 0}) + entry_bytes + Bytes({1, 0, 114, 0, 0, 0}) + entry_bytes);
 }
 
 // The fields that stores sending store heartbeats add to their record are

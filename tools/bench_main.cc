@@ -86,12 +86,14 @@ constexpr uint64_t kReplicas = 3;
 constexpr auto kStoreHeartbeatPeriod = std::chrono::seconds(2);
 constexpr size_t kKeptMessages = 5;
 
-enum Method { kTso, kAllocId, kGetRegion, kUpsertRegion, kHeartbeat, kMethodCount };
-const char* const kMethodNames[kMethodCount] = {"tso", "alloc-id", "get-region", "upsert-region", "heartbeat"};
-const char* const kRpcNames[kMethodCount] = {"Pd.Tso", "Pd.AllocId", "Pd.GetRegion", "Pd.UpsertRegion",
-                                             "Pd.RegionHeartbeat"};
-// Share of each method in --method mix, in percent.
-const int kMixWeights[kMethodCount] = {30, 15, 30, 15, 10};
+enum Method { kTso, kAllocId, kGetRegion, kUpsertRegion, kHeartbeat, kScanRegions, kMethodCount };
+const char* const kMethodNames[kMethodCount] = {"tso",           "alloc-id",  "get-region",
+                                                "upsert-region", "heartbeat", "scan-regions"};
+const char* const kRpcNames[kMethodCount] = {"Pd.Tso",          "Pd.AllocId",         "Pd.GetRegion",
+                                             "Pd.UpsertRegion", "Pd.RegionHeartbeat", "Pd.ScanRegions"};
+// Share of each method in --method mix, in percent; the region scans of
+// route caches are not part of it.
+const int kMixWeights[kMethodCount] = {30, 15, 30, 15, 10, 0};
 
 struct Config {
   std::string addr = "127.0.0.1:2379";
@@ -115,6 +117,12 @@ struct Config {
   Method single = kTso;
   TlsOptions tls_options;
   bool reconnect = false;
+  uint64_t scan_limit = pdpb::kScanRegionsDefaultLimit;
+
+  // The regions a scan answers at most, as the server reads the limit.
+  uint64_t ScanAnswers() const {
+    return scan_limit == 0 ? pdpb::kScanRegionsDefaultLimit : std::min<uint64_t>(scan_limit, pdpb::kScanRegionsMaxLimit);
+  }
 
   bool tls() const {
     return !tls_options.cert.empty() || !tls_options.key.empty() || !tls_options.ca.empty() ||
@@ -658,6 +666,10 @@ class Connection {
       case kHeartbeat:
         EncodeTo(HeartbeatRequest(), &request_);
         return;
+      case kScanRegions:
+        key_ = RandomKey(&scan_tile_);
+        EncodeTo(pdpb::ScanRegionsRequest{key_, "", static_cast<uint32_t>(config_.scan_limit)}, &request_);
+        return;
       case kMethodCount:
         return;
     }
@@ -704,6 +716,12 @@ class Connection {
         }
         return true;
       }
+      case kScanRegions: {
+        pdpb::ScanRegionsResponse response;
+        if (!Decode(payload.size(), payload.data(), &response)) return false;
+        CheckScan(response);
+        return true;
+      }
       case kMethodCount:
         break;
     }
@@ -737,12 +755,51 @@ class Connection {
     }
   }
 
-  std::string RandomKey() {
+  // A scan from inside the preloaded regions answers the tiles from the
+  // one holding its start key on, in key order, as many as the limit or
+  // as there are left; each presents one of its peers as leader.
+  // Without preloaded regions, only the order and the first region are
+  // known.
+  void CheckScan(const pdpb::ScanRegionsResponse& response) {
+    const std::string from = "scan from " + EscapeBytes(key_) + ": ";
+    if (response.regions.empty()) {
+      CheckFailed(from + "no regions");
+      return;
+    }
+    const pdpb::Region& first = response.regions.front().region;
+    for (size_t k = 0; k < response.regions.size(); ++k) {
+      const pdpb::ScannedRegion& entry = response.regions[k];
+      const pdpb::Region* prev = k > 0 ? &response.regions[k - 1].region : nullptr;
+      // The preloaded regions leave no gap; any regions come in key order.
+      if (prev != nullptr && (regions_.tiles > 0 ? entry.region.start_key != prev->end_key
+                                                 : entry.region.start_key <= prev->start_key)) {
+        CheckFailed(from + "region " + std::to_string(entry.region.id) + " does not follow region " +
+                    std::to_string(prev->id));
+        return;
+      }
+      const auto& peers = entry.region.peers;
+      if (!peers.empty() && std::find(peers.begin(), peers.end(), entry.leader) == peers.end()) {
+        CheckFailed(from + "the leader of region " + std::to_string(entry.region.id) + " is not one of its peers");
+        return;
+      }
+    }
+    if (regions_.tiles == 0) return;
+    const uint64_t wanted = std::min(config_.ScanAnswers(), regions_.tiles - scan_tile_);
+    if (response.regions.size() != wanted || first.id != regions_.first_id + scan_tile_) {
+      CheckFailed(from + std::to_string(response.regions.size()) + " regions from region " + std::to_string(first.id) +
+                  ", wanted " + std::to_string(wanted) + " from region " +
+                  std::to_string(regions_.first_id + scan_tile_));
+    }
+  }
+
+  std::string RandomKey(uint64_t* chosen_tile = nullptr) {
     if (regions_.tiles > 0) {
       std::uniform_int_distribution<uint64_t> tile(0, regions_.tiles - 1);
+      const uint64_t t = tile(random_);
+      if (chosen_tile != nullptr) *chosen_tile = t;
       // Inside a tile: its start key with a suffix, so that keys fall both on
       // and between region boundaries.
-      std::string key = TileKey(tile(random_));
+      std::string key = TileKey(t);
       if (random_() % 2 == 0) key += "/" + std::to_string(random_() % 1000);
       return key;
     }
@@ -841,6 +898,7 @@ class Connection {
   // What the answer is checked against.
   uint64_t tso_seen_before_ = 0;
   std::string key_;
+  uint64_t scan_tile_ = 0;  // the tile holding key_, for a scan
   std::vector<uint64_t> heartbeat_regions_;  // sorted
 
   MethodStats stats_[kMethodCount];
@@ -919,8 +977,31 @@ Status SendStoreHeartbeats(kanrpc::RpcClient* client, const Regions& regions) {
   return Status::OK();
 }
 
+// Whether the server holds the tiles of an earlier run with as many of
+// them: `first` (the region covering the empty key) is tile 0, and the
+// region covering the last tile's start is the last tile, ids in a row
+// from it. Then sets regions->first_id.
+Status HoldsTiles(kanrpc::RpcClient* client, const pdpb::Region& first, Regions* regions, bool* held) {
+  *held = false;
+  Regions candidate = *regions;
+  candidate.first_id = first.id;
+  const pdpb::Region head = candidate.Tile(0, 1);
+  if (first.start_key != head.start_key || first.end_key != head.end_key) return Status::OK();
+  const pdpb::Region tail = candidate.Tile(candidate.tiles - 1, 1);
+  pdpb::GetRegionResponse last;
+  Status s = client->Call("Pd.GetRegion", pdpb::GetRegionRequest{tail.start_key}, &last);
+  if (!s.ok()) return s;
+  if (last.region.id != tail.id || last.region.start_key != tail.start_key || last.region.end_key != tail.end_key) {
+    return Status::OK();
+  }
+  regions->first_id = first.id;
+  *held = true;
+  return Status::OK();
+}
+
 // Bootstraps the cluster unless it exists, registers the stores, preloads
-// the regions and, with --store-heartbeats, makes every store take part.
+// the regions (unless the server holds them from an earlier run) and, with
+// --store-heartbeats, makes every store take part.
 Status Prepare(const Config& config, const kanrpc::RpcClientOptions& load_options, bool needs_cluster,
                Regions* regions) {
   kanrpc::RpcClientOptions options = load_options;
@@ -932,17 +1013,30 @@ Status Prepare(const Config& config, const kanrpc::RpcClientOptions& load_option
   if (!s.ok()) return s;
   if (!needs_cluster && config.preload == 0) return Status::OK();
 
-  // Ids for the regions and, right after them, their peers.
   regions->tiles = config.preload;
   regions->stores = config.stores;
+  pdpb::GetRegionResponse probe;
+  s = client.Call("Pd.GetRegion", pdpb::GetRegionRequest{""}, &probe);
+  const bool bootstrapped = s.ok() || s.message().find("cluster not bootstrapped") == std::string::npos;
+  if (s.ok() && config.preload > 0) {
+    bool held = false;
+    Status found = HoldsTiles(&client, probe.region, regions, &held);
+    if (!found.ok()) return found;
+    if (held) {
+      std::fprintf(stderr, "kept %llu regions preloaded before (ids %llu..%llu)\n",
+                   static_cast<unsigned long long>(regions->tiles),
+                   static_cast<unsigned long long>(regions->first_id),
+                   static_cast<unsigned long long>(regions->first_id + regions->tiles - 1));
+      if (config.store_heartbeats) return SendStoreHeartbeats(&client, *regions);
+      return Status::OK();
+    }
+  }
+
+  // Ids for the regions and, right after them, their peers.
   const uint64_t wanted = config.preload > 0 ? (1 + regions->replicas()) * config.preload : 2;
   if (wanted > UINT32_MAX) return Status::InvalidArgument("too many regions to preload");
   s = AllocIds(&client, wanted, &regions->first_id);
   if (!s.ok()) return s;
-
-  pdpb::GetRegionResponse probe;
-  s = client.Call("Pd.GetRegion", pdpb::GetRegionRequest{""}, &probe);
-  const bool bootstrapped = s.ok() || s.message().find("cluster not bootstrapped") == std::string::npos;
   if (!bootstrapped) {
     pdpb::BootstrapRequest request;
     request.store = pdpb::Store{kBenchStoreId, kBenchStoreAddress, 0};
@@ -1025,7 +1119,7 @@ int Main(int argc, char** argv) {
   CommandLine cl(kProgram, "A closed-loop load generator for the kandb-meta server; checks every answer.");
   cl.AddString("addr", &config.addr, "server address HOST:PORT, or the servers of a replicated cluster H1:P1,H2:P2,... (default 127.0.0.1:2379)");
   cl.AddString("method", &config.method,
-               "tso, alloc-id, get-region, upsert-region, heartbeat or mix (default tso)");
+               "tso, alloc-id, get-region, upsert-region, heartbeat, scan-regions or mix (default tso)");
   cl.AddUint("conns", &config.conns, 4096, "connections, each with one request outstanding (default 1)");
   cl.AddUint("threads", &config.threads, 4096,
              "threads driving the connections, one event loop each (default 1, at most --conns)");
@@ -1049,15 +1143,19 @@ int Main(int argc, char** argv) {
   cl.AddSwitch("store-heartbeats", &config.store_heartbeats,
                "send a store heartbeat for every store first and every 2 s during the run, so that the "
                "server schedules by what the stores report");
+  cl.AddUint("scan-limit", &config.scan_limit, UINT32_MAX,
+             "scan-regions: regions each scan asks for (default 1000; 0 leaves it to the server)");
   AddTlsOptions(&cl, &config.tls_options);
   cl.AddSwitch("reconnect", &config.reconnect,
                "make every call on a new connection: connect, TLS handshake if any, one call, close; the "
                "throughput is then new connections per second");
   cl.SetEpilogue(
-      "get-region, upsert-region, heartbeat and mix bootstrap the cluster when it is not\n"
-      "(store 1, one region over all keys, or the first preloaded region). With preloaded\n"
+      "get-region, upsert-region, heartbeat, scan-regions and mix bootstrap the cluster when it\n"
+      "is not (store 1, one region over all keys, or the first preloaded region). With preloaded\n"
       "regions, get-region routes keys inside them, upsert-region rewrites them with a later\n"
-      "version, and heartbeat reports them. Over TLS a failed handshake counts as a failed\n"
+      "version, heartbeat reports them, and scan-regions scans from keys inside them and checks\n"
+      "the count of every answer. A server that already holds the regions a run with the same\n"
+      "--preload-regions wrote keeps them: they are not written again. Over TLS a failed handshake counts as a failed\n"
       "call, as a failed connect does. Exit status: 0 no error and no wrong answer,\n"
       "1 some call failed or an answer was wrong, 2 bad command line or the setup failed.\n");
   std::vector<std::string> args(argv + 1, argv + argc);
@@ -1104,7 +1202,8 @@ int Main(int argc, char** argv) {
   client_options.tls = tls;
 
   const bool needs_cluster = config.mix || config.single == kGetRegion || config.single == kUpsertRegion ||
-                             config.single == kHeartbeat || config.stores > 1 || config.store_heartbeats;
+                             config.single == kHeartbeat || config.single == kScanRegions || config.stores > 1 ||
+                             config.store_heartbeats;
   Regions regions;
   Status s = Prepare(config, client_options, needs_cluster, &regions);
   if (!s.ok()) {
@@ -1253,6 +1352,7 @@ int Main(int argc, char** argv) {
     }
     if (config.mix) {
       for (int m = 0; m < kMethodCount; ++m) {
+        if (kMixWeights[m] == 0) continue;
         report["per_method"][kMethodNames[m]] = {{"requests", per_method[m].count()},
                                                  {"errors", method_errors[m]},
                                                  {"latency_ms", LatencyJson(per_method[m])}};
@@ -1274,6 +1374,7 @@ int Main(int argc, char** argv) {
     }
     if (config.mix) {
       for (int m = 0; m < kMethodCount; ++m) {
+        if (kMixWeights[m] == 0) continue;
         std::printf("  %-13s %8llu requests, %llu errors, %s\n", kMethodNames[m],
                     static_cast<unsigned long long>(per_method[m].count()),
                     static_cast<unsigned long long>(method_errors[m]), LatencyText(per_method[m]).c_str());

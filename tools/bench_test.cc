@@ -2,7 +2,7 @@
 // over preloaded regions with every answer checked, a run bounded by its
 // request count, large-value upserts, heartbeats of many regions from many
 // stores, load over TLS with a session kept or made anew for every call,
-// and the command-line and setup failures.
+// scans over preloaded regions, and the command-line and setup failures.
 
 #include <sys/wait.h>
 
@@ -206,6 +206,26 @@ TEST_F(BenchTest, LoadOverTlsWithSessionsKeptOrNewForEveryCall) {
   EXPECT_EQ(ExitCode(r), 2);
   EXPECT_NE(r.err.find("kandb-meta-bench: setup failed: kanrpc tls: certificate verify failed"), std::string::npos)
       << r.err;
+}
+
+// Scans from keys inside the preloaded regions answer as many regions as
+// asked or as are left, which the bench checks; a later run with as many
+// regions keeps them instead of writing an overlapping set.
+TEST_F(BenchTest, ScansOverPreloadedRegionsAndPreloadsKept) {
+  ProgramResult r = Bench({"--method", "scan-regions", "--conns", "2", "--requests", "200", "--preload-regions", "300",
+                           "--scan-limit", "50", "--json"});
+  ASSERT_EQ(ExitCode(r), 0) << r.out << r.err;
+  json report = json::parse(r.out, nullptr, false);
+  EXPECT_EQ(report["requests"], 200);
+  EXPECT_EQ(report["wrong_answers"], 0) << report["messages"];
+  r = Bench({"--method", "get-region", "--requests", "100", "--preload-regions", "300"});
+  ASSERT_EQ(ExitCode(r), 0) << r.out << r.err;
+  EXPECT_NE(r.err.find("kept 300 regions preloaded before (ids 1024..1323)\n"), std::string::npos) << r.err;
+  // 200 more, overlapping the 300: scans now answer what the check refuses.
+  r = Bench({"--method", "scan-regions", "--requests", "20", "--preload-regions", "200"});
+  EXPECT_NE(r.err.find("preloaded 200 regions"), std::string::npos) << r.err;
+  EXPECT_EQ(ExitCode(r), 1) << r.out << r.err;
+  EXPECT_EQ(r.out.find("wrong answers  0\n"), std::string::npos) << r.out;
 }
 
 TEST_F(BenchTest, BadCommandLinesAndAnUnreachableServerExitTwo) {

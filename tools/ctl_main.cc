@@ -8,6 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -304,6 +305,19 @@ int RunBootstrap(const std::vector<std::string>& args) {
   return kExitOk;
 }
 
+// The readable form of a region's answer: the record with its peers, the
+// leader and its store, then the peers' stores.
+void PrintRegionAnswer(const pdpb::GetRegionResponse& response) {
+  std::printf("%s\n", DescribeRegion(response.region, true).c_str());
+  if (response.region.peers.empty()) {
+    std::printf("leader none\n");
+  } else {
+    std::printf("leader %s\n", DescribePeer(response.leader).c_str());
+    std::printf("leader %s\n", DescribeStore(response.leader_store).c_str());
+  }
+  for (const pdpb::Store& store : response.stores) std::printf("%s\n", DescribeStore(store).c_str());
+}
+
 int RunGetRegion(const std::vector<std::string>& args) {
   const std::string command = CommandName("get-region");
   Common c;
@@ -327,14 +341,87 @@ int RunGetRegion(const std::vector<std::string>& args) {
     PrintJson(ToJson(response));
     return kExitOk;
   }
-  std::printf("%s\n", DescribeRegion(response.region, true).c_str());
-  if (response.region.peers.empty()) {
-    std::printf("leader none\n");
+  PrintRegionAnswer(response);
+  return kExitOk;
+}
+
+// ---- Region reads: one region by id, and the regions of a key range.
+
+int RunRegion(const std::vector<std::string>& args) {
+  const std::string command = CommandName("region");
+  Common c;
+  uint64_t id = 0;
+  CommandLine cl(command,
+                 "Shows the region with an id, its leader and stores (Pd.GetRegionById). The leader is the "
+                 "peer on the store that last reported the region in a region heartbeat, else the first peer.");
+  cl.AddUint("id", &id, UINT64_MAX, "the region's id");
+  AddCommon(&cl, &c, true);
+  if (int rc = cl.Parse(args, stdout, stderr); rc >= 0) return rc;
+  if (int rc = CheckExclusive(cl, command, c, {"id"}); rc >= 0) return rc;
+  pdpb::GetRegionByIdRequest request;
+  if (!c.request_file.empty()) {
+    if (int rc = LoadRequest(command, c.request_file, &request); rc >= 0) return rc;
   } else {
-    std::printf("leader %s\n", DescribePeer(response.leader).c_str());
-    std::printf("leader %s\n", DescribeStore(response.leader_store).c_str());
+    if (!cl.Given("id")) return UsageError(command, "--id is required (or --request)");
+    request.region_id = id;
   }
-  for (const pdpb::Store& store : response.stores) std::printf("%s\n", DescribeStore(store).c_str());
+  pdpb::GetRegionResponse response;
+  if (int rc = CallServer(c, "Pd.GetRegionById", request, &response); rc >= 0) return rc;
+  if (c.json) {
+    PrintJson(ToJson(response));
+  } else {
+    PrintRegionAnswer(response);
+  }
+  return kExitOk;
+}
+
+int RunRegions(const std::vector<std::string>& args) {
+  const std::string command = CommandName("regions");
+  Common c;
+  std::string start;
+  std::string end;
+  uint64_t limit = 0;
+  CommandLine cl(command,
+                 "Lists the regions of a key range in key order, one line each with its leader "
+                 "(Pd.ScanRegions).");
+  cl.AddString("start", &start, "first key of the range, inclusive (escaped; default: unbounded)");
+  cl.AddString("end", &end, "end of the range, exclusive (escaped; default: unbounded)");
+  cl.AddUint("limit", &limit, UINT32_MAX,
+             "regions wanted at most (default 0: the server's default of 1000; it answers 10000 at most)");
+  AddCommon(&cl, &c, true);
+  cl.SetEpilogue(
+      "The first region listed is the one that covers --start, or the first after it. When the\n"
+      "limit cut the list short, the last line names the --start that continues it.\n");
+  if (int rc = cl.Parse(args, stdout, stderr); rc >= 0) return rc;
+  if (int rc = CheckExclusive(cl, command, c, {"start", "end", "limit"}); rc >= 0) return rc;
+  pdpb::ScanRegionsRequest request;
+  if (!c.request_file.empty()) {
+    if (int rc = LoadRequest(command, c.request_file, &request); rc >= 0) return rc;
+  } else {
+    Status s = UnescapeBytes(start, &request.start_key);
+    if (!s.ok()) return UsageError(command, "--start: " + s.message());
+    s = UnescapeBytes(end, &request.end_key);
+    if (!s.ok()) return UsageError(command, "--end: " + s.message());
+    request.limit = static_cast<uint32_t>(limit);
+  }
+  pdpb::ScanRegionsResponse response;
+  if (int rc = CallServer(c, "Pd.ScanRegions", request, &response); rc >= 0) return rc;
+  if (c.json) {
+    PrintJson(ToJson(response));
+    return kExitOk;
+  }
+  for (const pdpb::ScannedRegion& entry : response.regions) {
+    std::printf("%s leader %s\n", DescribeRegion(entry.region, false).c_str(),
+                entry.region.peers.empty() ? "none" : DescribePeer(entry.leader).c_str());
+  }
+  const size_t wanted = request.limit == 0 ? pdpb::kScanRegionsDefaultLimit
+                                           : std::min(request.limit, pdpb::kScanRegionsMaxLimit);
+  std::printf("%zu regions", response.regions.size());
+  if (response.regions.size() == wanted && !response.regions.back().region.end_key.empty()) {
+    std::printf("; the limit was reached: continue with --start %s",
+                Quote(response.regions.back().region.end_key).c_str());
+  }
+  std::printf("\n");
   return kExitOk;
 }
 
@@ -664,6 +751,9 @@ const Subcommand kSubcommands[] = {
     {"stores", "list the stores: state, address, labels, load", RunStores},
     {"store", "show one store (ID), or take it out of the cluster (remove ID)", RunStore},
     {"stats", "show live statistics (also --prometheus, --watch 1s)", RunStats},
+    // Region reads.
+    {"region", "show the region with an id (--id N), its leader and stores", RunRegion},
+    {"regions", "list the regions of a key range in key order, with their leaders", RunRegions},
 };
 
 std::string TopUsage() {

@@ -143,6 +143,24 @@ TEST_F(CtlTest, BootstrapRouteUpsertAndHeartbeat) {
   r = Ctl("get-region", {"\\x7f"});
   EXPECT_EQ(r.out.substr(0, r.out.find('\n')), "region 2 [-inf, \"\\x80\") conf_version 1 version 2 peers 1");
 
+  // The region reads: by id as get-region shows a region, and a range in
+  // key order, a cut list naming where to go on.
+  EXPECT_EQ(Ctl("region", {"--id", "10"}).out, Ctl("get-region", {"\\xff"}).out);
+  EXPECT_EQ(CtlJson("region", {"--id", "10"}), routed);
+  r = Ctl("region", {"--id", "77"});
+  EXPECT_EQ(ExitCode(r), 1);
+  EXPECT_EQ(r.err, "remote: NotFound: no region with id 77\n");
+  r = Ctl("regions", {});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(r.out,
+            "region 2 [-inf, \"\\x80\") conf_version 1 version 2 peers 1 leader peer 3 store 1 role 0\n"
+            "region 10 [\"\\x80\", +inf) conf_version 1 version 2 peers 2 leader peer 11 store 4 role 0\n"
+            "2 regions\n");
+  r = Ctl("regions", {"--limit", "1"});
+  EXPECT_EQ(r.out.substr(r.out.find('\n') + 1), "1 regions; the limit was reached: continue with --start \"\\x80\"\n");
+  json scanned = CtlJson("regions", {"--start", "\\x90", "--end", "\\xff"});
+  EXPECT_EQ(scanned, json({{"regions", {{{"region", routed["region"]}, {"leader", routed["leader"]}}}}}));
+
   // Store 1 holds replicas of 2 and 10, and 77 has no record: nothing is stale.
   r = Ctl("heartbeat", {"--store-id", "1", "--region-id", "10", "--members", "4,1", "--caught-up-learners", "1",
                         "--check-regions", "2,10,77"});
@@ -322,6 +340,10 @@ TEST_F(CtlTest, BadCommandLinesAndDocumentsExitTwoWithoutCallingTheServer) {
        "kandb-meta-ctl store: ID: out of range (max 18446744073709551615): '18446744073709551616'\n"},
       {{"store", "5", "remove"}, "kandb-meta-ctl store: unexpected argument 'remove'\n"},
       {{"store", "remove", "5", "6"}, "kandb-meta-ctl store: unexpected argument '6'\n"},
+      {{"region"}, "kandb-meta-ctl region: --id is required (or --request)\n"},
+      {{"regions", "--start", "a\\qb"}, "kandb-meta-ctl regions: --start: bad escape at offset 1\n"},
+      {{"regions", "--limit", "4294967296"},
+       "kandb-meta-ctl regions: --limit: out of range (max 4294967295): '4294967296'\n"},
   };
   for (const auto& [args, message] : cases) {
     ProgramResult r = Ctl(args[0], std::vector<std::string>(args.begin() + 1, args.end()));
@@ -360,7 +382,8 @@ TEST_F(CtlTest, BadCommandLinesAndDocumentsExitTwoWithoutCallingTheServer) {
 
 TEST(CtlHelpTest, EverySubcommandHasHelp) {
   for (const char* sub :
-       {"tso", "alloc-id", "bootstrap", "get-region", "upsert-region", "heartbeat", "stores", "store", "stats"}) {
+       {"tso", "alloc-id", "bootstrap", "get-region", "upsert-region", "heartbeat", "stores", "store", "stats",
+        "region", "regions"}) {
     ProgramResult help = RunProgram({KANDB_META_CTL_BINARY, sub, "--help"});
     EXPECT_EQ(ExitCode(help), 0) << sub;
     EXPECT_EQ(help.out.rfind(std::string("usage: kandb-meta-ctl ") + sub + " [options]", 0), 0u) << help.out;

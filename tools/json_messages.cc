@@ -358,6 +358,14 @@ json ToJson(const pdpb::GetRegionResponse& response) {
               {"stores", stores}};
 }
 
+json ToJson(const pdpb::ScanRegionsResponse& response) {
+  json regions = json::array();
+  for (const pdpb::ScannedRegion& entry : response.regions) {
+    regions.push_back(json{{"region", ToJson(entry.region)}, {"leader", ToJson(entry.leader)}});
+  }
+  return json{{"regions", regions}};
+}
+
 json ToJson(const pdpb::UpsertRegionRequest& request) {
   json regions = json::array();
   for (const pdpb::Region& region : request.regions) regions.push_back(ToJson(region));
@@ -514,6 +522,20 @@ Status FromJson(const json& value, pdpb::RegionHeartbeatRequest* out) {
             return ObjectReader::Read(v, p, entry);
           });
   r.UintArray("region_ids", &out->region_ids);
+  return r.Finish();
+}
+
+Status FromJson(const json& value, pdpb::GetRegionByIdRequest* out) {
+  ObjectReader r(value, "");
+  r.Uint("region_id", UINT64_MAX, &out->region_id);
+  return r.Finish();
+}
+
+Status FromJson(const json& value, pdpb::ScanRegionsRequest* out) {
+  ObjectReader r(value, "");
+  r.Bytes("start_key", &out->start_key);
+  r.Bytes("end_key", &out->end_key);
+  r.Narrow("limit", &out->limit);
   return r.Finish();
 }
 

@@ -42,6 +42,8 @@ nlohmann::json ToJson(const pdpb::StoreInfo& info);
 nlohmann::json ToJson(const pdpb::GetStoreResponse& response);
 nlohmann::json ToJson(const pdpb::GetAllStoresResponse& response);
 nlohmann::json ToJson(const pdpb::RemoveStoreResponse& response);
+// Region reads.
+nlohmann::json ToJson(const pdpb::ScanRegionsResponse& response);
 // The live statistics; "engine" is left out when has_engine is false.
 // last_fault is escaped like every byte string.
 nlohmann::json ToJson(const pdpb::StatsResponse& response);
@@ -53,6 +55,9 @@ Status FromJson(const nlohmann::json& json, pdpb::BootstrapRequest* out);
 Status FromJson(const nlohmann::json& json, pdpb::GetRegionRequest* out);
 Status FromJson(const nlohmann::json& json, pdpb::UpsertRegionRequest* out);
 Status FromJson(const nlohmann::json& json, pdpb::RegionHeartbeatRequest* out);
+// Region reads.
+Status FromJson(const nlohmann::json& json, pdpb::GetRegionByIdRequest* out);
+Status FromJson(const nlohmann::json& json, pdpb::ScanRegionsRequest* out);
 
 // "PromoteLearner", "AddPeer", "RemovePeer", "DestroyStaleReplica",
 // "TransferLeader", or "" for any other kind.
