@@ -487,6 +487,8 @@ void HaServer::RegisterTo(kanrpc::RpcServer* server) {
   Bind(server, "Pd.GetStore", &PdService::GetStore);
   Bind(server, "Pd.GetAllStores", &PdService::GetAllStores);
   Bind(server, "Pd.RemoveStore", &PdService::RemoveStore);
+  Bind(server, "Pd.UpdateServiceSafePoint", &PdService::UpdateServiceSafePoint);
+  Bind(server, "Pd.GetGcSafePoint", &PdService::GetGcSafePoint);
   // Every member answers with its own counters, leading or not. The store
   // lies on etcd, so the engine part is always absent; routing counts only
   // while a term's service exists.

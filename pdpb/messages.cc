@@ -36,6 +36,11 @@ KANDB_PDPB_DEFINE_CODEC(GetAllStoresRequest)
 KANDB_PDPB_DEFINE_CODEC(GetAllStoresResponse)
 KANDB_PDPB_DEFINE_CODEC(RemoveStoreRequest)
 KANDB_PDPB_DEFINE_CODEC(RemoveStoreResponse)
+KANDB_PDPB_DEFINE_CODEC(ServiceSafePoint)
+KANDB_PDPB_DEFINE_CODEC(UpdateServiceSafePointRequest)
+KANDB_PDPB_DEFINE_CODEC(UpdateServiceSafePointResponse)
+KANDB_PDPB_DEFINE_CODEC(GetGcSafePointRequest)
+KANDB_PDPB_DEFINE_CODEC(GetGcSafePointResponse)
 
 // ---- Region bounds, in place ----
 
