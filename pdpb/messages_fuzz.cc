@@ -71,6 +71,9 @@ constexpr Checker kCheckers[] = {
     CheckMessage<GetStoreRequest>,      CheckMessage<GetStoreResponse>,
     CheckMessage<GetAllStoresRequest>,  CheckMessage<GetAllStoresResponse>,
     CheckMessage<RemoveStoreRequest>,   CheckMessage<RemoveStoreResponse>,
+    CheckMessage<ServiceSafePoint>,     CheckMessage<UpdateServiceSafePointRequest>,
+    CheckMessage<UpdateServiceSafePointResponse>, CheckMessage<GetGcSafePointRequest>,
+    CheckMessage<GetGcSafePointResponse>,
 };
 constexpr size_t kTypes = sizeof(kCheckers) / sizeof(kCheckers[0]);
 

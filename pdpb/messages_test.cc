@@ -120,6 +120,10 @@ std::vector<Codec> AllCodecs() {
                 RegionHeartbeatResponse{{ScheduleCommand{kPromoteLearner, 1, 2, ""},
                                          ScheduleCommand{kTransferLeader, kMax, kMax, "h:1"}}}),
       MakeCodec("StatsResponse", SampleStats()),
+      MakeCodec("UpdateServiceSafePointRequest", UpdateServiceSafePointRequest{kBinary, kMax, 1}),
+      MakeCodec("UpdateServiceSafePointResponse", UpdateServiceSafePointResponse{kBinary, 2, kMax, 3, true}),
+      MakeCodec("GetGcSafePointResponse",
+                GetGcSafePointResponse{kMax, {ServiceSafePoint{kBinary, 1, 2}, ServiceSafePoint{}}}),
   };
 }
 
@@ -168,6 +172,19 @@ TEST(MessagesTest, ExactByteLayouts) {
                                Bytes({6, 0, 8, 1, 0, 0}) + zero_engine + Bytes({7, 0, 42, 0, 0, 0}) + three_zeros +
                                Bytes({8, 0, 196, 0, 0, 0}) + Encode(SchedulingStats{}));
   EXPECT_EQ(Encode(SchedulingStats{}).size(), 14 * 14u);
+}
+
+// GC safe points: the service id first, then 8-byte integers, the refusal
+// as one byte; an entry is persisted in exactly its wire encoding.
+TEST(MessagesTest, SafePointByteLayouts) {
+  const std::string entry = Bytes({1, 0, 2, 0, 0, 0}) + "gc" + U64(2, 7) + U64(3, 9);
+  EXPECT_EQ(Encode(ServiceSafePoint{"gc", 7, 9}), entry);
+  EXPECT_EQ(Encode(UpdateServiceSafePointRequest{"gc", 60, 7}), Bytes({1, 0, 2, 0, 0, 0}) + "gc" + U64(2, 60) + U64(3, 7));
+  EXPECT_EQ(Encode(UpdateServiceSafePointResponse{"gc", 7, 9, 5, true}),
+            Bytes({1, 0, 2, 0, 0, 0}) + "gc" + U64(2, 7) + U64(3, 9) + U64(4, 5) + Bytes({5, 0, 1, 0, 0, 0, 1}));
+  EXPECT_EQ(Encode(GetGcSafePointRequest{}), "");
+  EXPECT_EQ(Encode(GetGcSafePointResponse{5, {ServiceSafePoint{"gc", 7, 9}}}),
+            U64(1, 5) + Bytes({2, 0, static_cast<int>(entry.size()), 0, 0, 0}) + entry);
 }
 
 // The fields that stores sending store heartbeats add to their record are
