@@ -42,6 +42,9 @@ nlohmann::json ToJson(const pdpb::StoreInfo& info);
 nlohmann::json ToJson(const pdpb::GetStoreResponse& response);
 nlohmann::json ToJson(const pdpb::GetAllStoresResponse& response);
 nlohmann::json ToJson(const pdpb::RemoveStoreResponse& response);
+nlohmann::json ToJson(const pdpb::ServiceSafePoint& entry);
+nlohmann::json ToJson(const pdpb::UpdateServiceSafePointResponse& response);
+nlohmann::json ToJson(const pdpb::GetGcSafePointResponse& response);
 // The live statistics; "engine" is left out when has_engine is false.
 // last_fault is escaped like every byte string.
 nlohmann::json ToJson(const pdpb::StatsResponse& response);
