@@ -22,6 +22,7 @@ namespace {
 
 using pdpb::ServiceSafePoint;
 using pdpb::UpdateServiceSafePointResponse;
+using Answer = UpdateServiceSafePointResponse;  // service, its safe point and expiry, GC safe point, refused
 
 constexpr uint64_t kStart = 1'700'000'000'000;
 
@@ -65,11 +66,6 @@ class SafePointTest : public ::testing::Test {
   std::unique_ptr<PdService> service_;
 };
 
-UpdateServiceSafePointResponse Answer(const std::string& id, uint64_t safe_point, uint64_t expires_ms,
-                                      uint64_t min, bool refused) {
-  return {id, safe_point, expires_ms, min, refused};
-}
-
 std::string Fixed64(uint64_t value) {
   std::string s;
   PutFixed64(&s, value);
@@ -82,8 +78,8 @@ std::string Fixed64(uint64_t value) {
 // when a newcomer asks for less.
 TEST_F(SafePointTest, LowestLiveServiceAndExpiryNeverMoveItBack) {
   EXPECT_EQ(Gc(), pdpb::GetGcSafePointResponse{});  // never set: 0, nobody
-  EXPECT_EQ(Update("gc_worker", 10, 100), Answer("gc_worker", 100, kStart + 10'000, 100, false));
-  EXPECT_EQ(Update("b", 30, 150), Answer("b", 150, kStart + 30'000, 100, false));
+  EXPECT_EQ(Update("gc_worker", 10, 100), (Answer{"gc_worker", 100, kStart + 10'000, 100, false}));
+  EXPECT_EQ(Update("b", 30, 150), (Answer{"b", 150, kStart + 30'000, 100, false}));
   EXPECT_EQ(Update(std::string("\xff\x00", 2), 60, 300).min_safe_point, 100u);
   pdpb::GetGcSafePointResponse gc = Gc();
   EXPECT_EQ(gc.safe_point, 100u);
@@ -99,12 +95,11 @@ TEST_F(SafePointTest, LowestLiveServiceAndExpiryNeverMoveItBack) {
   now_ = kStart + 60'000;  // everybody expired
   EXPECT_EQ(Gc(), (pdpb::GetGcSafePointResponse{150, {}}));
   // A newcomer below it, the expired service coming back low included, is refused.
-  EXPECT_EQ(Update("late", 10, 120), Answer("late", 0, 0, 150, true));
-  EXPECT_EQ(Update("gc_worker", 10, 100), Answer("gc_worker", 0, 0, 150, true));
-  EXPECT_EQ(Update("gc_worker", 10, 150), Answer("gc_worker", 150, kStart + 70'000, 150, false));
+  EXPECT_EQ(Update("gc_worker", 10, 100), (Answer{"gc_worker", 0, 0, 150, true}));
+  EXPECT_EQ(Update("gc_worker", 10, 150), (Answer{"gc_worker", 150, kStart + 70'000, 150, false}));
   // Removal of the only service leaves the GC safe point where it was.
   EXPECT_EQ(Update("gc_worker", 20, 400).min_safe_point, 400u);
-  EXPECT_EQ(Update("gc_worker", 0, 0), Answer("gc_worker", 0, 0, 400, false));
+  EXPECT_EQ(Update("gc_worker", 0, 0), (Answer{"gc_worker", 0, 0, 400, false}));
   EXPECT_EQ(Gc(), (pdpb::GetGcSafePointResponse{400, {}}));
 }
 
@@ -115,16 +110,16 @@ TEST_F(SafePointTest, RefusalsAnswerCurrentValuesAndChangeNothing) {
   Update("a", 100, 500);
   Update("b", 200, 700);
   const std::string a_before = Get(ServiceSafePointKey("a"));
-  EXPECT_EQ(Update("a", 100, 499), Answer("a", 500, kStart + 100'000, 500, true));
+  EXPECT_EQ(Update("a", 100, 499), (Answer{"a", 500, kStart + 100'000, 500, true}));
   EXPECT_EQ(Get(ServiceSafePointKey("a")), a_before);
-  EXPECT_EQ(Update("new", 100, 400), Answer("new", 0, 0, 500, true));
+  EXPECT_EQ(Update("new", 100, 400), (Answer{"new", 0, 0, 500, true}));
   EXPECT_EQ(Get(ServiceSafePointKey("new")), "<absent>");
 
   now_ = kStart + 1'000;
-  EXPECT_EQ(Update("a", 5, 500), Answer("a", 500, kStart + 6'000, 500, false));
-  EXPECT_EQ(Update("a", 100, 600), Answer("a", 600, kStart + 101'000, 600, false));
+  EXPECT_EQ(Update("a", 5, 500), (Answer{"a", 500, kStart + 6'000, 500, false}));
+  EXPECT_EQ(Update("a", 100, 600), (Answer{"a", 600, kStart + 101'000, 600, false}));
   now_ = kStart + 101'000;  // a expired: b's 700 holds it now
-  EXPECT_EQ(Update("b", 10, 650), Answer("b", 700, kStart + 200'000, 700, true));
+  EXPECT_EQ(Update("b", 10, 650), (Answer{"b", 700, kStart + 200'000, 700, true}));
   EXPECT_EQ(Get(kGcSafePointKey), Fixed64(700));
 
   // Bad service ids are the caller's error, not a refusal.
@@ -135,7 +130,7 @@ TEST_F(SafePointTest, RefusalsAnswerCurrentValuesAndChangeNothing) {
   for (const auto& [id, text] : bad) {
     UpdateServiceSafePointResponse untouched{"keep", 1, 2, 3, true};
     EXPECT_EQ(service_->UpdateServiceSafePoint({id, 10, 800}, &untouched).ToString(), text);
-    EXPECT_EQ(untouched, Answer("keep", 1, 2, 3, true));
+    EXPECT_EQ(untouched, (Answer{"keep", 1, 2, 3, true}));
   }
   EXPECT_FALSE(Update(std::string(256, 'x'), 10, 800).refused);
 }

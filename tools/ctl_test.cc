@@ -324,9 +324,6 @@ TEST_F(CtlTest, SafePointListSetAndRefusal) {
   EXPECT_EQ(all["safe_point"].get<uint64_t>(), uint64_t{1'700'000'000'000} << 18);
   ASSERT_EQ(all["services"].size(), 2u);
   EXPECT_EQ(all["services"][0]["service_id"], "backup\\x01");
-  json removed = CtlJson("safe-point", {"set", "gc_worker", "0", "0"});
-  EXPECT_EQ(removed["refused"], false);
-  EXPECT_EQ(removed["expires_ms"], 0);
   r = Ctl("safe-point", {"set", "", "1", "1"});
   EXPECT_EQ(ExitCode(r), 1);
   EXPECT_EQ(r.err, "remote: InvalidArgument: safe point: service id is empty\n");

@@ -102,15 +102,8 @@ TEST(SimSafePointsTest, ChecksCatchAServerBreakingItsPromises) {
   load.Tick(kStart);
   load.Tick(kStart + 1000);
   load.Tick(kStart + 2000);
-  SafePointFigures want;
-  want.updates = 2;
-  want.refused = 1;
-  want.reads = 2;
-  want.failed_calls = 2;
-  want.gc_safe_point = 60;
-  want.gc_advances = 2;
-  want.went_backwards = 1;
-  want.above_live_service = 1;
+  // 2 updates (1 refused), 2 reads, 2 failed, at 60 after 2 advances, 1 backwards, 1 above a service.
+  const SafePointFigures want{2, 1, 2, 2, 60, 2, 1, 1};
   EXPECT_EQ(load.figures(), want);
   EXPECT_EQ(load.Summary(),
             "safe points: 2 updates (1 refused), 2 reads, gc safe point 60, advanced 2 times, 1 backwards, 1 above a "
