@@ -999,8 +999,9 @@ TEST_F(HaTest, TakeoverAtScaleServesOnceTheLeaseRunsOut) {
 // Store heartbeats on the replicated server: what a store heartbeat and a
 // removal persist (labels, the removal) is in etcd and outlives a
 // takeover; the statistics are learned again from the stores by the new
-// leader, which counts every store silent only from its own start.
-TEST_F(HaTest, StoresAcrossATakeover) {
+// leader, which counts every store silent only from its own start. Service
+// safe points and the GC safe point are in etcd too.
+TEST_F(HaTest, StoresAndSafePointsAcrossATakeover) {
   testing::EtcdCluster etcd(dir_);
   ASSERT_TRUE(etcd.Start(1));
   testing::HaServers servers(KANDB_META_HA_BINARY, etcd.UrlList(), "stores", kLeaseMs);
@@ -1036,9 +1037,27 @@ TEST_F(HaTest, StoresAcrossATakeover) {
   ASSERT_TRUE(call("Pd.RemoveStore", pdpb::RemoveStoreRequest{1}, &removed).ok());
   EXPECT_EQ(removed.state, pdpb::kStoreTombstone);  // its bootstrap region has no peers
 
+  // Service safe points, with expiries far off: the new leader reads them
+  // and the GC safe point they give from etcd, and refuses what the old
+  // one would have.
+  pdpb::UpdateServiceSafePointResponse sp;
+  ASSERT_TRUE(call("Pd.UpdateServiceSafePoint", pdpb::UpdateServiceSafePointRequest{"backup", 3600, 500}, &sp).ok());
+  ASSERT_TRUE(call("Pd.UpdateServiceSafePoint", pdpb::UpdateServiceSafePointRequest{"gc_worker", 3600, 1000}, &sp).ok());
+  EXPECT_EQ(sp, (pdpb::UpdateServiceSafePointResponse{"gc_worker", 1000, sp.expires_ms, 500, false}));
+
   const int leader = servers.WaitLeader(&client, 10000);
   ASSERT_GE(leader, 0);
   servers.Kill(leader);
+  pdpb::GetGcSafePointResponse gc;
+  ASSERT_TRUE(call("Pd.GetGcSafePoint", pdpb::GetGcSafePointRequest{}, &gc).ok());
+  EXPECT_EQ(gc.safe_point, 500u);
+  ASSERT_EQ(gc.services.size(), 2u);
+  EXPECT_EQ(gc.services[0].service_id, "backup");
+  ASSERT_TRUE(call("Pd.UpdateServiceSafePoint", pdpb::UpdateServiceSafePointRequest{"backup", 3600, 400}, &sp).ok());
+  EXPECT_TRUE(sp.refused);
+  EXPECT_EQ(sp.safe_point, 500u);
+  ASSERT_TRUE(call("Pd.UpdateServiceSafePoint", pdpb::UpdateServiceSafePointRequest{"backup", 0, 0}, &sp).ok());
+  EXPECT_EQ(sp.min_safe_point, 1000u);
   ASSERT_TRUE(call("Pd.GetStore", pdpb::GetStoreRequest{7}, &got).ok());
   EXPECT_EQ(got.store.store.labels, hb.store.labels);
   EXPECT_EQ(got.store.store.address, hb.store.address);

@@ -21,6 +21,8 @@ class CAPABILITY("mutex") Mutex {
   Mutex& operator=(const Mutex&) = delete;
 
   void Lock() ACQUIRE() { mu_.lock(); }
+  // Takes the lock only when it is free; true when taken.
+  bool TryLock() TRY_ACQUIRE(true) { return mu_.try_lock(); }
   void Unlock() RELEASE() { mu_.unlock(); }
   // Tells the analysis that the caller holds the lock (no run-time check).
   void AssertHeld() ASSERT_CAPABILITY(this) {}

@@ -20,6 +20,7 @@
 #define REQUIRES(...) KANDB_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define REQUIRES_SHARED(...) KANDB_THREAD_ANNOTATION(requires_shared_capability(__VA_ARGS__))
 #define ACQUIRE(...) KANDB_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define TRY_ACQUIRE(...) KANDB_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define ACQUIRE_SHARED(...) KANDB_THREAD_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
 #define RELEASE(...) KANDB_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define RELEASE_SHARED(...) KANDB_THREAD_ANNOTATION(release_shared_capability(__VA_ARGS__))

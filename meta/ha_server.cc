@@ -507,6 +507,8 @@ void HaServer::RegisterTo(kanrpc::RpcServer* server) {
   // Region reads.
   Bind(server, "Pd.GetRegionById", &PdService::GetRegionById);
   Bind(server, "Pd.ScanRegions", &PdService::ScanRegions);
+  Bind(server, "Pd.UpdateServiceSafePoint", &PdService::UpdateServiceSafePoint);
+  Bind(server, "Pd.GetGcSafePoint", &PdService::GetGcSafePoint);
   // Every member answers with its own counters, leading or not. The store
   // lies on etcd, so the engine part is always absent; routing counts only
   // while a term's service exists.

@@ -110,7 +110,8 @@ class HaServer {
   HaServer& operator=(const HaServer&) = delete;
 
   // Registers the six methods, each dispatched to the current term's
-  // service, and "Pd.Stats", before the RPC server starts.
+  // service, the store and safe point methods likewise, and "Pd.Stats",
+  // before the RPC server starts.
   void RegisterTo(kanrpc::RpcServer* server);
   // Starts following the records and campaigning, each on a thread of its
   // own.

@@ -187,6 +187,46 @@ class PdService {
   // kScanRegionsDefaultLimit, capped at kScanRegionsMaxLimit.
   static uint32_t ScanLimit(uint32_t requested);
 
+  // ---- GC safe points (an extension, like the store methods: a cluster
+  // whose clients never call these is served exactly as without them).
+  //
+  // The GC safe point is the lowest safe point of the services whose time
+  // to live has not run out, and never moves backwards: every value
+  // answered is persisted first ("pd/gc/safe_point"), and the answer is
+  // the higher of that and the lowest live service's. With no live service
+  // it is the persisted value (0 when none was ever answered). Expiry is by
+  // the wall clock (Options::clock_ms), against an absolute time persisted
+  // with the entry, so it holds across restarts and a replicated server's
+  // takeover.
+
+  // Upper bounds: a longer service id, or a new service beyond that many
+  // entries, is InvalidArgument; the listing of every entry stays one read.
+  static constexpr size_t kMaxServiceIdSize = 256;
+  static constexpr uint32_t kMaxServiceSafePoints = 10000;
+
+  // Sets the service's safe point until ttl_s seconds from now, or with
+  // ttl_s 0 removes its entry, answering the entry and the GC safe point
+  // after the call. An update below the service's live safe point or below
+  // the GC safe point is refused: answered OK with `refused` set and the
+  // current values, writing no entry. The same safe point again only moves
+  // the expiry. Entries that have expired are deleted in the same batch.
+  // InvalidArgument for an empty or too long service id.
+  Status UpdateServiceSafePoint(const pdpb::UpdateServiceSafePointRequest& req,
+                                pdpb::UpdateServiceSafePointResponse* resp) EXCLUDES(safe_point_mutex_);
+  // The GC safe point and the live services' entries in service id order.
+  // Persists the GC safe point first when it moved up since last persisted
+  // (a service expired), and fails when that write fails.
+  Status GetGcSafePoint(const pdpb::GetGcSafePointRequest& req, pdpb::GetGcSafePointResponse* resp)
+      EXCLUDES(safe_point_mutex_);
+  // Where a safe point call is when it calls the test hook.
+  enum class SafePointStep {
+    kLockBusy,  // another call holds the lock: this one waits for it next
+    kRead,      // the entries are read, under the lock; nothing written yet
+  };
+  // Called at each SafePointStep, so that a test can run another call in the
+  // window. Set before the service is shared.
+  void SetSafePointHookForTesting(std::function<void(SafePointStep)> hook) { safe_point_hook_ = std::move(hook); }
+
   // The replicated server's timestamp ceiling. `admit` is consulted under
   // tso_mutex_ with the physical part of each batch before the batch is
   // answered, and fails the batch when no ceiling above that part could be persisted;
@@ -209,6 +249,8 @@ class PdService {
   // ("Pd.StoreHeartbeat", "Pd.GetStore", "Pd.GetAllStores",
   // "Pd.RemoveStore") and the region reads ("Pd.GetRegionById",
   // "Pd.ScanRegions"). The service must outlive the server's
+  // "Pd.RemoveStore") and the safe point methods
+  // ("Pd.UpdateServiceSafePoint", "Pd.GetGcSafePoint"). The service must outlive the server's
   // use of them. For a store on the embedded engine, whose reads never wait
   // on the network: timestamps (without a ceiling) and routing by the index
   // are answered on the server's event loops, upserts when
@@ -245,6 +287,10 @@ class PdService {
   // The answer to a scan: each region with its leader, the marks read
   // under one hold of heartbeat_mutex_.
   void PresentScan(std::vector<pdpb::Region> regions, pdpb::ScanRegionsResponse* resp) EXCLUDES(heartbeat_mutex_);
+  // The persisted GC safe point and every service entry; see safe_points.cc.
+  struct SafePoints;
+  Status ReadSafePoints(uint64_t now_ms, SafePoints* out) REQUIRES(safe_point_mutex_);
+
   // Makes an Offline store Tombstone when the records place no replica on
   // it and no add is on its way to it; *state is then Tombstone.
   Status FinishRemoval(uint64_t store_id, uint8_t* state) EXCLUDES(store_record_mutex_);
@@ -285,6 +331,18 @@ class PdService {
   // read of every store.
   Mutex store_record_mutex_;
   std::function<void()> store_record_hook_;  // tests only; set before serving
+
+  // Serialises the safe point calls, each a read of every entry and the
+  // GC safe point and then one write batch: held across both, so that no
+  // call decides on entries another changes before it writes. Without it,
+  // two updates read the same state and both pass their checks: a lower one
+  // of a service lands after a higher one and moves it back, or a new
+  // service is accepted below the GC safe point another just answered.
+  // Taken only on worker threads, never by an event loop, so it may be held
+  // across the write. It guards no member: what it serialises lives in the
+  // store.
+  Mutex safe_point_mutex_;
+  std::function<void(SafePointStep)> safe_point_hook_;  // tests only; set before serving
 
   // Serialises timestamp batches only.
   Mutex tso_mutex_;

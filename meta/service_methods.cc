@@ -80,6 +80,17 @@ void PdService::RegisterTo(kanrpc::RpcServer* server) {
       "Pd.ScanRegions", [this](const pdpb::ScanRegionsRequest& req, pdpb::ScanRegionsResponse* resp) {
         return ScanRegions(req, resp);
       });
+  // GC safe points: each call reads every service entry and may write, all
+  // under a lock of its own, so they run on workers.
+  server->Register<pdpb::UpdateServiceSafePointRequest, pdpb::UpdateServiceSafePointResponse>(
+      "Pd.UpdateServiceSafePoint",
+      [this](const pdpb::UpdateServiceSafePointRequest& req, pdpb::UpdateServiceSafePointResponse* resp) {
+        return UpdateServiceSafePoint(req, resp);
+      });
+  server->Register<pdpb::GetGcSafePointRequest, pdpb::GetGcSafePointResponse>(
+      "Pd.GetGcSafePoint", [this](const pdpb::GetGcSafePointRequest& req, pdpb::GetGcSafePointResponse* resp) {
+        return GetGcSafePoint(req, resp);
+      });
   // Read-only and answered from counters and the copy of the store
   // records, taking only the scheduler's lock for in-memory work, so that
   // calling it every second costs the six methods nothing.

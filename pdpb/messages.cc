@@ -41,6 +41,11 @@ KANDB_PDPB_DEFINE_CODEC(GetRegionByIdRequest)
 KANDB_PDPB_DEFINE_CODEC(ScanRegionsRequest)
 KANDB_PDPB_DEFINE_CODEC(ScannedRegion)
 KANDB_PDPB_DEFINE_CODEC(ScanRegionsResponse)
+KANDB_PDPB_DEFINE_CODEC(ServiceSafePoint)
+KANDB_PDPB_DEFINE_CODEC(UpdateServiceSafePointRequest)
+KANDB_PDPB_DEFINE_CODEC(UpdateServiceSafePointResponse)
+KANDB_PDPB_DEFINE_CODEC(GetGcSafePointRequest)
+KANDB_PDPB_DEFINE_CODEC(GetGcSafePointResponse)
 
 // ---- Region bounds, in place ----
 

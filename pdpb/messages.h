@@ -339,6 +339,66 @@ struct ScanRegionsResponse {
   bool operator==(const ScanRegionsResponse&) const = default;
 };
 KANDB_PDPB_FIELDS(ScanRegionsResponse, RepeatedMessage(1, &ScanRegionsResponse::regions))
+// ---- GC safe points: an extension of the protocol. Each service that reads
+// old versions (a GC worker, a backup, a change feed) holds the GC safe
+// point back with a safe point of its own that lives for a time; a cluster
+// whose clients never call these is served exactly as without them.
+
+// One service's safe point, as persisted under its key and as listed.
+struct ServiceSafePoint {
+  std::string service_id;
+  uint64_t safe_point = 0;  // a timestamp
+  uint64_t expires_ms = 0;  // wall-clock ms at which it stops counting
+  bool operator==(const ServiceSafePoint&) const = default;
+};
+KANDB_PDPB_FIELDS(ServiceSafePoint, Bytes(1, &ServiceSafePoint::service_id),
+                  U64(2, &ServiceSafePoint::safe_point), U64(3, &ServiceSafePoint::expires_ms))
+
+// "Pd.UpdateServiceSafePoint": sets the service's safe point for `ttl_s`
+// seconds from now; ttl_s 0 removes the service's entry.
+struct UpdateServiceSafePointRequest {
+  std::string service_id;
+  uint64_t ttl_s = 0;
+  uint64_t safe_point = 0;
+  bool operator==(const UpdateServiceSafePointRequest&) const = default;
+};
+KANDB_PDPB_FIELDS(UpdateServiceSafePointRequest, Bytes(1, &UpdateServiceSafePointRequest::service_id),
+                  U64(2, &UpdateServiceSafePointRequest::ttl_s),
+                  U64(3, &UpdateServiceSafePointRequest::safe_point))
+
+// The service's entry after the call (0 and 0 when it has none) and the GC
+// safe point then. A refused update changed nothing of the entry.
+struct UpdateServiceSafePointResponse {
+  std::string service_id;
+  uint64_t safe_point = 0;
+  uint64_t expires_ms = 0;
+  uint64_t min_safe_point = 0;
+  bool refused = false;
+  bool operator==(const UpdateServiceSafePointResponse&) const = default;
+};
+KANDB_PDPB_FIELDS(UpdateServiceSafePointResponse, Bytes(1, &UpdateServiceSafePointResponse::service_id),
+                  U64(2, &UpdateServiceSafePointResponse::safe_point),
+                  U64(3, &UpdateServiceSafePointResponse::expires_ms),
+                  U64(4, &UpdateServiceSafePointResponse::min_safe_point),
+                  Bool(5, &UpdateServiceSafePointResponse::refused))
+
+// "Pd.GetGcSafePoint": an empty request.
+struct GetGcSafePointRequest {
+  bool operator==(const GetGcSafePointRequest&) const = default;
+};
+constexpr auto FieldsOf(const GetGcSafePointRequest*) { return std::tuple<>(); }
+void EncodeTo(const GetGcSafePointRequest& m, std::string* out);
+std::string Encode(const GetGcSafePointRequest& m);
+bool Decode(size_t size, const char* data, GetGcSafePointRequest* out);
+size_t EncodedSize(const GetGcSafePointRequest& m);
+
+struct GetGcSafePointResponse {
+  uint64_t safe_point = 0;                 // the GC safe point
+  std::vector<ServiceSafePoint> services;  // the live ones, in service id order
+  bool operator==(const GetGcSafePointResponse&) const = default;
+};
+KANDB_PDPB_FIELDS(GetGcSafePointResponse, U64(1, &GetGcSafePointResponse::safe_point),
+                  RepeatedMessage(2, &GetGcSafePointResponse::services))
 
 // The key range of an encoded Region, read in place without building the
 // record: true exactly when Decode(Region) succeeds on the same bytes, and

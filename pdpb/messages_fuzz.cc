@@ -74,6 +74,9 @@ constexpr Checker kCheckers[] = {
     // Region reads.
     CheckMessage<GetRegionByIdRequest>, CheckMessage<ScanRegionsRequest>,
     CheckMessage<ScanRegionsResponse>,
+    CheckMessage<ServiceSafePoint>,     CheckMessage<UpdateServiceSafePointRequest>,
+    CheckMessage<UpdateServiceSafePointResponse>, CheckMessage<GetGcSafePointRequest>,
+    CheckMessage<GetGcSafePointResponse>,
 };
 constexpr size_t kTypes = sizeof(kCheckers) / sizeof(kCheckers[0]);
 

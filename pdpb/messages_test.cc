@@ -124,6 +124,10 @@ std::vector<Codec> AllCodecs() {
       MakeCodec("ScanRegionsRequest", ScanRegionsRequest{kBinary, "\xff", 0xffffffffu}),
       MakeCodec("ScanRegionsResponse",
                 ScanRegionsResponse{{ScannedRegion{SampleRegion(4, 2), Peer{41, kMax, 1}}, ScannedRegion{}}}),
+      MakeCodec("UpdateServiceSafePointRequest", UpdateServiceSafePointRequest{kBinary, kMax, 1}),
+      MakeCodec("UpdateServiceSafePointResponse", UpdateServiceSafePointResponse{kBinary, 2, kMax, 3, true}),
+      MakeCodec("GetGcSafePointResponse",
+                GetGcSafePointResponse{kMax, {ServiceSafePoint{kBinary, 1, 2}, ServiceSafePoint{}}}),
   };
 }
 
@@ -188,6 +192,19 @@ TEST(MessagesTest, RegionReadLayouts) {
   EXPECT_EQ(Encode(ScanRegionsResponse{}), "");
   EXPECT_EQ(Encode(ScanRegionsResponse{{entry, entry}}),
             Bytes({1, 0, 114, 0, 0, 0}) + entry_bytes + Bytes({1, 0, 114, 0, 0, 0}) + entry_bytes);
+}
+
+// GC safe points: the service id first, then 8-byte integers, the refusal
+// as one byte; an entry is persisted in exactly its wire encoding.
+TEST(MessagesTest, SafePointByteLayouts) {
+  const std::string entry = Bytes({1, 0, 2, 0, 0, 0}) + "gc" + U64(2, 7) + U64(3, 9);
+  EXPECT_EQ(Encode(ServiceSafePoint{"gc", 7, 9}), entry);
+  EXPECT_EQ(Encode(UpdateServiceSafePointRequest{"gc", 60, 7}), Bytes({1, 0, 2, 0, 0, 0}) + "gc" + U64(2, 60) + U64(3, 7));
+  EXPECT_EQ(Encode(UpdateServiceSafePointResponse{"gc", 7, 9, 5, true}),
+            Bytes({1, 0, 2, 0, 0, 0}) + "gc" + U64(2, 7) + U64(3, 9) + U64(4, 5) + Bytes({5, 0, 1, 0, 0, 0, 1}));
+  EXPECT_EQ(Encode(GetGcSafePointRequest{}), "");
+  EXPECT_EQ(Encode(GetGcSafePointResponse{5, {ServiceSafePoint{"gc", 7, 9}}}),
+            U64(1, 5) + Bytes({2, 0, static_cast<int>(entry.size()), 0, 0, 0}) + entry);
 }
 
 // The fields that stores sending store heartbeats add to their record are

@@ -31,6 +31,7 @@
 #include "tools/tls_options.h"
 #include "tools/describe.h"
 #include "tools/json_messages.h"
+#include "tools/safe_point_view.h"
 #include "tools/stats_view.h"
 #include "tools/store_view.h"
 #include "tools/text.h"
@@ -646,6 +647,55 @@ int RunStore(const std::vector<std::string>& args) {
   return kExitOk;
 }
 
+int RunSafePoint(const std::vector<std::string>& args) {
+  const std::string command = CommandName("safe-point");
+  Common c;
+  std::vector<std::string> words;
+  CommandLine cl(command,
+                 "Shows the GC safe point and the safe point and expiry of every service that holds it "
+                 "back (Pd.GetGcSafePoint), or sets one service's safe point (Pd.UpdateServiceSafePoint).");
+  cl.SetPositional("ARGS", &words, 0, 4, "set SERVICE TTL_S SAFE_POINT");
+  cl.SetSynopsis("[set SERVICE TTL_S SAFE_POINT]");
+  AddCommon(&cl, &c, false);
+  cl.SetEpilogue(
+      "  safe-point      the GC safe point, then one line per service that holds it back\n"
+      "  safe-point set SERVICE TTL_S SAFE_POINT\n"
+      "                  holds the GC safe point at SAFE_POINT (a timestamp) for SERVICE (escaped)\n"
+      "                  for TTL_S seconds; TTL_S 0 removes SERVICE's entry\n"
+      "The GC safe point is the lowest safe point of the services whose time to live has not run\n"
+      "out, and never moves backwards. An update below the service's safe point or below the GC\n"
+      "safe point is refused: the current values are printed after \"refused\", with exit status 0.\n");
+  if (int rc = cl.Parse(args, stdout, stderr); rc >= 0) return rc;
+  const uint64_t now_ms = NowMillis();
+  if (words.empty()) {
+    pdpb::GetGcSafePointResponse response;
+    if (int rc = CallServer(c, "Pd.GetGcSafePoint", pdpb::GetGcSafePointRequest{}, &response); rc >= 0) return rc;
+    if (c.json) {
+      PrintJson(ToJson(response));
+    } else {
+      std::fputs(GcSafePointPage(response, now_ms).c_str(), stdout);
+    }
+    return kExitOk;
+  }
+  if (words[0] != "set") return UsageError(command, "unexpected argument '" + words[0] + "'");
+  if (words.size() != 4) return UsageError(command, "set needs SERVICE TTL_S SAFE_POINT");
+  pdpb::UpdateServiceSafePointRequest request;
+  Status s = UnescapeBytes(words[1], &request.service_id);
+  if (!s.ok()) return UsageError(command, "SERVICE: " + s.message());
+  s = ParseUint(words[2], UINT64_MAX, &request.ttl_s);
+  if (!s.ok()) return UsageError(command, "TTL_S: " + s.message());
+  s = ParseUint(words[3], UINT64_MAX, &request.safe_point);
+  if (!s.ok()) return UsageError(command, "SAFE_POINT: " + s.message());
+  pdpb::UpdateServiceSafePointResponse response;
+  if (int rc = CallServer(c, "Pd.UpdateServiceSafePoint", request, &response); rc >= 0) return rc;
+  if (c.json) {
+    PrintJson(ToJson(response));
+  } else {
+    std::fputs(ServiceUpdateText(response, now_ms).c_str(), stdout);
+  }
+  return kExitOk;
+}
+
 // Set by SIGINT while `stats --watch` runs.
 volatile std::sig_atomic_t interrupted = 0;
 
@@ -754,6 +804,7 @@ const Subcommand kSubcommands[] = {
     // Region reads.
     {"region", "show the region with an id (--id N), its leader and stores", RunRegion},
     {"regions", "list the regions of a key range in key order, with their leaders", RunRegions},
+    {"safe-point", "show the GC safe point and the services' (or set one)", RunSafePoint},
 };
 
 std::string TopUsage() {

@@ -310,6 +310,43 @@ TEST_F(CtlTest, StoresListShowAndRemove) {
   EXPECT_EQ(r.err, "remote: NotFound: store 9 not found\n");
 }
 
+// GC safe points through the tool: none at first; two services listed in
+// id order with the lower one as the GC safe point; a lower update refused
+// with the current values and exit status 0; JSON with escaped ids.
+TEST_F(CtlTest, SafePointListSetAndRefusal) {
+  ProgramResult r = Ctl("safe-point", {});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(r.out, "gc safe point 0\nno service holds it back\n");
+  const std::string ts = std::to_string(uint64_t{1'700'000'000'000} << 18);  // 2023-11-14T22:13:20.000Z
+  r = Ctl("safe-point", {"set", "gc_worker", "600", ts});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(r.out.rfind("service \"gc_worker\" safe point " + ts + " (2023-11-14T22:13:20.000Z) expires in ", 0), 0u)
+      << r.out;
+  EXPECT_NE(r.out.find("\ngc safe point " + ts + " (2023-11-14T22:13:20.000Z)\n"), std::string::npos) << r.out;
+  ASSERT_EQ(ExitCode(Ctl("safe-point", {"set", "backup\\x01", "3600", "12345678901234567890"})), 0);
+
+  r = Ctl("safe-point", {"set", "gc_worker", "600", "100"});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(r.out.rfind("refused: below the service's safe point or the gc safe point\nservice \"gc_worker\" safe point " + ts, 0),
+            0u)
+      << r.out;
+  r = Ctl("safe-point", {});
+  ASSERT_EQ(ExitCode(r), 0) << r.err;
+  EXPECT_EQ(r.out.rfind("gc safe point " + ts + " (2023-11-14T22:13:20.000Z)\nservice \"backup\\x01\" safe point "
+                        "12345678901234567890 (",
+                        0),
+            0u)
+      << r.out;
+  EXPECT_NE(r.out.find("\nservice \"gc_worker\" safe point " + ts), std::string::npos) << r.out;
+  json all = CtlJson("safe-point", {});
+  EXPECT_EQ(all["safe_point"].get<uint64_t>(), uint64_t{1'700'000'000'000} << 18);
+  ASSERT_EQ(all["services"].size(), 2u);
+  EXPECT_EQ(all["services"][0]["service_id"], "backup\\x01");
+  r = Ctl("safe-point", {"set", "", "1", "1"});
+  EXPECT_EQ(ExitCode(r), 1);
+  EXPECT_EQ(r.err, "remote: InvalidArgument: safe point: service id is empty\n");
+}
+
 TEST_F(CtlTest, BadCommandLinesAndDocumentsExitTwoWithoutCallingTheServer) {
   WriteFileOrDie(dir_ + "/bad.json", R"({"regions": [{"id": 1, "peers": [{"store": 1}]}]})");
   WriteFileOrDie(dir_ + "/broken.json", R"({"regions": [)");
@@ -344,6 +381,9 @@ TEST_F(CtlTest, BadCommandLinesAndDocumentsExitTwoWithoutCallingTheServer) {
       {{"regions", "--start", "a\\qb"}, "kandb-meta-ctl regions: --start: bad escape at offset 1\n"},
       {{"regions", "--limit", "4294967296"},
        "kandb-meta-ctl regions: --limit: out of range (max 4294967295): '4294967296'\n"},
+      {{"safe-point", "get"}, "kandb-meta-ctl safe-point: unexpected argument 'get'\n"},
+      {{"safe-point", "set", "gc", "60"}, "kandb-meta-ctl safe-point: set needs SERVICE TTL_S SAFE_POINT\n"},
+      {{"safe-point", "set", "gc", "60", "-1"}, "kandb-meta-ctl safe-point: SAFE_POINT: not a number: '-1'\n"},
   };
   for (const auto& [args, message] : cases) {
     ProgramResult r = Ctl(args[0], std::vector<std::string>(args.begin() + 1, args.end()));
@@ -383,7 +423,7 @@ TEST_F(CtlTest, BadCommandLinesAndDocumentsExitTwoWithoutCallingTheServer) {
 TEST(CtlHelpTest, EverySubcommandHasHelp) {
   for (const char* sub :
        {"tso", "alloc-id", "bootstrap", "get-region", "upsert-region", "heartbeat", "stores", "store", "stats",
-        "region", "regions"}) {
+        "region", "regions", "safe-point"}) {
     ProgramResult help = RunProgram({KANDB_META_CTL_BINARY, sub, "--help"});
     EXPECT_EQ(ExitCode(help), 0) << sub;
     EXPECT_EQ(help.out.rfind(std::string("usage: kandb-meta-ctl ") + sub + " [options]", 0), 0u) << help.out;

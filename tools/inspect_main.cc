@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -35,6 +36,7 @@
 #include "pdpb/messages.h"
 #include "tools/command_line.h"
 #include "tools/describe.h"
+#include "tools/safe_point_view.h"
 #include "tools/text.h"
 
 namespace kandb::tools {
@@ -424,6 +426,20 @@ std::string DescribeRecord(const std::string& key, const std::string& value, std
     std::string text = DescribeRegion(region, false);
     if (meta::RegionKey(region.id) != key) text += "  (id does not match the key)";
     for (const pdpb::Peer& peer : region.peers) text += "\n      " + DescribePeer(peer);
+    return text;
+  }
+  if (key == meta::kGcSafePointKey) {
+    if (value.size() != 8) return bad("gc safe point is not 8 bytes");
+    return "gc safe point " + SafePointText(DecodeFixed64(value.data())) + " (never answered lower)";
+  }
+  if (StartsWith(key, meta::kServiceSafePointPrefix)) {
+    pdpb::ServiceSafePoint entry;
+    if (!pdpb::Decode(value.size(), value.data(), &entry)) return bad("service safe point does not decode");
+    // Expiry against this machine's clock: what the server would count now.
+    const auto now_ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::system_clock::now().time_since_epoch());
+    std::string text = ServiceSafePointLine(entry, static_cast<uint64_t>(now_ms.count()));
+    if (meta::ServiceSafePointKey(entry.service_id) != key) text += "  (service id does not match the key)";
     return text;
   }
   return "unknown key, value " + Quote(value);

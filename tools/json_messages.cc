@@ -410,6 +410,26 @@ json ToJson(const pdpb::RemoveStoreResponse& response) {
   return json{{"state", Named(response.state, StoreStateName(response.state))}};
 }
 
+json ToJson(const pdpb::ServiceSafePoint& entry) {
+  return json{{"service_id", EscapeBytes(entry.service_id)},
+              {"safe_point", entry.safe_point},
+              {"expires_ms", entry.expires_ms}};
+}
+
+json ToJson(const pdpb::UpdateServiceSafePointResponse& response) {
+  return json{{"service_id", EscapeBytes(response.service_id)},
+              {"safe_point", response.safe_point},
+              {"expires_ms", response.expires_ms},
+              {"min_safe_point", response.min_safe_point},
+              {"refused", response.refused}};
+}
+
+json ToJson(const pdpb::GetGcSafePointResponse& response) {
+  json services = json::array();
+  for (const pdpb::ServiceSafePoint& entry : response.services) services.push_back(ToJson(entry));
+  return json{{"safe_point", response.safe_point}, {"services", services}};
+}
+
 json ToJson(const pdpb::LatencyHistogram& histogram) {
   return json{{"bounds_micros", UintArray(histogram.bounds_micros)},
               {"counts", UintArray(histogram.counts)},

@@ -44,6 +44,9 @@ nlohmann::json ToJson(const pdpb::GetAllStoresResponse& response);
 nlohmann::json ToJson(const pdpb::RemoveStoreResponse& response);
 // Region reads.
 nlohmann::json ToJson(const pdpb::ScanRegionsResponse& response);
+nlohmann::json ToJson(const pdpb::ServiceSafePoint& entry);
+nlohmann::json ToJson(const pdpb::UpdateServiceSafePointResponse& response);
+nlohmann::json ToJson(const pdpb::GetGcSafePointResponse& response);
 // The live statistics; "engine" is left out when has_engine is false.
 // last_fault is escaped like every byte string.
 nlohmann::json ToJson(const pdpb::StatsResponse& response);
