@@ -656,7 +656,7 @@ nlohmann::json SummaryJson(const SimSummary& s) {
   }
   nlohmann::json commands = nlohmann::json::object();
   for (int k = 0; k < 6; ++k) commands[kKindNames[k]] = s.commands[k];
-  return nlohmann::json{
+  nlohmann::json out{
       {"regions", s.regions},
       {"stores_serving", s.stores_serving},
       {"elapsed_ms", s.elapsed_ms},
@@ -685,6 +685,14 @@ nlohmann::json SummaryJson(const SimSummary& s) {
       {"rpc_errors", s.rpc_errors},
       {"last_rpc_error", s.last_rpc_error},
   };
+  if (s.safe_points) {
+    const SafePointFigures& f = s.safe_point_figures;
+    out["safe_points"] = {{"updates", f.updates},           {"refused", f.refused},
+                          {"reads", f.reads},               {"failed_calls", f.failed_calls},
+                          {"gc_safe_point", f.gc_safe_point}, {"gc_advances", f.gc_advances},
+                          {"went_backwards", f.went_backwards}, {"above_live_service", f.above_live_service}};
+  }
+  return out;
 }
 
 std::string SummaryText(const SimSummary& s) {
@@ -726,13 +734,26 @@ std::string SummaryText(const SimSummary& s) {
   add("placed on dead stores", std::to_string(s.placed_on_dead));
   add("members told to destroy", std::to_string(s.destroyed_members));
   add("failed calls", std::to_string(s.rpc_errors) + (s.rpc_errors > 0 ? " (last: " + s.last_rpc_error + ")" : ""));
+  if (s.safe_points) out += s.safe_point_summary + "\n";
   return out;
 }
 
 // ---- Simulation
 
 Simulation::Simulation(SimOptions options, std::vector<SimEvent> events, kanrpc::RpcClient* client)
-    : options_(options), events_(std::move(events)), client_(client), model_(std::move(options)) {}
+    : options_(options), events_(std::move(events)), client_(client), model_(std::move(options)) {
+  if (options_.safe_point_services > 0) {
+    SafePointOptions sp;
+    sp.services = options_.safe_point_services;
+    sp.ttl_s = options_.safe_point_ttl_s;
+    // One service falls silent for three times its time to live.
+    sp.silent_until_ms = sp.silent_from_ms + 3 * static_cast<int64_t>(sp.ttl_s) * 1000;
+    safe_points_ = std::make_unique<SafePointLoad>(
+        sp, [client](const std::string& method, const std::string& request, std::string* response) {
+          return client->CallRaw(method, request, response);
+        });
+  }
+}
 
 int64_t Simulation::Now() const { return (SteadyNs() - start_ns_) / 1000000; }
 
@@ -949,6 +970,8 @@ Status Simulation::Run(int64_t duration_ms, int64_t grace_ms, int64_t progress_m
     RefillPeerIds();
     FlushRegions();
     if (now >= next_store_hb_) SendStoreHeartbeats(now);
+    // Safe points are timestamps of the wall clock, as real services hold.
+    if (safe_points_) safe_points_->Tick(WallNs() / 1000000);
     if (now >= next_region_hb) {
       SendRegionHeartbeats(now);
       model_.Advance(Now());
@@ -1006,6 +1029,11 @@ SimSummary Simulation::Summary() const {
   s.settle_ms = settled_at_ < 0 ? -1 : std::max<int64_t>(0, settled_at_ - s.last_event_ms);
   s.rpc_errors = rpc_errors_;
   s.last_rpc_error = last_error_;
+  if (safe_points_) {
+    s.safe_points = true;
+    s.safe_point_figures = safe_points_->figures();
+    s.safe_point_summary = safe_points_->Summary();
+  }
   return s;
 }
 

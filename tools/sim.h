@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <random>
 #include <string>
 #include <string_view>
@@ -31,6 +32,7 @@
 #include "common/status.h"
 #include "pdpb/messages.h"
 #include "rpc/client.h"
+#include "tools/sim_safe_points.h"
 
 namespace kandb::tools::sim {
 
@@ -50,6 +52,10 @@ struct SimOptions {
   uint64_t seed = 1;
   // Leader entries per region heartbeat, and non-led region ids per call.
   size_t heartbeat_chunk = 5000;
+  // Services holding the GC safe point back beside the stores (0: none),
+  // and the time to live of their safe points.
+  uint64_t safe_point_services = 0;
+  uint64_t safe_point_ttl_s = 10;
 };
 
 // A scripted event of a run: at `at_ms` after setup, kill store `arg` (its
@@ -127,6 +133,9 @@ struct SimSummary {
   uint64_t rpc_errors = 0;
   std::string last_rpc_error;
   Tally tally;
+  bool safe_points = false;  // services ran beside the stores
+  SafePointFigures safe_point_figures;
+  std::string safe_point_summary;
 };
 
 nlohmann::json SummaryJson(const SimSummary& s);
@@ -316,6 +325,7 @@ class Simulation {
   std::vector<SimEvent> events_;
   kanrpc::RpcClient* const client_;
   ClusterModel model_;
+  std::unique_ptr<SafePointLoad> safe_points_;  // null without services
   int64_t start_ns_ = 0;
   int64_t next_store_hb_ = 0;
   int64_t last_round_ms_ = 0;

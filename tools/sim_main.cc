@@ -52,6 +52,8 @@ int Main(int argc, char** argv) {
   cl.AddUint("progress-ms", &progress_ms, 3600000, "interval of the progress lines, 0 for none (default 5000)");
   cl.AddUint("timeout-ms", &timeout_ms, INT32_MAX, "time-out of every wait for the server, in milliseconds (default 60000)");
   cl.AddUint("seed", &options.seed, UINT64_MAX, "seed of the elections' choices (default 1)");
+  cl.AddUint("safe-point-services", &options.safe_point_services, 1000, "services updating GC safe points beside the stores, one of them falling silent past its time to live (default 0)");
+  cl.AddUint("safe-point-ttl-s", &options.safe_point_ttl_s, 86400, "time to live of their safe points, in seconds (default 10)");
   cl.AddSwitch("json", &json, "print the summary as JSON");
   cl.SetEpilogue(
       "Events: kill:N kills store N (creation order, from 0), add:N adds N empty stores,\n"
