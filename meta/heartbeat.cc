@@ -85,6 +85,19 @@ Status PdService::LoadStores(std::shared_ptr<const std::vector<pdpb::Store>>* st
   return Status::OK();
 }
 
+void PdService::StaleByReads(const pdpb::RegionHeartbeatRequest& req, std::vector<ScheduleCommand>* commands) {
+  for (uint64_t region_id : req.region_ids) {
+    std::string value;
+    bool found = false;
+    if (!store_->Get(RegionKey(region_id), &value, &found).ok() || !found) continue;
+    pdpb::Region region;
+    if (!pdpb::Decode(value.size(), value.data(), &region)) continue;
+    const bool listed = std::any_of(region.peers.begin(), region.peers.end(),
+                                    [&](const pdpb::Peer& p) { return p.store_id == req.store_id; });
+    if (!listed) commands->push_back(Command(pdpb::kDestroyStaleReplica, region_id, req.store_id));
+  }
+}
+
 Status PdService::RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
                                   pdpb::RegionHeartbeatResponse* resp) {
   // A store list that cannot be read fails the heartbeat rather than
@@ -139,15 +152,16 @@ Status PdService::RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
   // record that is absent, unreadable or undecodable gives no command: the
   // region may be newer than its record (a split not yet reported), and
   // destroying a replica on missing knowledge could lose the only copy.
-  for (uint64_t region_id : req.region_ids) {
-    std::string value;
-    bool found = false;
-    if (!store_->Get(RegionKey(region_id), &value, &found).ok() || !found) continue;
-    pdpb::Region region;
-    if (!pdpb::Decode(value.size(), value.data(), &region)) continue;
-    const bool listed = std::any_of(region.peers.begin(), region.peers.end(),
-                                    [&](const pdpb::Peer& p) { return p.store_id == req.store_id; });
-    if (!listed) commands.push_back(Command(pdpb::kDestroyStaleReplica, region_id, req.store_id));
+  // Told by the routing index when it stands for the records: a read per
+  // region costs the replicated server a round trip to etcd each, and a
+  // store reports every region it follows.
+  std::vector<bool> stale;
+  if (router_ != nullptr && !req.region_ids.empty() && router_->StaleReplicas(req.store_id, req.region_ids, &stale)) {
+    for (size_t i = 0; i < req.region_ids.size(); i++) {
+      if (stale[i]) commands.push_back(Command(pdpb::kDestroyStaleReplica, req.region_ids[i], req.store_id));
+    }
+  } else {
+    StaleByReads(req, &commands);
   }
 
   // Leader balancing: from the regions' last reporters the designed way;

@@ -267,6 +267,9 @@ class PdService {
   // Persists `mark` as the identifier high-water mark.
   Status WriteIdMark(uint64_t mark) REQUIRES(id_mutex_);
 
+  // The stale-replica commands of a heartbeat from a read of each region's
+  // record (appended to *commands), where the routing index cannot tell.
+  void StaleByReads(const pdpb::RegionHeartbeatRequest& req, std::vector<pdpb::ScheduleCommand>* commands);
   // Records the reporter as the last reporter of each entry's region and,
   // with `balance`, appends the leadership transfers chosen from those
   // records to *resp.

@@ -299,4 +299,20 @@ bool RegionIndex::FindRegion(uint64_t region_id, std::optional<uint64_t> leader_
   return true;
 }
 
+bool RegionIndex::StaleReplicas(uint64_t store_id, const std::vector<uint64_t>& region_ids,
+                                std::vector<bool>* stale) const {
+  ReaderLock lock(&mu_);
+  if (!load_status_.ok()) return false;
+  stale->assign(region_ids.size(), false);
+  for (size_t i = 0; i < region_ids.size(); i++) {
+    auto it = regions_.find(RegionKey(region_ids[i]));
+    if (it == regions_.end() || !it->second.decodes) continue;
+    pdpb::Region region;  // decoding appends to the lists of the one given
+    if (!pdpb::Decode(it->second.value.size(), it->second.value.data(), &region)) continue;
+    (*stale)[i] = std::none_of(region.peers.begin(), region.peers.end(),
+                               [store_id](const pdpb::Peer& p) { return p.store_id == store_id; });
+  }
+  return true;
+}
+
 }  // namespace kandb::meta

@@ -96,6 +96,18 @@ class RegionRouter {
     (void)status;
     return false;
   }
+  // The stale-replica check of a region heartbeat from `store_id`: for
+  // each of `region_ids`, whether a record of that region decodes and
+  // places no replica on the store (an absent or undecodable record is no
+  // evidence). True with (*stale)[i] set when the copy stands for the
+  // records; false when the caller must read them, one by one.
+  virtual bool StaleReplicas(uint64_t store_id, const std::vector<uint64_t>& region_ids,
+                             std::vector<bool>* stale) const {
+    (void)store_id;
+    (void)region_ids;
+    (void)stale;
+    return false;
+  }
 };
 
 class RegionIndex final : public RegionRouter {
@@ -134,6 +146,8 @@ class RegionIndex final : public RegionRouter {
             Status* status) const override EXCLUDES(mu_);
   bool FindRegion(uint64_t region_id, std::optional<uint64_t> leader_store, pdpb::GetRegionResponse* resp,
                   Status* status) const override EXCLUDES(mu_);
+  bool StaleReplicas(uint64_t store_id, const std::vector<uint64_t>& region_ids,
+                     std::vector<bool>* stale) const override EXCLUDES(mu_);
 
   // Applies the puts (values opened) and deletions of one batch as one
   // change: a lookup sees all of it or none. Keys outside the region and
