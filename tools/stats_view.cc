@@ -13,6 +13,14 @@ namespace kandb::tools {
 
 namespace {
 
+// The method column: wide enough for the longest method name, and never
+// narrower than it always was.
+int NameWidth(const pdpb::StatsResponse& s) {
+  size_t w = 20;
+  for (const pdpb::MethodStats& m : s.methods) w = std::max(w, m.method.size());
+  return static_cast<int>(w);
+}
+
 std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
 std::string Format(const char* format, ...) {
   char buffer[512];
@@ -208,13 +216,14 @@ std::string StatsText(const pdpb::StatsResponse& s) {
                 s.connections.tls_refused > 0
                     ? Format(", TLS refused %" PRIu64, s.connections.tls_refused).c_str()
                     : "");
-  out += Format("\n%-20s %12s %8s %9s %9s %9s\n", "method", "requests", "errors", "mean", "p50", "p99");
+  const int w = NameWidth(s);
+  out += Format("\n%-*s %12s %8s %9s %9s %9s\n", w, "method", "requests", "errors", "mean", "p50", "p99");
   for (const pdpb::MethodStats& m : s.methods) {
-    out += Format("%-20s %12" PRIu64 " %8" PRIu64 " %9s %9s %9s\n", m.method.c_str(), m.requests, ErrorTotal(m),
+    out += Format("%-*s %12" PRIu64 " %8" PRIu64 " %9s %9s %9s\n", w, m.method.c_str(), m.requests, ErrorTotal(m),
                   Mean(m.latency.sum_nanos, m.latency.count).c_str(), Quantile(m.latency, 0.5).c_str(),
                   Quantile(m.latency, 0.99).c_str());
   }
-  out += Format("%-20s %12" PRIu64 "\n", "(unknown methods)", s.unknown_method_requests);
+  out += Format("%-*s %12" PRIu64 "\n", w, "(unknown methods)", s.unknown_method_requests);
   for (const pdpb::MethodStats& m : s.methods) {
     if (!m.errors.empty()) out += Format("errors of %s: %s\n", m.method.c_str(), ErrorsByCode(m).c_str());
   }
@@ -361,7 +370,8 @@ std::string StatsRates(const pdpb::StatsResponse& before_in, const pdpb::StatsRe
   out += Format("connections   open %" PRIu64 ", accepted %.1f/s, failed accepts %.1f/s\n", now.connections.open,
                 rate(now.connections.accepted, before.connections.accepted),
                 rate(now.connections.failed_accepts, before.connections.failed_accepts));
-  out += Format("\n%-20s %11s %9s %9s %9s %9s\n", "method", "requests/s", "errors/s", "mean", "p50", "p99");
+  const int w = NameWidth(now);
+  out += Format("\n%-*s %11s %9s %9s %9s %9s\n", w, "method", "requests/s", "errors/s", "mean", "p50", "p99");
   for (const pdpb::MethodStats& m : now.methods) {
     const pdpb::MethodStats* old = nullptr;
     for (const pdpb::MethodStats& b : before.methods) {
@@ -370,11 +380,11 @@ std::string StatsRates(const pdpb::StatsResponse& before_in, const pdpb::StatsRe
     const pdpb::MethodStats zero;
     if (old == nullptr) old = &zero;
     const pdpb::LatencyHistogram latency = Minus(m.latency, old->latency);
-    out += Format("%-20s %11.1f %9.1f %9s %9s %9s\n", m.method.c_str(), rate(m.requests, old->requests),
+    out += Format("%-*s %11.1f %9.1f %9s %9s %9s\n", w, m.method.c_str(), rate(m.requests, old->requests),
                   rate(ErrorTotal(m), ErrorTotal(*old)), Mean(latency.sum_nanos, latency.count).c_str(),
                   Quantile(latency, 0.5).c_str(), Quantile(latency, 0.99).c_str());
   }
-  out += Format("%-20s %11.1f\n", "(unknown methods)",
+  out += Format("%-*s %11.1f\n", w, "(unknown methods)",
                 rate(now.unknown_method_requests, before.unknown_method_requests));
 
   out += "\n";
