@@ -20,16 +20,8 @@ cleanup() {
 }
 trap cleanup EXIT
 
-cluster=m0=http://127.0.0.1:23380,m1=http://127.0.0.1:23381,m2=http://127.0.0.1:23382
-for i in 0 1 2; do
-  etcd --name m$i --data-dir "$work/m$i" \
-    --listen-client-urls http://127.0.0.1:2337$i --advertise-client-urls http://127.0.0.1:2337$i \
-    --listen-peer-urls http://127.0.0.1:2338$i --initial-advertise-peer-urls http://127.0.0.1:2338$i \
-    --initial-cluster "$cluster" --initial-cluster-state new --max-txn-ops 10000 \
-    --log-level warn >"$work/etcd$i.log" 2>&1 &
-  pids+=($!)
-done
-endpoints=http://127.0.0.1:23370,http://127.0.0.1:23371,http://127.0.0.1:23372
+. "$(dirname "$0")/etcd_lib.sh"
+etcd_cluster "$work" 2337 2338
 for i in 0 1 2; do
   "$build/app/kandb-meta-ha" --bind_addr 127.0.0.1 --port 2439$i --etcd "$endpoints" \
     >"$work/ha$i.out" 2>"$work/ha$i.err" &

@@ -52,6 +52,7 @@ STORE_HEARTBEATS=${STORE_HEARTBEATS:-0}
 
 server=$META
 . "$here/server_lib.sh"
+. "$here/etcd_lib.sh"
 pids=()
 cleanup() {
   [ -n "$pid" ] && kill -9 "$pid" 2>/dev/null
@@ -66,16 +67,8 @@ trap cleanup EXIT
 start_ha() {
   rm -rf "$work/ha"
   mkdir -p "$work/ha"
-  local cluster=m0=http://127.0.0.1:23380,m1=http://127.0.0.1:23381,m2=http://127.0.0.1:23382
-  for i in 0 1 2; do
-    etcd --name m$i --data-dir "$work/ha/m$i" \
-      --listen-client-urls http://127.0.0.1:2337$i --advertise-client-urls http://127.0.0.1:2337$i \
-      --listen-peer-urls http://127.0.0.1:2338$i --initial-advertise-peer-urls http://127.0.0.1:2338$i \
-      --initial-cluster "$cluster" --initial-cluster-state new --max-txn-ops 10000 \
-      --quota-backend-bytes 8589934592 --log-level warn >"$work/ha/etcd$i.log" 2>&1 &
-    pids+=($!)
-  done
-  local endpoints=http://127.0.0.1:23370,http://127.0.0.1:23371,http://127.0.0.1:23372
+  local endpoints
+  etcd_cluster "$work/ha" 2337 2338
   for i in 0 1 2; do
     "$META_HA" --bind_addr 127.0.0.1 --port 2439$i --etcd "$endpoints" --target_replicas=3 \
       >"$work/ha/ha$i.out" 2>"$work/ha/ha$i.err" &
