@@ -543,10 +543,27 @@ void Scheduler::BalanceLeaders(uint64_t reporter, const std::vector<RegionHeartb
   auto reporting = heard_.find(reporter);
   if (reporting == heard_.end()) return;
   auto led = [](const Heard& h) { return static_cast<int64_t>(h.stats.leader_count) + h.leader_delta; };
+  // Leadership goes only from a store above the mean of the stores that
+  // report to one that stays about at or below it, so that few stores both
+  // give leaderships away and take them in as the counts even out.
+  int64_t total = 0;
+  int64_t counted = 0;
+  for (const auto& [id, heard] : heard_) {
+    if (ContainsId(unwell, id)) continue;
+    total += led(heard);
+    counted++;
+  }
+  if (counted == 0) return;
+  const double mean = static_cast<double>(total) / static_cast<double>(counted);
+  // Within the tolerance above the mean a store still takes some: a store
+  // that shares regions only with stores at the mean passes its surplus
+  // on through them.
+  const double ceiling = mean + std::max(1.0, options_.leader_tolerance * mean);
   for (size_t i = 0; i < entries.size(); i++) {
     if (i < skip.size() && skip[i]) continue;
     const RegionHeartbeatEntry& entry = entries[i];
     const int64_t own = led(reporting->second);
+    if (!(static_cast<double>(own) > mean)) break;
     // The target must end clearly below the reporter: by more than one
     // region, and by a small share of what the reporter leads, so that
     // large counts are not passed back and forth over a few regions.
@@ -558,7 +575,7 @@ void Scheduler::BalanceLeaders(uint64_t reporter, const std::vector<RegionHeartb
       if (m == reporter || !ContainsId(entry.candidate_store_ids, m) || ContainsId(unwell, m)) continue;
       auto h = heard_.find(m);
       if (h == heard_.end()) continue;  // a store that reports nothing is not compared
-      if (led(h->second) < best) {  // strict: on equal counts the earlier member stays
+      if (led(h->second) < best && static_cast<double>(led(h->second) + 1) <= ceiling) {  // strict: on equal counts the earlier member stays
         best = led(h->second);
         target = &h->second;
         target_id = m;

@@ -141,9 +141,10 @@ class Scheduler {
   // Leadership transfers for the entries of one region heartbeat from
   // `reporter` (appended to *out), from the leader counts the stores
   // report in their store heartbeats and the transfers chosen since: from
-  // the store leading the most toward the fewest, with a tolerance, never
-  // onto an `unwell` store, never for an entry whose `skip` is set (a
-  // change under way), and not at all while a region is repaired.
+  // a reporter above the mean toward the member leading the fewest, with a
+  // tolerance, never onto an `unwell` store, never for an entry whose
+  // `skip` is set (a change under way), and not at all while a region is
+  // repaired.
   void BalanceLeaders(uint64_t reporter, const std::vector<pdpb::RegionHeartbeatEntry>& entries,
                       const std::vector<bool>& skip, const std::vector<uint64_t>& unwell,
                       std::vector<pdpb::ScheduleCommand>* out) EXCLUDES(mu_);
