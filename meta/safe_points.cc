@@ -162,7 +162,12 @@ Status PdService::UpdateServiceSafePoint(const pdpb::UpdateServiceSafePointReque
                                      " services hold safe points already");
     }
     puts.emplace_back(key, pdpb::Encode(updated));
-    deletes.insert(deletes.end(), state.expired_keys.begin(), state.expired_keys.end());
+    // The service's own expired entry is overwritten, not deleted: the
+    // batch applies its deletions after its puts, and a deletion of the
+    // same key would drop the entry just answered as accepted.
+    for (std::string& expired : state.expired_keys) {
+      if (expired != key) deletes.push_back(std::move(expired));
+    }
     answer.safe_point = updated.safe_point;
     answer.expires_ms = updated.expires_ms;
     if (current != nullptr) {

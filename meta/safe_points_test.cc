@@ -97,6 +97,10 @@ TEST_F(SafePointTest, LowestLiveServiceAndExpiryNeverMoveItBack) {
   // A newcomer below it, the expired service coming back low included, is refused.
   EXPECT_EQ(Update("gc_worker", 10, 100), (Answer{"gc_worker", 0, 0, 150, true}));
   EXPECT_EQ(Update("gc_worker", 10, 150), (Answer{"gc_worker", 150, kStart + 70'000, 150, false}));
+  // Its entry is written, not deleted with the expired one it replaces in
+  // the same batch: otherwise nothing would hold the GC safe point back.
+  EXPECT_EQ(Get(ServiceSafePointKey("gc_worker")), pdpb::Encode(ServiceSafePoint{"gc_worker", 150, kStart + 70'000}));
+  EXPECT_EQ(Gc().services, (std::vector<ServiceSafePoint>{{"gc_worker", 150, kStart + 70'000}}));
   // Removal of the only service leaves the GC safe point where it was.
   EXPECT_EQ(Update("gc_worker", 20, 400).min_safe_point, 400u);
   EXPECT_EQ(Update("gc_worker", 0, 0), (Answer{"gc_worker", 0, 0, 400, false}));
