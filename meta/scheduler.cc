@@ -446,26 +446,26 @@ bool Scheduler::BalanceOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
   return true;
 }
 
-void Scheduler::SetFlags(uint64_t region_id, uint8_t flags) {
+void Scheduler::SetFlags(uint64_t region_id, uint8_t flags, int64_t now) {
   uint8_t old = 0;
   auto it = region_flags_.find(region_id);
-  if (it != region_flags_.end()) old = it->second;
-  if (old == flags) return;
+  if (it != region_flags_.end()) old = it->second.flags;
   missing_ += ((flags & kMissing) != 0) - ((old & kMissing) != 0);
   on_down_ += ((flags & kOnDown) != 0) - ((old & kOnDown) != 0);
   on_offline_ += ((flags & kOnOffline) != 0) - ((old & kOnOffline) != 0);
   if (flags == 0) {
-    region_flags_.erase(it);
+    if (it != region_flags_.end()) region_flags_.erase(it);
   } else {
-    region_flags_[region_id] = flags;
+    region_flags_[region_id] = Flagged{flags, now};
   }
 }
 
 void Scheduler::NoteDesigned(const std::vector<RegionHeartbeatEntry>& entries) {
+  const int64_t now = Now();
   MutexLock lock(&mu_);
   for (const RegionHeartbeatEntry& entry : entries) {
     const bool missing = entry.member_store_ids.size() < options_.target_replicas;
-    SetFlags(entry.region_id, missing ? kMissing : 0);
+    SetFlags(entry.region_id, missing ? kMissing : 0, now);
   }
 }
 
@@ -495,6 +495,11 @@ void Scheduler::Heal(uint64_t reporter, const std::vector<RegionHeartbeatEntry>&
       ++it;
       if (stale) EndMove(region_id);
     }
+    std::vector<uint64_t> unreported;
+    for (const auto& [region_id, flagged] : region_flags_) {
+      if (now - flagged.seen_ms >= options_.change_timeout_ms) unreported.push_back(region_id);
+    }
+    for (uint64_t region_id : unreported) SetFlags(region_id, 0, now);
   }
   std::unordered_map<uint64_t, StoreView> view;
   view.reserve(stores.size());
@@ -527,7 +532,7 @@ void Scheduler::Heal(uint64_t reporter, const std::vector<RegionHeartbeatEntry>&
       if (it->second.state == pdpb::kStoreDown) flags |= kOnDown;
       if (it->second.state == pdpb::kStoreOffline) flags |= kOnOffline;
     }
-    SetFlags(entry.region_id, flags);
+    SetFlags(entry.region_id, flags, now);
     if (options_.target_replicas == 0) continue;
     HealOne(reporter, entry, &view, order, now, &(*per_entry)[i]);
   }

@@ -219,7 +219,8 @@ class Scheduler {
   // the share of its space left.
   double Score(const StoreView& v, int64_t delta) const;
   void EndMove(uint64_t region_id) REQUIRES(mu_);
-  void SetFlags(uint64_t region_id, uint8_t flags) REQUIRES(mu_);
+  // Sets the flags of a region reported at `now` (0: healthy).
+  void SetFlags(uint64_t region_id, uint8_t flags, int64_t now) REQUIRES(mu_);
   // How many of the location labels, widest first, two stores share.
   size_t SharedDepth(const pdpb::Store& a, const pdpb::Store& b) const;
 
@@ -236,7 +237,13 @@ class Scheduler {
   std::unordered_map<uint64_t, Move> moves_ GUARDED_BY(mu_);  // by region id
   std::unordered_map<uint64_t, uint64_t> moving_out_ GUARDED_BY(mu_);  // moves_ by source store
   // Per region, the flags of its last heartbeat that had any; counted.
-  std::unordered_map<uint64_t, uint8_t> region_flags_ GUARDED_BY(mu_);
+  // A region that is never reported again (merged away) loses its flags
+  // after the change timeout: they would hold balancing back for good.
+  struct Flagged {
+    uint8_t flags = 0;
+    int64_t seen_ms = 0;  // its last heartbeat
+  };
+  std::unordered_map<uint64_t, Flagged> region_flags_ GUARDED_BY(mu_);
   uint64_t missing_ GUARDED_BY(mu_) = 0;
   uint64_t on_down_ GUARDED_BY(mu_) = 0;
   uint64_t on_offline_ GUARDED_BY(mu_) = 0;

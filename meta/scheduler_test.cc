@@ -318,6 +318,21 @@ TEST_F(SchedulerTest, BalanceTable) {
     EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{9, {1, 2, 3}, {}, {}}, four, uneven), Cmd(pdpb::kAddPeer, 9, 4));
   }
   {
+    // A region last reported missing a replica that is never reported
+    // again (merged away) holds moves back only until the change timeout:
+    // otherwise balancing would stay off for good.
+    Scheduler s(Base());
+    for (uint64_t id : {1, 2, 3, 4}) s.ReportStore(id, Room(80));
+    EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{5, {2, 3}, {}, {}}, four, uneven).kind, pdpb::kAddPeer);
+    now_ += Base().change_timeout_ms - 1;
+    for (uint64_t id : {1, 2, 3, 4}) s.ReportStore(id, Room(80));
+    EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{9, {1, 2, 3}, {}, {}}, four, uneven).kind, 0u);
+    EXPECT_TRUE(s.Repairing());
+    now_ += 1;
+    EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{9, {1, 2, 3}, {}, {}}, four, uneven), Cmd(pdpb::kAddPeer, 9, 4));
+    EXPECT_FALSE(s.Repairing());
+  }
+  {
     // Each move costs the target and the source a change: one a minute
     // moves one region, the next waits.
     Scheduler::Options o = Base();
