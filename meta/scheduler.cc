@@ -567,6 +567,10 @@ void Scheduler::BalanceLeaders(uint64_t reporter, const std::vector<RegionHeartb
   for (size_t i = 0; i < entries.size(); i++) {
     if (i < skip.size() && skip[i]) continue;
     const RegionHeartbeatEntry& entry = entries[i];
+    // A change under way is checked here too, under the same hold as the
+    // choice: the caller's `skip` comes from its own heal, and a heartbeat
+    // of another store reporting the region may have started one since.
+    if (pending_.count(entry.region_id) > 0 || moves_.count(entry.region_id) > 0) continue;
     const int64_t own = led(reporting->second);
     if (!(static_cast<double>(own) > mean)) break;
     // The target must end clearly below the reporter: by more than one

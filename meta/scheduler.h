@@ -143,8 +143,8 @@ class Scheduler {
   // report in their store heartbeats and the transfers chosen since: from
   // a reporter above the mean toward the member leading the fewest, with a
   // tolerance, never onto an `unwell` store, never for an entry whose
-  // `skip` is set (a change under way), and not at all while a region is
-  // repaired.
+  // `skip` is set or whose region has an add, removal or move under way,
+  // and not at all while a region is repaired.
   void BalanceLeaders(uint64_t reporter, const std::vector<pdpb::RegionHeartbeatEntry>& entries,
                       const std::vector<bool>& skip, const std::vector<uint64_t>& unwell,
                       std::vector<pdpb::ScheduleCommand>* out) EXCLUDES(mu_);

@@ -411,6 +411,21 @@ TEST_F(SchedulerTest, LeaderBalanceTable) {
   s.BalanceLeaders(1, entries, {true, false, false}, {}, &out);
   EXPECT_EQ(out, (std::vector<ScheduleCommand>{Cmd(pdpb::kTransferLeader, 2, 2)}));
 
+  {
+    // A region with a move under way keeps its leader, also for a
+    // heartbeat whose own heal ran before the move was chosen (two stores
+    // reporting the region as its leadership changes): store 1, whose
+    // replica is to go, must not be handed leadership.
+    const std::vector<pdpb::Store> four = {At(1, "z1"), At(2, "z2"), At(3, "z3"), At(4, "z1", "h4")};
+    Scheduler m(Base());
+    for (uint64_t id : {1, 2, 3, 4}) m.ReportStore(id, leading(id == 3 ? 10 : 0));
+    EXPECT_EQ(HealOne(&m, 2, RegionHeartbeatEntry{9, {1, 2, 3}, {}, {}}, four, {{1, 12}, {2, 10}, {3, 10}, {4, 0}}),
+              Cmd(pdpb::kAddPeer, 9, 4));
+    out.clear();
+    m.BalanceLeaders(3, {RegionHeartbeatEntry{9, {1, 2, 3}, {}, {1, 2}}}, {false}, {}, &out);
+    EXPECT_TRUE(out.empty());
+  }
+
   // While a region misses a replica, nothing moves.
   s.ReportStore(1, leading(10));
   s.ReportStore(2, leading(7));
