@@ -27,6 +27,10 @@ bool MayReceive(uint8_t state) { return state == pdpb::kStoreUp || state == pdpb
 // worth of ms, so that refills add up exactly: each ms adds `limit` units.
 constexpr int64_t kCost = 60 * 1000;
 
+// A leadership transfer not seen done within this long failed, and its
+// region may be chosen again.
+constexpr int64_t kTransferTimeoutMs = 30 * 1000;
+
 const std::string* LabelOf(const pdpb::Store& store, const std::string& key) {
   for (const pdpb::StoreLabel& label : store.labels) {
     if (label.key == key) return &label.value;
@@ -81,7 +85,6 @@ void Scheduler::ReportStore(uint64_t store_id, const pdpb::StoreStats& stats) {
   heard.steady_ms = now;
   heard.wall_ms = wall;
   heard.stats = stats;
-  heard.leader_delta = 0;
 }
 
 uint8_t Scheduler::StateLocked(const pdpb::Store& record, int64_t now) const {
@@ -541,13 +544,52 @@ void Scheduler::Heal(uint64_t reporter, const std::vector<RegionHeartbeatEntry>&
 void Scheduler::BalanceLeaders(uint64_t reporter, const std::vector<RegionHeartbeatEntry>& entries,
                                const std::vector<bool>& skip, const std::vector<uint64_t>& unwell,
                                std::vector<ScheduleCommand>* out) {
+  const int64_t now = Now();
   MutexLock lock(&mu_);
+  // A transfer is done once another store than the one that had it
+  // reports the region: the target took over (or someone else did).
+  for (const RegionHeartbeatEntry& entry : entries) {
+    auto t = transfers_.find(entry.region_id);
+    if (t != transfers_.end() && t->second.done_ms == 0 && reporter != t->second.from) t->second.done_ms = now;
+  }
+  // What the stores' reported counts do not show yet, per store: a
+  // transfer counts on a store until the store reports after it was
+  // chosen. A transfer takes one round of the region's replication, so a
+  // report made after it shows it; counted longer (until the new leader
+  // reports the region, a heartbeat interval later), a store that gave
+  // would look emptier than it is, and take leaderships back.
+  std::unordered_map<uint64_t, int64_t> delta;
+  const int64_t timeout = std::min(kTransferTimeoutMs, options_.change_timeout_ms);
+  for (auto it = transfers_.begin(); it != transfers_.end();) {
+    const Transfer& tr = it->second;
+    auto shows = [&](uint64_t store) {
+      mu_.AssertHeld();  // called below, under the lock
+      auto h = heard_.find(store);
+      return h == heard_.end() || h->second.steady_ms > tr.issued_ms;
+    };
+    const bool to_shows = shows(tr.to);
+    const bool from_shows = shows(tr.from);
+    // Kept while it may still happen, so that it is not chosen again; one
+    // that did not happen in time may be.
+    if ((to_shows && from_shows && tr.done_ms != 0) || now - tr.issued_ms >= timeout) {
+      it = transfers_.erase(it);
+      continue;
+    }
+    if (!to_shows) delta[tr.to]++;
+    if (!from_shows) delta[tr.from]--;
+    ++it;
+  }
+
   // Leadership waits while replicas are repaired: the repair moves it where
   // it must, and balancing meanwhile would chase a moving target.
   if (missing_ + on_down_ + on_offline_ > 0) return;
-  auto reporting = heard_.find(reporter);
-  if (reporting == heard_.end()) return;
-  auto led = [](const Heard& h) { return static_cast<int64_t>(h.stats.leader_count) + h.leader_delta; };
+  if (heard_.count(reporter) == 0) return;
+  auto led = [&](uint64_t id, const Heard& h) {
+    // Clamped, so that a count off the wire cannot overflow the sums.
+    const int64_t reported = static_cast<int64_t>(std::min<uint64_t>(h.stats.leader_count, uint64_t{1} << 40));
+    auto d = delta.find(id);
+    return reported + (d == delta.end() ? 0 : d->second);
+  };
   // Leadership goes only from a store above the mean of the stores that
   // report to one that stays about at or below it, so that few stores both
   // give leaderships away and take them in as the counts even out.
@@ -555,7 +597,7 @@ void Scheduler::BalanceLeaders(uint64_t reporter, const std::vector<RegionHeartb
   int64_t counted = 0;
   for (const auto& [id, heard] : heard_) {
     if (ContainsId(unwell, id)) continue;
-    total += led(heard);
+    total += led(id, heard);
     counted++;
   }
   if (counted == 0) return;
@@ -570,30 +612,35 @@ void Scheduler::BalanceLeaders(uint64_t reporter, const std::vector<RegionHeartb
     // A change under way is checked here too, under the same hold as the
     // choice: the caller's `skip` comes from its own heal, and a heartbeat
     // of another store reporting the region may have started one since.
-    if (pending_.count(entry.region_id) > 0 || moves_.count(entry.region_id) > 0) continue;
-    const int64_t own = led(reporting->second);
+    // A transfer not done yet is not chosen again.
+    if (pending_.count(entry.region_id) > 0 || moves_.count(entry.region_id) > 0 ||
+        transfers_.count(entry.region_id) > 0) {
+      continue;
+    }
+    const int64_t own = led(reporter, heard_.at(reporter));
     if (!(static_cast<double>(own) > mean)) break;
     // The target must end clearly below the reporter: by more than one
     // region, and by a small share of what the reporter leads, so that
     // large counts are not passed back and forth over a few regions.
     const int64_t margin = std::max<int64_t>(1, static_cast<int64_t>(options_.leader_tolerance * static_cast<double>(own)));
     int64_t best = own - margin;
-    Heard* target = nullptr;
-    uint64_t target_id = 0;
+    uint64_t target = 0;
     for (uint64_t m : entry.member_store_ids) {
       if (m == reporter || !ContainsId(entry.candidate_store_ids, m) || ContainsId(unwell, m)) continue;
       auto h = heard_.find(m);
       if (h == heard_.end()) continue;  // a store that reports nothing is not compared
-      if (led(h->second) < best && static_cast<double>(led(h->second) + 1) <= ceiling) {  // strict: on equal counts the earlier member stays
-        best = led(h->second);
-        target = &h->second;
-        target_id = m;
+      const int64_t count = led(m, h->second);
+      // Strict: on equal counts the earlier member stays.
+      if (count < best && static_cast<double>(count + 1) <= ceiling) {
+        best = count;
+        target = m;
       }
     }
-    if (target == nullptr) continue;
-    out->push_back(ScheduleCommand{pdpb::kTransferLeader, entry.region_id, target_id, std::string()});
-    reporting->second.leader_delta--;
-    target->leader_delta++;
+    if (target == 0) continue;
+    out->push_back(ScheduleCommand{pdpb::kTransferLeader, entry.region_id, target, std::string()});
+    transfers_[entry.region_id] = Transfer{reporter, target, now, 0};
+    delta[reporter]--;
+    delta[target]++;
   }
 }
 

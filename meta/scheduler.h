@@ -161,9 +161,14 @@ class Scheduler {
     int64_t steady_ms = 0;
     uint64_t wall_ms = 0;
     pdpb::StoreStats stats;
-    // Leaderships transferred to (+) or from (-) the store since it last
-    // reported its count, which does not show them yet.
-    int64_t leader_delta = 0;
+  };
+  // A leadership transfer chosen, and when another store than `from` was
+  // first seen reporting the region (0: not yet).
+  struct Transfer {
+    uint64_t from = 0;
+    uint64_t to = 0;
+    int64_t issued_ms = 0;
+    int64_t done_ms = 0;
   };
   // A change issued and not yet seen done.
   struct Pending {
@@ -235,6 +240,9 @@ class Scheduler {
   std::unordered_map<uint64_t, uint64_t> pending_adds_ GUARDED_BY(mu_);  // by target store
   std::unordered_map<uint64_t, Bucket> buckets_ GUARDED_BY(mu_);
   std::unordered_map<uint64_t, Move> moves_ GUARDED_BY(mu_);  // by region id
+  // Transfers chosen, until they are done and both stores have reported
+  // counts since, or until they time out; by region id.
+  std::unordered_map<uint64_t, Transfer> transfers_ GUARDED_BY(mu_);
   std::unordered_map<uint64_t, uint64_t> moving_out_ GUARDED_BY(mu_);  // moves_ by source store
   // Per region, the flags of its last heartbeat that had any; counted.
   // A region that is never reported again (merged away) loses its flags

@@ -401,10 +401,20 @@ TEST_F(SchedulerTest, LeaderBalanceTable) {
   out.clear();
   s.BalanceLeaders(1, entries, {}, {}, &out);
   EXPECT_TRUE(out.empty());
-  s.ReportStore(1, leading(10));  // the stores report: their counts stand again
+  // Reports made no later than the transfer cannot show it: it still
+  // counts, and while it is not seen done it is not chosen again.
+  s.ReportStore(1, leading(10));
+  s.ReportStore(2, leading(7));
+  s.ReportStore(3, leading(8));
+  s.BalanceLeaders(1, entries, {}, {}, &out);
+  EXPECT_TRUE(out.empty());
+  // Store 2 reports region 1: done. Reports made after it stand alone.
+  s.BalanceLeaders(2, {entries[0]}, {}, {}, &out);
+  EXPECT_TRUE(out.empty());
+  now_ += 1;
+  s.ReportStore(1, leading(10));
   s.ReportStore(2, leading(7));
   s.ReportStore(3, leading(9));
-  out.clear();
   s.BalanceLeaders(1, entries, {true, false, false}, {2}, &out);
   EXPECT_TRUE(out.empty());  // store 2 is unwell, and store 3 is within the margin
   out.clear();
