@@ -247,11 +247,10 @@ class PdService {
   // before it starts, and beside them the read-only "Pd.Stats", which
   // answers GetStats of that server, the store methods
   // ("Pd.StoreHeartbeat", "Pd.GetStore", "Pd.GetAllStores",
-  // "Pd.RemoveStore") and the region reads ("Pd.GetRegionById",
-  // "Pd.ScanRegions"). The service must outlive the server's
-  // "Pd.RemoveStore") and the safe point methods
-  // ("Pd.UpdateServiceSafePoint", "Pd.GetGcSafePoint"). The service must outlive the server's
-  // use of them. For a store on the embedded engine, whose reads never wait
+  // "Pd.RemoveStore"), the region reads ("Pd.GetRegionById",
+  // "Pd.ScanRegions") and the safe point methods
+  // ("Pd.UpdateServiceSafePoint", "Pd.GetGcSafePoint"). The service must
+  // outlive the server's use of them. For a store on the embedded engine, whose reads never wait
   // on the network: timestamps (without a ceiling) and routing by the index
   // are answered on the server's event loops, upserts when
   // their group is synced, routing that the index cannot answer and the
