@@ -88,8 +88,6 @@ stop_ha() {
   pids=()
 }
 
-# field NAME < json: the number after "NAME":
-field() { sed -n "s/.*\"$1\": *\\([0-9.e+-]*\\).*/\\1/p" | head -1; }
 # second N < progress: the calls of the Nth progress line
 second() { sed -n 's/^\[ *[0-9]*s\] *\([0-9]*\) req\/s.*/\1/p' | sed -n "$1p"; }
 

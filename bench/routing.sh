@@ -21,9 +21,6 @@ server=$build/app/kandb-meta
 bench=$build/tools/kandb-meta-bench
 . "$(dirname "$0")/server_lib.sh"
 
-# field NAME < json: the number after "NAME":
-field() { sed -n "s/.*\"$1\": *\\([0-9.]*\\).*/\\1/p" | head -1; }
-median() { sort -n | awk '{v[NR]=$1} END {print v[int((NR+1)/2)]}'; }
 
 printf '%-9s %-6s %12s %9s %12s %9s %7s\n' regions conns get-region p99-ms tso p99-ms ratio
 for n in "${counts[@]}"; do

@@ -16,9 +16,6 @@ server=$build/app/kandb-meta
 bench=$build/tools/kandb-meta-bench
 . "$(dirname "$0")/server_lib.sh"
 
-# field NAME < json: the number after "NAME":
-field() { sed -n "s/.*\"$1\": *\\([0-9.]*\\).*/\\1/p" | head -1; }
-median() { sort -n | awk '{v[NR]=$1} END {print v[int((NR+1)/2)]}'; }
 
 # run METHOD CONNS: one 2-second run on the server; prints calls/s, p50, p99.
 run() {

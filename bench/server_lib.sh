@@ -24,3 +24,8 @@ start() {  # a server on $work/state, with the flags given added; sets pid, port
   exit 1
 }
 stop() { kill -9 $pid; wait $pid 2>/dev/null || true; pid=; }
+
+# field NAME < json: the number after "NAME": in the bench's JSON report.
+field() { sed -n "s/.*\"$1\": *\\([0-9.e+-]*\\).*/\\1/p" | head -1; }
+# median < numbers, one a line.
+median() { sort -g | awk '{v[NR] = $1} END {print v[int((NR + 1) / 2)]}'; }
