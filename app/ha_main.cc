@@ -16,7 +16,10 @@
 #include <utility>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "app/scheduling_flags.h"
+#include "app/status_server.h"
 #include "app/tls_flags.h"
 #include "common/flags.h"
 #include "common/status.h"
@@ -59,6 +62,8 @@ std::string* const FLAGS_etcd_cert = kandb::DefineStringFlag(
     "PEM client certificate for etcd members run with --client-cert-auth (needs --etcd_key)");
 std::string* const FLAGS_etcd_key = kandb::DefineStringFlag(
     "etcd_key", "", "PEM private key of --etcd_cert, unencrypted (needs --etcd_cert)");
+std::string* const FLAGS_status_addr =
+    kandb::DefineStringFlag(kandb::app::kStatusAddrFlag, "", kandb::app::kStatusAddrHelp);
 
 // Every etcd call on one endpoint is bounded by this, well inside a third
 // of the shortest lease, so a dead endpoint cannot stall a renewal.
@@ -88,6 +93,55 @@ kandb::Status CheckReadable(const char* flag, const std::string& path) {
   const std::string why = std::strerror(errno);
   if (file != nullptr) std::fclose(file);
   return kandb::Status::InvalidArgument("cannot read --" + std::string(flag) + " file " + path + ": " + why);
+}
+
+// The status port of a replicated server: healthy while it leads or
+// follows a known leader (a follower answers every call with the leader's
+// address), and its members view is what it knows of the election.
+kandb::Status StartStatus(const std::string& addr, std::shared_ptr<kandb::kanrpc::TlsServerContext> tls,
+                          const kandb::kanrpc::RpcServer* rpc, const kandb::meta::HaServer* ha,
+                          const std::string& cluster, std::unique_ptr<kandb::app::StatusServer>* out) {
+  kandb::app::StatusOptions options;
+  options.addr = addr;
+  options.program = "kandb-meta-ha";
+  options.tls = std::move(tls);
+  options.rpc = rpc;
+  options.health = [ha] {
+    const kandb::meta::HaServer::Role role = ha->CurrentRole();
+    kandb::app::Health health;
+    if (role.leading) {
+      health.serving = true;
+      health.role = "leader";
+    } else if (!role.leader.empty() && role.etcd_error.empty()) {
+      health.serving = true;
+      health.role = "follower";
+      health.leader = role.leader;
+    } else if (!role.etcd_error.empty()) {
+      health.reason = "cannot reach etcd: " + role.etcd_error;
+    } else {
+      health.reason = "no leader known";
+    }
+    return health;
+  };
+  options.members_json = [ha, cluster] {
+    const kandb::meta::HaServer::Role role = ha->CurrentRole();
+    nlohmann::json self{{"address", ha->advertise()}, {"leading", role.leading}};
+    if (!role.etcd_error.empty()) self["etcd_error"] = role.etcd_error;
+    nlohmann::json servers = nlohmann::json::array({self});
+    if (!role.leading && !role.leader.empty()) {
+      servers.push_back(nlohmann::json{{"address", role.leader}, {"leading", true}});
+    }
+    nlohmann::json body{{"cluster", cluster}, {"self", ha->advertise()}, {"servers", servers}};
+    body["leader"] = role.leader.empty() ? nlohmann::json(nullptr) : nlohmann::json(role.leader);
+    if (role.leading) {
+      body["lease"] = nlohmann::json{{"id", role.lease_id},
+                                     {"ttl_s", role.lease_ttl_s},
+                                     {"left_ms", role.lease_left_ms},
+                                     {"term_revision", role.term_revision}};
+    }
+    return body.dump(2) + "\n";
+  };
+  return kandb::app::StatusServer::Start(std::move(options), out);
 }
 
 }  // namespace
@@ -154,12 +208,25 @@ int main(int argc, char** argv) {
     ha.reset();
     return 1;
   }
+  // The status port reads through the server's handlers: it starts after
+  // the server and goes before it.
+  std::unique_ptr<kandb::app::StatusServer> status;
+  if (!FLAGS_status_addr->empty()) {
+    s = StartStatus(*FLAGS_status_addr, tls, server.get(), ha.get(), *FLAGS_cluster, &status);
+    if (!s.ok()) {
+      std::fprintf(stderr, "failed to start pd: %s\n", s.ToString().c_str());
+      server.reset();
+      ha.reset();
+      return 1;
+    }
+  }
   std::printf("kandb-meta-ha listening on %s:%lld, cluster %s\n", bind_addr.c_str(),
               static_cast<long long>(*FLAGS_port), FLAGS_cluster->c_str());
   std::fflush(stdout);
   ha->Start();
 
   server->Wait();
+  status.reset();
   server.reset();
   ha.reset();
   return 0;

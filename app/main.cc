@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "app/scheduling_flags.h"
+#include "app/status_server.h"
 #include "app/tls_flags.h"
 #include "common/flags.h"
 #include "common/status.h"
@@ -36,6 +37,8 @@ int64_t* const FLAGS_target_replicas = kandb::DefineInt64Flag(
 // Extension flags, after the designed ones.
 const kandb::app::SchedulingFlags kSchedulingFlags = kandb::app::DefineSchedulingFlags();
 const kandb::app::TlsFlags kTlsFlags = kandb::app::DefineTlsFlags();
+std::string* const FLAGS_status_addr =
+    kandb::DefineStringFlag(kandb::app::kStatusAddrFlag, "", kandb::app::kStatusAddrHelp);
 
 // The state is opened without a passphrase (values in plain) and with every
 // write group synced before it is acknowledged.
@@ -104,6 +107,26 @@ int main(int argc, char** argv) {
     store.reset();
     return 1;
   }
+  // The status port reads through the server's handlers, so it starts
+  // after the server and goes before it in every teardown.
+  std::unique_ptr<kandb::app::StatusServer> status;
+  if (!FLAGS_status_addr->empty()) {
+    kandb::app::StatusOptions status_options;
+    status_options.addr = *FLAGS_status_addr;
+    status_options.program = "kandb-meta";
+    status_options.tls = tls;
+    status_options.data_dir = data_dir;
+    status_options.rpc = server.get();
+    status_options.health = [] { return kandb::app::Health{true, "standalone", "", ""}; };
+    s = kandb::app::StatusServer::Start(std::move(status_options), &status);
+    if (!s.ok()) {
+      std::fprintf(stderr, "failed to start pd: %s\n", s.ToString().c_str());
+      server.reset();
+      service.reset();
+      store.reset();
+      return 1;
+    }
+  }
   // Flushed at once: whoever started us waits for this line, and standard
   // output is fully buffered when it is not a terminal.
   std::printf("kandb-meta listening on %s:%lld, state at %s\n", bind_addr.c_str(),
@@ -115,6 +138,7 @@ int main(int argc, char** argv) {
   // serving without being asked to, and a supervisor must see a failure.
   server->Wait();
   std::fprintf(stderr, "kandb-meta: the server stopped accepting connections\n");
+  status.reset();
   server.reset();
   service.reset();
   store.reset();

@@ -49,7 +49,9 @@ const char kUsage[] =
     "  --tls_ca               PEM CA certificates; clients must present a certificate signed by one of them "
     "(default: )\n"
     "  --tls_allowed_cn       comma-separated names let in: a client certificate's common name or a DNS "
-    "alternative name must be one (default: )\n";
+    "alternative name must be one (default: )\n"
+    "  --status_addr          HOST:PORT of the HTTP status port (/metrics, /health, /api/v1/...); over TLS "
+    "with the --tls_* flags; empty: none (default: )\n";
 
 ProgramResult RunMeta(std::vector<std::string> args) {
   args.insert(args.begin(), KANDB_META_BINARY);

@@ -61,6 +61,8 @@ class HaServer::Term {
   Term(store::EtcdClient* etcd, const HaOptions& options, const std::string& leader_key, int64_t create_revision,
        int64_t lease, int64_t sent_ns, int64_t ttl_s)
       : create_revision_(create_revision),
+        lease_(lease),
+        ttl_s_(ttl_s),
         window_ns_(kConfirmWindowMs * kNsPerMs),
         lease_deadline_ns_(sent_ns + ttl_s * 1000 * kNsPerMs - SafetyMarginNs(ttl_s)),
         // The create transaction is the term's first proof.
@@ -109,6 +111,12 @@ class HaServer::Term {
   void ExtendLeaseTo(int64_t deadline_ns) { lease_deadline_ns_.store(deadline_ns, std::memory_order_release); }
   void ServeFrom(int64_t ns) { serve_from_ns_.store(ns, std::memory_order_release); }
   int64_t create_revision() const { return create_revision_; }
+  int64_t lease() const { return lease_; }
+  int64_t ttl_s() const { return ttl_s_; }
+  // Until the lease may run out by this server's clock.
+  int64_t lease_left_ms() const {
+    return std::max<int64_t>(0, (lease_deadline_ns_.load(std::memory_order_acquire) - SteadyNs()) / kNsPerMs);
+  }
   // The newest revision the copy of the records must hold before routing
   // may answer from it: the term's start (which follows every write of the
   // terms before it) and every write this term acknowledged.
@@ -285,6 +293,8 @@ class HaServer::Term {
   }
 
   const int64_t create_revision_;
+  const int64_t lease_;  // the etcd lease the leader key lives under
+  const int64_t ttl_s_;  // its length as etcd granted it
   const int64_t window_ns_;
   std::atomic<bool> lost_{false};
   std::atomic<const char*> lost_why_{nullptr};
@@ -453,6 +463,24 @@ void HaServer::Log(const std::string& event) {
   std::fflush(stderr);
 }
 
+HaServer::Role HaServer::CurrentRole() const {
+  Role role;
+  MutexLock lock(&mu_);
+  if (term_ != nullptr && term_->Valid()) {
+    role.leading = true;
+    role.leader = options_.advertise;
+    role.lease_id = term_->lease();
+    role.lease_ttl_s = term_->ttl_s();
+    role.lease_left_ms = term_->lease_left_ms();
+    role.term_revision = term_->create_revision();
+  } else if (leader_ != options_.advertise) {
+    // Its own address names a term of its own that no longer serves.
+    role.leader = leader_;
+  }
+  role.etcd_error = etcd_error_;
+  return role;
+}
+
 Status HaServer::NotLeader() {
   MutexLock lock(&mu_);
   if (leader_.empty() || leader_ == options_.advertise) {
@@ -589,6 +617,10 @@ void HaServer::Campaign() {
     if (vacant_since_ns_ == 0) vacant_since_ns_ = now;
   } else {
     vacant_since_ns_ = 0;
+  }
+  {
+    MutexLock lock(&mu_);
+    etcd_error_ = s.ok() ? "" : s.ToString();
   }
   if (!s.ok() || !seen.empty()) {
     {

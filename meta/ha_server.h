@@ -117,6 +117,20 @@ class HaServer {
   // own.
   void Start();
 
+  // This server's part in the cluster now, for the status port.
+  struct Role {
+    bool leading = false;    // leads and serves now
+    std::string leader;      // the leader's address (its own while leading); empty: none known
+    std::string etcd_error;  // why the last read of etcd failed; empty when it succeeded
+    // The term's, while leading.
+    int64_t lease_id = 0;
+    int64_t lease_ttl_s = 0;
+    int64_t lease_left_ms = 0;  // until the lease may run out, by this server's clock
+    int64_t term_revision = 0;  // the leader key's creation revision
+  };
+  Role CurrentRole() const EXCLUDES(mu_);
+  const std::string& advertise() const { return options_.advertise; }
+
  private:
   class Term;
   class TermRouter;
@@ -170,7 +184,7 @@ class HaServer {
 
   // Guards the term that requests are served with, and the leader address
   // that followers name. Held only to copy or replace them.
-  Mutex mu_;
+  mutable Mutex mu_;
   std::shared_ptr<Term> term_ GUARDED_BY(mu_);  // null while not leading
   // A term won but not yet serving (beginning, or waiting out the term
   // before it), so that OnEvent can end it too.
@@ -180,6 +194,7 @@ class HaServer {
   // one.
   std::atomic<uint64_t> generation_{0};
   std::string leader_ GUARDED_BY(mu_);          // empty: no leader known
+  std::string etcd_error_ GUARDED_BY(mu_);      // the last campaign read's failure; empty: it read
 };
 
 }  // namespace kandb::meta

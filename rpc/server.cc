@@ -126,6 +126,28 @@ Status RpcServer::Start(int port, const std::string& bind_addr) {
   return Status::OK();
 }
 
+Status RpcServer::CallLocal(const std::string& method, const std::string& request, std::string* response) const {
+  response->clear();
+  auto it = shared_->methods.find(method);
+  if (it == shared_->methods.end()) return Status::InvalidArgument("unknown method: " + method);
+  const Shared::Method& m = it->second;
+  switch (m.kind) {
+    case Kind::kTryInline: {
+      Status status;
+      if (m.attempt(request, response, &status)) return status;
+      response->clear();
+      return m.handler(request, response);
+    }
+    case Kind::kBlocking:
+    case Kind::kInline:
+      return m.handler(request, response);
+    case Kind::kAsync:
+    case Kind::kUnknown:
+      break;
+  }
+  return Status::InvalidArgument("not callable in process: " + method);
+}
+
 ServerStats RpcServer::Stats() const {
   ServerStats out;
   MutexLock lock(&shared_->mu);

@@ -174,6 +174,23 @@ class RpcServer {
   // that guards the connection list.
   ServerStats Stats() const;
 
+  // Runs `method`'s handler on the calling thread, as a client's call would
+  // run it, for readers in the same process (the status port): the answer
+  // is the one a client would get, and the call is not counted. Methods
+  // answered asynchronously (durable writes) are refused with
+  // InvalidArgument, and so is a name never registered. Safe from any
+  // thread once Start has returned, for as long as the handlers' state
+  // lives; the handler may block as it would on a worker thread.
+  Status CallLocal(const std::string& method, const std::string& request, std::string* response) const;
+  template <class Req, class Resp>
+  Status CallLocal(const std::string& method, const Req& request, Resp* response) const {
+    std::string out;
+    Status s = CallLocal(method, Encode(request), &out);
+    if (!s.ok()) return s;
+    if (!Decode(out.size(), out.data(), response)) return Status::Corruption("undecodable answer of " + method);
+    return Status::OK();
+  }
+
   // Stops accepting, joins the accept thread, closes every connection with
   // no call in flight and nothing left to send, lets each call in flight
   // finish, gives the answers that their peers have not taken yet up to

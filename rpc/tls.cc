@@ -349,6 +349,37 @@ Status TlsServerContext::Reload() {
   return Status::OK();
 }
 
+void TlsServerContext::Attach(SSL_CTX* ctx) {
+  SSL_CTX_set_min_proto_version(ctx, TLS1_2_VERSION);
+  SSL_CTX_set_options(ctx, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
+  SSL_CTX_set_num_tickets(ctx, 0);
+  // The hello is the first thing a session reads, before a certificate is
+  // chosen or one asked for: from there on the session is this context's.
+  SSL_CTX_set_client_hello_cb(
+      ctx,
+      [](SSL* ssl, int*, void* arg) -> int {
+        auto* self = static_cast<TlsServerContext*>(arg);
+        SSL_CTX* current = nullptr;
+        {
+          MutexLock lock(&self->mu_);
+          current = self->ctx_;
+          // The session keeps a reference of its own once switched; this
+          // one only bridges the unlocked steps below.
+          SSL_CTX_up_ref(current);
+        }
+        const bool switched = SSL_set_SSL_CTX(ssl, current) != nullptr;
+        if (switched) {
+          SSL_set_verify(ssl, SSL_CTX_get_verify_mode(current), SSL_CTX_get_verify_callback(current));
+          if (STACK_OF(X509_NAME)* names = SSL_CTX_get_client_CA_list(current)) {
+            SSL_set_client_CA_list(ssl, SSL_dup_CA_list(names));
+          }
+        }
+        SSL_CTX_free(current);
+        return switched ? SSL_CLIENT_HELLO_SUCCESS : SSL_CLIENT_HELLO_ERROR;
+      },
+      this);
+}
+
 std::unique_ptr<Transport> TlsServerContext::Accept(int fd) {
   SSL* ssl = nullptr;
   {

@@ -49,6 +49,12 @@ class TlsServerContext {
 
   const TlsServerConfig& config() const { return config_; }
 
+  // Makes `ctx`, a server context of another library's making (the HTTP
+  // status port's), serve every session with this context as it stands at
+  // that session's handshake: certificate, client CAs, names let in, later
+  // reloads included. This object must outlive `ctx`'s sessions.
+  void Attach(SSL_CTX* ctx);
+
  private:
   explicit TlsServerContext(TlsServerConfig config) : config_(std::move(config)) {}
   Status Build(SSL_CTX** out) const;

@@ -14,13 +14,16 @@
 set -euo pipefail
 
 # One package a line; adding a package is adding a line. The server itself
-# needs only the compiler and OpenSSL; everything else serves the tools, tests or CI.
+# needs the compiler, OpenSSL and the HTTP library of its status port; everything
+# else serves the tools, tests or CI.
 server_packages=(
   cmake
   ninja-build
   g++
-  nlohmann-json3-dev         # the tools' JSON output and request documents
+  nlohmann-json3-dev         # JSON of the tools and of the status port
   libssl-dev                 # TLS on the RPC port (OpenSSL)
+  libcpp-httplib-dev         # the HTTP status port (built with OpenSSL)
+  pkg-config                 # finds cpp-httplib's build flags
 )
 test_packages=(
   "${server_packages[@]}"
@@ -35,6 +38,7 @@ test_packages=(
   openssl                    # the tests make their certificates with it
   util-linux                 # prlimit, for tests that lower resource limits
   python3-prometheus-client  # parses the Prometheus text output in tests
+  prometheus                 # a real scraper of the status port in tests; promtool
 )
 package_packages=(
   "${server_packages[@]}"

@@ -1,0 +1,337 @@
+#include "app/status_server.h"
+
+#include <dirent.h>
+#include <sys/resource.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <httplib.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <utility>
+#include <vector>
+
+#include "pdpb/messages.h"
+#include "pdpb/stats.h"
+#include "rpc/server.h"
+#include "rpc/tls.h"
+#include "tools/json_messages.h"
+#include "tools/stats_view.h"
+#include "tools/text.h"
+
+namespace kandb::app {
+
+namespace {
+
+using nlohmann::json;
+
+// HTTP threads: enough that a scrape, a health check and an operator's
+// request never wait on one another, few enough to cost little while idle.
+constexpr size_t kHttpThreads = 4;
+// A client that sends or reads nothing for this long is dropped, so that a
+// stalled one holds a thread for a few seconds at most. Shorter than the
+// usual scrape interval's multiple, so a scraper's kept-alive connection
+// does not hold a thread between scrapes for long either.
+constexpr time_t kIoTimeoutS = 5;
+constexpr time_t kKeepAliveS = 2;
+// Requests carry no body worth the name: GETs only.
+constexpr size_t kMaxRequestBody = 4096;
+
+const char kJsonType[] = "application/json";
+const char kPrometheusType[] = "text/plain; version=0.0.4; charset=utf-8";
+
+void Reply(httplib::Response& res, int code, const json& body) {
+  res.status = code;
+  res.set_content(body.dump(2) + "\n", kJsonType);
+}
+
+// A failed call as the client would have seen it: 404 for what does not
+// exist, 503 while the server does not serve (a follower, or no leader),
+// 400 for a bad request, 500 for the rest.
+void ReplyFailure(httplib::Response& res, const Status& s) {
+  int code = 500;
+  if (s.IsNotFound()) {
+    code = 404;
+  } else if (s.IsInvalidArgument()) {
+    code = 400;
+  } else if (s.IsUnavailable()) {
+    code = 503;
+  }
+  Reply(res, code, json{{"error", s.ToString()}});
+}
+
+bool ParseU64(const std::string& text, uint64_t* out) {
+  if (text.empty() || text.size() > 20) return false;
+  uint64_t v = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+    const uint64_t digit = static_cast<uint64_t>(c - '0');
+    if (v > (UINT64_MAX - digit) / 10) return false;
+    v = v * 10 + digit;
+  }
+  *out = v;
+  return true;
+}
+
+// /proc/self/stat's fields after the command name, which may hold spaces
+// and parentheses of its own.
+std::vector<std::string> ProcStatFields() {
+  std::ifstream in("/proc/self/stat");
+  std::string line;
+  std::getline(in, line);
+  std::vector<std::string> fields;
+  const size_t close = line.rfind(')');
+  if (close == std::string::npos) return fields;
+  std::istringstream rest(line.substr(close + 1));
+  std::string field;
+  while (rest >> field) fields.push_back(field);
+  return fields;
+}
+
+uint64_t BootTimeSeconds() {
+  std::ifstream in("/proc/stat");
+  std::string key;
+  uint64_t value = 0;
+  while (in >> key) {
+    if (key == "btime") {
+      in >> value;
+      return value;
+    }
+    in.ignore(1 << 20, '\n');
+  }
+  return 0;
+}
+
+size_t OpenDescriptors() {
+  DIR* dir = opendir("/proc/self/fd");
+  if (dir == nullptr) return 0;
+  size_t n = 0;
+  while (const dirent* entry = readdir(dir)) {
+    if (entry->d_name[0] != '.') ++n;
+  }
+  closedir(dir);
+  // The directory's own descriptor was one of them.
+  return n > 0 ? n - 1 : 0;
+}
+
+void Gauge(std::string* out, const char* name, const char* type, const char* help, double value) {
+  char line[256];
+  std::snprintf(line, sizeof(line), "# HELP %s %s\n# TYPE %s %s\n%s %.17g\n", name, help, name, type, name, value);
+  *out += line;
+}
+
+}  // namespace
+
+std::string ProcessMetricsText() {
+  const std::vector<std::string> f = ProcStatFields();
+  // Field numbers of proc(5), counted from the state (field 3) as index 0.
+  auto field = [&f](size_t number) -> double {
+    const size_t index = number - 3;
+    return index < f.size() ? std::strtod(f[index].c_str(), nullptr) : 0;
+  };
+  const double ticks = static_cast<double>(sysconf(_SC_CLK_TCK));
+  const double page = static_cast<double>(sysconf(_SC_PAGESIZE));
+  struct rlimit limit = {};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  std::string out;
+  Gauge(&out, "process_cpu_seconds_total", "counter", "User and system CPU time spent, in seconds.",
+        (field(14) + field(15)) / ticks);
+  Gauge(&out, "process_resident_memory_bytes", "gauge", "Resident memory size in bytes.", field(24) * page);
+  Gauge(&out, "process_virtual_memory_bytes", "gauge", "Virtual memory size in bytes.", field(23));
+  Gauge(&out, "process_open_fds", "gauge", "Open file descriptors.", static_cast<double>(OpenDescriptors()));
+  Gauge(&out, "process_max_fds", "gauge", "The limit on open file descriptors.",
+        limit.rlim_cur == RLIM_INFINITY ? -1 : static_cast<double>(limit.rlim_cur));
+  Gauge(&out, "process_threads", "gauge", "Threads of the process.", field(20));
+  Gauge(&out, "process_start_time_seconds", "gauge", "Start time of the process since the epoch, in seconds.",
+        static_cast<double>(BootTimeSeconds()) + field(22) / ticks);
+  return out;
+}
+
+bool StatusServer::SplitHostPort(const std::string& addr, std::string* host, int* port) {
+  const size_t colon = addr.rfind(':');
+  if (colon == std::string::npos || colon == 0) return false;
+  uint64_t value = 0;
+  if (!ParseU64(addr.substr(colon + 1), &value) || value > 65535) return false;
+  *host = addr.substr(0, colon);
+  *port = static_cast<int>(value);
+  return true;
+}
+
+StatusServer::StatusServer(StatusOptions options) : options_(std::move(options)) {}
+
+StatusServer::~StatusServer() {
+  if (http_ != nullptr) http_->stop();
+  if (thread_.joinable()) thread_.join();
+}
+
+Status StatusServer::Start(StatusOptions options, std::unique_ptr<StatusServer>* out) {
+  std::string host;
+  int port = 0;
+  if (!SplitHostPort(options.addr, &host, &port)) {
+    return Status::InvalidArgument("status: --status_addr must be HOST:PORT, not '" + options.addr + "'");
+  }
+  std::unique_ptr<StatusServer> server(new StatusServer(std::move(options)));
+  if (server->options_.tls != nullptr) {
+    kanrpc::TlsServerContext* tls = server->options_.tls.get();
+    server->http_ = std::make_unique<httplib::SSLServer>([tls](SSL_CTX& ctx) {
+      tls->Attach(&ctx);
+      return true;
+    });
+  } else {
+    server->http_ = std::make_unique<httplib::Server>();
+  }
+  httplib::Server& http = *server->http_;
+  http.new_task_queue = [] { return new httplib::ThreadPool(kHttpThreads); };
+  http.set_read_timeout(kIoTimeoutS);
+  http.set_write_timeout(kIoTimeoutS);
+  http.set_keep_alive_timeout(kKeepAliveS);
+  http.set_payload_max_length(kMaxRequestBody);
+  server->Route();
+  const int bound = port == 0 ? http.bind_to_any_port(host) : (http.bind_to_port(host, port) ? port : -1);
+  if (bound <= 0) {
+    return Status::Corruption("status: cannot listen on " + server->options_.addr);
+  }
+  server->port_ = bound;
+  server->thread_ = std::thread([s = server.get()] { s->http_->listen_after_bind(); });
+  *out = std::move(server);
+  return Status::OK();
+}
+
+std::string StatusServer::Metrics() const {
+  pdpb::StatsResponse stats;
+  std::string out;
+  if (options_.rpc->CallLocal("Pd.Stats", pdpb::StatsRequest{}, &stats).ok()) {
+    out = tools::StatsPrometheus(stats);
+  }
+  if (!options_.data_dir.empty()) {
+    struct statvfs fs = {};
+    if (statvfs(options_.data_dir.c_str(), &fs) == 0) {
+      const double unit = static_cast<double>(fs.f_frsize);
+      Gauge(&out, "kandb_meta_data_dir_available_bytes", "gauge",
+            "Bytes free to the server on the filesystem of its state directory.",
+            static_cast<double>(fs.f_bavail) * unit);
+      Gauge(&out, "kandb_meta_data_dir_size_bytes", "gauge", "Size of the filesystem of the state directory.",
+            static_cast<double>(fs.f_blocks) * unit);
+    }
+  }
+  if (options_.members_json) {
+    const Health health = options_.health();
+    Gauge(&out, "kandb_meta_leader", "gauge", "1 while this server leads and serves, else 0.",
+          health.role == "leader" ? 1 : 0);
+    Gauge(&out, "kandb_meta_leader_known", "gauge", "1 while this server leads or follows a known leader, else 0.",
+          health.serving ? 1 : 0);
+  }
+  out += ProcessMetricsText();
+  return out;
+}
+
+void StatusServer::Route() {
+  httplib::Server& http = *http_;
+  const kanrpc::RpcServer* rpc = options_.rpc;
+
+  http.Get("/metrics", [this](const httplib::Request&, httplib::Response& res) {
+    res.set_content(Metrics(), kPrometheusType);
+  });
+
+  http.Get("/health", [this](const httplib::Request&, httplib::Response& res) {
+    const Health h = options_.health();
+    json body{{"status", h.serving ? "ok" : "unavailable"}, {"server", options_.program}};
+    if (!h.role.empty()) body["role"] = h.role;
+    if (!h.leader.empty()) body["leader"] = h.leader;
+    if (!h.serving) body["reason"] = h.reason;
+    Reply(res, h.serving ? 200 : 503, body);
+  });
+
+  http.Get("/api/v1/cluster", [this, rpc](const httplib::Request&, httplib::Response& res) {
+    pdpb::StatsResponse stats;
+    Status s = rpc->CallLocal("Pd.Stats", pdpb::StatsRequest{}, &stats);
+    pdpb::GetGcSafePointResponse gc;
+    if (s.ok()) s = rpc->CallLocal("Pd.GetGcSafePoint", pdpb::GetGcSafePointRequest{}, &gc);
+    if (!s.ok()) return ReplyFailure(res, s);
+    const pdpb::SchedulingStats& g = stats.scheduling;
+    Reply(res, 200,
+          json{{"server", options_.program},
+               {"uptime_ms", stats.uptime_ms},
+               {"regions", stats.routing.index_regions},
+               {"stores",
+                {{"unknown", g.stores_unknown},
+                 {"up", g.stores_up},
+                 {"disconnected", g.stores_disconnected},
+                 {"down", g.stores_down},
+                 {"offline", g.stores_offline},
+                 {"tombstone", g.stores_tombstone}}},
+               {"regions_missing_replica", g.regions_missing_replica},
+               {"regions_on_down_store", g.regions_on_down_store},
+               {"regions_on_offline_store", g.regions_on_offline_store},
+               {"gc_safe_point", gc.safe_point}});
+  });
+
+  http.Get("/api/v1/stores", [rpc](const httplib::Request&, httplib::Response& res) {
+    pdpb::GetAllStoresResponse stores;
+    Status s = rpc->CallLocal("Pd.GetAllStores", pdpb::GetAllStoresRequest{}, &stores);
+    if (!s.ok()) return ReplyFailure(res, s);
+    Reply(res, 200, tools::ToJson(stores));
+  });
+
+  http.Get("/api/v1/regions", [rpc](const httplib::Request& req, httplib::Response& res) {
+    // Keys are written as the command-line client writes them: printable
+    // bytes as they are, others escaped.
+    auto key = [&req](const char* name, std::string* out) {
+      return req.has_param(name) ? tools::UnescapeBytes(req.get_param_value(name), out) : Status::OK();
+    };
+    if (req.has_param("key")) {
+      pdpb::GetRegionRequest request;
+      Status s = key("key", &request.key);
+      pdpb::GetRegionResponse region;
+      if (s.ok()) s = rpc->CallLocal("Pd.GetRegion", request, &region);
+      if (!s.ok()) return ReplyFailure(res, s);
+      return Reply(res, 200, tools::ToJson(region));
+    }
+    if (req.has_param("id")) {
+      pdpb::GetRegionByIdRequest request;
+      if (!ParseU64(req.get_param_value("id"), &request.region_id)) {
+        return ReplyFailure(res, Status::InvalidArgument("id must be a decimal region id"));
+      }
+      pdpb::GetRegionResponse region;
+      Status s = rpc->CallLocal("Pd.GetRegionById", request, &region);
+      if (!s.ok()) return ReplyFailure(res, s);
+      return Reply(res, 200, tools::ToJson(region));
+    }
+    pdpb::ScanRegionsRequest request;
+    Status s = key("start", &request.start_key);
+    if (s.ok()) s = key("end", &request.end_key);
+    if (s.ok() && req.has_param("limit")) {
+      uint64_t limit = 0;
+      if (!ParseU64(req.get_param_value("limit"), &limit) || limit > UINT32_MAX) {
+        s = Status::InvalidArgument("limit must be a decimal count");
+      }
+      request.limit = static_cast<uint32_t>(limit);
+    }
+    pdpb::ScanRegionsResponse regions;
+    if (s.ok()) s = rpc->CallLocal("Pd.ScanRegions", request, &regions);
+    if (!s.ok()) return ReplyFailure(res, s);
+    Reply(res, 200, tools::ToJson(regions));
+  });
+
+  http.Get("/api/v1/members", [this](const httplib::Request&, httplib::Response& res) {
+    if (options_.members_json) {
+      res.status = 200;
+      res.set_content(options_.members_json(), kJsonType);
+      return;
+    }
+    Reply(res, 200, json{{"servers", json::array({json{{"program", options_.program}}})}});
+  });
+
+  http.set_error_handler([](const httplib::Request& req, httplib::Response& res) {
+    if (res.status == 404 && res.body.empty()) {
+      Reply(res, 404, json{{"error", "no such page: " + req.path}});
+    }
+  });
+}
+
+}  // namespace kandb::app
