@@ -260,9 +260,13 @@ class HaServers {
         lease_ms_(lease_ms),
         tls_(std::move(tls)) {}
 
+  // Gives each server started after this an HTTP status port of its own.
+  void WithStatusPorts() { with_status_ = true; }
+
   bool Start(int count) {
     for (int i = 0; i < count; ++i) {
       ports_.push_back(PickFreePort());
+      status_ports_.push_back(with_status_ ? PickFreePort() : 0);
       processes_.emplace_back();
       if (!Restart(i)) return false;
     }
@@ -277,6 +281,7 @@ class HaServers {
     if (!tls_.ca_file.empty()) argv.push_back("--etcd_cacert=" + tls_.ca_file);
     if (!tls_.cert_file.empty()) argv.push_back("--etcd_cert=" + tls_.cert_file);
     if (!tls_.key_file.empty()) argv.push_back("--etcd_key=" + tls_.key_file);
+    if (status_ports_[i] != 0) argv.push_back("--status_addr=127.0.0.1:" + std::to_string(status_ports_[i]));
     if (!processes_[i]->Start(argv)) return false;
     return processes_[i]->WaitForOutput(
         "kandb-meta-ha listening on 127.0.0.1:" + port + ", cluster " + cluster_ + "\n", 30000);
@@ -302,6 +307,7 @@ class HaServers {
   }
 
   std::string Address(int i) const { return "127.0.0.1:" + std::to_string(ports_[i]); }
+  int StatusPort(int i) const { return status_ports_[i]; }
   std::string AddressList() const {
     std::string list;
     for (size_t i = 0; i < ports_.size(); ++i) list += (i > 0 ? "," : "") + Address(static_cast<int>(i));
@@ -336,6 +342,8 @@ class HaServers {
   const int64_t lease_ms_;
   const store::EtcdTls tls_;
   std::vector<int> ports_;
+  std::vector<int> status_ports_;  // 0: none
+  bool with_status_ = false;
   std::vector<std::unique_ptr<ChildProcess>> processes_;
 };
 

@@ -8,6 +8,7 @@
 #include <signal.h>
 
 #include <gtest/gtest.h>
+#include <httplib.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,6 +16,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -1001,6 +1003,81 @@ TEST_F(HaTest, TakeoverAtScaleServesOnceTheLeaseRunsOut) {
 // takeover; the statistics are learned again from the stores by the new
 // leader, which counts every store silent only from its own start. Service
 // safe points and the GC safe point are in etcd too.
+// The status port of each part an HA server can play: the leader and a
+// follower answer /health with 200 and say which they are, and a server
+// cut off from etcd (its only way there, a proxy, closed) answers 503 with
+// etcd's error, as soon as its next campaign read fails.
+TEST_F(HaTest, StatusPortsOfLeaderFollowerAndServerCutOff) {
+  testing::EtcdCluster etcd(dir_);
+  ASSERT_TRUE(etcd.Start(1));
+  testing::HaServers servers(KANDB_META_HA_BINARY, etcd.UrlList(), "status", kLeaseMs);
+  servers.WithStatusPorts();
+  ASSERT_TRUE(servers.Start(2));
+  store::EtcdClient client(etcd.Endpoints(), 1000);
+  const int leader = servers.WaitLeader(&client, 20000);
+  ASSERT_GE(leader, 0);
+  const int follower = 1 - leader;
+  auto proxy = std::make_unique<testing::AnswerDelayProxy>(etcd.UrlList());
+  testing::HaServers cut_off(KANDB_META_HA_BINARY, proxy->Url(), "status", kLeaseMs);
+  cut_off.WithStatusPorts();
+  ASSERT_TRUE(cut_off.Start(1));
+
+  auto get = [](int port, const std::string& path) -> std::pair<int, nlohmann::json> {
+    httplib::Client http("127.0.0.1", port);
+    http.set_read_timeout(5);
+    auto res = http.Get(path);
+    if (!res) return {0, nullptr};
+    return {res->status, nlohmann::json::parse(res->body, nullptr, false)};
+  };
+  // Polled: the leader serves once its term began, a follower once its
+  // campaign read the leader key.
+  auto wait_health = [&](int port, int want_status, const std::string& want_role) {
+    std::pair<int, nlohmann::json> last;
+    for (const int64_t end = SteadyMs() + 20000; SteadyMs() < end; SleepMs(50)) {
+      last = get(port, "/health");
+      if (last.first == want_status && last.second.value("role", "") == want_role) break;
+    }
+    return last;
+  };
+  const std::string leader_address = servers.Address(leader);
+  auto [status, health] = wait_health(servers.StatusPort(leader), 200, "leader");
+  EXPECT_EQ(status, 200) << health;
+  EXPECT_EQ(health, (nlohmann::json{{"status", "ok"}, {"server", "kandb-meta-ha"}, {"role", "leader"}}));
+  std::tie(status, health) = wait_health(servers.StatusPort(follower), 200, "follower");
+  EXPECT_EQ(health, (nlohmann::json{{"status", "ok"}, {"server", "kandb-meta-ha"}, {"role", "follower"},
+                                    {"leader", leader_address}}));
+  std::tie(status, health) = wait_health(cut_off.StatusPort(0), 200, "follower");
+  EXPECT_EQ(health.value("leader", ""), leader_address) << health;
+
+  // Members: the leader shows its lease, the follower whom it follows.
+  auto [members_status, members] = get(servers.StatusPort(leader), "/api/v1/members");
+  EXPECT_EQ(members_status, 200);
+  EXPECT_EQ(members["leader"], leader_address);
+  EXPECT_EQ(members["lease"]["ttl_s"], (kLeaseMs + 999) / 1000) << members;
+  std::tie(members_status, members) = get(servers.StatusPort(follower), "/api/v1/members");
+  EXPECT_EQ(members["leader"], leader_address);
+  EXPECT_EQ(members["self"], servers.Address(follower));
+  // A follower's data views say where the leader is, as its RPC port does.
+  auto [stores_status, stores] = get(servers.StatusPort(follower), "/api/v1/stores");
+  EXPECT_EQ(stores_status, 503);
+  EXPECT_EQ(stores["error"], "Unavailable: not leader; leader at " + leader_address);
+
+  httplib::Client http("127.0.0.1", servers.StatusPort(leader));
+  auto metrics = http.Get("/metrics");
+  ASSERT_TRUE(metrics);
+  EXPECT_NE(metrics->body.find("\nkandb_meta_leader 1\n"), std::string::npos);
+  EXPECT_NE(metrics->body.find("\nkandb_meta_engine_present 0\n"), std::string::npos);
+
+  proxy.reset();
+  std::tie(status, health) = wait_health(cut_off.StatusPort(0), 503, "");
+  EXPECT_EQ(status, 503) << health;
+  EXPECT_EQ(health.value("status", ""), "unavailable");
+  EXPECT_EQ(health.value("reason", "").rfind("cannot reach etcd: Unavailable: etcd unreachable: ", 0), 0u) << health;
+  // The others go on as they were.
+  EXPECT_EQ(get(servers.StatusPort(leader), "/health").first, 200);
+  EXPECT_EQ(get(servers.StatusPort(follower), "/health").first, 200);
+}
+
 TEST_F(HaTest, StoresAndSafePointsAcrossATakeover) {
   testing::EtcdCluster etcd(dir_);
   ASSERT_TRUE(etcd.Start(1));

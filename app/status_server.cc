@@ -1,6 +1,8 @@
 #include "app/status_server.h"
 
 #include <dirent.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -197,7 +199,17 @@ Status StatusServer::Start(StatusOptions options, std::unique_ptr<StatusServer>*
     return Status::Corruption("status: cannot listen on " + server->options_.addr);
   }
   server->port_ = bound;
-  server->thread_ = std::thread([s = server.get()] { s->http_->listen_after_bind(); });
+  server->thread_ = std::thread([s = server.get()] {
+    // OpenSSL writes to the socket with write(2): a client that leaves
+    // while its answer is written must not end the process with SIGPIPE,
+    // whatever the HTTP library does about the signal. The HTTP threads,
+    // all started from this one, inherit the blocked signal and see EPIPE.
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+    s->http_->listen_after_bind();
+  });
   *out = std::move(server);
   return Status::OK();
 }
