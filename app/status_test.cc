@@ -12,9 +12,11 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <chrono>
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "app/meta_server_test_util.h"
@@ -257,6 +259,45 @@ TEST_F(StatusTest, TlsPortLetsInOnlyTheAllowedCertificates) {
   SSL_CTX_free(ctx);
   EXPECT_EQ(get(&prometheus), 200);
   EXPECT_EQ(server_.child()->Wait(0), -1) << "the server ended: " << server_.child()->Stderr();
+
+  // A certificate rotated with SIGHUP is the status port's too.
+  testing::TestPki next(dir_, "next-ca");
+  ASSERT_TRUE(next.ok()) << next.error();
+  const testing::CertFiles rotated = next.Server("rotated");
+  testing::WriteFileOrDie(server_cert.cert, testing::ReadFileOrEmpty(rotated.cert));
+  testing::WriteFileOrDie(server_cert.key, testing::ReadFileOrEmpty(rotated.key));
+  server_.child()->Kill(SIGHUP);
+  int status = 0;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  for (; std::chrono::steady_clock::now() < deadline && status != 200;
+       std::this_thread::sleep_for(std::chrono::milliseconds(50))) {
+    httplib::SSLClient https("127.0.0.1", status_port_, prometheus.cert, prometheus.key);
+    https.set_ca_cert_path(next.ca().cert.c_str());
+    https.enable_server_certificate_verification(true);
+    auto res = https.Get("/health");
+    status = res ? res->status : 0;
+  }
+  EXPECT_EQ(status, 200);
+}
+
+// A status address that cannot be served stops the start, like a bad RPC
+// address.
+TEST_F(StatusTest, BadStatusAddressStopsTheStart) {
+  kanrpc::testing::Socket taken = kanrpc::testing::Listen(&status_port_);
+  const std::pair<std::string, std::string> cases[] = {
+      {"9379", "InvalidArgument: status: --status_addr must be HOST:PORT, not '9379'"},
+      {"127.0.0.1:65536", "InvalidArgument: status: --status_addr must be HOST:PORT, not '127.0.0.1:65536'"},
+      {"127.0.0.1:" + std::to_string(status_port_), "Corruption: status: cannot listen on 127.0.0.1:" +
+                                                        std::to_string(status_port_)},
+  };
+  for (const auto& [addr, reason] : cases) {
+    const testing::ProgramResult r =
+        testing::RunProgram({KANDB_META_BINARY, "--bind_addr=127.0.0.1", "--port=" + std::to_string(testing::PickFreePort()),
+                             "--data_dir=" + dir_ + "/state", "--status_addr=" + addr});
+    EXPECT_EQ(testing::ExitCode(r), 1) << addr;
+    EXPECT_EQ(r.err, "failed to start pd: " + reason + "\n");
+    EXPECT_EQ(r.out, "");
+  }
 }
 
 }  // namespace
