@@ -125,14 +125,18 @@ kandb::Status StartStatus(const std::string& addr, std::shared_ptr<kandb::kanrpc
   };
   options.members_json = [ha, cluster] {
     const kandb::meta::HaServer::Role role = ha->CurrentRole();
-    nlohmann::json self{{"address", ha->advertise()}, {"leading", role.leading}};
-    if (!role.etcd_error.empty()) self["etcd_error"] = role.etcd_error;
-    nlohmann::json servers = nlohmann::json::array({self});
-    if (!role.leading && !role.leader.empty()) {
-      servers.push_back(nlohmann::json{{"address", role.leader}, {"leading", true}});
-    }
-    nlohmann::json body{{"cluster", cluster}, {"self", ha->advertise()}, {"servers", servers}};
+    std::vector<kandb::meta::HaServer::Member> members;
+    nlohmann::json body{{"cluster", cluster}, {"self", ha->advertise()}};
     body["leader"] = role.leader.empty() ? nlohmann::json(nullptr) : nlohmann::json(role.leader);
+    // The servers as etcd knows them; without etcd, none is known.
+    const kandb::Status s = ha->Members(&members);
+    nlohmann::json servers = nlohmann::json::array();
+    for (const kandb::meta::HaServer::Member& m : members) {
+      servers.push_back(nlohmann::json{
+          {"address", m.address}, {"status_addr", m.status_addr}, {"leading", m.address == role.leader}});
+    }
+    body["servers"] = servers;
+    if (!s.ok()) body["etcd_error"] = s.ToString();
     if (role.leading) {
       body["lease"] = nlohmann::json{{"id", role.lease_id},
                                      {"ttl_s", role.lease_ttl_s},
@@ -192,6 +196,7 @@ int main(int argc, char** argv) {
   options.prefix = kandb::store::EtcdClusterPrefix(*FLAGS_cluster);
   options.advertise = FLAGS_advertise_addr->empty() ? DefaultAdvertise(bind_addr, *FLAGS_port)
                                                     : *FLAGS_advertise_addr;
+  options.status_addr = *FLAGS_status_addr;
   options.lease_ms = *FLAGS_lease_ms;
   options.target_replicas = static_cast<uint32_t>(*FLAGS_target_replicas);
   if (!kandb::app::SchedulingOptionsFromFlags(kSchedulingFlags, &options.scheduling)) return 1;

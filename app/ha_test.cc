@@ -1049,14 +1049,32 @@ TEST_F(HaTest, StatusPortsOfLeaderFollowerAndServerCutOff) {
   std::tie(status, health) = wait_health(cut_off.StatusPort(0), 200, "follower");
   EXPECT_EQ(health.value("leader", ""), leader_address) << health;
 
-  // Members: the leader shows its lease, the follower whom it follows.
-  auto [members_status, members] = get(servers.StatusPort(leader), "/api/v1/members");
-  EXPECT_EQ(members_status, 200);
-  EXPECT_EQ(members["leader"], leader_address);
-  EXPECT_EQ(members["lease"]["ttl_s"], (kLeaseMs + 999) / 1000) << members;
-  std::tie(members_status, members) = get(servers.StatusPort(follower), "/api/v1/members");
-  EXPECT_EQ(members["leader"], leader_address);
-  EXPECT_EQ(members["self"], servers.Address(follower));
+  // Members: every live server with its status address, the leader marked;
+  // the leader shows its lease, a follower whom it follows.
+  auto member = [](const testing::HaServers& group, int i, bool leading) {
+    return nlohmann::json{{"address", group.Address(i)},
+                          {"status_addr", "127.0.0.1:" + std::to_string(group.StatusPort(i))},
+                          {"leading", leading}};
+  };
+  std::vector<nlohmann::json> all = {member(servers, 0, leader == 0), member(servers, 1, leader == 1),
+                                     member(cut_off, 0, false)};
+  std::sort(all.begin(), all.end(), [](const nlohmann::json& a, const nlohmann::json& b) {
+    return a["address"].get<std::string>() < b["address"].get<std::string>();
+  });
+  // Polled: a server's key is written by its own thread once it started.
+  std::pair<int, nlohmann::json> members;
+  for (const int64_t end = SteadyMs() + 20000; SteadyMs() < end; SleepMs(50)) {
+    members = get(servers.StatusPort(leader), "/api/v1/members");
+    if (members.second.value("servers", nlohmann::json::array()).size() == all.size()) break;
+  }
+  EXPECT_EQ(members.first, 200);
+  EXPECT_EQ(members.second["servers"], nlohmann::json(all)) << members.second;
+  EXPECT_EQ(members.second["leader"], leader_address);
+  EXPECT_EQ(members.second["lease"]["ttl_s"], (kLeaseMs + 999) / 1000) << members.second;
+  members = get(servers.StatusPort(follower), "/api/v1/members");
+  EXPECT_EQ(members.second["leader"], leader_address);
+  EXPECT_EQ(members.second["self"], servers.Address(follower));
+  EXPECT_FALSE(members.second.contains("lease"));
   // A follower's data views say where the leader is, as its RPC port does.
   auto [stores_status, stores] = get(servers.StatusPort(follower), "/api/v1/stores");
   EXPECT_EQ(stores_status, 503);
@@ -1073,9 +1091,15 @@ TEST_F(HaTest, StatusPortsOfLeaderFollowerAndServerCutOff) {
   EXPECT_EQ(status, 503) << health;
   EXPECT_EQ(health.value("status", ""), "unavailable");
   EXPECT_EQ(health.value("reason", "").rfind("cannot reach etcd: Unavailable: etcd unreachable: ", 0), 0u) << health;
-  // The others go on as they were.
+  // The others go on as they were, and see it leave once its lease ran out.
   EXPECT_EQ(get(servers.StatusPort(leader), "/health").first, 200);
   EXPECT_EQ(get(servers.StatusPort(follower), "/health").first, 200);
+  all.erase(std::find(all.begin(), all.end(), member(cut_off, 0, false)));
+  for (const int64_t end = SteadyMs() + 20000; SteadyMs() < end; SleepMs(100)) {
+    members = get(servers.StatusPort(follower), "/api/v1/members");
+    if (members.second["servers"] == nlohmann::json(all)) break;
+  }
+  EXPECT_EQ(members.second["servers"], nlohmann::json(all));
 }
 
 TEST_F(HaTest, StoresAndSafePointsAcrossATakeover) {

@@ -20,6 +20,8 @@ namespace kandb::meta {
 namespace {
 
 constexpr char kCeilingKey[] = "tso_ceiling";
+// "<prefix>member/<advertise>": one key per live server (see Members).
+constexpr char kMemberPrefix[] = "member/";
 constexpr int64_t kNsPerMs = 1000000;
 // Retry a failed renewal this soon, rather than a third of the lease later.
 constexpr int64_t kRenewRetryNs = 100 * kNsPerMs;
@@ -420,7 +422,10 @@ int64_t HaServer::LeaseSeconds(int64_t lease_ms) {
 }
 
 HaServer::HaServer(store::EtcdClient* etcd, HaOptions options)
-    : etcd_(etcd), options_(std::move(options)), leader_key_(options_.prefix + "leader") {
+    : etcd_(etcd),
+      options_(std::move(options)),
+      leader_key_(options_.prefix + "leader"),
+      member_key_(options_.prefix + kMemberPrefix + options_.advertise) {
   RegionMirror::Options mirror;
   mirror.prefix = options_.prefix;
   mirror.leader_key = leader_key_;
@@ -435,6 +440,7 @@ HaServer::HaServer(store::EtcdClient* etcd, HaOptions options)
 HaServer::~HaServer() {
   stop_.store(true);
   if (thread_.joinable()) thread_.join();
+  if (member_thread_.joinable()) member_thread_.join();
   bool leading = false;
   {
     MutexLock lock(&mu_);
@@ -448,6 +454,59 @@ HaServer::~HaServer() {
 void HaServer::Start() {
   mirror_->Start();
   thread_ = std::thread([this] { Run(); });
+  member_thread_ = std::thread([this] { KeepMembership(); });
+}
+
+void HaServer::KeepMembership() {
+  const int64_t ttl_asked = LeaseSeconds(options_.lease_ms);
+  int64_t lease = 0;
+  int64_t renew_at = 0;
+  while (!stop_.load()) {
+    if (SteadyNs() >= renew_at) {
+      int64_t ttl = 0;
+      Status s;
+      if (lease != 0) {
+        s = etcd_->LeaseKeepAlive(lease, &ttl);
+        // Gone (expired while etcd was out of reach): a new lease, and the
+        // key again.
+        if (s.ok() && ttl <= 0) lease = 0;
+      }
+      if (lease == 0) {
+        s = etcd_->LeaseGrant(ttl_asked, &lease, &ttl);
+        if (s.ok()) {
+          store::EtcdTxnResult result;
+          s = etcd_->Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kPut, member_key_, options_.status_addr, lease}},
+                         {}, &result);
+          if (!s.ok()) {
+            (void)etcd_->LeaseRevoke(lease);
+            lease = 0;
+          }
+        } else {
+          lease = 0;
+        }
+      }
+      // A third of the lease between renewals; a failure is tried again
+      // at the campaign's pace.
+      renew_at = SteadyNs() + (s.ok() && lease != 0 ? ttl * 1000 * kNsPerMs / 3 : kCampaignIntervalMs * kNsPerMs);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  // Leaving: the key goes with its lease at once, not a lease later.
+  if (lease != 0) (void)etcd_->LeaseRevoke(lease);
+}
+
+Status HaServer::Members(std::vector<Member>* out) const {
+  out->clear();
+  const std::string start = options_.prefix + kMemberPrefix;
+  std::string end = start;
+  end.back() = static_cast<char>(end.back() + 1);
+  std::vector<store::EtcdKv> kvs;
+  bool more = false;
+  int64_t revision = 0;
+  Status s = etcd_->Range(start, end, 0, 0, &kvs, &more, &revision);
+  if (!s.ok()) return s;
+  for (const store::EtcdKv& kv : kvs) out->push_back(Member{kv.key.substr(start.size()), kv.value});
+  return Status::OK();
 }
 
 void HaServer::Log(const std::string& event) {

@@ -55,6 +55,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "common/mutex.h"
 #include "common/status.h"
@@ -72,6 +73,9 @@ namespace kandb::meta {
 struct HaOptions {
   std::string prefix;     // "kandb/" + cluster + "/"
   std::string advertise;  // HOST:PORT written in the leader key
+  // The HTTP status port's HOST:PORT, written in this server's member key
+  // for operators to find (empty: none).
+  std::string status_addr;
   int64_t lease_ms = 3000;
   uint32_t target_replicas = 0;
   // Store liveness, failure domains and change limits (PdService::Options).
@@ -131,6 +135,17 @@ class HaServer {
   Role CurrentRole() const EXCLUDES(mu_);
   const std::string& advertise() const { return options_.advertise; }
 
+  // The servers of the cluster that etcd knows alive: each keeps the key
+  // "<prefix>member/<advertise>" (its status address as the value) under a
+  // lease of its own, renewed by a thread of its own so that a slow etcd
+  // call never delays the leader's renewals. A server cut off from etcd
+  // drops out when that lease runs out. Reads etcd; in advertise order.
+  struct Member {
+    std::string address;
+    std::string status_addr;
+  };
+  Status Members(std::vector<Member>* out) const;
+
  private:
   class Term;
   class TermRouter;
@@ -147,6 +162,8 @@ class HaServer {
   Status NotLeader() EXCLUDES(mu_);
 
   void Run();
+  // Keeps this server's member key alive until stop_, then deletes it.
+  void KeepMembership();
   // One attempt to become leader; on success publishes the new term.
   void Campaign();
   // Renews the lease and extends the timestamp ceiling of the current
@@ -168,6 +185,8 @@ class HaServer {
 
   std::atomic<bool> stop_{false};
   std::thread thread_;
+  const std::string member_key_;
+  std::thread member_thread_;  // KeepMembership; owns its lease alone
 
   // Owned by the campaign thread (and by the destructor once it is
   // joined): the lease of the current term (0: none), its length as etcd
