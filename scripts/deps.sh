@@ -39,6 +39,7 @@ test_packages=(
   util-linux                 # prlimit, for tests that lower resource limits
   python3-prometheus-client  # parses the Prometheus text output in tests
   prometheus                 # a real scraper of the status port in tests; promtool
+                             # checks the packaged alert rules
 )
 package_packages=(
   "${server_packages[@]}"
