@@ -1,4 +1,4 @@
-# Tests of the Prometheus alert rules and the Grafana dashboard.
+# Tests of the monitoring files that the package ships.
 if(NOT KANDB_BUILD_TESTS)
   return()
 endif()

@@ -46,6 +46,8 @@ package_packages=(
   "${server_packages[@]}"
   dpkg-dev                   # dpkg-shlibdeps: the package's library dependencies
   file                       # cpack's DEB generator tells binaries apart with it
+  libcurl4-openssl-dev       # kandb-meta-ha, the second package, is built where found
+  systemd                    # systemd-analyze verifies the packages' units
 )
 
 usage() {
