@@ -39,11 +39,15 @@ test_packages=(
   util-linux                 # prlimit, for tests that lower resource limits
   python3-prometheus-client  # parses the Prometheus text output in tests
   prometheus                 # a real scraper of the status port in tests; promtool
+                             # checks the packaged alert rules and dashboard queries
+  python3-yaml               # the dashboard's metric name check reads the alert rules
 )
 package_packages=(
   "${server_packages[@]}"
   dpkg-dev                   # dpkg-shlibdeps: the package's library dependencies
   file                       # cpack's DEB generator tells binaries apart with it
+  libcurl4-openssl-dev       # kandb-meta-ha, the second package, is built where found
+  systemd                    # systemd-analyze verifies the packages' units
 )
 
 usage() {

@@ -1,0 +1,149 @@
+// The packaged monitoring against the real servers: kandb-meta started with
+// the flags of its systemd unit, kandb-meta-ha with those of its defaults
+// file (on a real etcd member), both serving /metrics on their status
+// ports; every metric name that the Grafana dashboard's queries and the
+// Prometheus alert rules use must be among what they export, and every
+// panel query must parse (packaging/check_metric_names.py, with promtool).
+//
+// The shipped command lines name fixed ports, /var/lib and the machine's
+// own etcd: the test puts free ports, a scratch directory and its etcd
+// member in their place and keeps every other flag as shipped, so a flag
+// the servers do not know fails here rather than in systemd.
+
+#include <httplib.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "app/etcd_test_util.h"
+#include "app/meta_server_test_util.h"
+#include "common/test_util.h"
+
+namespace kandb::testing {
+namespace {
+
+const std::string kPackaging = KANDB_PACKAGING_DIR;
+
+// The words after `prefix` on the line of `text` that starts with it, up to
+// `end` (or the line's end): a command line as systemd splits it.
+std::vector<std::string> CommandLine(const std::string& text, const std::string& prefix, const std::string& end) {
+  std::istringstream lines(text);
+  std::string line;
+  while (std::getline(lines, line)) {
+    if (line.compare(0, prefix.size(), prefix) != 0) continue;
+    std::string rest = line.substr(prefix.size());
+    if (!end.empty()) {
+      const size_t stop = rest.find(end);
+      if (stop == std::string::npos) return {};
+      rest.resize(stop);
+    }
+    std::istringstream words(rest);
+    std::vector<std::string> out;
+    for (std::string word; words >> word;) out.push_back(word);
+    return out;
+  }
+  return {};
+}
+
+// Gives --name=VALUE a new value; false when the command line lacks it.
+bool SetFlag(std::vector<std::string>* args, const std::string& name, const std::string& value) {
+  const std::string key = "--" + name + "=";
+  for (std::string& arg : *args) {
+    if (arg.compare(0, key.size(), key) == 0) {
+      arg = key + value;
+      return true;
+    }
+  }
+  return false;
+}
+
+struct HttpAnswer {
+  int status = 0;  // 0: no answer
+  std::string body;
+};
+
+HttpAnswer Get(int port, const std::string& path) {
+  httplib::Client client("127.0.0.1", port);
+  client.set_connection_timeout(5);
+  client.set_read_timeout(10);
+  httplib::Result result = client.Get(path);
+  if (!result) return {};
+  return {result->status, result->body};
+}
+
+// /health until it answers 200 (the replicated server then leads or
+// follows a known leader), or the last answer after `timeout_ms`.
+HttpAnswer WaitHealthy(int port, int timeout_ms) {
+  HttpAnswer answer;
+  for (const int64_t end = SteadyMs() + timeout_ms; SteadyMs() < end; SleepMs(100)) {
+    answer = Get(port, "/health");
+    if (answer.status == 200) break;
+  }
+  return answer;
+}
+
+class MetricNamesTest : public ::testing::Test {
+ protected:
+  // The servers of a test are its locals: they are killed before their
+  // directories go.
+  void SetUp() override { dir_ = MakeTempDir("kandb-metric-names"); }
+  void TearDown() override { RemoveTree(dir_); }
+  std::string dir_;
+};
+
+TEST_F(MetricNamesTest, DashboardAndRulesUseOnlyWhatTheServersExport) {
+  const std::string& dir = dir_;
+
+  // kandb-meta, with the unit's flags.
+  std::vector<std::string> meta_flags =
+      CommandLine(ReadFileOrEmpty(kPackaging + "/kandb-meta.service.in"), "ExecStart=@KANDB_UNIT_BINDIR@/kandb-meta ", "");
+  ASSERT_FALSE(meta_flags.empty()) << "no ExecStart line in kandb-meta.service.in";
+  const int meta_status_port = PickFreePort();
+  ASSERT_TRUE(SetFlag(&meta_flags, "data_dir", dir + "/meta"));
+  ASSERT_TRUE(SetFlag(&meta_flags, "status_addr", "127.0.0.1:" + std::to_string(meta_status_port)));
+  MetaServer meta;
+  ASSERT_TRUE(meta.Start(dir + "/meta", meta_flags));
+
+  // kandb-meta-ha, with the defaults file's flags, leading on one etcd member.
+  EtcdCluster etcd(dir + "/etcd");
+  ASSERT_TRUE(etcd.Start(1));
+  std::vector<std::string> ha_flags =
+      CommandLine(ReadFileOrEmpty(kPackaging + "/kandb-meta-ha.default"), "KANDB_META_HA_OPTS=\"", "\"");
+  ASSERT_FALSE(ha_flags.empty()) << "no KANDB_META_HA_OPTS=\"...\" in kandb-meta-ha.default";
+  const int ha_port = PickFreePort();
+  const int ha_status_port = PickFreePort();
+  ASSERT_TRUE(SetFlag(&ha_flags, "port", std::to_string(ha_port)));
+  ASSERT_TRUE(SetFlag(&ha_flags, "etcd", etcd.UrlList()));
+  ASSERT_TRUE(SetFlag(&ha_flags, "status_addr", "127.0.0.1:" + std::to_string(ha_status_port)));
+  std::vector<std::string> argv = {KANDB_META_HA_BINARY};
+  argv.insert(argv.end(), ha_flags.begin(), ha_flags.end());
+  ChildProcess ha;
+  ASSERT_TRUE(ha.Start(argv));
+  ASSERT_TRUE(ha.WaitForOutput("kandb-meta-ha listening on 127.0.0.1:" + std::to_string(ha_port), 30000))
+      << ha.Stderr();
+  const HttpAnswer health = WaitHealthy(ha_status_port, 30000);
+  ASSERT_EQ(health.status, 200) << health.body << ha.Stderr();
+
+  const HttpAnswer meta_metrics = Get(meta_status_port, "/metrics");
+  const HttpAnswer ha_metrics = Get(ha_status_port, "/metrics");
+  ASSERT_EQ(meta_metrics.status, 200) << meta.child()->Stderr();
+  ASSERT_EQ(ha_metrics.status, 200) << ha.Stderr();
+  // The alone server of its cluster leads.
+  EXPECT_NE(ha_metrics.body.find("\nkandb_meta_leader 1\n"), std::string::npos) << ha_metrics.body;
+  WriteFileOrDie(dir + "/meta.prom", meta_metrics.body);
+  WriteFileOrDie(dir + "/ha.prom", ha_metrics.body);
+
+  const ProgramResult check = RunProgram(
+      {KANDB_PYTHON3, kPackaging + "/check_metric_names.py", "--metrics", dir + "/meta.prom", "--metrics",
+       dir + "/ha.prom", "--dashboard", kPackaging + "/kandb-meta-dashboard.json", "--rules",
+       kPackaging + "/kandb-meta-alerts.yml", "--promtool", KANDB_PROMTOOL},
+      60000);
+  std::printf("%s", check.out.c_str());
+  EXPECT_EQ(ExitCode(check), 0) << check.err;
+}
+
+}  // namespace
+}  // namespace kandb::testing
