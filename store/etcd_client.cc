@@ -6,9 +6,10 @@
 
 #include <algorithm>
 #include <mutex>
+#include <string_view>
 #include <utility>
 
-#include "store/json.h"
+#include "store/etcd_json.h"
 
 namespace kandb::store {
 
@@ -32,99 +33,6 @@ void GlobalInit() {
 size_t CollectBody(char* data, size_t size, size_t count, void* user) {
   static_cast<std::string*>(user)->append(data, size * count);
   return size * count;
-}
-
-std::string Int(int64_t v) { return std::string("\"").append(std::to_string(v)).append("\""); }
-
-void AppendB64(const std::string& bytes, std::string* out) {
-  json::AppendQuoted(json::Base64Encode(bytes), out);
-}
-
-void AppendOp(const EtcdOp& op, std::string* out) {
-  switch (op.kind) {
-    case EtcdOp::Kind::kPut:
-      out->append("{\"request_put\":{\"key\":");
-      AppendB64(op.key, out);
-      out->append(",\"value\":");
-      AppendB64(op.value, out);
-      if (op.lease != 0) out->append(",\"lease\":" + Int(op.lease));
-      out->append("}}");
-      return;
-    case EtcdOp::Kind::kDelete:
-      out->append("{\"request_delete_range\":{\"key\":");
-      AppendB64(op.key, out);
-      out->append("}}");
-      return;
-    case EtcdOp::Kind::kGet:
-      out->append("{\"request_range\":{\"key\":");
-      AppendB64(op.key, out);
-      out->append("}}");
-      return;
-  }
-}
-
-void AppendOps(const char* name, const std::vector<EtcdOp>& ops, std::string* out) {
-  out->append(",\"");
-  out->append(name);
-  out->append("\":[");
-  for (size_t i = 0; i < ops.size(); ++i) {
-    if (i > 0) out->push_back(',');
-    AppendOp(ops[i], out);
-  }
-  out->push_back(']');
-}
-
-Status BadAnswer(const std::string& why) { return Status::Corruption("etcd: bad answer: " + why); }
-
-// An absent int64 field is 0: the gateway leaves out fields at their default.
-bool IntField(const json::Value& object, const char* name, int64_t* out) {
-  const json::Value* v = object.Find(name);
-  if (v == nullptr) {
-    *out = 0;
-    return true;
-  }
-  return v->AsInt64(out);
-}
-
-bool BytesField(const json::Value& object, const char* name, std::string* out) {
-  const json::Value* v = object.Find(name);
-  if (v == nullptr) {
-    out->clear();
-    return true;
-  }
-  return v->is_string() && json::Base64Decode(v->text(), out);
-}
-
-Status DecodeKvs(const json::Value& answer, std::vector<EtcdKv>* out) {
-  out->clear();
-  const json::Value* kvs = answer.Find("kvs");
-  if (kvs == nullptr) return Status::OK();
-  if (!kvs->is_array()) return BadAnswer("kvs is not a list");
-  out->reserve(kvs->items().size());
-  for (const json::Value& item : kvs->items()) {
-    EtcdKv kv;
-    if (!item.is_object() || !BytesField(item, "key", &kv.key) ||
-        !BytesField(item, "value", &kv.value) ||
-        !IntField(item, "create_revision", &kv.create_revision) ||
-        !IntField(item, "mod_revision", &kv.mod_revision) || !IntField(item, "lease", &kv.lease)) {
-      return BadAnswer("bad record");
-    }
-    out->push_back(std::move(kv));
-  }
-  return Status::OK();
-}
-
-Status ParseAnswer(const std::string& body, json::Value* out) {
-  Status s = json::Parse(body, out);
-  if (!s.ok()) return BadAnswer(s.message());
-  if (!out->is_object()) return BadAnswer("not an object");
-  return Status::OK();
-}
-
-bool HeaderRevision(const json::Value& answer, int64_t* revision) {
-  const json::Value* header = answer.Find("header");
-  if (header == nullptr || !header->is_object()) return false;
-  return IntField(*header, "revision", revision);
 }
 
 // Applied to every handle before it is used (again after a reset): calls
@@ -270,15 +178,9 @@ Status EtcdClient::Post(const char* path, const std::string& body, std::string* 
       break;
     }
     // etcd's refusals come as {"error": reason, "code": gRPC code}.
-    json::Value refusal;
     int64_t code = -1;
     std::string reason = "http status " + std::to_string(http_status);
-    if (json::Parse(*answer, &refusal).ok() && refusal.is_object()) {
-      const json::Value* e = refusal.Find("error");
-      if (e != nullptr && e->is_string()) reason = e->text();
-      const json::Value* c = refusal.Find("code");
-      if (c == nullptr || !c->AsInt64(&code)) code = -1;
-    }
+    etcd_json::DecodeRefusal(*answer, &reason, &code);
     if (code == kGrpcUnavailable || code == kGrpcDeadlineExceeded || http_status >= 500) {
       last_error = endpoint + ": " + reason;
       maybe_sent = true;
@@ -306,121 +208,37 @@ Status EtcdClient::Post(const char* path, const std::string& body, std::string* 
 Status EtcdClient::Range(const std::string& key, const std::string& range_end, int64_t limit,
                          int64_t revision, std::vector<EtcdKv>* kvs, bool* more,
                          int64_t* header_revision) {
-  std::string body = "{\"key\":";
-  AppendB64(key, &body);
-  if (!range_end.empty()) {
-    body.append(",\"range_end\":");
-    AppendB64(range_end, &body);
-  }
-  if (limit > 0) body.append(",\"limit\":" + Int(limit));
-  if (revision > 0) body.append(",\"revision\":" + Int(revision));
-  body.push_back('}');
   std::string text;
-  Status s = Post("/v3/kv/range", body, &text);
+  Status s = Post("/v3/kv/range", etcd_json::RangeRequest(key, range_end, limit, revision), &text);
   if (!s.ok()) return s;
-  json::Value answer;
-  s = ParseAnswer(text, &answer);
-  if (!s.ok()) return s;
-  int64_t rev = 0;
-  if (!HeaderRevision(answer, &rev)) return BadAnswer("no header revision");
-  std::vector<EtcdKv> records;
-  s = DecodeKvs(answer, &records);
-  if (!s.ok()) return s;
-  const json::Value* m = answer.Find("more");
-  *more = m != nullptr && m->type() == json::Value::Type::kBool && m->bool_value();
-  *header_revision = rev;
-  *kvs = std::move(records);
-  return Status::OK();
+  return etcd_json::DecodeRange(text, kvs, more, header_revision);
 }
 
 Status EtcdClient::Txn(const std::vector<EtcdCompare>& compares, const std::vector<EtcdOp>& success,
                        const std::vector<EtcdOp>& failure, EtcdTxnResult* result) {
-  std::string body = "{\"compare\":[";
-  for (size_t i = 0; i < compares.size(); ++i) {
-    const EtcdCompare& c = compares[i];
-    if (i > 0) body.push_back(',');
-    body.append("{\"key\":");
-    AppendB64(c.key, &body);
-    if (c.target == EtcdCompare::Target::kCreate) {
-      body.append(",\"target\":\"CREATE\",\"result\":\"EQUAL\",\"create_revision\":" + Int(c.revision));
-    } else {
-      body.append(",\"target\":\"MOD\",\"result\":\"EQUAL\",\"mod_revision\":" + Int(c.revision));
-    }
-    body.push_back('}');
-  }
-  body.push_back(']');
-  AppendOps("success", success, &body);
-  AppendOps("failure", failure, &body);
-  body.push_back('}');
   std::string text;
-  Status s = Post("/v3/kv/txn", body, &text);
+  Status s = Post("/v3/kv/txn", etcd_json::TxnRequest(compares, success, failure), &text);
   if (!s.ok()) return s;
-  json::Value answer;
-  s = ParseAnswer(text, &answer);
-  if (!s.ok()) return s;
-  EtcdTxnResult r;
-  if (!HeaderRevision(answer, &r.revision)) return BadAnswer("no header revision");
-  const json::Value* ok = answer.Find("succeeded");
-  r.succeeded = ok != nullptr && ok->type() == json::Value::Type::kBool && ok->bool_value();
-  const std::vector<EtcdOp>& ran = r.succeeded ? success : failure;
-  const json::Value* responses = answer.Find("responses");
-  const size_t count = responses != nullptr && responses->is_array() ? responses->items().size() : 0;
-  if (count != ran.size()) return BadAnswer("wrong number of responses");
-  for (size_t i = 0; i < count; ++i) {
-    if (ran[i].kind != EtcdOp::Kind::kGet) continue;
-    const json::Value* range = responses->items()[i].Find("response_range");
-    if (range == nullptr) return BadAnswer("no range response");
-    std::vector<EtcdKv> kvs;
-    s = DecodeKvs(*range, &kvs);
-    if (!s.ok()) return s;
-    r.gets.push_back(std::move(kvs));
-  }
-  *result = std::move(r);
-  return Status::OK();
+  return etcd_json::DecodeTxn(text, success, failure, result);
 }
 
 Status EtcdClient::LeaseGrant(int64_t ttl_seconds, int64_t* id, int64_t* granted_ttl) {
   std::string text;
-  Status s = Post("/v3/lease/grant", "{\"TTL\":" + Int(ttl_seconds) + "}", &text);
+  Status s = Post("/v3/lease/grant", etcd_json::LeaseRequest("TTL", ttl_seconds), &text);
   if (!s.ok()) return s;
-  json::Value answer;
-  s = ParseAnswer(text, &answer);
-  if (!s.ok()) return s;
-  int64_t lease = 0, ttl = 0;
-  if (!IntField(answer, "ID", &lease) || !IntField(answer, "TTL", &ttl) || lease == 0 || ttl <= 0) {
-    const json::Value* e = answer.Find("error");
-    if (e != nullptr && e->is_string()) return Status::InvalidArgument("etcd: " + e->text());
-    return BadAnswer("no lease granted");
-  }
-  *id = lease;
-  *granted_ttl = ttl;
-  return Status::OK();
+  return etcd_json::DecodeLeaseGrant(text, id, granted_ttl);
 }
 
 Status EtcdClient::LeaseKeepAlive(int64_t id, int64_t* ttl) {
   std::string text;
-  Status s = Post("/v3/lease/keepalive", "{\"ID\":" + Int(id) + "}", &text);
+  Status s = Post("/v3/lease/keepalive", etcd_json::LeaseRequest("ID", id), &text);
   if (!s.ok()) return s;
-  json::Value answer;
-  s = ParseAnswer(text, &answer);
-  if (!s.ok()) return s;
-  // The gateway wraps streamed answers: {"result": {...}} or {"error": {...}}.
-  const json::Value* result = answer.Find("result");
-  if (result == nullptr || !result->is_object()) {
-    const json::Value* e = answer.Find("error");
-    const json::Value* m = e != nullptr && e->is_object() ? e->Find("message") : nullptr;
-    if (m != nullptr && m->is_string()) return Status::Unavailable("etcd unreachable: " + m->text());
-    return BadAnswer("no keep-alive result");
-  }
-  int64_t renewed = 0;
-  if (!IntField(*result, "TTL", &renewed)) return BadAnswer("bad TTL");
-  *ttl = renewed;
-  return Status::OK();
+  return etcd_json::DecodeKeepAlive(text, ttl);
 }
 
 Status EtcdClient::LeaseRevoke(int64_t id) {
   std::string text;
-  return Post("/v3/lease/revoke", "{\"ID\":" + Int(id) + "}", &text);
+  return Post("/v3/lease/revoke", etcd_json::LeaseRequest("ID", id), &text);
 }
 
 void EtcdWatchStop::Stop() {
@@ -458,53 +276,6 @@ struct WatchStream {
   Status failure;         // an answer that did not parse, or a stream error
 };
 
-Status DecodeWatchAnswer(const std::string& line, EtcdWatchAnswer* out) {
-  json::Value message;
-  Status s = ParseAnswer(line, &message);
-  if (!s.ok()) return s;
-  const json::Value* result = message.Find("result");
-  if (result == nullptr || !result->is_object()) {
-    const json::Value* e = message.Find("error");
-    const json::Value* m = e != nullptr && e->is_object() ? e->Find("message") : nullptr;
-    if (m != nullptr && m->is_string()) return Status::Unavailable("etcd unreachable: " + m->text());
-    return BadAnswer("no watch result");
-  }
-  EtcdWatchAnswer answer;
-  const json::Value* flag = result->Find("created");
-  answer.created = flag != nullptr && flag->type() == json::Value::Type::kBool && flag->bool_value();
-  flag = result->Find("canceled");
-  answer.canceled = flag != nullptr && flag->type() == json::Value::Type::kBool && flag->bool_value();
-  if (!IntField(*result, "compact_revision", &answer.compact_revision)) return BadAnswer("bad compact revision");
-  const json::Value* reason = result->Find("cancel_reason");
-  if (reason != nullptr && reason->is_string()) answer.cancel_reason = reason->text();
-  const json::Value* events = result->Find("events");
-  if (events != nullptr) {
-    if (!events->is_array()) return BadAnswer("events is not a list");
-    answer.events.reserve(events->items().size());
-    for (const json::Value& item : events->items()) {
-      const json::Value* kv = item.is_object() ? item.Find("kv") : nullptr;
-      if (kv == nullptr || !kv->is_object()) return BadAnswer("event without a record");
-      EtcdEvent event;
-      const json::Value* type = item.Find("type");
-      if (type != nullptr) {
-        if (!type->is_string() || (type->text() != "PUT" && type->text() != "DELETE")) {
-          return BadAnswer("bad event type");
-        }
-        if (type->text() == "DELETE") event.type = EtcdEvent::Type::kDelete;
-      }
-      EtcdKv& record = event.kv;
-      if (!BytesField(*kv, "key", &record.key) || !BytesField(*kv, "value", &record.value) ||
-          !IntField(*kv, "create_revision", &record.create_revision) ||
-          !IntField(*kv, "mod_revision", &record.mod_revision) || !IntField(*kv, "lease", &record.lease)) {
-        return BadAnswer("bad event record");
-      }
-      answer.events.push_back(std::move(event));
-    }
-  }
-  *out = std::move(answer);
-  return Status::OK();
-}
-
 // Splits the stream into its lines (one answer each) as bytes arrive.
 // Returning less than it was given ends the transfer.
 size_t OnWatchBytes(char* data, size_t size, size_t count, void* user) {
@@ -518,7 +289,8 @@ size_t OnWatchBytes(char* data, size_t size, size_t count, void* user) {
        start = newline + 1) {
     if (newline == start) continue;
     EtcdWatchAnswer answer;
-    stream->failure = DecodeWatchAnswer(stream->pending.substr(start, newline - start), &answer);
+    const std::string_view line = std::string_view(stream->pending).substr(start, newline - start);
+    stream->failure = etcd_json::DecodeWatch(line, &answer);
     if (!stream->failure.ok()) return 0;
     stream->answered = true;
     if (!(*stream->on_answer)(answer)) {
@@ -557,14 +329,7 @@ int WatchProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
 Status EtcdClient::Watch(const std::string& key, const std::string& range_end, int64_t start_revision,
                          const std::function<bool(const EtcdWatchAnswer&)>& on_answer, EtcdWatchStop* stop) {
   if (endpoints_.empty()) return Status::Unavailable("etcd unreachable: no endpoints");
-  std::string body = "{\"create_request\":{\"key\":";
-  AppendB64(key, &body);
-  if (!range_end.empty()) {
-    body.append(",\"range_end\":");
-    AppendB64(range_end, &body);
-  }
-  if (start_revision > 0) body.append(",\"start_revision\":" + Int(start_revision));
-  body.append("}}");
+  const std::string body = etcd_json::WatchRequest(key, range_end, start_revision);
 
   CURL* curl = curl_easy_init();
   if (curl == nullptr) return Status::Unavailable("etcd unreachable: cannot create a connection handle");

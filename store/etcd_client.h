@@ -20,7 +20,8 @@
 // could not serve it): then the call may still have been applied; code 1
 // (InvalidArgument) "etcd: " + etcd's own reason when etcd refused it;
 // code 3 (NotFound) "etcd: " + reason for an unknown lease; code 2
-// (Corruption) "etcd: bad answer: " + why, when the answer does not parse.
+// (Corruption) "etcd: bad answer: " + why, when the answer does not parse
+// (the bodies and their decoding are in store/etcd_json.h).
 // A call that failed for want of an endpoint may still have been applied.
 //
 // Thread-safe: each call borrows a connection handle of its own from a
