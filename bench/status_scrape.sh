@@ -12,8 +12,9 @@
 # Prometheus and curl run on the same machine as the server and the load
 # generator: their own CPU is part of what (b) and (c) cost.
 #
-# Prints the median tso/s of each condition and the median of the
-# same-round ratios to (a); then the size of one /metrics answer and the
+# Prints the median tso/s of each condition, the median of the same-round
+# ratios to (a) and the CPU the reader itself took (Prometheus's or the
+# curl clients', in percent of one core over the run); then the size of one /metrics answer and the
 # server's CPU time per /metrics and per /health request, from
 # /proc/PID/stat over many sequential requests on an otherwise idle server.
 #
@@ -54,6 +55,16 @@ free_port() {
 status_port=$(free_port)
 start --status_addr=127.0.0.1:$status_port
 status=http://127.0.0.1:$status_port
+
+# ticks PID...: CPU time (user + system, all threads) of the processes, in clock ticks.
+ticks() {
+  local p sum=0
+  for p in "$@"; do sum=$((sum + $(awk '{sub(/.*\) /, ""); print $12 + $13}' "/proc/$p/stat"))); done
+  echo $sum
+}
+hz=$(getconf CLK_TCK)
+# percent T0 T1: the ticks between as a share of one core over a run.
+percent() { echo "($2 - $1) * 100 / $hz / $seconds" | bc -l; }
 
 # tso: one run of the load generator; prints its calls per second.
 tso() {
@@ -117,41 +128,56 @@ stop_hammer() {
 }
 
 : >"$work/rows"
-for round in $(seq "$rounds"); do
-  a=$(tso)
-
+# The three conditions of a round; each sets its figures.
+run_a() { a=$(tso); }
+run_b() {
   start_prometheus
+  local p0
+  p0=$(ticks $prom_pid)
   b=$(tso)
+  b_cpu=$(percent "$p0" "$(ticks $prom_pid)")
   scrapes=$(prom_query "count_over_time(up{job=\"kandb-meta\"}[${seconds}s])" | sed -n 's/.*,"\([0-9]*\)"\].*/\1/p')
   failed=$(prom_query "count_over_time(up{job=\"kandb-meta\"}[${seconds}s]) - sum_over_time(up{job=\"kandb-meta\"}[${seconds}s])" |
     sed -n 's/.*,"\([0-9]*\)"\].*/\1/p')
   stop_prometheus
-  [ "${failed:-1}" = 0 ] || { echo "round $round: $failed of $scrapes scrapes failed" >&2; exit 1; }
-
+  [ "${failed:-1}" = 0 ] || { echo "$failed of $scrapes scrapes failed" >&2; exit 1; }
+}
+run_c() {
   start_hammer
+  local h0 other
+  # shellcheck disable=SC2086  # one pid a word
+  h0=$(ticks $hammer_pids)
   c=$(tso)
+  # shellcheck disable=SC2086
+  c_cpu=$(percent "$h0" "$(ticks $hammer_pids)")
   stop_hammer
   answered=$(cat "$work"/codes.* | grep -c '^200$' || true)
   other=$(cat "$work"/codes.* | grep -vc '^200$' || true)
-  [ "$other" = 0 ] || { echo "round $round: $other status requests not answered 200" >&2; exit 1; }
+  [ "$other" = 0 ] || { echo "$other status requests not answered 200" >&2; exit 1; }
+}
 
-  echo "$a $b $c $(echo "$b / $a" | bc -l) $(echo "$c / $a" | bc -l) $scrapes $answered" >>"$work/rows"
+# Warms the server and the load generator's path up; not counted.
+seconds=1 tso >/dev/null
+# Each round starts with another condition, so that none always runs first.
+orders=("a b c" "b c a" "c a b")
+for round in $(seq "$rounds"); do
+  for cond in ${orders[$(((round - 1) % 3))]}; do "run_$cond"; done
+  echo "$a $b $c $(echo "$b / $a" | bc -l) $(echo "$c / $a" | bc -l) $scrapes $answered $b_cpu $c_cpu" >>"$work/rows"
   echo "round $round: none $a/s, prometheus $b/s ($scrapes scrapes), status requests $c/s ($answered answered)" >&2
 done
 
 col() { awk -v c="$1" '{print $c}' "$work/rows" | median; }
-echo "# tso at $conns connections, ${seconds}s runs, median of $rounds alternating rounds; ratio: median of same-round ratios"
-printf '%-52s %12s %9s\n' condition tso/s ratio
-printf '%-52s %12.0f %9.3f\n' "(a) no reader of the status port" "$(col 1)" 1
-printf '%-52s %12.0f %9.3f\n' "(b) Prometheus scraping /metrics every 1 s" "$(col 2)" "$(col 4)"
-printf '%-52s %12.0f %9.3f\n' "(c) /health + /metrics at $http_rate req/s in all" "$(col 3)" "$(col 5)"
+echo "# tso at $conns connections, ${seconds}s runs, median of $rounds rounds, each in another order; ratio: median of same-round ratios"
+printf '%-52s %12s %9s %14s\n' condition tso/s ratio "reader CPU %"
+printf '%-52s %12.0f %9.3f %14s\n' "(a) no reader of the status port" "$(col 1)" 1 -
+printf '%-52s %12.0f %9.3f %14.2f\n' "(b) Prometheus scraping /metrics every 1 s" "$(col 2)" "$(col 4)" "$(col 8)"
+printf '%-52s %12.0f %9.3f %14.2f\n' "(c) /health + /metrics at $http_rate req/s in all" "$(col 3)" "$(col 5)" "$(col 9)"
 echo "# scrapes per ${seconds}s run (b): $(col 6); status requests answered while each (c) run lasted: $(col 7)"
 
 # The cost of one request, on the server alone: CPU time (user + system,
 # all threads) over COST_REQUESTS sequential requests, less what the idle
 # server spends in as long.
-cpu_ticks() { awk '{sub(/.*\) /, ""); print $12 + $13}' "/proc/$pid/stat"; }
-hz=$(getconf CLK_TCK)
+cpu_ticks() { ticks "$pid"; }
 per_request_ms() {  # path -> server CPU milliseconds per request
   local t0 t1 idle0 idle1 start_ns end_ns elapsed
   idle0=$(cpu_ticks); sleep 2; idle1=$(cpu_ticks)
