@@ -44,13 +44,20 @@ class MetaServer {
       if (nofile_soft_ > 0) child_->set_open_file_limit(nofile_soft_, nofile_hard_);
       std::vector<std::string> argv = {KANDB_META_BINARY, "--bind_addr=127.0.0.1",
                                        "--port=" + std::to_string(port_), "--data_dir=" + data_dir};
+      if (with_status_port_) {
+        status_port_ = PickFreePort();
+        argv.push_back("--status_addr=127.0.0.1:" + std::to_string(status_port_));
+      }
       argv.insert(argv.end(), flags.begin(), flags.end());
       if (!child_->Start(argv)) return false;
       if (child_->WaitForOutput(MetaBanner("127.0.0.1", port_, data_dir), kStartTimeoutMs)) {
         return true;
       }
       const std::string err = child_->Stderr();
-      if (err.find("Address already in use") == std::string::npos) {
+      // The status port says only that it cannot listen; on 127.0.0.1 and a
+      // port that was free a moment ago, someone took it meanwhile.
+      if (err.find("Address already in use") == std::string::npos &&
+          err.find("status: cannot listen on") == std::string::npos) {
         ADD_FAILURE() << "kandb-meta did not start: " << err;
         return false;
       }
@@ -64,6 +71,11 @@ class MetaServer {
     nofile_soft_ = soft;
     nofile_hard_ = hard;
   }
+
+  // Makes the next Start open the HTTP status port too, on a free port of
+  // 127.0.0.1 that status_port() then tells.
+  void set_status_port(bool on) { with_status_port_ = on; }
+  int status_port() const { return status_port_; }
 
   // SIGKILL, as an operator or a crash would end it, and reap it.
   void Kill() {
@@ -88,6 +100,8 @@ class MetaServer {
 
  private:
   int port_ = 0;
+  bool with_status_port_ = false;
+  int status_port_ = 0;
   std::unique_ptr<ChildProcess> child_;
   uint64_t nofile_soft_ = 0;
   uint64_t nofile_hard_ = 0;

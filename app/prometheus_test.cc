@@ -1,0 +1,597 @@
+// The status port of the real server as its users meet it.
+//
+// A real Prometheus scrapes it every second while clients call Pd.Tso a
+// known number of times: what Prometheus stores is exactly what the clients
+// did (the status port's own in-process reads are not counted), every
+// scrape is taken whole (a line Prometheus cannot parse fails the scrape
+// and turns `up` to 0), and the series carry the job and instance labels
+// a dashboard selects on.
+//
+// Then slow HTTP clients tie up every thread of the status port: the RPC
+// port keeps answering all the while, and the status port answers a fresh
+// client once they have been dropped.
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <httplib.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "app/meta_server_test_util.h"
+#include "common/test_util.h"
+#include "pdpb/messages.h"
+#include "pdpb/stats.h"
+#include "rpc/client.h"
+#include "rpc/frame.h"
+#include "rpc/rpc_test_util.h"
+
+namespace kandb {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using nlohmann::json;
+using testing::ChildProcess;
+using testing::MetaServer;
+
+// Debian's prometheus package; CI installs it with the test dependencies.
+constexpr char kPrometheusBinary[] = "/usr/bin/prometheus";
+constexpr char kJob[] = "kandb-meta";
+// Every wait on Prometheus (its start, a scrape showing a value). A run on
+// a quiet machine needs a few seconds of it; the rest is for a loaded one.
+constexpr auto kDeadline = std::chrono::seconds(90);
+// Between two queries of a poll: a tenth of the scrape interval.
+constexpr auto kPollPause = std::chrono::milliseconds(100);
+
+// ---- Prometheus's query API
+
+struct Sample {
+  std::map<std::string, std::string> labels;  // __name__ included, when the result has one
+  double value = 0;
+};
+
+// The samples of an instant-vector answer of /api/v1/query, or why the
+// answer is not one.
+Status ParseVector(const std::string& body, std::vector<Sample>* out) {
+  out->clear();
+  const json doc = json::parse(body, nullptr, false);
+  if (doc.is_discarded() || !doc.is_object()) return Status::Corruption("not a JSON object: " + body);
+  const auto status = doc.find("status");
+  if (status == doc.end() || !status->is_string() || status->get<std::string>() != "success") {
+    return Status::Corruption("query failed: " + body);
+  }
+  const auto data = doc.find("data");
+  if (data == doc.end() || !data->is_object()) return Status::Corruption("no data: " + body);
+  const auto type = data->find("resultType");
+  if (type == data->end() || !type->is_string() || type->get<std::string>() != "vector") {
+    return Status::Corruption("not an instant vector: " + body);
+  }
+  const auto result = data->find("result");
+  if (result == data->end() || !result->is_array()) return Status::Corruption("no result: " + body);
+  for (const json& item : *result) {
+    if (!item.is_object()) return Status::Corruption("a result that is no object: " + body);
+    const auto metric = item.find("metric");
+    const auto value = item.find("value");
+    // [ <evaluation time, seconds>, "<value>" ]
+    if (metric == item.end() || !metric->is_object() || value == item.end() || !value->is_array() ||
+        value->size() != 2 || !(*value)[1].is_string()) {
+      return Status::Corruption("a sample without labels or value: " + item.dump());
+    }
+    Sample sample;
+    for (const auto& [name, label] : metric->items()) {
+      if (!label.is_string()) return Status::Corruption("a label that is no string: " + item.dump());
+      sample.labels[name] = label.get<std::string>();
+    }
+    const std::string text = (*value)[1].get<std::string>();
+    char* end = nullptr;
+    sample.value = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0') return Status::Corruption("a value that is no number: " + item.dump());
+    out->push_back(std::move(sample));
+  }
+  return Status::OK();
+}
+
+// The value of an answer holding exactly one sample.
+std::optional<double> OnlyValue(const std::vector<Sample>& samples) {
+  if (samples.size() != 1) return std::nullopt;
+  return samples[0].value;
+}
+
+std::string Describe(const std::vector<Sample>& samples) {
+  std::string out = "[";
+  for (const Sample& s : samples) {
+    out += "{";
+    for (const auto& [name, value] : s.labels) out += name + "=\"" + value + "\" ";
+    out += std::to_string(s.value) + "} ";
+  }
+  return out + "]";
+}
+
+// A Prometheus server on 127.0.0.1, a free port and a scratch directory of
+// its own, scraping one target every second. Killed with the object.
+class Prometheus {
+ public:
+  Prometheus() = default;
+  Prometheus(const Prometheus&) = delete;
+  Prometheus& operator=(const Prometheus&) = delete;
+  ~Prometheus() {
+    if (child_ != nullptr) {
+      child_->Kill(SIGKILL);
+      child_->Wait();
+    }
+    if (!dir_.empty()) testing::RemoveTree(dir_);
+  }
+
+  // Starts scraping `target` (HOST:PORT, path /metrics) as job kJob, and
+  // waits until the server says it is ready. On failure the reason has been
+  // added as a test failure.
+  bool Start(const std::string& target) {
+    if (access(kPrometheusBinary, X_OK) != 0) {
+      ADD_FAILURE() << "no Prometheus at " << kPrometheusBinary
+                    << ": install Debian's prometheus package (scripts/deps.sh test does)";
+      return false;
+    }
+    dir_ = testing::MakeTempDir("kandb-prometheus");
+    // The scrape time-out must not exceed the interval.
+    testing::WriteFileOrDie(dir_ + "/prometheus.yml",
+                            "global:\n"
+                            "  scrape_interval: 1s\n"
+                            "  scrape_timeout: 1s\n"
+                            "scrape_configs:\n"
+                            "  - job_name: " + std::string(kJob) + "\n"
+                            "    static_configs:\n"
+                            "      - targets: ['" + target + "']\n");
+    for (int attempt = 0; attempt < 3; attempt++) {
+      port_ = testing::PickFreePort();
+      child_ = std::make_unique<ChildProcess>();
+      if (!child_->Start({kPrometheusBinary, "--config.file=" + dir_ + "/prometheus.yml",
+                          "--storage.tsdb.path=" + dir_ + "/data",
+                          "--web.listen-address=127.0.0.1:" + std::to_string(port_)})) {
+        ADD_FAILURE() << "cannot start " << kPrometheusBinary;
+        return false;
+      }
+      if (WaitReady()) return true;
+      const std::string err = child_->Stderr();
+      if (err.find("address already in use") == std::string::npos) {
+        ADD_FAILURE() << "Prometheus did not become ready: " << err;
+        return false;
+      }
+      child_->Kill(SIGKILL);
+      child_->Wait();
+    }
+    ADD_FAILURE() << "Prometheus found no free port";
+    return false;
+  }
+
+  // Evaluates `promql` now, through the HTTP API as a dashboard would.
+  Status Query(const std::string& promql, std::vector<Sample>* out) const {
+    httplib::Client client("127.0.0.1", port_);
+    client.set_connection_timeout(10);
+    client.set_read_timeout(30);
+    const httplib::Result res = client.Post("/api/v1/query", httplib::Params{{"query", promql}});
+    if (!res) return Status::Unavailable("prometheus: " + httplib::to_string(res.error()));
+    if (res->status != 200) {
+      return Status::Corruption("prometheus answered " + std::to_string(res->status) + ": " + res->body);
+    }
+    return ParseVector(res->body, out);
+  }
+
+  // Queries until `done` holds for the answer; false at kDeadline. *last is
+  // the last answer, *why the last failure to get one.
+  bool PollUntil(const std::string& promql, const std::function<bool(const std::vector<Sample>&)>& done,
+                 std::vector<Sample>* last, std::string* why) const {
+    const auto deadline = Clock::now() + kDeadline;
+    for (;;) {
+      const Status s = Query(promql, last);
+      if (s.ok() && done(*last)) return true;
+      if (!s.ok()) *why = s.ToString();
+      if (Clock::now() > deadline) return false;
+      std::this_thread::sleep_for(kPollPause);
+    }
+  }
+
+  // Polls until `promql` has exactly one sample, with the value `want`.
+  bool PollForValue(const std::string& promql, double want, std::string* why) const {
+    std::vector<Sample> last;
+    const bool found = PollUntil(
+        promql, [want](const std::vector<Sample>& s) { return OnlyValue(s) == want; }, &last, why);
+    if (!found) *why = "last answer " + Describe(last) + (why->empty() ? "" : "; " + *why);
+    return found;
+  }
+
+  std::string Stderr() const { return child_ == nullptr ? "" : child_->Stderr(); }
+
+ private:
+  bool WaitReady() {
+    const auto deadline = Clock::now() + kDeadline;
+    while (Clock::now() < deadline) {
+      if (child_->Wait(0) != -1) return false;  // it ended
+      httplib::Client client("127.0.0.1", port_);
+      client.set_connection_timeout(2);
+      client.set_read_timeout(5);
+      const httplib::Result res = client.Get("/-/ready");
+      if (res && res->status == 200) return true;
+      std::this_thread::sleep_for(kPollPause);
+    }
+    return false;
+  }
+
+  int port_ = 0;
+  std::string dir_;
+  std::unique_ptr<ChildProcess> child_;
+};
+
+std::string Series(const std::string& name, const std::string& more_labels = "") {
+  return name + "{job=\"" + kJob + "\"" + (more_labels.empty() ? "" : "," + more_labels) + "}";
+}
+
+// ---- The load: a known number of timestamp calls
+
+constexpr int kLoadThreads = 4;
+constexpr int kCallsPerThread = 2000;
+constexpr int kHalfCalls = kLoadThreads * kCallsPerThread / 2;
+constexpr int kAllCalls = kLoadThreads * kCallsPerThread;
+constexpr int kCallTimeoutMs = 60000;
+
+// kLoadThreads clients, each calling Pd.Tso kCallsPerThread times with one
+// attempt per call (a retry would be a call the server counts and the test
+// does not). All of them stop half-way until Release, so that a scrape is
+// sure to fall in the middle of the load.
+class TsoLoad {
+ public:
+  explicit TsoLoad(const std::string& target) {
+    for (int t = 0; t < kLoadThreads; t++) {
+      threads_.emplace_back([this, target] {
+        kanrpc::RpcClient client(target, kanrpc::RpcClientOptions{kCallTimeoutMs, 1});
+        Calls(&client, kCallsPerThread / 2);
+        halfway_++;
+        go_.wait(false);
+        Calls(&client, kCallsPerThread - kCallsPerThread / 2);
+        finished_++;
+      });
+    }
+  }
+  // Releases the threads, so that a failed assertion never leaves them waiting.
+  ~TsoLoad() {
+    Release();
+    Join();
+  }
+  TsoLoad(const TsoLoad&) = delete;
+  TsoLoad& operator=(const TsoLoad&) = delete;
+
+  bool AllHalfWay() const { return halfway_ == kLoadThreads; }
+  bool AllFinished() const { return finished_ == kLoadThreads; }
+  void Release() {
+    go_ = true;
+    go_.notify_all();
+  }
+  void Join() {
+    for (std::thread& t : threads_) {
+      if (t.joinable()) t.join();
+    }
+  }
+  int64_t failures() const { return failures_; }
+
+ private:
+  void Calls(kanrpc::RpcClient* client, int n) {
+    for (int i = 0; i < n; i++) {
+      pdpb::TsoResponse tso;
+      const Status s = client->Call("Pd.Tso", pdpb::TsoRequest{1}, &tso);
+      if (!s.ok()) {
+        failures_++;
+        ADD_FAILURE() << "Pd.Tso: " << s.ToString();
+      }
+    }
+  }
+
+  std::atomic<int> halfway_{0};
+  std::atomic<int> finished_{0};
+  std::atomic<bool> go_{false};
+  std::atomic<int64_t> failures_{0};
+  std::vector<std::thread> threads_;
+};
+
+TEST(PrometheusTest, ScrapesShowExactlyTheCallsClientsMade) {
+  const std::string dir = testing::MakeTempDir("kandb-prom-meta");
+  MetaServer server;
+  server.set_status_port(true);
+  ASSERT_TRUE(server.Start(dir + "/state"));
+  const std::string instance = "127.0.0.1:" + std::to_string(server.status_port());
+  Prometheus prometheus;
+  ASSERT_TRUE(prometheus.Start(instance));
+  const auto started = Clock::now();
+
+  const std::string tso = Series("kandb_meta_requests_total", "method=\"Pd.Tso\"");
+  std::string why;
+  // Scraped, and the counter is there before the first call.
+  ASSERT_TRUE(prometheus.PollForValue(Series("up"), 1, &why))
+      << why << "\nPrometheus said: " << prometheus.Stderr();
+  ASSERT_TRUE(prometheus.PollForValue(tso, 0, &why)) << why;
+
+  TsoLoad load(server.target());
+  // While the first halves run, every value scraped is one the clients
+  // have passed; once they all stand half-way, a scrape shows exactly that.
+  int mid_load_values = 0;
+  std::vector<Sample> samples;
+  while (!load.AllHalfWay()) {
+    if (prometheus.Query(tso, &samples).ok() && OnlyValue(samples)) {
+      const double v = *OnlyValue(samples);
+      EXPECT_GE(v, 0);
+      EXPECT_LE(v, kHalfCalls);
+      mid_load_values++;
+    }
+    std::this_thread::sleep_for(kPollPause);
+  }
+  ASSERT_TRUE(prometheus.PollUntil(
+      tso, [](const std::vector<Sample>& s) { return OnlyValue(s) == kHalfCalls; }, &samples, &why))
+      << "the scrapes never showed the half-way count " << kHalfCalls << ": " << Describe(samples) << " " << why;
+  mid_load_values++;
+  // The labels a dashboard selects on: the scrape's job and instance, and
+  // the server's own method label.
+  const std::map<std::string, std::string> want_labels = {{"__name__", "kandb_meta_requests_total"},
+                                                          {"job", kJob},
+                                                          {"instance", instance},
+                                                          {"method", "Pd.Tso"}};
+  EXPECT_EQ(samples[0].labels, want_labels);
+
+  // The second halves: the counter only grows, and never past what was sent.
+  load.Release();
+  double previous = kHalfCalls;
+  while (!load.AllFinished()) {
+    if (prometheus.Query(tso, &samples).ok() && OnlyValue(samples)) {
+      const double v = *OnlyValue(samples);
+      EXPECT_GE(v, previous);
+      EXPECT_LE(v, kAllCalls);
+      previous = v;
+      mid_load_values++;
+    }
+    std::this_thread::sleep_for(kPollPause);
+  }
+  load.Join();
+  ASSERT_EQ(load.failures(), 0);
+
+  // After the load: exactly the calls made, and it stays so over further
+  // scrapes, each of which read the counters in process.
+  ASSERT_TRUE(prometheus.PollForValue(tso, kAllCalls, &why)) << why;
+  ASSERT_TRUE(prometheus.Query("timestamp(" + tso + ")", &samples).ok());
+  ASSERT_TRUE(OnlyValue(samples)) << Describe(samples);
+  const double scraped_at = *OnlyValue(samples);
+  ASSERT_TRUE(prometheus.PollUntil(
+      "timestamp(" + tso + ")",
+      [scraped_at](const std::vector<Sample>& s) { return OnlyValue(s) && *OnlyValue(s) >= scraped_at + 2; },
+      &samples, &why))
+      << "no later scrapes: " << Describe(samples) << " " << why;
+  ASSERT_TRUE(prometheus.Query(tso, &samples).ok());
+  EXPECT_EQ(OnlyValue(samples), kAllCalls) << Describe(samples);
+  // The scrapes themselves call Pd.Stats in process, uncounted.
+  ASSERT_TRUE(prometheus.Query(Series("kandb_meta_requests_total", "method=\"Pd.Stats\""), &samples).ok());
+  EXPECT_EQ(OnlyValue(samples), 0) << Describe(samples);
+  // The latency histogram counts the same calls.
+  ASSERT_TRUE(
+      prometheus.Query(Series("kandb_meta_request_duration_seconds_count", "method=\"Pd.Tso\""), &samples).ok());
+  EXPECT_EQ(OnlyValue(samples), kAllCalls) << Describe(samples);
+  ASSERT_TRUE(prometheus
+                  .Query("histogram_quantile(0.99, " +
+                             Series("kandb_meta_request_duration_seconds_bucket", "method=\"Pd.Tso\"") + ")",
+                         &samples)
+                  .ok());
+  ASSERT_TRUE(OnlyValue(samples)) << Describe(samples);
+  EXPECT_TRUE(std::isfinite(*OnlyValue(samples)) && *OnlyValue(samples) > 0) << Describe(samples);
+
+  // Every scrape so far succeeded, the process's figures and the state
+  // directory's arrived.
+  ASSERT_TRUE(prometheus.Query(Series("up"), &samples).ok());
+  EXPECT_EQ(OnlyValue(samples), 1) << Describe(samples);
+  ASSERT_TRUE(prometheus.Query("min_over_time(" + Series("up") + "[10m])", &samples).ok());
+  EXPECT_EQ(OnlyValue(samples), 1) << "a scrape failed: " << Describe(samples);
+  ASSERT_TRUE(prometheus.Query(Series("process_resident_memory_bytes"), &samples).ok());
+  ASSERT_TRUE(OnlyValue(samples)) << Describe(samples);
+  EXPECT_GT(*OnlyValue(samples), 0);
+  ASSERT_TRUE(prometheus.Query(Series("kandb_meta_data_dir_size_bytes"), &samples).ok());
+  ASSERT_TRUE(OnlyValue(samples)) << Describe(samples);
+  EXPECT_GT(*OnlyValue(samples), 0);
+  ASSERT_TRUE(prometheus.Query("count_over_time(" + Series("up") + "[10m])", &samples).ok());
+  std::printf("prometheus: %d calls seen exactly after %.1f s, %d values read during the load, %.0f scrapes\n",
+              kAllCalls, std::chrono::duration<double>(Clock::now() - started).count(), mid_load_values,
+              OnlyValue(samples).value_or(0));
+
+  EXPECT_EQ(server.child()->Stderr(), "");
+  server.Kill();
+  testing::RemoveTree(dir);
+}
+
+// ---- Slow HTTP clients
+
+// The status port serves its connections in the order they came, on 4
+// threads. A client that sent a whole GET /metrics and never reads holds a
+// thread for the keep-alive wait (2 s): on loopback the answer (some 40 KB)
+// fits in the kernel's socket buffers, so the write completes; were it
+// larger, the thread would wait out the write time-out (5 s) instead. A
+// client that sent half a request line holds a thread until the read
+// time-out (5 s). A fresh client queued behind them therefore waits about
+// (32 / 4) * 2 s + (8 / 4) * 5 s, some 26 s, before it is served; the
+// deadline is several times that. The window grows with the count, a
+// quarter of 2-5 s per stalled client (64 silent readers and 16 half
+// requests hold the port for some 50 s), so the counts here are the
+// smallest that still queue the fresh client behind several rounds of both
+// kinds.
+constexpr int kSilentReaders = 32;
+constexpr int kHalfRequests = 8;
+constexpr int kRpcThreads = 4;
+// What every RPC thread calls at the least, however soon /health answers.
+constexpr int kMinCallsPerRpcThread = 200;
+constexpr auto kRpcPause = std::chrono::milliseconds(2);
+constexpr int kHealthTimeoutS = 180;
+
+using kanrpc::testing::Socket;
+
+// A connection to 127.0.0.1:port whose receive buffer is as small as the
+// kernel allows, set before connecting so that the window offered is small.
+Socket ConnectSmallWindow(int port) {
+  Socket conn(socket(AF_INET, SOCK_STREAM, 0));
+  if (!conn.valid()) return conn;
+  const int size = 1024;
+  setsockopt(conn.fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  if (connect(conn.fd(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) return Socket();
+  return conn;
+}
+
+// Everything the peer sends until it closes, within timeout_ms; nullopt
+// when it keeps the connection open longer.
+std::optional<std::string> ReadUntilClosed(int fd, int timeout_ms) {
+  std::string all;
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left < 0) return std::nullopt;
+    pollfd p{fd, POLLIN, 0};
+    if (poll(&p, 1, static_cast<int>(left)) <= 0) continue;
+    char buf[4096];
+    const ssize_t n = recv(fd, buf, sizeof(buf), 0);
+    if (n <= 0) return all;  // closed, or reset
+    all.append(buf, static_cast<size_t>(n));
+  }
+}
+
+TEST(PrometheusTest, SlowHttpClientsNeverHoldUpTheRpcPort) {
+  const std::string dir = testing::MakeTempDir("kandb-slow-http");
+  MetaServer server;
+  server.set_status_port(true);
+  ASSERT_TRUE(server.Start(dir + "/state"));
+  const int status_port = server.status_port();
+
+  std::vector<Socket> silent, half;
+  const std::string request = "GET /metrics HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+  for (int i = 0; i < kSilentReaders; i++) {
+    silent.push_back(ConnectSmallWindow(status_port));
+    ASSERT_TRUE(silent.back().valid());
+    ASSERT_TRUE(kanrpc::WriteAll(silent.back().fd(), request.data(), request.size(), kCallTimeoutMs).ok());
+  }
+  for (int i = 0; i < kHalfRequests; i++) {
+    half.push_back(kanrpc::testing::ConnectTo(status_port));
+    ASSERT_TRUE(half.back().valid());
+    ASSERT_TRUE(kanrpc::WriteAll(half.back().fd(), "GET /heal", 9, kCallTimeoutMs).ok());
+  }
+
+  // RPC clients call until a fresh /health has been answered, which takes
+  // the whole window in which the slow clients hold the status port.
+  std::atomic<bool> health_answered{false};
+  std::atomic<int64_t> tso_ok{0}, stats_ok{0}, failures{0}, ok_while_waiting{0};
+  std::vector<std::thread> rpc;
+  for (int t = 0; t < kRpcThreads; t++) {
+    rpc.emplace_back([&] {
+      kanrpc::RpcClient client(server.target(), kanrpc::RpcClientOptions{kCallTimeoutMs, 1});
+      uint64_t last_timestamp = 0;
+      for (int i = 0; i < kMinCallsPerRpcThread || !health_answered; i++) {
+        const bool waiting = !health_answered;
+        Status s;
+        if (i % 10 == 9) {
+          pdpb::StatsResponse stats;
+          s = client.Call("Pd.Stats", pdpb::StatsRequest{}, &stats);
+          if (s.ok()) stats_ok++;
+        } else {
+          pdpb::TsoResponse tso;
+          s = client.Call("Pd.Tso", pdpb::TsoRequest{1}, &tso);
+          if (s.ok() && tso.timestamp <= last_timestamp) s = Status::Corruption("a timestamp went back");
+          if (s.ok()) {
+            tso_ok++;
+            last_timestamp = tso.timestamp;
+          }
+        }
+        if (!s.ok()) {
+          failures++;
+          ADD_FAILURE() << "RPC call " << i << ": " << s.ToString();
+        } else if (waiting) {
+          ok_while_waiting++;
+        }
+        // Clients at a steady pace, not a flood: the window lasts tens of
+        // seconds on a machine other tests share.
+        std::this_thread::sleep_for(kRpcPause);
+      }
+    });
+  }
+  struct JoinAll {
+    std::atomic<bool>* answered;
+    std::vector<std::thread>* threads;
+    ~JoinAll() {
+      *answered = true;
+      for (std::thread& t : *threads) {
+        if (t.joinable()) t.join();
+      }
+    }
+  } join_all{&health_answered, &rpc};
+
+  const auto asked = Clock::now();
+  httplib::Client client("127.0.0.1", status_port);
+  client.set_connection_timeout(kHealthTimeoutS);
+  client.set_read_timeout(kHealthTimeoutS);
+  const httplib::Result health = client.Get("/health");
+  const double health_wait_s = std::chrono::duration<double>(Clock::now() - asked).count();
+  health_answered = true;
+  for (std::thread& t : rpc) t.join();
+  ASSERT_TRUE(health) << httplib::to_string(health.error());
+  EXPECT_EQ(health->status, 200) << health->body;
+  const json body = json::parse(health->body, nullptr, false);
+  ASSERT_TRUE(body.is_object() && body.contains("status") && body["status"].is_string()) << health->body;
+  EXPECT_EQ(body["status"].get<std::string>(), "ok");
+  EXPECT_EQ(failures.load(), 0);
+  EXPECT_GT(tso_ok.load(), 0);
+  EXPECT_GT(stats_ok.load(), 0);
+
+  // Served in order: each silent reader got its whole answer, each half
+  // request was dropped unanswered; both are closed by now.
+  for (const Socket& conn : silent) {
+    const std::optional<std::string> got = ReadUntilClosed(conn.fd(), kCallTimeoutMs);
+    ASSERT_TRUE(got) << "a silent reader's connection is still open";
+    EXPECT_EQ(got->rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << got->substr(0, 200);
+    EXPECT_NE(got->find("kandb_meta_requests_total{method=\"Pd.Tso\"}"), std::string::npos);
+  }
+  for (const Socket& conn : half) {
+    const std::optional<std::string> got = ReadUntilClosed(conn.fd(), kCallTimeoutMs);
+    ASSERT_TRUE(got) << "a half request's connection is still open";
+    EXPECT_EQ(got->find("200 OK"), std::string::npos) << *got;
+  }
+
+  // The RPC port counted every call made meanwhile, and nothing else.
+  const httplib::Result metrics = client.Get("/metrics");
+  ASSERT_TRUE(metrics) << httplib::to_string(metrics.error());
+  EXPECT_NE(metrics->body.find("kandb_meta_requests_total{method=\"Pd.Tso\"} " + std::to_string(tso_ok.load()) +
+                               "\n"),
+            std::string::npos);
+  EXPECT_NE(metrics->body.find("kandb_meta_requests_total{method=\"Pd.Stats\"} " +
+                               std::to_string(stats_ok.load()) + "\n"),
+            std::string::npos);
+
+  std::printf("slow HTTP clients: /health answered after %.1f s behind %d silent readers and %d half requests; "
+              "%lld RPC calls answered meanwhile (%lld tso, %lld stats in all)\n",
+              health_wait_s, kSilentReaders, kHalfRequests, static_cast<long long>(ok_while_waiting.load()),
+              static_cast<long long>(tso_ok.load()), static_cast<long long>(stats_ok.load()));
+  EXPECT_EQ(server.child()->Stderr(), "");
+  server.Kill();
+  testing::RemoveTree(dir);
+}
+
+}  // namespace
+}  // namespace kandb
