@@ -420,19 +420,15 @@ TEST(PrometheusTest, ScrapesShowExactlyTheCallsClientsMade) {
 
 // ---- Slow HTTP clients
 
-// The status port serves its connections in the order they came, on 4
-// threads. A client that sent a whole GET /metrics and never reads holds a
-// thread for the keep-alive wait (2 s): on loopback the answer (some 40 KB)
-// fits in the kernel's socket buffers, so the write completes; were it
-// larger, the thread would wait out the write time-out (5 s) instead. A
-// client that sent half a request line holds a thread until the read
-// time-out (5 s). A fresh client queued behind them therefore waits about
-// (32 / 4) * 2 s + (8 / 4) * 5 s, some 26 s, before it is served; the
-// deadline is several times that. The window grows with the count, a
-// quarter of 2-5 s per stalled client (64 silent readers and 16 half
-// requests hold the port for some 50 s), so the counts here are the
-// smallest that still queue the fresh client behind several rounds of both
-// kinds.
+// The status port serves its connections in the order they came, on 8
+// threads, one request per connection. A client that sent a whole GET
+// /metrics and never reads frees its thread at once: on loopback the
+// answer (some 40 KB) fits in the kernel's socket buffers, so the write
+// completes and the connection closes; were it larger, the thread would
+// wait out the write time-out (5 s). A client that sent half a request
+// line holds a thread until the read time-out (2 s). A fresh client queued
+// behind them therefore waits about (8 / 8) * 2 s, a few seconds at most;
+// the deadline is many times that.
 constexpr int kSilentReaders = 32;
 constexpr int kHalfRequests = 8;
 constexpr int kRpcThreads = 4;

@@ -34,13 +34,20 @@ using nlohmann::json;
 
 // HTTP threads: enough that a scrape, a health check and an operator's
 // request never wait on one another, few enough to cost little while idle.
-constexpr size_t kHttpThreads = 4;
-// A client that sends or reads nothing for this long is dropped, so that a
-// stalled one holds a thread for a few seconds at most. Shorter than the
-// usual scrape interval's multiple, so a scraper's kept-alive connection
-// does not hold a thread between scrapes for long either.
-constexpr time_t kIoTimeoutS = 5;
-constexpr time_t kKeepAliveS = 2;
+// Each connection holds one of them from its first byte to its close, in
+// the order connections came (the library's design), so what a stalled
+// client can hold is bounded by the time-outs below.
+constexpr size_t kHttpThreads = 8;
+// A request line and headers come in one packet from every real client: a
+// client still sending them after this long is stalled or hostile.
+constexpr time_t kReadTimeoutS = 2;
+// The largest page, /metrics, takes a reader a few milliseconds.
+constexpr time_t kWriteTimeoutS = 5;
+// One request per connection: a kept-alive connection would hold its
+// thread between requests (a scraper's, for its whole interval), and a
+// client that sent a request and never reads would hold it for the wait.
+// A new connection per scrape costs a fraction of a millisecond.
+constexpr size_t kRequestsPerConnection = 1;
 // Requests carry no body worth the name: GETs only.
 constexpr size_t kMaxRequestBody = 4096;
 
@@ -189,9 +196,9 @@ Status StatusServer::Start(StatusOptions options, std::unique_ptr<StatusServer>*
   }
   httplib::Server& http = *server->http_;
   http.new_task_queue = [] { return new httplib::ThreadPool(kHttpThreads); };
-  http.set_read_timeout(kIoTimeoutS);
-  http.set_write_timeout(kIoTimeoutS);
-  http.set_keep_alive_timeout(kKeepAliveS);
+  http.set_read_timeout(kReadTimeoutS);
+  http.set_write_timeout(kWriteTimeoutS);
+  http.set_keep_alive_max_count(kRequestsPerConnection);
   http.set_payload_max_length(kMaxRequestBody);
   server->Route();
   const int bound = port == 0 ? http.bind_to_any_port(host) : (http.bind_to_port(host, port) ? port : -1);
