@@ -143,7 +143,7 @@ kandb::Status StartStatus(const std::string& addr, std::shared_ptr<kandb::kanrpc
                                      {"left_ms", role.lease_left_ms},
                                      {"term_revision", role.term_revision}};
     }
-    return body.dump(2) + "\n";
+    return kandb::app::JsonText(body);
   };
   return kandb::app::StatusServer::Start(std::move(options), out);
 }
@@ -196,7 +196,6 @@ int main(int argc, char** argv) {
   options.prefix = kandb::store::EtcdClusterPrefix(*FLAGS_cluster);
   options.advertise = FLAGS_advertise_addr->empty() ? DefaultAdvertise(bind_addr, *FLAGS_port)
                                                     : *FLAGS_advertise_addr;
-  options.status_addr = *FLAGS_status_addr;
   options.lease_ms = *FLAGS_lease_ms;
   options.target_replicas = static_cast<uint32_t>(*FLAGS_target_replicas);
   if (!kandb::app::SchedulingOptionsFromFlags(kSchedulingFlags, &options.scheduling)) return 1;
@@ -224,6 +223,13 @@ int main(int argc, char** argv) {
       ha.reset();
       return 1;
     }
+    // Written in the member key for operators and scrapers: the port bound,
+    // on a host they can reach.
+    std::string host;
+    int port = 0;
+    kandb::app::StatusServer::SplitHostPort(*FLAGS_status_addr, &host, &port);
+    if (host == "0.0.0.0") host = options.advertise.substr(0, options.advertise.rfind(':'));
+    ha->SetStatusAddr(host + ":" + std::to_string(status->port()));
   }
   std::printf("kandb-meta-ha listening on %s:%lld, cluster %s\n", bind_addr.c_str(),
               static_cast<long long>(*FLAGS_port), FLAGS_cluster->c_str());

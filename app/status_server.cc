@@ -12,6 +12,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -56,7 +57,7 @@ const char kPrometheusType[] = "text/plain; version=0.0.4; charset=utf-8";
 
 void Reply(httplib::Response& res, int code, const json& body) {
   res.status = code;
-  res.set_content(body.dump(2) + "\n", kJsonType);
+  res.set_content(JsonText(body), kJsonType);
 }
 
 // A failed call as the client would have seen it: 404 for what does not
@@ -116,10 +117,12 @@ uint64_t BootTimeSeconds() {
   return 0;
 }
 
-size_t OpenDescriptors() {
+// -1 when the directory cannot be read (descriptors ran out, say): the
+// sample is then left out rather than shown as 0.
+int64_t OpenDescriptors() {
   DIR* dir = opendir("/proc/self/fd");
-  if (dir == nullptr) return 0;
-  size_t n = 0;
+  if (dir == nullptr) return -1;
+  int64_t n = 0;
   while (const dirent* entry = readdir(dir)) {
     if (entry->d_name[0] != '.') ++n;
   }
@@ -136,28 +139,38 @@ void Gauge(std::string* out, const char* name, const char* type, const char* hel
 
 }  // namespace
 
+std::string JsonText(const nlohmann::json& value) {
+  return value.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+}
+
 std::string ProcessMetricsText() {
-  const std::vector<std::string> f = ProcStatFields();
-  // Field numbers of proc(5), counted from the state (field 3) as index 0.
-  auto field = [&f](size_t number) -> double {
-    const size_t index = number - 3;
-    return index < f.size() ? std::strtod(f[index].c_str(), nullptr) : 0;
-  };
-  const double ticks = static_cast<double>(sysconf(_SC_CLK_TCK));
-  const double page = static_cast<double>(sysconf(_SC_PAGESIZE));
-  struct rlimit limit = {};
-  getrlimit(RLIMIT_NOFILE, &limit);
   std::string out;
-  Gauge(&out, "process_cpu_seconds_total", "counter", "User and system CPU time spent, in seconds.",
-        (field(14) + field(15)) / ticks);
-  Gauge(&out, "process_resident_memory_bytes", "gauge", "Resident memory size in bytes.", field(24) * page);
-  Gauge(&out, "process_virtual_memory_bytes", "gauge", "Virtual memory size in bytes.", field(23));
-  Gauge(&out, "process_open_fds", "gauge", "Open file descriptors.", static_cast<double>(OpenDescriptors()));
-  Gauge(&out, "process_max_fds", "gauge", "The limit on open file descriptors.",
-        limit.rlim_cur == RLIM_INFINITY ? -1 : static_cast<double>(limit.rlim_cur));
-  Gauge(&out, "process_threads", "gauge", "Threads of the process.", field(20));
-  Gauge(&out, "process_start_time_seconds", "gauge", "Start time of the process since the epoch, in seconds.",
-        static_cast<double>(BootTimeSeconds()) + field(22) / ticks);
+  // Figures whose source cannot be read now are left out: a 0 would read
+  // as a fact (no descriptors open, a start at boot).
+  const std::vector<std::string> f = ProcStatFields();
+  if (f.size() > 21) {
+    // Field numbers of proc(5), counted from the state (field 3) as index 0.
+    auto field = [&f](size_t number) { return std::strtod(f[number - 3].c_str(), nullptr); };
+    const double ticks = static_cast<double>(sysconf(_SC_CLK_TCK));
+    const double page = static_cast<double>(sysconf(_SC_PAGESIZE));
+    Gauge(&out, "process_cpu_seconds_total", "counter", "User and system CPU time spent, in seconds.",
+          (field(14) + field(15)) / ticks);
+    Gauge(&out, "process_resident_memory_bytes", "gauge", "Resident memory size in bytes.", field(24) * page);
+    Gauge(&out, "process_virtual_memory_bytes", "gauge", "Virtual memory size in bytes.", field(23));
+    Gauge(&out, "process_threads", "gauge", "Threads of the process.", field(20));
+    if (const uint64_t boot = BootTimeSeconds(); boot > 0) {
+      Gauge(&out, "process_start_time_seconds", "gauge", "Start time of the process since the epoch, in seconds.",
+            static_cast<double>(boot) + field(22) / ticks);
+    }
+  }
+  if (const int64_t open = OpenDescriptors(); open >= 0) {
+    Gauge(&out, "process_open_fds", "gauge", "Open file descriptors.", static_cast<double>(open));
+  }
+  struct rlimit limit = {};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY) {
+    Gauge(&out, "process_max_fds", "gauge", "The limit on open file descriptors.",
+          static_cast<double>(limit.rlim_cur));
+  }
   return out;
 }
 
@@ -216,7 +229,14 @@ Status StatusServer::Start(StatusOptions options, std::unique_ptr<StatusServer>*
     sigaddset(&pipe, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
     s->http_->listen_after_bind();
+    s->listening_ended_.store(true);
   });
+  // The library's stop does nothing before its loop runs: a server
+  // destroyed before then would wait for that loop for ever.
+  while (!http.is_running() && !server->listening_ended_.load()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  if (!http.is_running()) return Status::Corruption("status: cannot serve on " + server->options_.addr);
   *out = std::move(server);
   return Status::OK();
 }
@@ -267,10 +287,10 @@ void StatusServer::Route() {
   });
 
   http.Get("/api/v1/cluster", [this, rpc](const httplib::Request&, httplib::Response& res) {
+    // Not the GC safe point: reading it may persist it, and every page here
+    // only reads.
     pdpb::StatsResponse stats;
     Status s = rpc->CallLocal("Pd.Stats", pdpb::StatsRequest{}, &stats);
-    pdpb::GetGcSafePointResponse gc;
-    if (s.ok()) s = rpc->CallLocal("Pd.GetGcSafePoint", pdpb::GetGcSafePointRequest{}, &gc);
     if (!s.ok()) return ReplyFailure(res, s);
     const pdpb::SchedulingStats& g = stats.scheduling;
     Reply(res, 200,
@@ -286,8 +306,7 @@ void StatusServer::Route() {
                  {"tombstone", g.stores_tombstone}}},
                {"regions_missing_replica", g.regions_missing_replica},
                {"regions_on_down_store", g.regions_on_down_store},
-               {"regions_on_offline_store", g.regions_on_offline_store},
-               {"gc_safe_point", gc.safe_point}});
+               {"regions_on_offline_store", g.regions_on_offline_store}});
   });
 
   http.Get("/api/v1/stores", [rpc](const httplib::Request&, httplib::Response& res) {
@@ -346,10 +365,17 @@ void StatusServer::Route() {
     Reply(res, 200, json{{"servers", json::array({json{{"program", options_.program}}})}});
   });
 
+  // The path as it came, escaped: it may hold any bytes, and JSON text
+  // only UTF-8.
   http.set_error_handler([](const httplib::Request& req, httplib::Response& res) {
     if (res.status == 404 && res.body.empty()) {
-      Reply(res, 404, json{{"error", "no such page: " + req.path}});
+      Reply(res, 404, json{{"error", "no such page: " + tools::EscapeBytes(req.path)}});
     }
+  });
+  // Whatever a view throws (it should throw nothing) ends that request, not
+  // the process.
+  http.set_exception_handler([](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
+    Reply(res, 500, json{{"error", "internal error"}});
   });
 }
 

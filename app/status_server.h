@@ -21,10 +21,12 @@
 // command-line client shows. The HTTP server runs on threads of its own: a
 // slow or idle HTTP client holds one of them, never an RPC loop or worker.
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "common/status.h"
@@ -96,7 +98,12 @@ class StatusServer {
   std::unique_ptr<httplib::Server> http_;
   int port_ = 0;
   std::thread thread_;
+  std::atomic<bool> listening_ended_{false};  // set by thread_ as it ends
 };
+
+// JSON as the status port writes it: indented, and bytes that are not
+// UTF-8 replaced rather than thrown about.
+std::string JsonText(const nlohmann::json& value);
 
 // The process's own figures in Prometheus text (resident and virtual
 // memory, descriptors open and allowed, threads, CPU seconds, start time),

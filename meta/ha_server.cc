@@ -475,7 +475,7 @@ void HaServer::KeepMembership() {
         s = etcd_->LeaseGrant(ttl_asked, &lease, &ttl);
         if (s.ok()) {
           store::EtcdTxnResult result;
-          s = etcd_->Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kPut, member_key_, options_.status_addr, lease}},
+          s = etcd_->Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kPut, member_key_, status_addr_, lease}},
                          {}, &result);
           if (!s.ok()) {
             (void)etcd_->LeaseRevoke(lease);

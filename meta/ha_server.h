@@ -73,9 +73,6 @@ namespace kandb::meta {
 struct HaOptions {
   std::string prefix;     // "kandb/" + cluster + "/"
   std::string advertise;  // HOST:PORT written in the leader key
-  // The HTTP status port's HOST:PORT, written in this server's member key
-  // for operators to find (empty: none).
-  std::string status_addr;
   int64_t lease_ms = 3000;
   uint32_t target_replicas = 0;
   // Store liveness, failure domains and change limits (PdService::Options).
@@ -145,6 +142,9 @@ class HaServer {
     std::string status_addr;
   };
   Status Members(std::vector<Member>* out) const;
+  // The status port's HOST:PORT, as others reach it, for this server's
+  // member key. Set before Start.
+  void SetStatusAddr(std::string addr) { status_addr_ = std::move(addr); }
 
  private:
   class Term;
@@ -186,6 +186,7 @@ class HaServer {
   std::atomic<bool> stop_{false};
   std::thread thread_;
   const std::string member_key_;
+  std::string status_addr_;    // set before Start, read-only after
   std::thread member_thread_;  // KeepMembership; owns its lease alone
 
   // Owned by the campaign thread (and by the destructor once it is

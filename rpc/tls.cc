@@ -351,7 +351,11 @@ Status TlsServerContext::Reload() {
 
 void TlsServerContext::Attach(SSL_CTX* ctx) {
   SSL_CTX_set_min_proto_version(ctx, TLS1_2_VERSION);
-  SSL_CTX_set_options(ctx, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
+  // No resumption at all: a resumed session would skip the switch below
+  // and keep what the client was let in with, also after a reload that
+  // would now refuse it.
+  SSL_CTX_set_options(ctx, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION | SSL_OP_NO_TICKET);
+  SSL_CTX_set_session_cache_mode(ctx, SSL_SESS_CACHE_OFF);
   SSL_CTX_set_num_tickets(ctx, 0);
   // The hello is the first thing a session reads, before a certificate is
   // chosen or one asked for: from there on the session is this context's.
