@@ -10,6 +10,7 @@
 #include <httplib.h>
 
 #include <cinttypes>
+#include <deque>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -19,6 +20,8 @@
 #include <utility>
 #include <vector>
 
+#include "common/mutex.h"
+#include "common/thread_annotations.h"
 #include "pdpb/messages.h"
 #include "pdpb/stats.h"
 #include "rpc/server.h"
@@ -51,6 +54,63 @@ constexpr time_t kWriteTimeoutS = 5;
 constexpr size_t kRequestsPerConnection = 1;
 // Requests carry no body worth the name: GETs only.
 constexpr size_t kMaxRequestBody = 4096;
+
+// Connections accepted and waiting for a thread, at most. Beyond that the
+// accept loop waits, and new connections wait in the kernel's listen
+// queue, holding none of the process's descriptors, which the RPC port
+// needs for its own clients.
+constexpr size_t kWaitingConnections = 64;
+
+// The library's task queue, bounded: `enqueue` (called by the accept loop
+// with a connection to serve) waits while kWaitingConnections are queued.
+class BoundedPool : public httplib::TaskQueue {
+ public:
+  BoundedPool() {
+    for (size_t i = 0; i < kHttpThreads; ++i) threads_.emplace_back([this] { Work(); });
+  }
+  void enqueue(std::function<void()> fn) EXCLUDES(mu_) override {
+    MutexLock lock(&mu_);
+    while (jobs_.size() >= kWaitingConnections && !shutdown_) room_.Wait();
+    jobs_.push_back(std::move(fn));
+    ready_.Signal();
+  }
+  void shutdown() EXCLUDES(mu_) override {
+    {
+      MutexLock lock(&mu_);
+      shutdown_ = true;
+      ready_.SignalAll();
+      room_.SignalAll();
+    }
+    for (std::thread& t : threads_) t.join();
+  }
+
+ private:
+  void Work() EXCLUDES(mu_) {
+    for (;;) {
+      std::function<void()> fn;
+      {
+        MutexLock lock(&mu_);
+        while (jobs_.empty() && !shutdown_) ready_.Wait();
+        // Queued connections are still served at shutdown: each job closes
+        // its socket.
+        if (jobs_.empty()) return;
+        fn = std::move(jobs_.front());
+        jobs_.pop_front();
+        room_.Signal();
+      }
+      fn();
+    }
+  }
+
+  // Guards the queue; held only to queue or take a job, never while one
+  // runs.
+  Mutex mu_;
+  CondVar ready_{&mu_};  // a job, or shutdown: for the workers
+  CondVar room_{&mu_};   // room in the queue: for the accept loop
+  std::deque<std::function<void()>> jobs_ GUARDED_BY(mu_);
+  bool shutdown_ GUARDED_BY(mu_) = false;
+  std::vector<std::thread> threads_;  // written by the constructor only
+};
 
 const char kJsonType[] = "application/json";
 const char kPrometheusType[] = "text/plain; version=0.0.4; charset=utf-8";
@@ -208,7 +268,7 @@ Status StatusServer::Start(StatusOptions options, std::unique_ptr<StatusServer>*
     server->http_ = std::make_unique<httplib::Server>();
   }
   httplib::Server& http = *server->http_;
-  http.new_task_queue = [] { return new httplib::ThreadPool(kHttpThreads); };
+  http.new_task_queue = [] { return new BoundedPool(); };
   http.set_read_timeout(kReadTimeoutS);
   http.set_write_timeout(kWriteTimeoutS);
   http.set_keep_alive_max_count(kRequestsPerConnection);

@@ -3,7 +3,9 @@
 // of the views sees, and the port over mutual TLS.
 
 #include <httplib.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 
 #include <gtest/gtest.h>
 
@@ -239,6 +241,32 @@ TEST_F(StatusTest, TlsPortLetsInOnlyTheAllowedCertificates) {
     status = res ? res->status : 0;
   }
   EXPECT_EQ(status, 200);
+}
+
+// Idle connections to the status port, more than the process has
+// descriptors: they wait in the kernel's listen queue once the port's
+// threads and its short queue are full, so the RPC port keeps descriptors
+// for its clients and never fails an accept.
+TEST_F(StatusTest, IdleStatusClientsLeaveTheRpcPortItsDescriptors) {
+  server_.set_open_file_limit(256, 256);
+  StartServer();
+  std::vector<kanrpc::testing::Socket> idle;
+  for (int i = 0; i < 400; ++i) {
+    idle.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+    struct sockaddr_in addr = {};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(status_port_));
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    // Completes or stays in progress: either way it waits on the port.
+    (void)connect(idle.back().fd(), reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
+  }
+  for (int i = 0; i < 20; ++i) {
+    pdpb::TsoResponse tso;
+    EXPECT_TRUE(server_.NewClient()->Call("Pd.Tso", pdpb::TsoRequest{1}, &tso).ok());
+  }
+  idle.clear();
+  EXPECT_EQ(GetJson("/health")["status"], "ok");
+  EXPECT_EQ(server_.child()->Stderr(), "");
 }
 
 // A status address that cannot be served stops the start, like a bad RPC
