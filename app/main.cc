@@ -100,17 +100,10 @@ int main(int argc, char** argv) {
   // The server goes first in every teardown: its handlers point into the
   // service, and the service into the store.
   s = server->Start(static_cast<int32_t>(*FLAGS_port), bind_addr);
-  if (!s.ok()) {
-    std::fprintf(stderr, "failed to start pd: %s\n", s.ToString().c_str());
-    server.reset();
-    service.reset();
-    store.reset();
-    return 1;
-  }
   // The status port reads through the server's handlers, so it starts
   // after the server and goes before it in every teardown.
   std::unique_ptr<kandb::app::StatusServer> status;
-  if (!FLAGS_status_addr->empty()) {
+  if (s.ok() && !FLAGS_status_addr->empty()) {
     kandb::app::StatusOptions status_options;
     status_options.addr = *FLAGS_status_addr;
     status_options.program = "kandb-meta";
@@ -119,13 +112,13 @@ int main(int argc, char** argv) {
     status_options.rpc = server.get();
     status_options.health = [] { return kandb::app::Health{true, "standalone", "", ""}; };
     s = kandb::app::StatusServer::Start(std::move(status_options), &status);
-    if (!s.ok()) {
-      std::fprintf(stderr, "failed to start pd: %s\n", s.ToString().c_str());
-      server.reset();
-      service.reset();
-      store.reset();
-      return 1;
-    }
+  }
+  if (!s.ok()) {
+    std::fprintf(stderr, "failed to start pd: %s\n", s.ToString().c_str());
+    server.reset();
+    service.reset();
+    store.reset();
+    return 1;
   }
   // Flushed at once: whoever started us waits for this line, and standard
   // output is fully buffered when it is not a terminal.
