@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <mutex>
@@ -1029,25 +1030,26 @@ TEST_F(HaTest, StatusPortsOfLeaderFollowerAndServerCutOff) {
     if (!res) return {0, nullptr};
     return {res->status, nlohmann::json::parse(res->body, nullptr, false)};
   };
-  // Polled: the leader serves once its term began, a follower once its
-  // campaign read the leader key.
-  auto wait_health = [&](int port, int want_status, const std::string& want_role) {
+  // Polled, up to a generous deadline: the leader serves once its term
+  // began, a follower once its campaign read the leader key, and each
+  // server writes its member key from a thread of its own.
+  auto poll = [&](int port, const std::string& path, const std::function<bool(const nlohmann::json&)>& done) {
     std::pair<int, nlohmann::json> last;
-    for (const int64_t end = SteadyMs() + 20000; SteadyMs() < end; SleepMs(50)) {
-      last = get(port, "/health");
-      if (last.first == want_status && last.second.value("role", "") == want_role) break;
+    for (const int64_t end = SteadyMs() + 20000; SteadyMs() < end && !done(last.second); SleepMs(50)) {
+      last = get(port, path);
     }
-    return last;
+    return last.second;
+  };
+  auto role_is = [](const char* role) {
+    return [role](const nlohmann::json& h) { return h.is_object() && h.value("role", "") == role; };
   };
   const std::string leader_address = servers.Address(leader);
-  auto [status, health] = wait_health(servers.StatusPort(leader), 200, "leader");
-  EXPECT_EQ(status, 200) << health;
-  EXPECT_EQ(health, (nlohmann::json{{"status", "ok"}, {"server", "kandb-meta-ha"}, {"role", "leader"}}));
-  std::tie(status, health) = wait_health(servers.StatusPort(follower), 200, "follower");
-  EXPECT_EQ(health, (nlohmann::json{{"status", "ok"}, {"server", "kandb-meta-ha"}, {"role", "follower"},
-                                    {"leader", leader_address}}));
-  std::tie(status, health) = wait_health(cut_off.StatusPort(0), 200, "follower");
-  EXPECT_EQ(health.value("leader", ""), leader_address) << health;
+  EXPECT_EQ(poll(servers.StatusPort(leader), "/health", role_is("leader")),
+            (nlohmann::json{{"status", "ok"}, {"server", "kandb-meta-ha"}, {"role", "leader"}}));
+  EXPECT_EQ(poll(servers.StatusPort(follower), "/health", role_is("follower")),
+            (nlohmann::json{{"status", "ok"}, {"server", "kandb-meta-ha"}, {"role", "follower"},
+                            {"leader", leader_address}}));
+  EXPECT_EQ(poll(cut_off.StatusPort(0), "/health", role_is("follower")).value("leader", ""), leader_address);
 
   // Members: every live server with its status address, the leader marked;
   // the leader shows its lease, a follower whom it follows.
@@ -1061,20 +1063,15 @@ TEST_F(HaTest, StatusPortsOfLeaderFollowerAndServerCutOff) {
   std::sort(all.begin(), all.end(), [](const nlohmann::json& a, const nlohmann::json& b) {
     return a["address"].get<std::string>() < b["address"].get<std::string>();
   });
-  // Polled: a server's key is written by its own thread once it started.
-  std::pair<int, nlohmann::json> members;
-  for (const int64_t end = SteadyMs() + 20000; SteadyMs() < end; SleepMs(50)) {
-    members = get(servers.StatusPort(leader), "/api/v1/members");
-    if (members.second.value("servers", nlohmann::json::array()).size() == all.size()) break;
-  }
-  EXPECT_EQ(members.first, 200);
-  EXPECT_EQ(members.second["servers"], nlohmann::json(all)) << members.second;
-  EXPECT_EQ(members.second["leader"], leader_address);
-  EXPECT_EQ(members.second["lease"]["ttl_s"], (kLeaseMs + 999) / 1000) << members.second;
-  members = get(servers.StatusPort(follower), "/api/v1/members");
-  EXPECT_EQ(members.second["leader"], leader_address);
-  EXPECT_EQ(members.second["self"], servers.Address(follower));
-  EXPECT_FALSE(members.second.contains("lease"));
+  auto servers_are = [&all](const nlohmann::json& m) { return m.is_object() && m["servers"] == nlohmann::json(all); };
+  nlohmann::json members = poll(servers.StatusPort(leader), "/api/v1/members", servers_are);
+  EXPECT_EQ(members["servers"], nlohmann::json(all)) << members;
+  EXPECT_EQ(members["leader"], leader_address);
+  EXPECT_EQ(members["lease"]["ttl_s"], (kLeaseMs + 999) / 1000) << members;
+  members = get(servers.StatusPort(follower), "/api/v1/members").second;
+  EXPECT_EQ(members["leader"], leader_address);
+  EXPECT_EQ(members["self"], servers.Address(follower));
+  EXPECT_FALSE(members.contains("lease"));
   // A follower's data views say where the leader is, as its RPC port does.
   auto [stores_status, stores] = get(servers.StatusPort(follower), "/api/v1/stores");
   EXPECT_EQ(stores_status, 503);
@@ -1087,19 +1084,16 @@ TEST_F(HaTest, StatusPortsOfLeaderFollowerAndServerCutOff) {
   EXPECT_NE(metrics->body.find("\nkandb_meta_engine_present 0\n"), std::string::npos);
 
   proxy.reset();
-  std::tie(status, health) = wait_health(cut_off.StatusPort(0), 503, "");
-  EXPECT_EQ(status, 503) << health;
-  EXPECT_EQ(health.value("status", ""), "unavailable");
+  const nlohmann::json health = poll(cut_off.StatusPort(0), "/health", [](const nlohmann::json& h) {
+    return h.is_object() && h.value("status", "") == "unavailable";
+  });
   EXPECT_EQ(health.value("reason", "").rfind("cannot reach etcd: Unavailable: etcd unreachable: ", 0), 0u) << health;
+  EXPECT_EQ(get(cut_off.StatusPort(0), "/health").first, 503);
   // The others go on as they were, and see it leave once its lease ran out.
   EXPECT_EQ(get(servers.StatusPort(leader), "/health").first, 200);
-  EXPECT_EQ(get(servers.StatusPort(follower), "/health").first, 200);
   all.erase(std::find(all.begin(), all.end(), member(cut_off, 0, false)));
-  for (const int64_t end = SteadyMs() + 20000; SteadyMs() < end; SleepMs(100)) {
-    members = get(servers.StatusPort(follower), "/api/v1/members");
-    if (members.second["servers"] == nlohmann::json(all)) break;
-  }
-  EXPECT_EQ(members.second["servers"], nlohmann::json(all));
+  members = poll(servers.StatusPort(follower), "/api/v1/members", servers_are);
+  EXPECT_EQ(members["servers"], nlohmann::json(all));
 }
 
 TEST_F(HaTest, StoresAndSafePointsAcrossATakeover) {

@@ -60,42 +60,16 @@ bool SetFlag(std::vector<std::string>* args, const std::string& name, const std:
   return false;
 }
 
-struct HttpAnswer {
-  int status = 0;  // 0: no answer
-  std::string body;
-};
-
-HttpAnswer Get(int port, const std::string& path) {
+// GET of a status page: the status (0: no answer) and the body.
+std::pair<int, std::string> Get(int port, const std::string& path) {
   httplib::Client client("127.0.0.1", port);
-  client.set_connection_timeout(5);
   client.set_read_timeout(10);
   httplib::Result result = client.Get(path);
-  if (!result) return {};
-  return {result->status, result->body};
+  return result ? std::pair(result->status, result->body) : std::pair(0, std::string());
 }
 
-// /health until it answers 200 (the replicated server then leads or
-// follows a known leader), or the last answer after `timeout_ms`.
-HttpAnswer WaitHealthy(int port, int timeout_ms) {
-  HttpAnswer answer;
-  for (const int64_t end = SteadyMs() + timeout_ms; SteadyMs() < end; SleepMs(100)) {
-    answer = Get(port, "/health");
-    if (answer.status == 200) break;
-  }
-  return answer;
-}
-
-class MetricNamesTest : public ::testing::Test {
- protected:
-  // The servers of a test are its locals: they are killed before their
-  // directories go.
-  void SetUp() override { dir_ = MakeTempDir("kandb-metric-names"); }
-  void TearDown() override { RemoveTree(dir_); }
-  std::string dir_;
-};
-
-TEST_F(MetricNamesTest, DashboardAndRulesUseOnlyWhatTheServersExport) {
-  const std::string& dir = dir_;
+TEST(MetricNamesTest, DashboardAndRulesUseOnlyWhatTheServersExport) {
+  const std::string dir = MakeTempDir("kandb-metric-names");
 
   // kandb-meta, with the unit's flags.
   std::vector<std::string> meta_flags =
@@ -124,17 +98,20 @@ TEST_F(MetricNamesTest, DashboardAndRulesUseOnlyWhatTheServersExport) {
   ASSERT_TRUE(ha.Start(argv));
   ASSERT_TRUE(ha.WaitForOutput("kandb-meta-ha listening on 127.0.0.1:" + std::to_string(ha_port), 30000))
       << ha.Stderr();
-  const HttpAnswer health = WaitHealthy(ha_status_port, 30000);
-  ASSERT_EQ(health.status, 200) << health.body << ha.Stderr();
+  // Healthy once it leads (the only server of its cluster).
+  std::pair<int, std::string> health;
+  for (const int64_t end = SteadyMs() + 30000; SteadyMs() < end && health.first != 200; SleepMs(100)) {
+    health = Get(ha_status_port, "/health");
+  }
+  ASSERT_EQ(health.first, 200) << health.second << ha.Stderr();
 
-  const HttpAnswer meta_metrics = Get(meta_status_port, "/metrics");
-  const HttpAnswer ha_metrics = Get(ha_status_port, "/metrics");
-  ASSERT_EQ(meta_metrics.status, 200) << meta.child()->Stderr();
-  ASSERT_EQ(ha_metrics.status, 200) << ha.Stderr();
-  // The alone server of its cluster leads.
-  EXPECT_NE(ha_metrics.body.find("\nkandb_meta_leader 1\n"), std::string::npos) << ha_metrics.body;
-  WriteFileOrDie(dir + "/meta.prom", meta_metrics.body);
-  WriteFileOrDie(dir + "/ha.prom", ha_metrics.body);
+  const auto [meta_status, meta_metrics] = Get(meta_status_port, "/metrics");
+  const auto [ha_status, ha_metrics] = Get(ha_status_port, "/metrics");
+  ASSERT_EQ(meta_status, 200) << meta.child()->Stderr();
+  ASSERT_EQ(ha_status, 200) << ha.Stderr();
+  EXPECT_NE(ha_metrics.find("\nkandb_meta_leader 1\n"), std::string::npos) << ha_metrics;
+  WriteFileOrDie(dir + "/meta.prom", meta_metrics);
+  WriteFileOrDie(dir + "/ha.prom", ha_metrics);
 
   const ProgramResult check = RunProgram(
       {KANDB_PYTHON3, kPackaging + "/check_metric_names.py", "--metrics", dir + "/meta.prom", "--metrics",
@@ -143,6 +120,10 @@ TEST_F(MetricNamesTest, DashboardAndRulesUseOnlyWhatTheServersExport) {
       60000);
   std::printf("%s", check.out.c_str());
   EXPECT_EQ(ExitCode(check), 0) << check.err;
+  ha.Kill(SIGKILL);
+  ha.Wait();
+  meta.Kill();
+  RemoveTree(dir);
 }
 
 }  // namespace

@@ -138,26 +138,16 @@ class Prometheus {
                             "  - job_name: " + std::string(kJob) + "\n"
                             "    static_configs:\n"
                             "      - targets: ['" + target + "']\n");
-    for (int attempt = 0; attempt < 3; attempt++) {
-      port_ = testing::PickFreePort();
-      child_ = std::make_unique<ChildProcess>();
-      if (!child_->Start({kPrometheusBinary, "--config.file=" + dir_ + "/prometheus.yml",
-                          "--storage.tsdb.path=" + dir_ + "/data",
-                          "--web.listen-address=127.0.0.1:" + std::to_string(port_)})) {
-        ADD_FAILURE() << "cannot start " << kPrometheusBinary;
-        return false;
-      }
-      if (WaitReady()) return true;
-      const std::string err = child_->Stderr();
-      if (err.find("address already in use") == std::string::npos) {
-        ADD_FAILURE() << "Prometheus did not become ready: " << err;
-        return false;
-      }
-      child_->Kill(SIGKILL);
-      child_->Wait();
+    port_ = testing::PickFreePort();
+    child_ = std::make_unique<ChildProcess>();
+    if (!child_->Start({kPrometheusBinary, "--config.file=" + dir_ + "/prometheus.yml",
+                        "--storage.tsdb.path=" + dir_ + "/data",
+                        "--web.listen-address=127.0.0.1:" + std::to_string(port_)}) ||
+        !WaitReady()) {
+      ADD_FAILURE() << "Prometheus did not become ready: " << child_->Stderr();
+      return false;
     }
-    ADD_FAILURE() << "Prometheus found no free port";
-    return false;
+    return true;
   }
 
   // Evaluates `promql` now, through the HTTP API as a dashboard would.
@@ -232,60 +222,38 @@ constexpr int kCallTimeoutMs = 60000;
 
 // kLoadThreads clients, each calling Pd.Tso kCallsPerThread times with one
 // attempt per call (a retry would be a call the server counts and the test
-// does not). All of them stop half-way until Release, so that a scrape is
-// sure to fall in the middle of the load.
-class TsoLoad {
- public:
+// does not). All of them stop half-way until `go`, so that a scrape is sure
+// to fall in the middle of the load. Released and joined with the object.
+struct TsoLoad {
   explicit TsoLoad(const std::string& target) {
     for (int t = 0; t < kLoadThreads; t++) {
-      threads_.emplace_back([this, target] {
+      threads.emplace_back([this, target] {
         kanrpc::RpcClient client(target, kanrpc::RpcClientOptions{kCallTimeoutMs, 1});
-        Calls(&client, kCallsPerThread / 2);
-        halfway_++;
-        go_.wait(false);
-        Calls(&client, kCallsPerThread - kCallsPerThread / 2);
-        finished_++;
+        for (int i = 0; i < kCallsPerThread; i++) {
+          if (i == kCallsPerThread / 2) {
+            halfway++;
+            go.wait(false);
+          }
+          pdpb::TsoResponse tso;
+          const Status s = client.Call("Pd.Tso", pdpb::TsoRequest{1}, &tso);
+          if (!s.ok()) failures++;
+        }
+        finished++;
       });
     }
   }
-  // Releases the threads, so that a failed assertion never leaves them waiting.
   ~TsoLoad() {
     Release();
-    Join();
+    for (std::thread& t : threads) t.join();
   }
-  TsoLoad(const TsoLoad&) = delete;
-  TsoLoad& operator=(const TsoLoad&) = delete;
-
-  bool AllHalfWay() const { return halfway_ == kLoadThreads; }
-  bool AllFinished() const { return finished_ == kLoadThreads; }
   void Release() {
-    go_ = true;
-    go_.notify_all();
-  }
-  void Join() {
-    for (std::thread& t : threads_) {
-      if (t.joinable()) t.join();
-    }
-  }
-  int64_t failures() const { return failures_; }
-
- private:
-  void Calls(kanrpc::RpcClient* client, int n) {
-    for (int i = 0; i < n; i++) {
-      pdpb::TsoResponse tso;
-      const Status s = client->Call("Pd.Tso", pdpb::TsoRequest{1}, &tso);
-      if (!s.ok()) {
-        failures_++;
-        ADD_FAILURE() << "Pd.Tso: " << s.ToString();
-      }
-    }
+    go = true;
+    go.notify_all();
   }
 
-  std::atomic<int> halfway_{0};
-  std::atomic<int> finished_{0};
-  std::atomic<bool> go_{false};
-  std::atomic<int64_t> failures_{0};
-  std::vector<std::thread> threads_;
+  std::atomic<int> halfway{0}, finished{0}, failures{0};
+  std::atomic<bool> go{false};
+  std::vector<std::thread> threads;
 };
 
 TEST(PrometheusTest, ScrapesShowExactlyTheCallsClientsMade) {
@@ -306,46 +274,37 @@ TEST(PrometheusTest, ScrapesShowExactlyTheCallsClientsMade) {
   ASSERT_TRUE(prometheus.PollForValue(tso, 0, &why)) << why;
 
   TsoLoad load(server.target());
-  // While the first halves run, every value scraped is one the clients
-  // have passed; once they all stand half-way, a scrape shows exactly that.
+  // While calls run, every value scraped lies between the last one seen
+  // and what the clients have sent by then: never lower, never ahead.
+  double previous = 0;
   int mid_load_values = 0;
   std::vector<Sample> samples;
-  while (!load.AllHalfWay()) {
-    if (prometheus.Query(tso, &samples).ok() && OnlyValue(samples)) {
-      const double v = *OnlyValue(samples);
-      EXPECT_GE(v, 0);
-      EXPECT_LE(v, kHalfCalls);
+  auto watch_until = [&](const std::atomic<int>& threads_done, double most) {
+    for (; threads_done < kLoadThreads; std::this_thread::sleep_for(kPollPause)) {
+      if (!prometheus.Query(tso, &samples).ok() || !OnlyValue(samples)) continue;
+      EXPECT_GE(*OnlyValue(samples), previous);
+      EXPECT_LE(*OnlyValue(samples), most);
+      previous = *OnlyValue(samples);
       mid_load_values++;
     }
-    std::this_thread::sleep_for(kPollPause);
-  }
+  };
+  watch_until(load.halfway, kHalfCalls);
+  // Once all stand half-way, a scrape shows exactly that.
   ASSERT_TRUE(prometheus.PollUntil(
       tso, [](const std::vector<Sample>& s) { return OnlyValue(s) == kHalfCalls; }, &samples, &why))
       << "the scrapes never showed the half-way count " << kHalfCalls << ": " << Describe(samples) << " " << why;
   mid_load_values++;
   // The labels a dashboard selects on: the scrape's job and instance, and
   // the server's own method label.
-  const std::map<std::string, std::string> want_labels = {{"__name__", "kandb_meta_requests_total"},
-                                                          {"job", kJob},
-                                                          {"instance", instance},
-                                                          {"method", "Pd.Tso"}};
+  const std::map<std::string, std::string> want_labels = {
+      {"__name__", "kandb_meta_requests_total"}, {"job", kJob}, {"instance", instance}, {"method", "Pd.Tso"}};
   EXPECT_EQ(samples[0].labels, want_labels);
 
-  // The second halves: the counter only grows, and never past what was sent.
+  // The second halves.
+  previous = kHalfCalls;
   load.Release();
-  double previous = kHalfCalls;
-  while (!load.AllFinished()) {
-    if (prometheus.Query(tso, &samples).ok() && OnlyValue(samples)) {
-      const double v = *OnlyValue(samples);
-      EXPECT_GE(v, previous);
-      EXPECT_LE(v, kAllCalls);
-      previous = v;
-      mid_load_values++;
-    }
-    std::this_thread::sleep_for(kPollPause);
-  }
-  load.Join();
-  ASSERT_EQ(load.failures(), 0);
+  watch_until(load.finished, kAllCalls);
+  ASSERT_EQ(load.failures, 0);
 
   // After the load: exactly the calls made, and it stays so over further
   // scrapes, each of which read the counters in process.
