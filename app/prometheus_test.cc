@@ -5,16 +5,12 @@
 // cannot parse fails the scrape and turns `up` to 0), and the series carry
 // the job and instance labels a dashboard selects on.
 
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <httplib.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -31,10 +27,7 @@
 #include "app/meta_server_test_util.h"
 #include "common/test_util.h"
 #include "pdpb/messages.h"
-#include "pdpb/stats.h"
 #include "rpc/client.h"
-#include "rpc/frame.h"
-#include "rpc/rpc_test_util.h"
 
 namespace kandb {
 namespace {
