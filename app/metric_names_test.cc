@@ -30,22 +30,13 @@ const std::string kPackaging = KANDB_PACKAGING_DIR;
 // The words after `prefix` on the line of `text` that starts with it, up to
 // `end` (or the line's end): a command line as systemd splits it.
 std::vector<std::string> CommandLine(const std::string& text, const std::string& prefix, const std::string& end) {
-  std::istringstream lines(text);
-  std::string line;
-  while (std::getline(lines, line)) {
-    if (line.compare(0, prefix.size(), prefix) != 0) continue;
-    std::string rest = line.substr(prefix.size());
-    if (!end.empty()) {
-      const size_t stop = rest.find(end);
-      if (stop == std::string::npos) return {};
-      rest.resize(stop);
-    }
-    std::istringstream words(rest);
-    std::vector<std::string> out;
-    for (std::string word; words >> word;) out.push_back(word);
-    return out;
-  }
-  return {};
+  const size_t at = text.find("\n" + prefix);
+  if (at == std::string::npos) return {};
+  const size_t from = at + 1 + prefix.size();
+  std::istringstream words(text.substr(from, text.find(end.empty() ? "\n" : end, from) - from));
+  std::vector<std::string> out;
+  for (std::string word; words >> word;) out.push_back(word);
+  return out;
 }
 
 // Gives --name=VALUE a new value; false when the command line lacks it.
