@@ -30,13 +30,6 @@
 
 namespace kandb::testing {
 
-inline int64_t SteadyMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
-inline void SleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-
 // An etcd cluster of one or more members, each with its own data directory.
 class EtcdCluster {
  public:
@@ -105,13 +98,10 @@ class EtcdCluster {
   // True once a write through the cluster succeeds.
   bool WaitHealthy(int timeout_ms) {
     store::EtcdClient client(Endpoints(), 1000, client_tls_);
-    for (const int64_t end = SteadyMs() + timeout_ms; SteadyMs() < end; SleepMs(100)) {
-      store::EtcdTxnResult r;
-      if (client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kPut, "health", "ok", 0}}, {}, &r).ok()) {
-        return true;
-      }
-    }
-    return false;
+    store::EtcdTxnResult r;
+    return RetryFor(timeout_ms, [&] {
+             return client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kPut, "health", "ok", 0}}, {}, &r);
+           }).ok();
   }
 
   std::vector<std::string> Endpoints() const {

@@ -10,7 +10,6 @@
 #include <httplib.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -32,7 +31,6 @@
 namespace kandb {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using nlohmann::json;
 using testing::ChildProcess;
 using testing::MetaServer;
@@ -42,9 +40,9 @@ constexpr char kPrometheusBinary[] = "/usr/bin/prometheus";
 constexpr char kJob[] = "kandb-meta";
 // Every wait on Prometheus (its start, a scrape showing a value). A run on
 // a quiet machine needs a few seconds of it; the rest is for a loaded one.
-constexpr auto kDeadline = std::chrono::seconds(90);
+constexpr int64_t kDeadlineMs = 90000;
 // Between two queries of a poll: a tenth of the scrape interval.
-constexpr auto kPollPause = std::chrono::milliseconds(100);
+constexpr int kPollPauseMs = 100;
 
 // ---- Prometheus's query API
 
@@ -154,14 +152,11 @@ class Prometheus {
   // the last answer, *why the last failure to get one.
   bool PollUntil(const std::string& promql, const std::function<bool(const std::vector<Sample>&)>& done,
                  std::vector<Sample>* last, std::string* why) const {
-    const auto deadline = Clock::now() + kDeadline;
-    for (;;) {
+    return testing::WaitFor(kDeadlineMs, [&] {
       const Status s = Query(promql, last);
-      if (s.ok() && done(*last)) return true;
       if (!s.ok()) *why = s.ToString();
-      if (Clock::now() > deadline) return false;
-      std::this_thread::sleep_for(kPollPause);
-    }
+      return s.ok() && done(*last);
+    }, kPollPauseMs);
   }
 
   // Polls until `promql` has exactly one sample, with the value `want`.
@@ -177,17 +172,15 @@ class Prometheus {
 
  private:
   bool WaitReady() {
-    const auto deadline = Clock::now() + kDeadline;
-    while (Clock::now() < deadline) {
-      if (child_->Wait(0) != -1) return false;  // it ended
+    bool ended = false;
+    return testing::WaitFor(kDeadlineMs, [&] {
+      if ((ended = child_->Wait(0) != -1)) return true;
       httplib::Client client("127.0.0.1", port_);
       client.set_connection_timeout(2);
       client.set_read_timeout(5);
       const httplib::Result res = client.Get("/-/ready");
-      if (res && res->status == 200) return true;
-      std::this_thread::sleep_for(kPollPause);
-    }
-    return false;
+      return res && res->status == 200;
+    }, kPollPauseMs) && !ended;
   }
 
   int port_ = 0;
@@ -244,14 +237,14 @@ struct TsoLoad {
 };
 
 TEST(PrometheusTest, ScrapesShowExactlyTheCallsClientsMade) {
-  const std::string dir = testing::MakeTempDir("kandb-prom-meta");
+  const testing::ScratchDir dir("kandb-prom-meta");
   MetaServer server;
   server.set_status_port(true);
-  ASSERT_TRUE(server.Start(dir + "/state"));
+  ASSERT_TRUE(server.Start(dir.File("state")));
   const std::string instance = "127.0.0.1:" + std::to_string(server.status_port());
   Prometheus prometheus;
   ASSERT_TRUE(prometheus.Start(instance));
-  const auto started = Clock::now();
+  const int64_t started = testing::SteadyMs();
 
   const std::string tso = Series("kandb_meta_requests_total", "method=\"Pd.Tso\"");
   std::string why;
@@ -267,7 +260,7 @@ TEST(PrometheusTest, ScrapesShowExactlyTheCallsClientsMade) {
   int mid_load_values = 0;
   std::vector<Sample> samples;
   auto watch_until = [&](const std::atomic<int>& threads_done, double most) {
-    for (; threads_done < kLoadThreads; std::this_thread::sleep_for(kPollPause)) {
+    for (; threads_done < kLoadThreads; testing::SleepMs(kPollPauseMs)) {
       if (!prometheus.Query(tso, &samples).ok() || !OnlyValue(samples)) continue;
       EXPECT_GE(*OnlyValue(samples), previous);
       EXPECT_LE(*OnlyValue(samples), most);
@@ -318,12 +311,11 @@ TEST(PrometheusTest, ScrapesShowExactlyTheCallsClientsMade) {
   EXPECT_EQ(OnlyValue(samples), 1) << "a scrape failed: " << Describe(samples);
   ASSERT_TRUE(prometheus.Query("count_over_time(" + Series("up") + "[10m])", &samples).ok());
   std::printf("prometheus: %d calls seen exactly after %.1f s, %d values read during the load, %.0f scrapes\n",
-              kAllCalls, std::chrono::duration<double>(Clock::now() - started).count(), mid_load_values,
+              kAllCalls, (testing::SteadyMs() - started) / 1000.0, mid_load_values,
               OnlyValue(samples).value_or(0));
 
   EXPECT_EQ(server.child()->Stderr(), "");
   server.Kill();
-  testing::RemoveTree(dir);
 }
 
 }  // namespace
