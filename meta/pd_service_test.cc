@@ -24,6 +24,7 @@
 #include "lsm/table.h"
 #include "lsm/table_builder.h"
 #include "meta/keys.h"
+#include "meta/service_test_util.h"
 #include "store/meta_store.h"
 
 namespace kandb::pdpb {
@@ -55,40 +56,10 @@ std::string Mark(uint64_t value) {
   return s;
 }
 
-// A service over a metadata store in a scratch directory, with a clock the
-// test sets by hand.
-class PdTest : public ::testing::Test {
+class PdTest : public ServiceTest {
  public:
-  PdTest() : dir_(kandb::testing::MakeTempDir("kandb-pd")) { Reopen(); }
-  ~PdTest() override {
-    service_.reset();
-    store_.reset();
-    kandb::testing::RemoveTree(dir_);
-  }
-
-  void Reopen(uint32_t target_replicas = 0, lsm::FileIo* io = lsm::DefaultFileIo(),
-              const std::string& passphrase = "") {
-    ASSERT_TRUE(TryReopen(target_replicas, io, passphrase).ok());
-  }
-  Status TryReopen(uint32_t target_replicas = 0, lsm::FileIo* io = lsm::DefaultFileIo(),
-                   const std::string& passphrase = "") {
-    service_.reset();
-    store_.reset();
-    Status s = store::MetaStore::Open(dir_, passphrase, 0, io, &store_);
-    EXPECT_TRUE(s.ok()) << s.ToString();
-    return PdService::Create(store_.get(), target_replicas, [this] { return now_.load(); }, &service_);
-  }
-  void Put(const std::string& key, const std::string& value) {
-    ASSERT_TRUE(store_->Put({{key, value}}).ok());
-  }
   void PutStores(const std::vector<uint64_t>& ids) {
     for (uint64_t id : ids) Put(StoreKey(id), pdpb::Encode(MakeStore(id)));
-  }
-  std::string Get(const std::string& key) {
-    std::string value;
-    bool found = false;
-    EXPECT_TRUE(store_->Get(key, &value, &found).ok());
-    return found ? value : "<absent>";
   }
 
   uint64_t Tso(uint32_t count) {
@@ -117,11 +88,6 @@ class PdTest : public ::testing::Test {
     EXPECT_TRUE(service_->RegionHeartbeat({store_id, std::move(regions), std::move(region_ids)}, &resp).ok());
     return resp.commands;
   }
-
-  const std::string dir_;
-  std::atomic<uint64_t> now_{1'700'000'000'000};
-  std::unique_ptr<store::MetaStore> store_;
-  std::unique_ptr<PdService> service_;
 };
 
 pdpb::RegionHeartbeatEntry Entry(uint64_t region_id, std::vector<uint64_t> members,
@@ -264,7 +230,8 @@ TEST(PdFaultTest, FailedMarkWriteHandsOutNothing) {
 // the service starts, every method serves, and only the lookups that must
 // read past the damage fail, with the read's own text.
 TEST(PdDamageTest, DamagedTableRecordFailsOnlyTheReadsThatMeetIt) {
-  const std::string dir = kandb::testing::MakeTempDir("kandb-pd-damage");
+  const kandb::testing::ScratchDir scratch("kandb-pd-damage");
+  const std::string& dir = scratch.path();
   std::vector<lsm::Entry> entries = {
       {lsm::kOpPut, kBootstrappedKey, "1"},
       {lsm::kOpPut, RegionKey(2), pdpb::Encode(MakeRegion(2, "", "m", {1}))},
@@ -301,35 +268,32 @@ TEST(PdDamageTest, DamagedTableRecordFailsOnlyTheReadsThatMeetIt) {
   bool published = false;
   ASSERT_TRUE(lsm::WriteManifest(lsm::DefaultFileIo(), dir, manifest, &published).ok());
 
-  {
-    std::unique_ptr<store::MetaStore> store;
-    ASSERT_TRUE(store::MetaStore::Open(dir, "", 0, &store).ok());
-    std::unique_ptr<PdService> service;
-    const Status created = PdService::Create(store.get(), 0, &service);
-    ASSERT_TRUE(created.ok()) << created.ToString();
-    pdpb::TsoResponse tso;
-    EXPECT_TRUE(service->Tso({1}, &tso).ok());
-    pdpb::AllocIdResponse ids;
-    EXPECT_TRUE(service->AllocId({1}, &ids).ok());
-    EXPECT_EQ(ids.first_id, PdService::kFirstId);
-    pdpb::BootstrapResponse boot;
-    EXPECT_TRUE(service->Bootstrap({MakeStore(4), MakeRegion(9, "", ""), {}}, &boot).ok());
-    EXPECT_TRUE(boot.already_bootstrapped);
-    pdpb::GetRegionResponse route;
-    const Status routed = service->GetRegion({"a"}, &route);  // region 2 comes before the damage
-    ASSERT_TRUE(routed.ok()) << routed.ToString();
-    EXPECT_EQ(route.region.id, 2u);
-    EXPECT_EQ(route.leader_store, MakeStore(1));
-    EXPECT_EQ(service->GetRegion({"z"}, &route).ToString(), "Corruption: sst bad record op");
-    // The region reads too: a record before the damage is read, a scan
-    // that must walk past it fails with the read's text.
-    ASSERT_TRUE(service->GetRegionById({2}, &route).ok());
-    EXPECT_EQ(route.region.id, 2u);
-    EXPECT_EQ(service->GetRegionById({3}, &route).ToString(), "Corruption: sst bad record op");
-    pdpb::ScanRegionsResponse scan;
-    EXPECT_EQ(service->ScanRegions({"", "", 1}, &scan).ToString(), "Corruption: sst bad record op");
-  }
-  kandb::testing::RemoveTree(dir);
+  std::unique_ptr<store::MetaStore> store;
+  ASSERT_TRUE(store::MetaStore::Open(dir, "", 0, &store).ok());
+  std::unique_ptr<PdService> service;
+  const Status created = PdService::Create(store.get(), 0, &service);
+  ASSERT_TRUE(created.ok()) << created.ToString();
+  pdpb::TsoResponse tso;
+  EXPECT_TRUE(service->Tso({1}, &tso).ok());
+  pdpb::AllocIdResponse ids;
+  EXPECT_TRUE(service->AllocId({1}, &ids).ok());
+  EXPECT_EQ(ids.first_id, PdService::kFirstId);
+  pdpb::BootstrapResponse boot;
+  EXPECT_TRUE(service->Bootstrap({MakeStore(4), MakeRegion(9, "", ""), {}}, &boot).ok());
+  EXPECT_TRUE(boot.already_bootstrapped);
+  pdpb::GetRegionResponse route;
+  const Status routed = service->GetRegion({"a"}, &route);  // region 2 comes before the damage
+  ASSERT_TRUE(routed.ok()) << routed.ToString();
+  EXPECT_EQ(route.region.id, 2u);
+  EXPECT_EQ(route.leader_store, MakeStore(1));
+  EXPECT_EQ(service->GetRegion({"z"}, &route).ToString(), "Corruption: sst bad record op");
+  // The region reads too: a record before the damage is read, a scan
+  // that must walk past it fails with the read's text.
+  ASSERT_TRUE(service->GetRegionById({2}, &route).ok());
+  EXPECT_EQ(route.region.id, 2u);
+  EXPECT_EQ(service->GetRegionById({3}, &route).ToString(), "Corruption: sst bad record op");
+  pdpb::ScanRegionsResponse scan;
+  EXPECT_EQ(service->ScanRegions({"", "", 1}, &scan).ToString(), "Corruption: sst bad record op");
 }
 
 // A term of a replicated server hands out identifiers only below a mark
@@ -338,43 +302,40 @@ TEST(PdDamageTest, DamagedTableRecordFailsOnlyTheReadsThatMeetIt) {
 // landed) is never followed by a lower one.
 TEST(PdOwnMarksTest, IdentifiersOnlyBelowMarksItWrote) {
   lsm::FaultInjectingFileIo io;
-  const std::string dir = kandb::testing::MakeTempDir("kandb-pd-own");
-  {
-    std::unique_ptr<store::MetaStore> store;
-    ASSERT_TRUE(store::MetaStore::Open(dir, "", 0, &io, &store).ok());
-    PdService::Options options;
-    options.own_id_marks = true;
-    std::unique_ptr<PdService> service;
-    ASSERT_TRUE(PdService::Create(store.get(), options, &service).ok());
-    const auto alloc = [&](uint32_t n) {
-      pdpb::AllocIdResponse resp;
-      const Status s = service->AllocId({n}, &resp);
-      return s.ok() ? std::to_string(resp.first_id) : s.ToString();
-    };
-    const auto mark = [&] {
-      std::string value;
-      bool found = false;
-      EXPECT_TRUE(store->Get(kIdAllocKey, &value, &found).ok());
-      return found && value.size() == 8 ? DecodeFixed64(value.data()) : 0;
-    };
-    EXPECT_EQ(alloc(1), "1024");
-    EXPECT_EQ(mark(), 2025u);
-    // Another writer raises the mark: what lies below this service's own
-    // mark is still its own, and needs no write.
-    ASSERT_TRUE(store->Put({{kIdAllocKey, Mark(9000)}}).ok());
-    EXPECT_EQ(alloc(1000), "1025");
-    EXPECT_EQ(mark(), 9000u);
-    // Past it, a mark of its own is written (fenced, on etcd) rather than
-    // the raised one trusted.
-    EXPECT_EQ(alloc(1), "2025");
-    EXPECT_EQ(mark(), 3026u);
-    io.FailFrom(lsm::FileOp::kWrite, 1, "wal-");
-    EXPECT_NE(alloc(5000).find("wal write"), std::string::npos);
-    io.ClearAll();
-    EXPECT_EQ(alloc(1001), "2026");  // 3027 is enough, but 8026 was tried
-    EXPECT_EQ(mark(), 8026u);
-  }
-  kandb::testing::RemoveTree(dir);
+  const kandb::testing::ScratchDir dir("kandb-pd-own");
+  std::unique_ptr<store::MetaStore> store;
+  ASSERT_TRUE(store::MetaStore::Open(dir.path(), "", 0, &io, &store).ok());
+  PdService::Options options;
+  options.own_id_marks = true;
+  std::unique_ptr<PdService> service;
+  ASSERT_TRUE(PdService::Create(store.get(), options, &service).ok());
+  const auto alloc = [&](uint32_t n) {
+    pdpb::AllocIdResponse resp;
+    const Status s = service->AllocId({n}, &resp);
+    return s.ok() ? std::to_string(resp.first_id) : s.ToString();
+  };
+  const auto mark = [&] {
+    std::string value;
+    bool found = false;
+    EXPECT_TRUE(store->Get(kIdAllocKey, &value, &found).ok());
+    return found && value.size() == 8 ? DecodeFixed64(value.data()) : 0;
+  };
+  EXPECT_EQ(alloc(1), "1024");
+  EXPECT_EQ(mark(), 2025u);
+  // Another writer raises the mark: what lies below this service's own
+  // mark is still its own, and needs no write.
+  ASSERT_TRUE(store->Put({{kIdAllocKey, Mark(9000)}}).ok());
+  EXPECT_EQ(alloc(1000), "1025");
+  EXPECT_EQ(mark(), 9000u);
+  // Past it, a mark of its own is written (fenced, on etcd) rather than
+  // the raised one trusted.
+  EXPECT_EQ(alloc(1), "2025");
+  EXPECT_EQ(mark(), 3026u);
+  io.FailFrom(lsm::FileOp::kWrite, 1, "wal-");
+  EXPECT_NE(alloc(5000).find("wal write"), std::string::npos);
+  io.ClearAll();
+  EXPECT_EQ(alloc(1001), "2026");  // 3027 is enough, but 8026 was tried
+  EXPECT_EQ(mark(), 8026u);
 }
 
 TEST_F(PdTest, RoutingCorners) {

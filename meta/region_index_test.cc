@@ -23,26 +23,15 @@
 #include "meta/keys.h"
 #include "meta/pd_service.h"
 #include "meta/routing.h"
+#include "meta/service_test_util.h"
 #include "store/meta_store.h"
 
 namespace kandb::meta {
 namespace {
 
-class RoutingTest : public ::testing::Test {
+class RoutingTest : public ServiceTest {
  protected:
-  RoutingTest() : dir_(kandb::testing::MakeTempDir("kandb-routing")) { Reopen(); }
-  ~RoutingTest() override {
-    service_.reset();
-    store_.reset();
-    kandb::testing::RemoveTree(dir_);
-  }
-  void Reopen() {
-    service_.reset();
-    store_.reset();
-    ASSERT_TRUE(store::MetaStore::Open(dir_, "", 0, &store_).ok());
-    ASSERT_TRUE(PdService::Create(store_.get(), 0, &service_).ok());
-    ASSERT_NE(service_->routing_index(), nullptr);
-  }
+  RoutingTest() { EXPECT_NE(service_->routing_index(), nullptr); }
   // Routes `key` both ways; they must agree. Returns whether the index
   // answered itself.
   bool Agree(const std::string& key) {
@@ -82,12 +71,8 @@ class RoutingTest : public ::testing::Test {
     EXPECT_EQ(answered, by_index) << "scan " << ::testing::PrintToString(start) << " " << ::testing::PrintToString(end);
     return ids;
   }
+  using ServiceTest::Put;
   void Put(uint64_t id, const pdpb::Region& region) { Put(RegionKey(id), pdpb::Encode(region)); }
-  void Put(const std::string& key, const std::string& value) { ASSERT_TRUE(store_->Put({{key, value}}).ok()); }
-
-  const std::string dir_;
-  std::unique_ptr<store::MetaStore> store_;
-  std::unique_ptr<PdService> service_;
 };
 
 // Short keys over few bytes, the empty key and 0xFF included, so that
