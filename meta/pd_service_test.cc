@@ -6,7 +6,6 @@
 #include "rpc/server.h"
 
 #include <algorithm>
-#include <chrono>
 #include <atomic>
 #include <memory>
 #include <ostream>
@@ -39,22 +38,6 @@ namespace {
 
 using pdpb::ScheduleCommand;
 using Cmds = std::vector<ScheduleCommand>;
-
-pdpb::Store MakeStore(uint64_t id) { return {id, "10.0.0." + std::to_string(id) + ":20160", 0}; }
-
-// A region whose peers sit on `store_ids`, peer ids being 100 + store id.
-pdpb::Region MakeRegion(uint64_t id, std::string start, std::string end,
-                        const std::vector<uint64_t>& store_ids = {}) {
-  pdpb::Region r{id, std::move(start), std::move(end), {1, 1}, {}};
-  for (uint64_t s : store_ids) r.peers.push_back({100 + s, s});
-  return r;
-}
-
-std::string Mark(uint64_t value) {
-  std::string s;
-  PutFixed64(&s, value);
-  return s;
-}
 
 class PdTest : public ServiceTest {
  public:
@@ -166,20 +149,20 @@ TEST_F(PdTest, ConcurrentBatchesNeverOverlap) {
 
 TEST_F(PdTest, IdentifierMarkKeepsAMarginOf1000) {
   EXPECT_EQ(Alloc(1), 1024u);
-  EXPECT_EQ(Get(kIdAllocKey), Mark(2025));
+  EXPECT_EQ(Get(kIdAllocKey), Fixed64(2025));
   for (uint64_t want = 1025; want <= 2024; want++) ASSERT_EQ(Alloc(0), want);
-  EXPECT_EQ(Get(kIdAllocKey), Mark(2025));  // 1000 ids without a write
+  EXPECT_EQ(Get(kIdAllocKey), Fixed64(2025));  // 1000 ids without a write
   EXPECT_EQ(Alloc(1), 2025u);
-  EXPECT_EQ(Get(kIdAllocKey), Mark(3026));
+  EXPECT_EQ(Get(kIdAllocKey), Fixed64(3026));
   EXPECT_EQ(Alloc(5000), 2026u);
-  EXPECT_EQ(Get(kIdAllocKey), Mark(8026));
+  EXPECT_EQ(Get(kIdAllocKey), Fixed64(8026));
   Reopen();  // a restart resumes at the mark
   EXPECT_EQ(Alloc(1), 8026u);
 
   // A mark far ahead of memory is left alone.
-  Put(kIdAllocKey, Mark(50000));
+  Put(kIdAllocKey, Fixed64(50000));
   EXPECT_EQ(Alloc(1), 8027u);
-  EXPECT_EQ(Get(kIdAllocKey), Mark(50000));
+  EXPECT_EQ(Get(kIdAllocKey), Fixed64(50000));
 
   // A damaged mark is never taken for "nothing handed out yet": it fails
   // the batch while running and the start after it, and so does a mark
@@ -189,17 +172,17 @@ TEST_F(PdTest, IdentifierMarkKeepsAMarginOf1000) {
   EXPECT_EQ(service_->AllocId(pdpb::AllocIdRequest{1}, &resp).ToString(),
             "Corruption: identifier mark pd/id_alloc has 4 bytes, not 8");
   EXPECT_EQ(TryReopen().ToString(), "Corruption: identifier mark pd/id_alloc has 4 bytes, not 8");
-  Put(kIdAllocKey, Mark(9000));
+  Put(kIdAllocKey, Fixed64(9000));
   EXPECT_EQ(TryReopen(0, lsm::DefaultFileIo(), "secret").ToString(),
             "Corruption: identifier mark pd/id_alloc: tde: ciphertext too short");
-  Put(kIdAllocKey, Mark(9000));  // sealed under "secret" now
+  Put(kIdAllocKey, Fixed64(9000));  // sealed under "secret" now
   Put(kBootstrappedKey, "1");
   EXPECT_EQ(TryReopen(0, lsm::DefaultFileIo(), "other").ToString(),
             "InvalidArgument: identifier mark pd/id_alloc: sm4: bad padding");
 
   // An unreadable bootstrap marker fails the bootstrap instead of writing
   // a first cluster over a live one.
-  Put(kIdAllocKey, Mark(9000));  // readable under "other"
+  Put(kIdAllocKey, Fixed64(9000));  // readable under "other"
   Reopen(0, lsm::DefaultFileIo(), "other");
   pdpb::BootstrapRequest boot;
   boot.region.id = 2;
@@ -324,7 +307,7 @@ TEST(PdOwnMarksTest, IdentifiersOnlyBelowMarksItWrote) {
   EXPECT_EQ(mark(), 2025u);
   // Another writer raises the mark: what lies below this service's own
   // mark is still its own, and needs no write.
-  ASSERT_TRUE(store->Put({{kIdAllocKey, Mark(9000)}}).ok());
+  ASSERT_TRUE(store->Put({{kIdAllocKey, Fixed64(9000)}}).ok());
   EXPECT_EQ(alloc(1000), "1025");
   EXPECT_EQ(mark(), 9000u);
   // Past it, a mark of its own is written (fenced, on etcd) rather than

@@ -4,7 +4,6 @@
 // and two updates racing through the read-then-write window.
 
 #include <atomic>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -40,12 +39,6 @@ class SafePointTest : public ServiceTest {
     return resp;
   }
 };
-
-std::string Fixed64(uint64_t value) {
-  std::string s;
-  PutFixed64(&s, value);
-  return s;
-}
 
 // The lowest live safe point, listed in service id order (bytes, not
 // text: "\xff" after "b"); expired services stop counting, and the GC

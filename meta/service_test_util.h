@@ -7,15 +7,34 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "common/coding.h"
 #include "common/test_util.h"
 #include "lsm/file_io.h"
 #include "meta/pd_service.h"
 #include "store/meta_store.h"
 
 namespace kandb::meta {
+
+inline pdpb::Store MakeStore(uint64_t id) { return {id, "10.0.0." + std::to_string(id) + ":20160", 0}; }
+
+// A region whose peers sit on `store_ids`, peer ids being 100 + store id.
+inline pdpb::Region MakeRegion(uint64_t id, std::string start, std::string end,
+                               const std::vector<uint64_t>& store_ids = {}) {
+  pdpb::Region r{id, std::move(start), std::move(end), {1, 1}, {}};
+  for (uint64_t s : store_ids) r.peers.push_back({100 + s, s, 0});
+  return r;
+}
+
+// An 8-byte mark as the service stores it.
+inline std::string Fixed64(uint64_t value) {
+  std::string s;
+  PutFixed64(&s, value);
+  return s;
+}
 
 class ServiceTest : public ::testing::Test {
  public:
