@@ -108,6 +108,7 @@ TEST(MetricNamesTest, DashboardAndRulesUseOnlyWhatTheServersExport) {
   ASSERT_EQ(meta_status, 200) << meta.child()->Stderr();
   ASSERT_EQ(ha_status, 200) << ha.Stderr();
   EXPECT_NE(ha_metrics.find("\nkandb_meta_leader 1\n"), std::string::npos) << ha_metrics;
+  EXPECT_NE(ha_metrics.find("\nkandb_meta_engine_present 0\n"), std::string::npos) << ha_metrics;
   WriteFileOrDie(dir.File("meta.prom"), meta_metrics);
   WriteFileOrDie(dir.File("ha.prom"), ha_metrics);
 
