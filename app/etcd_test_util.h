@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <memory>
@@ -283,13 +282,11 @@ class HaServers {
   void Pause(int i) {
     Signal(i, SIGSTOP);
     const std::string stat = "/proc/" + std::to_string(processes_[i]->pid()) + "/stat";
-    for (int tries = 0; tries < 10000; ++tries) {
+    WaitFor(10000, [&stat] {
       std::ifstream in(stat);
-      std::string pid, name, state;
-      // The name is in parentheses without spaces (kandb-meta-ha).
-      if (in >> pid >> name >> state && state == "T") return;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+      std::string pid, name, state;  // the name is in parentheses without spaces (kandb-meta-ha)
+      return in >> pid >> name >> state && state == "T";
+    }, 1);
   }
   void Kill(int i) {
     processes_[i]->Kill(SIGKILL);
