@@ -509,10 +509,9 @@ void RunTorture(const std::string& state, const std::string& filler, int64_t cyc
 }
 
 TEST(CrashTortureTest, AcknowledgedStateSurvivesKillsAtRandomMoments) {
-  const std::string dir = testing::MakeTempDir("kandb-torture");
-  RunTorture(dir + "/state", "", testing::EnvInt("KANDB_TORTURE_CYCLES", 10),
+  const testing::ScratchDir dir("kandb-torture");
+  RunTorture(dir.File("state"), "", testing::EnvInt("KANDB_TORTURE_CYCLES", 10),
              testing::EnvInt("KANDB_TORTURE_MIB", testing::kSanitizedBuild ? 24 : 80));
-  testing::RemoveTree(dir);
 }
 
 // The same on a 320 MiB file system that fills up now and then. Mounting

@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <memory>
@@ -29,13 +28,6 @@
 #include "store/etcd_client.h"
 
 namespace kandb::testing {
-
-inline int64_t SteadyMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
-inline void SleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 // An etcd cluster of one or more members, each with its own data directory.
 class EtcdCluster {
@@ -105,13 +97,10 @@ class EtcdCluster {
   // True once a write through the cluster succeeds.
   bool WaitHealthy(int timeout_ms) {
     store::EtcdClient client(Endpoints(), 1000, client_tls_);
-    for (const int64_t end = SteadyMs() + timeout_ms; SteadyMs() < end; SleepMs(100)) {
-      store::EtcdTxnResult r;
-      if (client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kPut, "health", "ok", 0}}, {}, &r).ok()) {
-        return true;
-      }
-    }
-    return false;
+    store::EtcdTxnResult r;
+    return RetryFor(timeout_ms, [&] {
+             return client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kPut, "health", "ok", 0}}, {}, &r);
+           }).ok();
   }
 
   std::vector<std::string> Endpoints() const {
@@ -293,13 +282,11 @@ class HaServers {
   void Pause(int i) {
     Signal(i, SIGSTOP);
     const std::string stat = "/proc/" + std::to_string(processes_[i]->pid()) + "/stat";
-    for (int tries = 0; tries < 10000; ++tries) {
+    WaitFor(10000, [&stat] {
       std::ifstream in(stat);
-      std::string pid, name, state;
-      // The name is in parentheses without spaces (kandb-meta-ha).
-      if (in >> pid >> name >> state && state == "T") return;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+      std::string pid, name, state;  // the name is in parentheses without spaces (kandb-meta-ha)
+      return in >> pid >> name >> state && state == "T";
+    }, 1);
   }
   void Kill(int i) {
     processes_[i]->Kill(SIGKILL);

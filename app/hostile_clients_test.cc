@@ -38,7 +38,6 @@
 namespace kandb {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using kanrpc::FrameType;
 using testing::kSanitizedBuild;
 using testing::MetaServer;
@@ -193,10 +192,10 @@ TEST(HostileClientsTest, WellBehavedClientsKeepGettingAnswersWithBoundedMemory) 
       << "the open-file limit is too low for this test";
   struct rlimit limit;
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-  const std::string dir = testing::MakeTempDir("kandb-hostile");
+  const testing::ScratchDir dir("kandb-hostile");
   MetaServer server;
   server.set_open_file_limit(1024, limit.rlim_max);
-  ASSERT_TRUE(server.Start(dir + "/state"));
+  ASSERT_TRUE(server.Start(dir.File("state")));
   const pid_t pid = server.child()->pid();
   pdpb::BootstrapResponse booted;
   ASSERT_TRUE(server.NewClient()
@@ -346,11 +345,8 @@ TEST(HostileClientsTest, WellBehavedClientsKeepGettingAnswersWithBoundedMemory) 
   probe.reset();  // its connection too
   stalled.clear();
   idle.clear();
-  const auto drain_deadline = Clock::now() + std::chrono::seconds(60);
-  while (testing::ReadProcessStatus(pid).threads > baseline.threads && Clock::now() < drain_deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  EXPECT_LE(testing::ReadProcessStatus(pid).threads, baseline.threads);
+  EXPECT_TRUE(testing::WaitFor(60000, [&] { return testing::ReadProcessStatus(pid).threads <= baseline.threads; }, 20))
+      << testing::ReadProcessStatus(pid).threads << " threads, " << baseline.threads << " before";
 
   // Still serving, and nothing was said on standard error.
   pdpb::TsoResponse tso;
@@ -366,7 +362,6 @@ TEST(HostileClientsTest, WellBehavedClientsKeepGettingAnswersWithBoundedMemory) 
               static_cast<long long>(with_stalled.threads), per_connection_kib, per_stalled_kib);
 
   server.Kill();
-  testing::RemoveTree(dir);
 }
 
 // A client can run the server out of descriptors: twice its limit in
@@ -374,10 +369,10 @@ TEST(HostileClientsTest, WellBehavedClientsKeepGettingAnswersWithBoundedMemory) 
 // server must pause, say so, and serve again, never end.
 TEST(HostileClientsTest, RunningOutOfDescriptorsNeverEndsTheServer) {
   constexpr int kLimit = 64;
-  const std::string dir = testing::MakeTempDir("kandb-descriptors");
+  const testing::ScratchDir dir("kandb-descriptors");
   MetaServer server;
   server.set_open_file_limit(kLimit, kLimit);
-  ASSERT_TRUE(server.Start(dir + "/state"));
+  ASSERT_TRUE(server.Start(dir.File("state")));
   const std::string report = "accept: accept failed: Too many open files (retrying in ";
   for (int round = 0; round < 2; round++) {
     std::vector<Connection> flood;
@@ -386,11 +381,8 @@ TEST(HostileClientsTest, RunningOutOfDescriptorsNeverEndsTheServer) {
       ASSERT_TRUE(flood.back().valid());
     }
     // Held open until the server has met the limit and said so.
-    const auto deadline = Clock::now() + std::chrono::seconds(60);
-    while (server.child()->Stderr().find(report) == std::string::npos && Clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_NE(server.child()->Stderr().find(report), std::string::npos) << server.child()->Stderr();
+    EXPECT_TRUE(testing::WaitFor(60000, [&] { return server.child()->Stderr().find(report) != std::string::npos; }, 10))
+        << server.child()->Stderr();
     EXPECT_EQ(server.child()->Wait(0), -1) << "the server ended: " << server.child()->Stderr();
     flood.clear();
     pdpb::TsoResponse tso;
@@ -400,7 +392,6 @@ TEST(HostileClientsTest, RunningOutOfDescriptorsNeverEndsTheServer) {
     EXPECT_EQ(server.child()->Wait(0), -1) << "the server ended: " << server.child()->Stderr();
   }
   server.Kill();
-  testing::RemoveTree(dir);
 }
 
 }  // namespace

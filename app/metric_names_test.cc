@@ -60,20 +60,20 @@ std::pair<int, std::string> Get(int port, const std::string& path) {
 }
 
 TEST(MetricNamesTest, DashboardAndRulesUseOnlyWhatTheServersExport) {
-  const std::string dir = MakeTempDir("kandb-metric-names");
+  const ScratchDir dir("kandb-metric-names");
 
   // kandb-meta, with the unit's flags.
   std::vector<std::string> meta_flags =
       CommandLine(ReadFileOrEmpty(kPackaging + "/kandb-meta.service.in"), "ExecStart=@KANDB_UNIT_BINDIR@/kandb-meta ", "");
   ASSERT_FALSE(meta_flags.empty()) << "no ExecStart line in kandb-meta.service.in";
   const int meta_status_port = PickFreePort();
-  ASSERT_TRUE(SetFlag(&meta_flags, "data_dir", dir + "/meta"));
+  ASSERT_TRUE(SetFlag(&meta_flags, "data_dir", dir.File("meta")));
   ASSERT_TRUE(SetFlag(&meta_flags, "status_addr", "127.0.0.1:" + std::to_string(meta_status_port)));
   MetaServer meta;
-  ASSERT_TRUE(meta.Start(dir + "/meta", meta_flags));
+  ASSERT_TRUE(meta.Start(dir.File("meta"), meta_flags));
 
   // kandb-meta-ha, with the defaults file's flags, leading on one etcd member.
-  EtcdCluster etcd(dir + "/etcd");
+  EtcdCluster etcd(dir.File("etcd"));
   ASSERT_TRUE(etcd.Start(1));
   std::vector<std::string> ha_flags =
       CommandLine(ReadFileOrEmpty(kPackaging + "/kandb-meta-ha.default"), "KANDB_META_HA_OPTS=\"", "\"");
@@ -91,9 +91,7 @@ TEST(MetricNamesTest, DashboardAndRulesUseOnlyWhatTheServersExport) {
       << ha.Stderr();
   // Healthy once it leads (the only server of its cluster).
   std::pair<int, std::string> health;
-  for (const int64_t end = SteadyMs() + 30000; SteadyMs() < end && health.first != 200; SleepMs(100)) {
-    health = Get(ha_status_port, "/health");
-  }
+  WaitFor(30000, [&] { return (health = Get(ha_status_port, "/health")).first == 200; }, 100);
   ASSERT_EQ(health.first, 200) << health.second << ha.Stderr();
 
   const auto [meta_status, meta_metrics] = Get(meta_status_port, "/metrics");
@@ -101,12 +99,13 @@ TEST(MetricNamesTest, DashboardAndRulesUseOnlyWhatTheServersExport) {
   ASSERT_EQ(meta_status, 200) << meta.child()->Stderr();
   ASSERT_EQ(ha_status, 200) << ha.Stderr();
   EXPECT_NE(ha_metrics.find("\nkandb_meta_leader 1\n"), std::string::npos) << ha_metrics;
-  WriteFileOrDie(dir + "/meta.prom", meta_metrics);
-  WriteFileOrDie(dir + "/ha.prom", ha_metrics);
+  EXPECT_NE(ha_metrics.find("\nkandb_meta_engine_present 0\n"), std::string::npos) << ha_metrics;
+  WriteFileOrDie(dir.File("meta.prom"), meta_metrics);
+  WriteFileOrDie(dir.File("ha.prom"), ha_metrics);
 
   const ProgramResult check = RunProgram(
-      {KANDB_PYTHON3, kPackaging + "/check_metric_names.py", "--metrics", dir + "/meta.prom", "--metrics",
-       dir + "/ha.prom", "--dashboard", kPackaging + "/kandb-meta-dashboard.json", "--rules",
+      {KANDB_PYTHON3, kPackaging + "/check_metric_names.py", "--metrics", dir.File("meta.prom"), "--metrics",
+       dir.File("ha.prom"), "--dashboard", kPackaging + "/kandb-meta-dashboard.json", "--rules",
        kPackaging + "/kandb-meta-alerts.yml", "--promtool", KANDB_PROMTOOL},
       60000);
   std::printf("%s", check.out.c_str());
@@ -114,7 +113,6 @@ TEST(MetricNamesTest, DashboardAndRulesUseOnlyWhatTheServersExport) {
   ha.Kill(SIGKILL);
   ha.Wait();
   meta.Kill();
-  RemoveTree(dir);
 }
 
 }  // namespace

@@ -171,10 +171,6 @@ int ExitCode(const ProgramResult& result) {
   return WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1000 - result.status;
 }
 
-}  // namespace kandb::testing
-
-namespace kandb::testing {
-
 Tmpfs::Tmpfs(int size_mib) : path_(MakeTempDir("kandb-tmpfs")) {
   const std::string options = "size=" + std::to_string(size_mib) + "m";
   if (::mount("tmpfs", path_.c_str(), "tmpfs", 0, options.c_str()) == 0) {

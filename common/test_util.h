@@ -1,17 +1,43 @@
 #ifndef KANDB_COMMON_TEST_UTIL_H_
 #define KANDB_COMMON_TEST_UTIL_H_
 
-// Helpers shared by the tests: scratch directories, free ports and child
-// processes (the real binaries started, watched and killed).
+// Helpers shared by the tests: polling, scratch directories, free ports and
+// child processes (the real binaries started, watched and killed).
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
-
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "common/status.h"
+
 namespace kandb::testing {
+
+inline int64_t SteadyMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+inline void SleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+
+// Polls `done` every `pause_ms` until it holds (true) or `timeout_ms` passed.
+template <class F>
+bool WaitFor(int64_t timeout_ms, F done, int pause_ms = 50) {
+  for (const int64_t end = SteadyMs() + timeout_ms; !done(); SleepMs(pause_ms)) {
+    if (SteadyMs() >= end) return false;
+  }
+  return true;
+}
+
+// Calls `call` until it succeeds or `timeout_ms` passed; its last status.
+template <class F>
+Status RetryFor(int64_t timeout_ms, F call, int pause_ms = 50) {
+  Status s;
+  WaitFor(timeout_ms, [&] { return (s = call()).ok(); }, pause_ms);
+  return s;
+}
 
 // Creates a fresh, empty directory under $TEST_TMPDIR or /tmp and returns its path.
 std::string MakeTempDir(const std::string& prefix);
@@ -19,6 +45,20 @@ std::string MakeTempDir(const std::string& prefix);
 void RemoveTree(const std::string& path);
 std::string ReadFileOrEmpty(const std::string& path);
 void WriteFileOrDie(const std::string& path, const std::string& contents);
+
+// A scratch directory, removed with the object however the test ends.
+class ScratchDir {
+ public:
+  explicit ScratchDir(const std::string& prefix = "kandb-test") : path_(MakeTempDir(prefix)) {}
+  ~ScratchDir() { RemoveTree(path_); }
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string File(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  const std::string path_;
+};
 
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int PickFreePort();

@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <thread>
-#include <map>
 #include <set>
 
 #include "lsm/db.h"

@@ -12,11 +12,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <ostream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "common/mutex.h"
@@ -27,6 +25,8 @@
 #include "lsm/table.h"
 
 namespace kandb::lsm {
+
+using testing::ScratchDir;
 
 class LsmDbTestPeer {
  public:
@@ -148,14 +148,7 @@ inline bool FileExists(const std::string& path) {
 }
 
 // Polls `condition` every millisecond for up to 20 seconds.
-inline bool Eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
+inline bool Eventually(const std::function<bool()>& condition) { return testing::WaitFor(20000, condition, 1); }
 
 inline void PrintTo(const Entry& e, std::ostream* os) {
   *os << (e.op == kOpPut ? "put " : "del ") << e.key << "=" << e.value;
@@ -181,20 +174,6 @@ inline std::string GetOrAbsent(LsmDb* db, const std::string& key) {
   if (!s.ok()) return s.ToString();
   return found ? value : "<absent>";
 }
-
-// A scratch directory removed at the end of the test.
-class ScratchDir {
- public:
-  explicit ScratchDir(const std::string& prefix = "kandb-lsm") : path_(testing::MakeTempDir(prefix)) {}
-  ~ScratchDir() { testing::RemoveTree(path_); }
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-  const std::string& path() const { return path_; }
-  std::string File(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  const std::string path_;
-};
 
 }  // namespace kandb::lsm
 

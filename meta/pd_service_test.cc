@@ -6,7 +6,6 @@
 #include "rpc/server.h"
 
 #include <algorithm>
-#include <chrono>
 #include <atomic>
 #include <memory>
 #include <ostream>
@@ -24,6 +23,7 @@
 #include "lsm/table.h"
 #include "lsm/table_builder.h"
 #include "meta/keys.h"
+#include "meta/service_test_util.h"
 #include "store/meta_store.h"
 
 namespace kandb::pdpb {
@@ -39,56 +39,10 @@ namespace {
 using pdpb::ScheduleCommand;
 using Cmds = std::vector<ScheduleCommand>;
 
-pdpb::Store MakeStore(uint64_t id) { return {id, "10.0.0." + std::to_string(id) + ":20160", 0}; }
-
-// A region whose peers sit on `store_ids`, peer ids being 100 + store id.
-pdpb::Region MakeRegion(uint64_t id, std::string start, std::string end,
-                        const std::vector<uint64_t>& store_ids = {}) {
-  pdpb::Region r{id, std::move(start), std::move(end), {1, 1}, {}};
-  for (uint64_t s : store_ids) r.peers.push_back({100 + s, s});
-  return r;
-}
-
-std::string Mark(uint64_t value) {
-  std::string s;
-  PutFixed64(&s, value);
-  return s;
-}
-
-// A service over a metadata store in a scratch directory, with a clock the
-// test sets by hand.
-class PdTest : public ::testing::Test {
+class PdTest : public ServiceTest {
  public:
-  PdTest() : dir_(kandb::testing::MakeTempDir("kandb-pd")) { Reopen(); }
-  ~PdTest() override {
-    service_.reset();
-    store_.reset();
-    kandb::testing::RemoveTree(dir_);
-  }
-
-  void Reopen(uint32_t target_replicas = 0, lsm::FileIo* io = lsm::DefaultFileIo(),
-              const std::string& passphrase = "") {
-    ASSERT_TRUE(TryReopen(target_replicas, io, passphrase).ok());
-  }
-  Status TryReopen(uint32_t target_replicas = 0, lsm::FileIo* io = lsm::DefaultFileIo(),
-                   const std::string& passphrase = "") {
-    service_.reset();
-    store_.reset();
-    Status s = store::MetaStore::Open(dir_, passphrase, 0, io, &store_);
-    EXPECT_TRUE(s.ok()) << s.ToString();
-    return PdService::Create(store_.get(), target_replicas, [this] { return now_.load(); }, &service_);
-  }
-  void Put(const std::string& key, const std::string& value) {
-    ASSERT_TRUE(store_->Put({{key, value}}).ok());
-  }
   void PutStores(const std::vector<uint64_t>& ids) {
     for (uint64_t id : ids) Put(StoreKey(id), pdpb::Encode(MakeStore(id)));
-  }
-  std::string Get(const std::string& key) {
-    std::string value;
-    bool found = false;
-    EXPECT_TRUE(store_->Get(key, &value, &found).ok());
-    return found ? value : "<absent>";
   }
 
   uint64_t Tso(uint32_t count) {
@@ -117,11 +71,6 @@ class PdTest : public ::testing::Test {
     EXPECT_TRUE(service_->RegionHeartbeat({store_id, std::move(regions), std::move(region_ids)}, &resp).ok());
     return resp.commands;
   }
-
-  const std::string dir_;
-  std::atomic<uint64_t> now_{1'700'000'000'000};
-  std::unique_ptr<store::MetaStore> store_;
-  std::unique_ptr<PdService> service_;
 };
 
 pdpb::RegionHeartbeatEntry Entry(uint64_t region_id, std::vector<uint64_t> members,
@@ -200,20 +149,20 @@ TEST_F(PdTest, ConcurrentBatchesNeverOverlap) {
 
 TEST_F(PdTest, IdentifierMarkKeepsAMarginOf1000) {
   EXPECT_EQ(Alloc(1), 1024u);
-  EXPECT_EQ(Get(kIdAllocKey), Mark(2025));
+  EXPECT_EQ(Get(kIdAllocKey), Fixed64(2025));
   for (uint64_t want = 1025; want <= 2024; want++) ASSERT_EQ(Alloc(0), want);
-  EXPECT_EQ(Get(kIdAllocKey), Mark(2025));  // 1000 ids without a write
+  EXPECT_EQ(Get(kIdAllocKey), Fixed64(2025));  // 1000 ids without a write
   EXPECT_EQ(Alloc(1), 2025u);
-  EXPECT_EQ(Get(kIdAllocKey), Mark(3026));
+  EXPECT_EQ(Get(kIdAllocKey), Fixed64(3026));
   EXPECT_EQ(Alloc(5000), 2026u);
-  EXPECT_EQ(Get(kIdAllocKey), Mark(8026));
+  EXPECT_EQ(Get(kIdAllocKey), Fixed64(8026));
   Reopen();  // a restart resumes at the mark
   EXPECT_EQ(Alloc(1), 8026u);
 
   // A mark far ahead of memory is left alone.
-  Put(kIdAllocKey, Mark(50000));
+  Put(kIdAllocKey, Fixed64(50000));
   EXPECT_EQ(Alloc(1), 8027u);
-  EXPECT_EQ(Get(kIdAllocKey), Mark(50000));
+  EXPECT_EQ(Get(kIdAllocKey), Fixed64(50000));
 
   // A damaged mark is never taken for "nothing handed out yet": it fails
   // the batch while running and the start after it, and so does a mark
@@ -223,17 +172,17 @@ TEST_F(PdTest, IdentifierMarkKeepsAMarginOf1000) {
   EXPECT_EQ(service_->AllocId(pdpb::AllocIdRequest{1}, &resp).ToString(),
             "Corruption: identifier mark pd/id_alloc has 4 bytes, not 8");
   EXPECT_EQ(TryReopen().ToString(), "Corruption: identifier mark pd/id_alloc has 4 bytes, not 8");
-  Put(kIdAllocKey, Mark(9000));
+  Put(kIdAllocKey, Fixed64(9000));
   EXPECT_EQ(TryReopen(0, lsm::DefaultFileIo(), "secret").ToString(),
             "Corruption: identifier mark pd/id_alloc: tde: ciphertext too short");
-  Put(kIdAllocKey, Mark(9000));  // sealed under "secret" now
+  Put(kIdAllocKey, Fixed64(9000));  // sealed under "secret" now
   Put(kBootstrappedKey, "1");
   EXPECT_EQ(TryReopen(0, lsm::DefaultFileIo(), "other").ToString(),
             "InvalidArgument: identifier mark pd/id_alloc: sm4: bad padding");
 
   // An unreadable bootstrap marker fails the bootstrap instead of writing
   // a first cluster over a live one.
-  Put(kIdAllocKey, Mark(9000));  // readable under "other"
+  Put(kIdAllocKey, Fixed64(9000));  // readable under "other"
   Reopen(0, lsm::DefaultFileIo(), "other");
   pdpb::BootstrapRequest boot;
   boot.region.id = 2;
@@ -264,7 +213,8 @@ TEST(PdFaultTest, FailedMarkWriteHandsOutNothing) {
 // the service starts, every method serves, and only the lookups that must
 // read past the damage fail, with the read's own text.
 TEST(PdDamageTest, DamagedTableRecordFailsOnlyTheReadsThatMeetIt) {
-  const std::string dir = kandb::testing::MakeTempDir("kandb-pd-damage");
+  const kandb::testing::ScratchDir scratch("kandb-pd-damage");
+  const std::string& dir = scratch.path();
   std::vector<lsm::Entry> entries = {
       {lsm::kOpPut, kBootstrappedKey, "1"},
       {lsm::kOpPut, RegionKey(2), pdpb::Encode(MakeRegion(2, "", "m", {1}))},
@@ -301,35 +251,32 @@ TEST(PdDamageTest, DamagedTableRecordFailsOnlyTheReadsThatMeetIt) {
   bool published = false;
   ASSERT_TRUE(lsm::WriteManifest(lsm::DefaultFileIo(), dir, manifest, &published).ok());
 
-  {
-    std::unique_ptr<store::MetaStore> store;
-    ASSERT_TRUE(store::MetaStore::Open(dir, "", 0, &store).ok());
-    std::unique_ptr<PdService> service;
-    const Status created = PdService::Create(store.get(), 0, &service);
-    ASSERT_TRUE(created.ok()) << created.ToString();
-    pdpb::TsoResponse tso;
-    EXPECT_TRUE(service->Tso({1}, &tso).ok());
-    pdpb::AllocIdResponse ids;
-    EXPECT_TRUE(service->AllocId({1}, &ids).ok());
-    EXPECT_EQ(ids.first_id, PdService::kFirstId);
-    pdpb::BootstrapResponse boot;
-    EXPECT_TRUE(service->Bootstrap({MakeStore(4), MakeRegion(9, "", ""), {}}, &boot).ok());
-    EXPECT_TRUE(boot.already_bootstrapped);
-    pdpb::GetRegionResponse route;
-    const Status routed = service->GetRegion({"a"}, &route);  // region 2 comes before the damage
-    ASSERT_TRUE(routed.ok()) << routed.ToString();
-    EXPECT_EQ(route.region.id, 2u);
-    EXPECT_EQ(route.leader_store, MakeStore(1));
-    EXPECT_EQ(service->GetRegion({"z"}, &route).ToString(), "Corruption: sst bad record op");
-    // The region reads too: a record before the damage is read, a scan
-    // that must walk past it fails with the read's text.
-    ASSERT_TRUE(service->GetRegionById({2}, &route).ok());
-    EXPECT_EQ(route.region.id, 2u);
-    EXPECT_EQ(service->GetRegionById({3}, &route).ToString(), "Corruption: sst bad record op");
-    pdpb::ScanRegionsResponse scan;
-    EXPECT_EQ(service->ScanRegions({"", "", 1}, &scan).ToString(), "Corruption: sst bad record op");
-  }
-  kandb::testing::RemoveTree(dir);
+  std::unique_ptr<store::MetaStore> store;
+  ASSERT_TRUE(store::MetaStore::Open(dir, "", 0, &store).ok());
+  std::unique_ptr<PdService> service;
+  const Status created = PdService::Create(store.get(), 0, &service);
+  ASSERT_TRUE(created.ok()) << created.ToString();
+  pdpb::TsoResponse tso;
+  EXPECT_TRUE(service->Tso({1}, &tso).ok());
+  pdpb::AllocIdResponse ids;
+  EXPECT_TRUE(service->AllocId({1}, &ids).ok());
+  EXPECT_EQ(ids.first_id, PdService::kFirstId);
+  pdpb::BootstrapResponse boot;
+  EXPECT_TRUE(service->Bootstrap({MakeStore(4), MakeRegion(9, "", ""), {}}, &boot).ok());
+  EXPECT_TRUE(boot.already_bootstrapped);
+  pdpb::GetRegionResponse route;
+  const Status routed = service->GetRegion({"a"}, &route);  // region 2 comes before the damage
+  ASSERT_TRUE(routed.ok()) << routed.ToString();
+  EXPECT_EQ(route.region.id, 2u);
+  EXPECT_EQ(route.leader_store, MakeStore(1));
+  EXPECT_EQ(service->GetRegion({"z"}, &route).ToString(), "Corruption: sst bad record op");
+  // The region reads too: a record before the damage is read, a scan
+  // that must walk past it fails with the read's text.
+  ASSERT_TRUE(service->GetRegionById({2}, &route).ok());
+  EXPECT_EQ(route.region.id, 2u);
+  EXPECT_EQ(service->GetRegionById({3}, &route).ToString(), "Corruption: sst bad record op");
+  pdpb::ScanRegionsResponse scan;
+  EXPECT_EQ(service->ScanRegions({"", "", 1}, &scan).ToString(), "Corruption: sst bad record op");
 }
 
 // A term of a replicated server hands out identifiers only below a mark
@@ -338,43 +285,40 @@ TEST(PdDamageTest, DamagedTableRecordFailsOnlyTheReadsThatMeetIt) {
 // landed) is never followed by a lower one.
 TEST(PdOwnMarksTest, IdentifiersOnlyBelowMarksItWrote) {
   lsm::FaultInjectingFileIo io;
-  const std::string dir = kandb::testing::MakeTempDir("kandb-pd-own");
-  {
-    std::unique_ptr<store::MetaStore> store;
-    ASSERT_TRUE(store::MetaStore::Open(dir, "", 0, &io, &store).ok());
-    PdService::Options options;
-    options.own_id_marks = true;
-    std::unique_ptr<PdService> service;
-    ASSERT_TRUE(PdService::Create(store.get(), options, &service).ok());
-    const auto alloc = [&](uint32_t n) {
-      pdpb::AllocIdResponse resp;
-      const Status s = service->AllocId({n}, &resp);
-      return s.ok() ? std::to_string(resp.first_id) : s.ToString();
-    };
-    const auto mark = [&] {
-      std::string value;
-      bool found = false;
-      EXPECT_TRUE(store->Get(kIdAllocKey, &value, &found).ok());
-      return found && value.size() == 8 ? DecodeFixed64(value.data()) : 0;
-    };
-    EXPECT_EQ(alloc(1), "1024");
-    EXPECT_EQ(mark(), 2025u);
-    // Another writer raises the mark: what lies below this service's own
-    // mark is still its own, and needs no write.
-    ASSERT_TRUE(store->Put({{kIdAllocKey, Mark(9000)}}).ok());
-    EXPECT_EQ(alloc(1000), "1025");
-    EXPECT_EQ(mark(), 9000u);
-    // Past it, a mark of its own is written (fenced, on etcd) rather than
-    // the raised one trusted.
-    EXPECT_EQ(alloc(1), "2025");
-    EXPECT_EQ(mark(), 3026u);
-    io.FailFrom(lsm::FileOp::kWrite, 1, "wal-");
-    EXPECT_NE(alloc(5000).find("wal write"), std::string::npos);
-    io.ClearAll();
-    EXPECT_EQ(alloc(1001), "2026");  // 3027 is enough, but 8026 was tried
-    EXPECT_EQ(mark(), 8026u);
-  }
-  kandb::testing::RemoveTree(dir);
+  const kandb::testing::ScratchDir dir("kandb-pd-own");
+  std::unique_ptr<store::MetaStore> store;
+  ASSERT_TRUE(store::MetaStore::Open(dir.path(), "", 0, &io, &store).ok());
+  PdService::Options options;
+  options.own_id_marks = true;
+  std::unique_ptr<PdService> service;
+  ASSERT_TRUE(PdService::Create(store.get(), options, &service).ok());
+  const auto alloc = [&](uint32_t n) {
+    pdpb::AllocIdResponse resp;
+    const Status s = service->AllocId({n}, &resp);
+    return s.ok() ? std::to_string(resp.first_id) : s.ToString();
+  };
+  const auto mark = [&] {
+    std::string value;
+    bool found = false;
+    EXPECT_TRUE(store->Get(kIdAllocKey, &value, &found).ok());
+    return found && value.size() == 8 ? DecodeFixed64(value.data()) : 0;
+  };
+  EXPECT_EQ(alloc(1), "1024");
+  EXPECT_EQ(mark(), 2025u);
+  // Another writer raises the mark: what lies below this service's own
+  // mark is still its own, and needs no write.
+  ASSERT_TRUE(store->Put({{kIdAllocKey, Fixed64(9000)}}).ok());
+  EXPECT_EQ(alloc(1000), "1025");
+  EXPECT_EQ(mark(), 9000u);
+  // Past it, a mark of its own is written (fenced, on etcd) rather than
+  // the raised one trusted.
+  EXPECT_EQ(alloc(1), "2025");
+  EXPECT_EQ(mark(), 3026u);
+  io.FailFrom(lsm::FileOp::kWrite, 1, "wal-");
+  EXPECT_NE(alloc(5000).find("wal write"), std::string::npos);
+  io.ClearAll();
+  EXPECT_EQ(alloc(1001), "2026");  // 3027 is enough, but 8026 was tried
+  EXPECT_EQ(mark(), 8026u);
 }
 
 TEST_F(PdTest, RoutingCorners) {

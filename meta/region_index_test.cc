@@ -11,7 +11,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -23,26 +22,15 @@
 #include "meta/keys.h"
 #include "meta/pd_service.h"
 #include "meta/routing.h"
+#include "meta/service_test_util.h"
 #include "store/meta_store.h"
 
 namespace kandb::meta {
 namespace {
 
-class RoutingTest : public ::testing::Test {
+class RoutingTest : public ServiceTest {
  protected:
-  RoutingTest() : dir_(kandb::testing::MakeTempDir("kandb-routing")) { Reopen(); }
-  ~RoutingTest() override {
-    service_.reset();
-    store_.reset();
-    kandb::testing::RemoveTree(dir_);
-  }
-  void Reopen() {
-    service_.reset();
-    store_.reset();
-    ASSERT_TRUE(store::MetaStore::Open(dir_, "", 0, &store_).ok());
-    ASSERT_TRUE(PdService::Create(store_.get(), 0, &service_).ok());
-    ASSERT_NE(service_->routing_index(), nullptr);
-  }
+  RoutingTest() { EXPECT_NE(service_->routing_index(), nullptr); }
   // Routes `key` both ways; they must agree. Returns whether the index
   // answered itself.
   bool Agree(const std::string& key) {
@@ -82,12 +70,8 @@ class RoutingTest : public ::testing::Test {
     EXPECT_EQ(answered, by_index) << "scan " << ::testing::PrintToString(start) << " " << ::testing::PrintToString(end);
     return ids;
   }
+  using ServiceTest::Put;
   void Put(uint64_t id, const pdpb::Region& region) { Put(RegionKey(id), pdpb::Encode(region)); }
-  void Put(const std::string& key, const std::string& value) { ASSERT_TRUE(store_->Put({{key, value}}).ok()); }
-
-  const std::string dir_;
-  std::unique_ptr<store::MetaStore> store_;
-  std::unique_ptr<PdService> service_;
 };
 
 // Short keys over few bytes, the empty key and 0xFF included, so that
@@ -102,7 +86,7 @@ std::string RandomKey(std::mt19937_64* rng) {
   return key;
 }
 
-pdpb::Region MakeRegion(uint64_t id, std::string start, std::string end, std::mt19937_64* rng) {
+pdpb::Region RandomRegion(uint64_t id, std::string start, std::string end, std::mt19937_64* rng) {
   pdpb::Region r{id, std::move(start), std::move(end), {(*rng)() % 5, (*rng)() % 5}, {}};
   for (uint64_t n = (*rng)() % 4; n > 0; n--) r.peers.push_back({(*rng)() % 100, (*rng)() % 6, 0});
   return r;
@@ -133,7 +117,7 @@ TEST_F(RoutingTest, IndexAnswersAsTheWalkInEveryState) {
         std::string start;
         for (size_t i = 0; i <= cuts.size(); i++) {
           const std::string end = i < cuts.size() ? cuts[i] : "";
-          puts.push_back(MakeRegion(rng() % 40, start, end, &rng));
+          puts.push_back(RandomRegion(rng() % 40, start, end, &rng));
           start = end;
         }
         break;
@@ -141,7 +125,7 @@ TEST_F(RoutingTest, IndexAnswersAsTheWalkInEveryState) {
       case 1:
       case 2:
       case 9:  // any range, overlapping or inverted
-        puts.push_back(MakeRegion(rng() % 40, RandomKey(&rng), RandomKey(&rng), &rng));
+        puts.push_back(RandomRegion(rng() % 40, RandomKey(&rng), RandomKey(&rng), &rng));
         break;
       case 3:
         deletes.push_back(RegionKey(rng() % 40));
@@ -151,7 +135,7 @@ TEST_F(RoutingTest, IndexAnswersAsTheWalkInEveryState) {
           Put(RegionKey(rng() % 40), "\x01\x00");
         } else {
           odd_keys.push_back(std::string(kRegionPrefix) + RandomKey(&rng));
-          Put(odd_keys.back(), rng() % 2 ? "\x01\x00" : pdpb::Encode(MakeRegion(99, RandomKey(&rng), "", &rng)));
+          Put(odd_keys.back(), rng() % 2 ? "\x01\x00" : pdpb::Encode(RandomRegion(99, RandomKey(&rng), "", &rng)));
         }
         break;
       case 5:
@@ -170,7 +154,7 @@ TEST_F(RoutingTest, IndexAnswersAsTheWalkInEveryState) {
       default: {  // a bootstrap, first or again
         pdpb::BootstrapRequest req;
         req.store = {rng() % 6, "b", 0};
-        req.region = MakeRegion(rng() % 40, "", RandomKey(&rng), &rng);
+        req.region = RandomRegion(rng() % 40, "", RandomKey(&rng), &rng);
         pdpb::BootstrapResponse resp;
         ASSERT_TRUE(service_->Bootstrap(req, &resp).ok());
       }
@@ -217,8 +201,8 @@ TEST_F(RoutingTest, ConcurrentWritersAndReadersEndInAgreement) {
   // new peers and epochs) and readers route meanwhile.
   constexpr int kRegions = 10;
   auto range = [](int i, std::mt19937_64* rng) {
-    return MakeRegion(static_cast<uint64_t>(i), i == 0 ? "" : std::string(1, static_cast<char>('a' + i)),
-                      i + 1 == kRegions ? "" : std::string(1, static_cast<char>('a' + i + 1)), rng);
+    return RandomRegion(static_cast<uint64_t>(i), i == 0 ? "" : std::string(1, static_cast<char>('a' + i)),
+                        i + 1 == kRegions ? "" : std::string(1, static_cast<char>('a' + i + 1)), rng);
   };
   std::mt19937_64 seed_rng(7);
   for (int i = 0; i < kRegions; i++) Put(RegionKey(static_cast<uint64_t>(i)), pdpb::Encode(range(i, &seed_rng)));
@@ -260,7 +244,7 @@ TEST(RegionIndexFedTest, ScansAndFindsWhatItWasFed) {
   Status status;
   pdpb::GetRegionResponse found;
   std::mt19937_64 rng(1);
-  const pdpb::Region a = MakeRegion(3, "", "k", &rng), b = MakeRegion(20, "k", "", &rng);
+  const pdpb::Region a = RandomRegion(3, "", "k", &rng), b = RandomRegion(20, "k", "", &rng);
   const pdpb::Region led{7, "x", "", {1, 1}, {{70, 5, 0}, {71, 1, 0}}};  // overlaps b
   const pdpb::Store store{1, "s1", 0};
   index.Apply({{lsm::kOpPut, RegionKey(3), pdpb::Encode(a)},
@@ -280,15 +264,6 @@ TEST(RegionIndexFedTest, ScansAndFindsWhatItWasFed) {
 // against the walk; a region by id; and the leader each presents, which
 // GetRegion's answer must not follow.
 
-pdpb::Store MakeStore(uint64_t id) { return {id, "10.0.0." + std::to_string(id) + ":20160", 0}; }
-
-// A region whose peers sit on `store_ids`, peer ids being 100 + store id.
-pdpb::Region Peers(uint64_t id, std::string start, std::string end, const std::vector<uint64_t>& store_ids = {}) {
-  pdpb::Region r{id, std::move(start), std::move(end), {1, 1}, {}};
-  for (uint64_t s : store_ids) r.peers.push_back({100 + s, s, 0});
-  return r;
-}
-
 std::string GetById(PdService* service, uint64_t id, pdpb::GetRegionResponse* resp) {
   return service->GetRegionById({id}, resp).ToString();
 }
@@ -299,10 +274,10 @@ TEST_F(RoutingTest, ScansOverBoundariesOpenEndsAndGaps) {
   EXPECT_EQ(GetById(service_.get(), 1, &resp), "NotFound: cluster not bootstrapped");
 
   // Ids whose key order ("pd/region/10" first) is not the ranges' order.
-  Put(10, Peers(10, "", "b"));
-  Put(9, Peers(9, "b", "d"));
-  Put(100, Peers(100, "d", "f\xff"));
-  Put(2, Peers(2, "f\xff", ""));
+  Put(10, MakeRegion(10, "", "b"));
+  Put(9, MakeRegion(9, "b", "d"));
+  Put(100, MakeRegion(100, "d", "f\xff"));
+  Put(2, MakeRegion(2, "f\xff", ""));
   const struct {
     std::string start, end;
     uint32_t limit;
@@ -328,7 +303,7 @@ TEST_F(RoutingTest, ScansOverBoundariesOpenEndsAndGaps) {
   // From inside a gap: the first region after it. A range whose end is
   // not above its start covers nothing, and keeps no one from answering.
   ASSERT_TRUE(store_->Delete({RegionKey(100)}).ok());
-  Put(7, Peers(7, "e", "d"));
+  Put(7, MakeRegion(7, "e", "d"));
   EXPECT_EQ(Scan("e", ""), "2");
   EXPECT_EQ(Scan("d", "f"), "");
 }
@@ -339,7 +314,7 @@ TEST_F(RoutingTest, LimitsDefaultToAThousandAndStopAtTenThousand) {
     char start[16], end[16];
     std::snprintf(start, sizeof(start), "k%06llu", static_cast<unsigned long long>(i));
     std::snprintf(end, sizeof(end), "k%06llu", static_cast<unsigned long long>(i + 1));
-    batch.emplace_back(RegionKey(i), pdpb::Encode(Peers(i, i == 1 ? "" : start, end, {1})));
+    batch.emplace_back(RegionKey(i), pdpb::Encode(MakeRegion(i, i == 1 ? "" : start, end, {1})));
   }
   ASSERT_TRUE(store_->Put(std::move(batch)).ok());
   auto first = [](uint64_t n) {  // ids 1..n, in key order
@@ -357,11 +332,11 @@ TEST_F(RoutingTest, LimitsDefaultToAThousandAndStopAtTenThousand) {
 // and the walk answers: every region meeting the range, by start key, ties
 // by record key; undecodable records left out.
 TEST_F(RoutingTest, WalkAnswersWhereTheIndexDeclines) {
-  Put(1, Peers(1, "", "m"));
-  Put(2, Peers(2, "m", ""));
+  Put(1, MakeRegion(1, "", "m"));
+  Put(2, MakeRegion(2, "m", ""));
   EXPECT_EQ(Scan("a", ""), "1,2");
-  Put(30, Peers(30, "c", "p"));  // overlaps both
-  Put(4, Peers(4, "c", "d"));    // same start: "pd/region/30" sorts first
+  Put(30, MakeRegion(30, "c", "p"));  // overlaps both
+  Put(4, MakeRegion(4, "c", "d"));    // same start: "pd/region/30" sorts first
   EXPECT_EQ(Scan("a", "", 0, false), "1,30,4,2");
   EXPECT_EQ(Scan("n", "", 0, false), "30,2");  // 30 starts before n and covers it
   EXPECT_EQ(Scan("d", "m", 0, false), "1,30");
@@ -381,11 +356,11 @@ TEST_F(RoutingTest, WalkAnswersWhereTheIndexDeclines) {
 // when it is a member; GetRegion keeps presenting the first peer.
 TEST_F(RoutingTest, RegionByIdAndTheLeadersPresented) {
   for (uint64_t id : {1, 2, 3}) Put(StoreKey(id), pdpb::Encode(MakeStore(id)));
-  Put(9, Peers(9, "", "m", {1, 2, 3}));
-  Put(10, Peers(10, "m", "", {3, 4}));  // store 4 has no record
+  Put(9, MakeRegion(9, "", "m", {1, 2, 3}));
+  Put(10, MakeRegion(10, "m", "", {3, 4}));  // store 4 has no record
   pdpb::GetRegionResponse resp;
   ASSERT_EQ(GetById(service_.get(), 9, &resp), "OK");
-  EXPECT_EQ(resp.region, Peers(9, "", "m", {1, 2, 3}));
+  EXPECT_EQ(resp.region, MakeRegion(9, "", "m", {1, 2, 3}));
   EXPECT_EQ(resp.leader_store, MakeStore(1));
   EXPECT_EQ(GetById(service_.get(), 12, &resp), "NotFound: no region with id 12");
   Put(RegionKey(12), "garbage");

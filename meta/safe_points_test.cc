@@ -4,7 +4,6 @@
 // and two updates racing through the read-then-write window.
 
 #include <atomic>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,6 +14,7 @@
 #include "common/test_util.h"
 #include "meta/keys.h"
 #include "meta/pd_service.h"
+#include "meta/service_test_util.h"
 #include "store/meta_store.h"
 
 namespace kandb::meta {
@@ -24,23 +24,8 @@ using pdpb::ServiceSafePoint;
 using pdpb::UpdateServiceSafePointResponse;
 using Answer = UpdateServiceSafePointResponse;  // service, its safe point and expiry, GC safe point, refused
 
-constexpr uint64_t kStart = 1'700'000'000'000;
-
-class SafePointTest : public ::testing::Test {
+class SafePointTest : public ServiceTest {
  public:
-  SafePointTest() : dir_(kandb::testing::MakeTempDir("kandb-gc")) { Reopen(); }
-  ~SafePointTest() override {
-    service_.reset();
-    store_.reset();
-    kandb::testing::RemoveTree(dir_);
-  }
-
-  void Reopen() {
-    service_.reset();
-    store_.reset();
-    ASSERT_TRUE(store::MetaStore::Open(dir_, "", 0, &store_).ok());
-    ASSERT_TRUE(PdService::Create(store_.get(), 0, [this] { return now_.load(); }, &service_).ok());
-  }
   UpdateServiceSafePointResponse Update(const std::string& id, uint64_t ttl_s, uint64_t safe_point) {
     UpdateServiceSafePointResponse resp;
     Status s = service_->UpdateServiceSafePoint({id, ttl_s, safe_point}, &resp);
@@ -53,24 +38,7 @@ class SafePointTest : public ::testing::Test {
     EXPECT_TRUE(s.ok()) << s.ToString();
     return resp;
   }
-  std::string Get(const std::string& key) {
-    std::string value;
-    bool found = false;
-    EXPECT_TRUE(store_->Get(key, &value, &found).ok());
-    return found ? value : "<absent>";
-  }
-
-  const std::string dir_;
-  std::atomic<uint64_t> now_{kStart};
-  std::unique_ptr<store::MetaStore> store_;
-  std::unique_ptr<PdService> service_;
 };
-
-std::string Fixed64(uint64_t value) {
-  std::string s;
-  PutFixed64(&s, value);
-  return s;
-}
 
 // The lowest live safe point, listed in service id order (bytes, not
 // text: "\xff" after "b"); expired services stop counting, and the GC
@@ -78,29 +46,30 @@ std::string Fixed64(uint64_t value) {
 // when a newcomer asks for less.
 TEST_F(SafePointTest, LowestLiveServiceAndExpiryNeverMoveItBack) {
   EXPECT_EQ(Gc(), pdpb::GetGcSafePointResponse{});  // never set: 0, nobody
-  EXPECT_EQ(Update("gc_worker", 10, 100), (Answer{"gc_worker", 100, kStart + 10'000, 100, false}));
-  EXPECT_EQ(Update("b", 30, 150), (Answer{"b", 150, kStart + 30'000, 100, false}));
+  EXPECT_EQ(Update("gc_worker", 10, 100), (Answer{"gc_worker", 100, kStartMs + 10'000, 100, false}));
+  EXPECT_EQ(Update("b", 30, 150), (Answer{"b", 150, kStartMs + 30'000, 100, false}));
   EXPECT_EQ(Update(std::string("\xff\x00", 2), 60, 300).min_safe_point, 100u);
   pdpb::GetGcSafePointResponse gc = Gc();
   EXPECT_EQ(gc.safe_point, 100u);
-  const std::vector<ServiceSafePoint> listed = {
-      {"b", 150, kStart + 30'000}, {"gc_worker", 100, kStart + 10'000}, {std::string("\xff\x00", 2), 300, kStart + 60'000}};
+  const std::vector<ServiceSafePoint> listed = {{"b", 150, kStartMs + 30'000},
+                                                {"gc_worker", 100, kStartMs + 10'000},
+                                                {std::string("\xff\x00", 2), 300, kStartMs + 60'000}};
   EXPECT_EQ(gc.services, listed);
 
-  now_ = kStart + 10'000;  // gc_worker's last millisecond is gone
+  now_ = kStartMs + 10'000;  // gc_worker's last millisecond is gone
   gc = Gc();
   EXPECT_EQ(gc.safe_point, 150u);
   EXPECT_EQ(gc.services.size(), 2u);
   EXPECT_EQ(Get(kGcSafePointKey), Fixed64(150));  // persisted before it was answered
-  now_ = kStart + 60'000;  // everybody expired
+  now_ = kStartMs + 60'000;  // everybody expired
   EXPECT_EQ(Gc(), (pdpb::GetGcSafePointResponse{150, {}}));
   // A newcomer below it, the expired service coming back low included, is refused.
   EXPECT_EQ(Update("gc_worker", 10, 100), (Answer{"gc_worker", 0, 0, 150, true}));
-  EXPECT_EQ(Update("gc_worker", 10, 150), (Answer{"gc_worker", 150, kStart + 70'000, 150, false}));
+  EXPECT_EQ(Update("gc_worker", 10, 150), (Answer{"gc_worker", 150, kStartMs + 70'000, 150, false}));
   // Its entry is written, not deleted with the expired one it replaces in
   // the same batch: otherwise nothing would hold the GC safe point back.
-  EXPECT_EQ(Get(ServiceSafePointKey("gc_worker")), pdpb::Encode(ServiceSafePoint{"gc_worker", 150, kStart + 70'000}));
-  EXPECT_EQ(Gc().services, (std::vector<ServiceSafePoint>{{"gc_worker", 150, kStart + 70'000}}));
+  EXPECT_EQ(Get(ServiceSafePointKey("gc_worker")), pdpb::Encode(ServiceSafePoint{"gc_worker", 150, kStartMs + 70'000}));
+  EXPECT_EQ(Gc().services, (std::vector<ServiceSafePoint>{{"gc_worker", 150, kStartMs + 70'000}}));
   // Removal of the only service leaves the GC safe point where it was.
   EXPECT_EQ(Update("gc_worker", 20, 400).min_safe_point, 400u);
   EXPECT_EQ(Update("gc_worker", 0, 0), (Answer{"gc_worker", 0, 0, 400, false}));
@@ -114,16 +83,16 @@ TEST_F(SafePointTest, RefusalsAnswerCurrentValuesAndChangeNothing) {
   Update("a", 100, 500);
   Update("b", 200, 700);
   const std::string a_before = Get(ServiceSafePointKey("a"));
-  EXPECT_EQ(Update("a", 100, 499), (Answer{"a", 500, kStart + 100'000, 500, true}));
+  EXPECT_EQ(Update("a", 100, 499), (Answer{"a", 500, kStartMs + 100'000, 500, true}));
   EXPECT_EQ(Get(ServiceSafePointKey("a")), a_before);
   EXPECT_EQ(Update("new", 100, 400), (Answer{"new", 0, 0, 500, true}));
   EXPECT_EQ(Get(ServiceSafePointKey("new")), "<absent>");
 
-  now_ = kStart + 1'000;
-  EXPECT_EQ(Update("a", 5, 500), (Answer{"a", 500, kStart + 6'000, 500, false}));
-  EXPECT_EQ(Update("a", 100, 600), (Answer{"a", 600, kStart + 101'000, 600, false}));
-  now_ = kStart + 101'000;  // a expired: b's 700 holds it now
-  EXPECT_EQ(Update("b", 10, 650), (Answer{"b", 700, kStart + 200'000, 700, true}));
+  now_ = kStartMs + 1'000;
+  EXPECT_EQ(Update("a", 5, 500), (Answer{"a", 500, kStartMs + 6'000, 500, false}));
+  EXPECT_EQ(Update("a", 100, 600), (Answer{"a", 600, kStartMs + 101'000, 600, false}));
+  now_ = kStartMs + 101'000;  // a expired: b's 700 holds it now
+  EXPECT_EQ(Update("b", 10, 650), (Answer{"b", 700, kStartMs + 200'000, 700, true}));
   EXPECT_EQ(Get(kGcSafePointKey), Fixed64(700));
 
   // Bad service ids are the caller's error, not a refusal.
@@ -145,7 +114,7 @@ TEST_F(SafePointTest, RefusalsAnswerCurrentValuesAndChangeNothing) {
 // error, never read as 0.
 TEST_F(SafePointTest, PersistedLayoutOneBatchAndReopen) {
   Update("old", 1, 10);
-  now_ = kStart + 5'000;
+  now_ = kStartMs + 5'000;
   std::vector<lsm::WriteBatch> batches;
   store_->SetApplyObserver([&batches](const lsm::WriteBatch& batch) { batches.push_back(batch); });
   Update(std::string("a/\x01", 3), 3600, 20);
@@ -156,7 +125,7 @@ TEST_F(SafePointTest, PersistedLayoutOneBatchAndReopen) {
   const std::vector<std::pair<uint8_t, std::string>> want = {
       {1, "pd/gc/service/612f01"}, {1, "pd/gc/safe_point"}, {2, "pd/gc/service/6f6c64"}};
   EXPECT_EQ(ops, want);
-  EXPECT_EQ(Get("pd/gc/service/612f01"), pdpb::Encode(ServiceSafePoint{"a/\x01", 20, kStart + 5'000 + 3'600'000}));
+  EXPECT_EQ(Get("pd/gc/service/612f01"), pdpb::Encode(ServiceSafePoint{"a/\x01", 20, kStartMs + 5'000 + 3'600'000}));
   EXPECT_EQ(Get(kGcSafePointKey), Fixed64(20));
   // A TTL past the clock's end lives as long as the clock.
   EXPECT_EQ(Update("forever", UINT64_MAX, 30).expires_ms, UINT64_MAX);
@@ -215,7 +184,7 @@ TEST_F(SafePointTest, LowerUpdateRacingAHigherOneIsRefused) {
     pdpb::GetGcSafePointResponse gc = Gc();
     EXPECT_EQ(gc.safe_point, base + 200);
     ASSERT_EQ(gc.services.size(), 1u);
-    EXPECT_EQ(gc.services[0], (ServiceSafePoint{"a", base + 200, kStart + 60'000}));
+    EXPECT_EQ(gc.services[0], (ServiceSafePoint{"a", base + 200, kStartMs + 60'000}));
   }
 }
 

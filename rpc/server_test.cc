@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdint>
 #include <future>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <string>

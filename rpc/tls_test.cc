@@ -89,11 +89,7 @@ class TlsTest : public ::testing::Test {
   }
   template <class Predicate>
   bool WaitStats(Predicate done) {
-    for (int i = 0; i < 3000; ++i) {
-      if (done(server_.Stats())) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
+    return kandb::testing::WaitFor(30000, [&] { return done(server_.Stats()); }, 10);
   }
 
   const std::string dir_;

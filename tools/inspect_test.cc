@@ -285,23 +285,22 @@ TEST_F(InspectTest, AnEntryThatCannotBeStatedIsListedAndItsOpenReported) {
 }
 
 TEST(InspectLiveTest, ReadsTheDirectoryOfARunningServer) {
-  const std::string root = MakeTempDir("inspect-live");
+  const ::kandb::testing::ScratchDir root("inspect-live");
   kandb::testing::MetaServer server;
-  ASSERT_TRUE(server.Start(root + "/pd"));
+  ASSERT_TRUE(server.Start(root.File("pd")));
   pdpb::BootstrapResponse response;
   ASSERT_TRUE(server.NewClient()
                   ->Call("Pd.Bootstrap", pdpb::BootstrapRequest{{1, "127.0.0.1:20160", 0}, {2, "", "", {}, {}}, {}}, &response)
                   .ok());
-  ProgramResult r = Inspect(root + "/pd", true);
+  ProgramResult r = Inspect(root.File("pd"), true);
   EXPECT_EQ(ExitCode(r), 0) << r.err;
   EXPECT_NE(r.out.find("  pd/region/2  region 2 [-inf, +inf) conf_version 0 version 0 peers 0\n"), std::string::npos)
       << r.out;
   server.Kill();
 
-  r = Inspect(root + "/absent", true);
+  r = Inspect(root.File("absent"), true);
   EXPECT_EQ(ExitCode(r), 2);
-  EXPECT_EQ(r.err, "kandb-meta-inspect: " + root + "/absent: No such file or directory\n");
-  RemoveTree(root);
+  EXPECT_EQ(r.err, "kandb-meta-inspect: " + root.File("absent") + ": No such file or directory\n");
 }
 
 }  // namespace

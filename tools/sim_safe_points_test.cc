@@ -39,10 +39,10 @@ Status Dispatch(Status (meta::PdService::*handler)(const Req&, Resp*), meta::PdS
 // is refused once when it comes back, and retries at once at the GC safe
 // point it was answered. Nothing went backwards or passed a live service.
 TEST(SimSafePointsTest, RunAgainstTheServiceWithAnExpiry) {
-  const std::string dir = kandb::testing::MakeTempDir("kandb-sim-gc");
+  const kandb::testing::ScratchDir dir("kandb-sim-gc");
   std::atomic<int64_t> now{kStart};
   std::unique_ptr<store::MetaStore> store;
-  ASSERT_TRUE(store::MetaStore::Open(dir, "", 0, &store).ok());
+  ASSERT_TRUE(store::MetaStore::Open(dir.path(), "", 0, &store).ok());
   std::unique_ptr<meta::PdService> service;
   ASSERT_TRUE(meta::PdService::Create(store.get(), 0, [&now] { return static_cast<uint64_t>(now.load()); }, &service)
                   .ok());
@@ -70,9 +70,6 @@ TEST(SimSafePointsTest, RunAgainstTheServiceWithAnExpiry) {
   EXPECT_EQ(f.updates, 61u * 3 - 25 + 1);  // service 0 skipped 25 of its updates, retried once
   // While service 0 was expired, service 1 (2/3 ms a ms) held it: at 29.5 s.
   EXPECT_EQ(gc_at_silence_end, static_cast<uint64_t>(kStart - 60'000 + 29'000 * 2 / 3) << 18);
-  service.reset();
-  store.reset();
-  kandb::testing::RemoveTree(dir);
 }
 
 // A server that answers scripted GC safe points: a drop, a listed service
