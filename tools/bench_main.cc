@@ -120,7 +120,7 @@ constexpr size_t kRespReceiveChunk = 16 << 10;
 
 struct Config {
   std::string addr = "127.0.0.1:2379";
-  std::string method = "tso";
+  std::string method;  // tso, or ping with --redis, unless given
   uint64_t conns = 1;
   uint64_t threads = 1;
   std::string duration;
@@ -1434,7 +1434,7 @@ int Main(int argc, char** argv) {
     std::fprintf(stderr, "%s: %s\n(see %s --help)\n", kProgram, message.c_str(), kProgram);
     return kExitUsage;
   };
-  if (config.redis && config.method == "tso") config.method = "ping";
+  if (config.method.empty()) config.method = config.redis ? "ping" : "tso";
   if (config.method == "mix") {
     config.mix = true;
   } else if (config.method == "idle") {
