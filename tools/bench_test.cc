@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <set>
 
@@ -243,7 +244,7 @@ TEST_F(BenchTest, PipelinedCallsAreAnsweredInOrder) {
 TEST_F(BenchTest, RedisThroughTheSameClient) {
   const std::string port = std::to_string(testing::PickFreePort());
   testing::ChildProcess redis;
-  ASSERT_TRUE(redis.Start({"redis-server", "--port", port, "--bind", "127.0.0.1", "--save", "", "--appendonly", "no",
+  ASSERT_TRUE(redis.Start({"/usr/bin/redis-server", "--port", port, "--bind", "127.0.0.1", "--save", "", "--appendonly", "no",
                            "--dir", dir_, "--daemonize", "no"}));
   ASSERT_TRUE(redis.WaitForOutput("Ready to accept connections", 20000)) << redis.Stdout();
   const auto bench = [&](std::vector<std::string> args) {
@@ -251,7 +252,7 @@ TEST_F(BenchTest, RedisThroughTheSameClient) {
     return RunProgram(args, 60000);
   };
   const auto cli = [&](std::vector<std::string> args) {
-    args.insert(args.begin(), {"redis-cli", "-p", port});
+    args.insert(args.begin(), {"/usr/bin/redis-cli", "-p", port});
     ProgramResult r = RunProgram(args);
     EXPECT_EQ(ExitCode(r), 0) << r.err;
     return r.out.substr(0, r.out.find('\n'));
@@ -263,7 +264,7 @@ TEST_F(BenchTest, RedisThroughTheSameClient) {
   EXPECT_EQ(report["requests"], 500);
   EXPECT_EQ(report["redis"], true);
   // Random keys among 100,000: a few of the 500 may repeat.
-  const int keys = std::stoi(cli({"dbsize"}));
+  const int keys = std::atoi(cli({"dbsize"}).c_str());
   EXPECT_LE(keys, 500);
   EXPECT_GE(keys, 480);
   const std::string key = cli({"randomkey"});
