@@ -23,7 +23,10 @@
 #   idle       IDLE_CONNS (10,000) connections, each used for one call (tso,
 #              PING) and then held idle: the resident memory (VmRSS) of
 #              kandb-meta, of kandb-meta-ha (alone on a three-member etcd
-#              cluster) and of Redis while they hold them, and before.
+#              cluster) and of Redis before, 1 s after the last connection
+#              made its call, and after IDLE_SECONDS (default 15) of idleness,
+#              by when a server that releases the buffers of idle connections
+#              (Redis does, within about 10 s) has done so.
 #
 # closed, pinned and pipelined run interleaved in ROUNDS rounds (default 3)
 # of SECONDS_PER_RUN seconds (default 2) each; the script prints the medians
@@ -40,6 +43,7 @@ rounds=${ROUNDS:-3}
 seconds=${SECONDS_PER_RUN:-2}
 parts=${PARTS:-closed pinned pipelined idle}
 idle_conns=${IDLE_CONNS:-10000}
+idle_seconds=${IDLE_SECONDS:-15}
 conns=(1 8 64)
 pipelined_conns=(1 64)
 window=16
@@ -164,7 +168,7 @@ for round in $(seq "$rounds"); do
 done
 
 # hold NAME PID ADDR [bench flags...]: VmRSS of PID before and while
-# idle_conns connections are held on it; sets idle[NAME,before|held].
+# idle_conns connections are held on it; sets idle[NAME,before|connected|held].
 declare -A idle
 hold() {
   local name=$1 server=$2 addr=$3 client fds base
@@ -184,6 +188,8 @@ hold() {
     sleep 0.1
   done
   sleep 1
+  idle[$name,connected]=$(rss_mb "$server")
+  sleep $((idle_seconds > 1 ? idle_seconds - 1 : 0))
   idle[$name,held]=$(rss_mb "$server")
   [ "$fds" -ge $((base + idle_conns)) ] || echo "$name: only $fds descriptors open: $(tail -3 "$work/idle.err")" >&2
   stop "$client"
@@ -254,10 +260,10 @@ if [ "$json" = 1 ]; then
     printf ']}'
   fi
   if has idle; then
-    printf ', "idle": {"connections": %d' "$idle_conns"
+    printf ', "idle": {"connections": %d, "idle_seconds": %d' "$idle_conns" "$idle_seconds"
     for name in "${idle_names[@]}"; do
-      printf ', "%s_mb_before": %s, "%s_mb_held": %s' "${name//-/_}" "${idle[$name,before]}" "${name//-/_}" \
-        "${idle[$name,held]}"
+      printf ', "%s_mb_before": %s, "%s_mb_connected": %s, "%s_mb_held": %s' "${name//-/_}" \
+        "${idle[$name,before]}" "${name//-/_}" "${idle[$name,connected]}" "${name//-/_}" "${idle[$name,held]}"
     done
     printf '}'
   fi
@@ -275,10 +281,10 @@ else
     done
   fi
   if has idle; then
-    echo "$idle_conns idle connections, resident memory (VmRSS):"
-    printf '%-14s %12s %12s\n' server "before MB" "held MB"
+    echo "$idle_conns idle connections, resident memory (VmRSS) before, 1 s after connecting, after ${idle_seconds} s idle:"
+    printf '%-14s %12s %14s %12s\n' server "before MB" "connected MB" "held MB"
     for name in "${idle_names[@]}"; do
-      printf '%-14s %12s %12s\n' "$name" "${idle[$name,before]}" "${idle[$name,held]}"
+      printf '%-14s %12s %14s %12s\n' "$name" "${idle[$name,before]}" "${idle[$name,connected]}" "${idle[$name,held]}"
     done
   fi
 fi
