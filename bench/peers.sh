@@ -89,7 +89,8 @@ client_cpu=()
 
 start_kandb() {  # a fresh kandb-meta; sets pid, port
   port=$(free_port)
-  rm -rf "$work/kandb"
+  # The old output goes first: the new server's line must not be read from it.
+  rm -rf "$work/kandb" "$work/kandb.out"
   "${server_cpu[@]}" "$build/app/kandb-meta" --bind_addr=127.0.0.1 --port="$port" --data_dir="$work/kandb" \
     >"$work/kandb.out" 2>&1 &
   pid=$!
@@ -121,11 +122,11 @@ run() {
   local flags=(--method "$method" --conns "$n" --duration "${seconds}s" --json "$@")
   if [ "$server" = redis ]; then start_redis; flags+=(--redis); else start_kandb; fi
   before=$(ticks "$pid")
-  out=$("${client_cpu[@]}" "$bench" --addr "127.0.0.1:$port" "${flags[@]}" 2>/dev/null || true)
+  out=$("${client_cpu[@]}" "$bench" --addr "127.0.0.1:$port" "${flags[@]}" 2>"$work/bench.err" || true)
   cpu_us=$(awk -v t="$(($(ticks "$pid") - before))" -v hz="$clk_tck" -v n="$(field requests <<<"$out")" \
     'BEGIN { if (n > 0) printf "%.2f", t / hz * 1e6 / n; else print 0 }')
   stop "$pid"
-  [ "$(field errors <<<"$out")" = 0 ] || echo "$server $method $n: $(tr -d '\n' <<<"$out")" >&2
+  [ "$(field errors <<<"$out")" = 0 ] || echo "$server $method $n: $(tr -d '\n' <<<"$out") $(tail -2 "$work/bench.err")" >&2
   rate=$(field throughput <<<"$out")
 }
 
@@ -145,7 +146,8 @@ closed_round() {  # PART ROUND: one round of the closed loop, under the part's p
     col[$part,$n,up_set]+="$(ratio "$up" "$set_") "
     col[$part,$n,up_probe]+="$(ratio "$up" "$probe") "
     col[$part,$n,tso_ping]+="$(ratio "$tso" "$ping") "
-    [ "$json" = 1 ] || echo "$part round $round, $n connections: upsert $up/s, SET $set_/s, probe $probe/s, tso $tso/s, PING $ping/s" >&2
+    [ "$json" = 1 ] || printf '%s round %d, %d connections: upsert %.0f/s, SET %.0f/s, probe %.0f/s, tso %.0f/s, PING %.0f/s\n' \
+      "$part" "$round" "$n" "$up" "$set_" "$probe" "$tso" "$ping" >&2
   done
 }
 
@@ -157,7 +159,8 @@ pipelined_round() {  # ROUND
     col[pipe,$n,tso]+="$tso "; col[pipe,$n,ping]+="$ping "
     col[pipe,$n,tso_ping]+="$(ratio "$tso" "$ping") "
     col[pipe,$n,tso_cpu]+="$tso_cpu "; col[pipe,$n,ping_cpu]+="$cpu_us "
-    [ "$json" = 1 ] || echo "pipelined round $1, $n connections: tso $tso/s ($tso_cpu us CPU a call), PING $ping/s ($cpu_us us)" >&2
+    [ "$json" = 1 ] || printf 'pipelined round %d, %d connections: tso %.0f/s (%s us CPU a call), PING %.0f/s (%s us)\n' \
+      "$1" "$n" "$tso" "$tso_cpu" "$ping" "$cpu_us" >&2
   done
 }
 
