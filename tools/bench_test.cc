@@ -125,7 +125,8 @@ TEST_F(BenchTest, HeartbeatsOfManyRegionsFromManyStoresThatStayUp) {
 }
 
 // A server that demands a client certificate: two seconds of mixed load
-// over preloaded regions, every answer checked, and the setup's calls go
+// over preloaded regions, four calls in flight on each session, every
+// answer checked, and the setup's calls go
 // through TLS sessions, kept for the run or, with --reconnect, made anew
 // (connect, full handshake, one call, close) for every call.
 TEST_F(BenchTest, LoadOverTlsWithSessionsKeptOrNewForEveryCall) {
@@ -159,8 +160,8 @@ TEST_F(BenchTest, LoadOverTlsWithSessionsKeptOrNewForEveryCall) {
     EXPECT_FALSE(report.is_discarded()) << r.out;
     return report;
   };
-  json report = run({"--method", "mix", "--conns", "4", "--threads", "2", "--duration", "2s", "--preload-regions",
-                     "2500", "--json"});
+  json report = run({"--method", "mix", "--conns", "4", "--threads", "2", "--pipeline", "4", "--duration", "2s",
+                     "--preload-regions", "2500", "--json"});
   EXPECT_EQ(report["errors"], 0) << report["messages"];
   EXPECT_EQ(report["wrong_answers"], 0) << report["messages"];
   EXPECT_EQ(report["tls"], true);
