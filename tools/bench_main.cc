@@ -1386,7 +1386,7 @@ int Main(int argc, char** argv) {
   cl.AddString("method", &config.method,
                "tso, alloc-id, get-region, upsert-region, heartbeat, scan-regions, mix or idle; with --redis "
                "ping, set or idle (default tso, with --redis ping)");
-  cl.AddUint("conns", &config.conns, 65536, "connections, each with one request outstanding (default 1)");
+  cl.AddUint("conns", &config.conns, 65536, "connections, each with --pipeline requests outstanding (default 1)");
   cl.AddUint("threads", &config.threads, 4096,
              "threads driving the connections, one event loop each (default 1, at most --conns)");
   cl.AddString("duration", &config.duration, "how long to run, e.g. 500ms, 3s, 2m (default 10s)");
@@ -1399,7 +1399,7 @@ int Main(int argc, char** argv) {
   cl.AddUint("value-bytes", &config.value_bytes, 1u << 20,
              "upsert-region without preloaded regions: pad each region record by N bytes, and let the "
              "connections rewrite in turn enough regions of their own to hold 64 MiB of distinct records "
-             "(default 0: one small region each)");
+             "(default 0: one small region each); with --redis, the bytes of every SET's value (default 100)");
   cl.AddUint("stores", &config.stores, kMaxStores,
              "register N stores first: store 1 bootstraps, stores 2..N register on the cluster; from 3 on, "
              "every preloaded region has replicas on 3 of them (default 1)");
