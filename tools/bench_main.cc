@@ -1,6 +1,8 @@
 // kandb-meta-bench: a closed-loop load generator for the placement-driver
 // server. Every connection keeps exactly one request outstanding and sends
-// the next as soon as the previous answer arrived. The connections are driven
+// the next as soon as the previous answer arrived; with --pipeline N it
+// keeps N in flight, writes the requests that refill the window in one send
+// and takes the answers in request order. The connections are driven
 // by a few threads (--threads, one by default), each running one event loop
 // over non-blocking sockets for its share, so that the load generator takes
 // little of the CPU it shares with the server it measures. Every answer is
@@ -19,11 +21,18 @@
 // then the handshake, step by step as the socket allows, then the calls.
 // With --reconnect every call has a connection of its own (connect,
 // handshake, one call, close), so that the rate is one of new connections.
+//
+// With --redis the same connections, time keeping and report drive a Redis
+// server over RESP (PING, SET), so that kandb-meta and Redis are measured
+// by one and the same client. --method idle opens the connections, makes
+// one call on each and holds them idle for the run, for the memory a
+// server spends on connections that wait.
 
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -34,6 +43,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <iterator>
 #include <memory>
 #include <mutex>
@@ -54,6 +64,7 @@
 #include "tools/command_line.h"
 #include "tools/tls_options.h"
 #include "tools/latency.h"
+#include "tools/resp.h"
 #include "tools/text.h"
 
 namespace kandb::tools {
@@ -86,18 +97,30 @@ constexpr uint64_t kReplicas = 3;
 constexpr auto kStoreHeartbeatPeriod = std::chrono::seconds(2);
 constexpr size_t kKeptMessages = 5;
 
-enum Method { kTso, kAllocId, kGetRegion, kUpsertRegion, kHeartbeat, kScanRegions, kMethodCount };
-const char* const kMethodNames[kMethodCount] = {"tso",           "alloc-id",  "get-region",
-                                                "upsert-region", "heartbeat", "scan-regions"};
+// The kanrpc methods, then the Redis commands of --redis (kFirstRedis on).
+enum Method { kTso, kAllocId, kGetRegion, kUpsertRegion, kHeartbeat, kScanRegions, kPing, kSet, kMethodCount };
+constexpr int kFirstRedis = kPing;
+const char* const kMethodNames[kMethodCount] = {"tso",       "alloc-id",     "get-region", "upsert-region",
+                                                "heartbeat", "scan-regions", "ping",       "set"};
 const char* const kRpcNames[kMethodCount] = {"Pd.Tso",          "Pd.AllocId",         "Pd.GetRegion",
-                                             "Pd.UpsertRegion", "Pd.RegionHeartbeat", "Pd.ScanRegions"};
+                                             "Pd.UpsertRegion", "Pd.RegionHeartbeat", "Pd.ScanRegions",
+                                             "",                ""};
 // Share of each method in --method mix, in percent; the region scans of
 // route caches are not part of it.
-const int kMixWeights[kMethodCount] = {30, 15, 30, 15, 10, 0};
+const int kMixWeights[kMethodCount] = {30, 15, 30, 15, 10, 0, 0, 0};
+// SET writes keys among this many, as redis-benchmark -r 100000 does, with
+// values of this many bytes unless --value-bytes says otherwise.
+constexpr uint64_t kRedisKeys = 100000;
+constexpr uint64_t kRedisValueBytes = 100;
+// How often a connection that holds its socket idle looks whether the run
+// is over.
+constexpr auto kHoldCheck = std::chrono::milliseconds(100);
+// What the receive buffer of a RESP connection grows by.
+constexpr size_t kRespReceiveChunk = 16 << 10;
 
 struct Config {
   std::string addr = "127.0.0.1:2379";
-  std::string method = "tso";
+  std::string method;  // tso, or ping with --redis, unless given
   uint64_t conns = 1;
   uint64_t threads = 1;
   std::string duration;
@@ -118,6 +141,11 @@ struct Config {
   TlsOptions tls_options;
   bool reconnect = false;
   uint64_t scan_limit = pdpb::kScanRegionsDefaultLimit;
+  bool redis = false;
+  // Calls each connection keeps in flight.
+  uint64_t pipeline = 1;
+  // --method idle: one call per connection, then the socket is held idle.
+  bool idle = false;
 
   // The regions a scan answers at most, as the server reads the limit.
   uint64_t ScanAnswers() const {
@@ -241,6 +269,148 @@ std::vector<Address> Resolve(const std::string& target) {
   return addresses;
 }
 
+// One answer off the wire: the id of the request it answers (kanrpc frames
+// carry one; RESP replies follow their requests' order and carry none),
+// whether the call succeeded, and the answer's payload or the failure's text.
+struct Answer {
+  uint64_t request_id = 0;
+  bool ok = false;
+  std::string text;
+};
+
+// How a connection's calls look on the wire. The connection appends its
+// requests to its send buffer through it and takes the answers one at a
+// time, oldest first, from what the transport has received. Each
+// connection has its own; only its driver's thread touches it.
+class Wire {
+ public:
+  virtual ~Wire() = default;
+  // Starts over on a new connection's transport (null: none), dropping
+  // every byte received and not yet taken.
+  virtual void Reset(kanrpc::Transport* transport) = 0;
+  // Appends the request of `method` under `request_id`; `request` holds its
+  // encoding in this wire's terms (a message payload, a whole command).
+  virtual void AppendRequest(uint64_t request_id, Method method, const std::string& request, std::string* out) = 0;
+  // Takes the next whole answer into *answer with *got true, receiving
+  // what the transport has when the buffered bytes do not hold one; *got
+  // false when more must arrive first. A failure leaves the stream at an
+  // unknown position: the connection closes it.
+  virtual Status TakeAnswer(Answer* answer, bool* got) = 0;
+  // Bytes received and not yet taken as an answer.
+  virtual size_t buffered() const = 0;
+  // Whether answers name the request they answer.
+  virtual bool numbered() const = 0;
+};
+
+// kanrpc frames, read by the frame reader that the blocking client uses.
+class KanrpcWire final : public Wire {
+ public:
+  void Reset(kanrpc::Transport* transport) override { reader_.Reset(transport); }
+  void AppendRequest(uint64_t request_id, Method method, const std::string& request, std::string* out) override {
+    kanrpc::AppendFrame(out, kanrpc::FrameType::kRequest, request_id, kRpcNames[method], request);
+  }
+  Status TakeAnswer(Answer* answer, bool* got) override {
+    Status s = reader_.ReadAvailable(&frame_, got);
+    if (!s.ok() || !*got) return s;
+    answer->request_id = frame_.request_id;
+    answer->ok = frame_.type == kanrpc::FrameType::kResponse;
+    switch (frame_.type) {
+      case kanrpc::FrameType::kResponse:
+        answer->text = std::move(frame_.payload);
+        break;
+      case kanrpc::FrameType::kError:
+        answer->text = "remote: " + frame_.payload;
+        break;
+      default:
+        // Refused only after the id is checked, as the blocking client does.
+        answer->text = "kanrpc: bad frame type";
+        break;
+    }
+    return Status::OK();
+  }
+  size_t buffered() const override { return reader_.buffered(); }
+  bool numbered() const override { return true; }
+
+ private:
+  kanrpc::FrameReader reader_{static_cast<kanrpc::Transport*>(nullptr)};
+  kanrpc::Frame frame_;
+};
+
+// RESP to a Redis server: requests are whole commands, and the replies are
+// parsed out of a buffer that takes as many bytes as the socket holds. A
+// success keeps its type byte ("+PONG"), so that the check tells a status
+// from a bulk; an error reply fails the call with its text.
+class RespWire final : public Wire {
+ public:
+  void Reset(kanrpc::Transport* transport) override {
+    transport_ = transport;
+    start_ = end_ = 0;
+  }
+  void AppendRequest(uint64_t, Method, const std::string& request, std::string* out) override {
+    out->append(request);
+  }
+  Status TakeAnswer(Answer* answer, bool* got) override {
+    *got = false;
+    for (;;) {
+      size_t size = 0;
+      Status s = resp::ParseReply(std::string_view(buf_.get() + start_, end_ - start_), &reply_, &size);
+      if (!s.ok()) return s;
+      if (size > 0) {
+        start_ += size;
+        if (start_ == end_) start_ = end_ = 0;
+        answer->ok = reply_.type != '-';
+        answer->text = answer->ok ? reply_.type + reply_.text : "remote: " + reply_.text;
+        *got = true;
+        return Status::OK();
+      }
+      MakeRoom();
+      size_t n = 0;
+      s = transport_->Recv(buf_.get() + end_, capacity_ - end_, &n);
+      if (!s.ok() || n == 0) return s;
+      end_ += n;
+    }
+  }
+  size_t buffered() const override { return end_ - start_; }
+  bool numbered() const override { return false; }
+
+ private:
+  // Free space after end_: the unread bytes move to the front, and the
+  // buffer grows when they fill it (a long bulk reply).
+  void MakeRoom() {
+    if (start_ > 0) {
+      std::memmove(buf_.get(), buf_.get() + start_, end_ - start_);
+      end_ -= start_;
+      start_ = 0;
+    }
+    if (end_ < capacity_) return;
+    const size_t capacity = capacity_ + kRespReceiveChunk;
+    auto grown = std::make_unique<char[]>(capacity);
+    if (end_ > 0) std::memcpy(grown.get(), buf_.get(), end_);
+    buf_ = std::move(grown);
+    capacity_ = capacity;
+  }
+
+  kanrpc::Transport* transport_ = nullptr;
+  std::unique_ptr<char[]> buf_;
+  size_t capacity_ = 0;
+  size_t start_ = 0;  // first byte not yet taken
+  size_t end_ = 0;    // one past the last byte received
+  resp::Reply reply_;
+};
+
+// A call a connection claimed: what it asks, the id it went on the wire
+// under, when it was claimed, and what its answer is checked against.
+struct Call {
+  Method method = kTso;
+  std::string request;  // encoded in the wire's terms
+  uint64_t id = 0;
+  Clock::time_point start;
+  uint64_t tso_seen_before = 0;
+  std::string key;
+  uint64_t scan_tile = 0;                   // the tile holding key, for a scan
+  std::vector<uint64_t> heartbeat_regions;  // sorted
+};
+
 class Connection;
 
 // One driver thread's event loop over its share of the connections. The
@@ -271,22 +441,32 @@ class Driver {
   // A connection has to act at `when` unless a socket event comes first.
   void WakeAt(Clock::time_point when) { next_check_ = std::min(next_check_, when); }
   void Finished() { --active_; }
+  // The tallies of its connections' calls: one set per driver rather than
+  // per connection, so that ten thousand connections do not cost ten
+  // thousand histograms.
+  MethodStats* stats(Method m) { return &stats_[m]; }
+  const MethodStats& stats(Method m) const { return stats_[m]; }
 
  private:
   int epoll_fd_ = -1;
+  MethodStats stats_[kMethodCount];
   std::vector<Connection*> connections_;
   size_t active_ = 0;  // connections not finished
   // No connection's deadline is earlier: the time at which to look at them.
   Clock::time_point next_check_ = Clock::time_point::max();
 };
 
-// One connection with exactly one request outstanding: it sends a request,
-// checks the answer when its socket has it whole, and sends the next at once.
-// Only its driver's thread touches it while the load runs.
+// One connection with a window of --pipeline calls in flight (one by
+// default): it writes as many requests as refill the window in one send,
+// takes every answer the socket has, checks each against the oldest call
+// in flight (answers come in request order), and refills. Only its
+// driver's thread touches it while the load runs.
 //
-// Every failed call closes the socket, as the blocking client drops its
-// connection after a failure, and the next call connects again after a
-// pause; so no socket is open while a connection pauses or has finished.
+// A failure closes the socket and fails every call in flight, as the
+// blocking client drops its connection after a failure, and the next calls
+// connect again after a pause; so no socket is open while a connection
+// pauses or has finished. With --method idle a connection makes one call
+// and then holds its socket open and idle until the run is over.
 class Connection {
  public:
   // `tls`, when not null, makes every connection a TLS session; it
@@ -298,7 +478,14 @@ class Connection {
         tls_(tls),
         shared_(shared),
         random_(seed),
-        targets_(kanrpc::SplitTargets(config.addr)) {}
+        targets_(kanrpc::SplitTargets(config.addr)) {
+    if (config.redis) {
+      wire_ = std::make_unique<RespWire>();
+      value_.assign(config.value_bytes, 'x');
+    } else {
+      wire_ = std::make_unique<KanrpcWire>();
+    }
+  }
   ~Connection() { CloseSocket(); }
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -307,27 +494,30 @@ class Connection {
   // A region of its own for upsert-region without preloaded regions.
   void set_own_region(uint64_t id) { own_region_ = id; }
 
-  // Claims and sends the next request, or finishes when the run is over.
-  void Next(Clock::time_point now) {
-    if (shared_->stop.load(std::memory_order_relaxed) ||
-        (config_.requests > 0 && shared_->budget.fetch_sub(1) <= 0)) {
-      CloseSocket();
-      state_ = State::kFinished;
-      driver_->Finished();
+  // Claims calls until the window is full and sends them; with none
+  // claimed, waits for the answers still due, holds the socket of an idle
+  // connection, or finishes once nothing is in flight.
+  void Refill(Clock::time_point now) {
+    size_t claimed = 0;
+    while (calls_.size() < config_.pipeline && Claim(now)) ++claimed;
+    if (claimed > 0) {
+      redirects_ = 0;
+      Attempt(now);
       return;
     }
-    method_ = config_.single;
-    if (config_.mix) {
-      int roll = percent_(random_);
-      int m = 0;
-      while (roll >= kMixWeights[m]) roll -= kMixWeights[m++];
-      method_ = static_cast<Method>(m);
+    if (!calls_.empty()) {
+      SetTimeout(now);
+      if (!WatchTransport()) Failed("epoll_ctl: " + kanrpc::ErrnoText(errno), now);
+      return;
     }
-    request_.clear();
-    BuildRequest();
-    start_ = now;
-    redirects_ = 0;
-    Attempt(now);
+    if (config_.idle && used_ && !shared_->stop.load(std::memory_order_relaxed)) {
+      state_ = State::kHolding;
+      SetDeadline(now + kHoldCheck);
+      return;
+    }
+    CloseSocket();
+    state_ = State::kFinished;
+    driver_->Finished();
   }
 
   // The socket is ready; what to do depends on what the connection waits for.
@@ -345,6 +535,15 @@ class Connection {
       case State::kAwaiting:
         Receive(now);
         return;
+      case State::kHolding:
+        // Nothing was asked: the server closed the socket, or wrote what
+        // no call answers. The connection makes its call again.
+        shared_->errors.fetch_add(1, std::memory_order_relaxed);
+        shared_->Keep(std::string(kMethodNames[config_.single]) + ": the server broke off an idle connection");
+        CloseSocket();
+        state_ = State::kPaused;
+        SetDeadline(now + std::chrono::milliseconds(10));
+        return;
       case State::kPaused:
       case State::kFinished:
         return;
@@ -358,7 +557,8 @@ class Connection {
     if (now >= deadline_) {
       switch (state_) {
         case State::kPaused:
-          Next(now);
+        case State::kHolding:
+          Refill(now);
           break;
         case State::kConnecting:
           CloseSocket();
@@ -377,18 +577,38 @@ class Connection {
     driver_->WakeAt(deadline_);
   }
 
-  const MethodStats& stats(Method m) const { return stats_[m]; }
   const std::vector<std::pair<uint64_t, uint64_t>>& id_ranges() const { return id_ranges_; }
 
  private:
   enum class State {
     kConnecting,   // a non-blocking connect is under way
     kHandshaking,  // connected; the TLS session is being set up
-    kSending,      // the request did not fit the socket at once
-    kAwaiting,     // the request is sent; the answer is due
+    kSending,      // the requests did not fit the socket at once
+    kAwaiting,     // the requests are sent; answers are due
+    kHolding,      // --method idle: the call is made, the socket is kept idle
     kPaused,       // after a failed call, before the next one
     kFinished,
   };
+
+  // Claims the next call, or says that the run is over (for an idle
+  // connection: that it has made its call on this socket).
+  bool Claim(Clock::time_point now) {
+    if (shared_->stop.load(std::memory_order_relaxed) || (config_.idle && (used_ || !calls_.empty())) ||
+        (config_.requests > 0 && shared_->budget.fetch_sub(1) <= 0)) {
+      return false;
+    }
+    Call& call = calls_.emplace_back();
+    call.method = config_.single;
+    if (config_.mix) {
+      int roll = percent_(random_);
+      int m = 0;
+      while (roll >= kMixWeights[m]) roll -= kMixWeights[m++];
+      call.method = static_cast<Method>(m);
+    }
+    BuildRequest(&call);
+    call.start = now;
+    return true;
+  }
 
   // Waits of every kind are bounded by the time-out; a pause by its length.
   void SetDeadline(Clock::time_point when) {
@@ -397,7 +617,8 @@ class Connection {
   }
   void SetTimeout(Clock::time_point now) { SetDeadline(now + std::chrono::milliseconds(config_.timeout_ms)); }
 
-  // One attempt of the call: on the open connection, or on a new one.
+  // One attempt of the calls not yet sent: on the open connection, or on a
+  // new one.
   void Attempt(Clock::time_point now) {
     reached_ = fd_ >= 0;
     if (fd_ >= 0) {
@@ -447,7 +668,7 @@ class Connection {
     reached_ = true;
     if (tls_ == nullptr) {
       transport_ = std::make_unique<kanrpc::SocketTransport>(fd_);
-      reader_.Reset(transport_.get());
+      wire_->Reset(transport_.get());
       Send(now);
       return;
     }
@@ -473,7 +694,7 @@ class Connection {
       return;
     }
     if (done) {
-      reader_.Reset(transport_.get());
+      wire_->Reset(transport_.get());
       Send(now);
       return;
     }
@@ -484,13 +705,20 @@ class Connection {
     SetTimeout(now);
   }
 
-  // Frames the request under a new id; each attempt has its own, as the
-  // blocking client numbers them.
+  // Writes the requests of the calls not yet on this socket, each under a
+  // new id; each attempt has its own, as the blocking client numbers them.
+  // The send buffer is empty here: a window is refilled only once the
+  // last one is sent, so a TLS session is always offered the same bytes
+  // again after it took none.
   void Send(Clock::time_point now) {
-    request_id_ = next_request_id_++;
     out_.clear();
     sent_ = 0;
-    kanrpc::AppendFrame(&out_, kanrpc::FrameType::kRequest, request_id_, kRpcNames[method_], request_);
+    for (size_t i = written_; i < calls_.size(); ++i) {
+      Call& call = calls_[i];
+      call.id = next_request_id_++;
+      wire_->AppendRequest(call.id, call.method, call.request, &out_);
+    }
+    written_ = calls_.size();
     state_ = State::kSending;
     Flush(now);
   }
@@ -518,64 +746,68 @@ class Connection {
     state_ = State::kAwaiting;
   }
 
-  // Checks the answer as the blocking client does: the id of the request
-  // outstanding, then the frame type, then the payload.
+  // Takes every answer that has arrived and checks each as the blocking
+  // client does, against the oldest call in flight: the request id (kanrpc),
+  // then success or failure, then the payload. Then refills the window.
   //
-  // The reader receives until the transport has nothing more, so bytes a
-  // TLS session decrypted ahead (which no socket event announces) are
-  // never left behind while an answer is due. Once a whole answer is in,
-  // nothing can follow it: a single request is outstanding.
+  // The wire receives until the transport has nothing more or no call is
+  // left in flight, so bytes a TLS session decrypted ahead (which no socket
+  // event announces) are never left behind while an answer is due, and a
+  // connection with one call in flight receives once per answer.
   void Receive(Clock::time_point now) {
-    const size_t buffered = reader_.buffered();
-    bool got = false;
-    Status s = reader_.ReadAvailable(&answer_, &got);
-    if (!s.ok()) {
-      Failed(s.message(), now);
-      return;
+    const size_t buffered = wire_->buffered();
+    bool answered = false;
+    while (!calls_.empty()) {
+      bool got = false;
+      Status s = wire_->TakeAnswer(&answer_, &got);
+      if (!s.ok()) {
+        Failed(s.message(), now);
+        return;
+      }
+      if (!got) break;
+      answered = true;
+      Call& call = calls_.front();
+      if (wire_->numbered() && answer_.request_id != call.id) {
+        Failed("kanrpc: request id mismatch", now);
+        return;
+      }
+      if (!answer_.ok) {
+        Failed(answer_.text, now);
+        return;
+      }
+      if (!CheckAnswer(call, answer_.text)) {
+        // The call went through, so the next goes to the same server, on a
+        // new connection as after any failure.
+        FailAll(config_.redis ? "resp: unexpected reply " + EscapeBytes(answer_.text) : "kanrpc: bad response payload",
+                now);
+        return;
+      }
+      Record("", now);
     }
-    if (!got) {
-      // Part of a frame arrived: the wait starts over, as each wait of the
-      // blocking client's read is bounded on its own.
-      if (reader_.buffered() > buffered) SetTimeout(now);
+    if (!answered) {
+      // Part of an answer arrived: the wait starts over, as each wait of
+      // the blocking client's read is bounded on its own.
+      if (wire_->buffered() > buffered) SetTimeout(now);
       // A TLS session may have to write before it can read on.
       if (!WatchTransport()) Failed("epoll_ctl: " + kanrpc::ErrnoText(errno), now);
       return;
     }
-    if (answer_.request_id != request_id_) {
-      Failed("kanrpc: request id mismatch", now);
-      return;
-    }
-    switch (answer_.type) {
-      case kanrpc::FrameType::kResponse:
-        break;
-      case kanrpc::FrameType::kError:
-        Failed("remote: " + answer_.payload, now);
-        return;
-      default:
-        Failed("kanrpc: bad frame type", now);
-        return;
-    }
-    if (!CheckAnswer()) {
-      // The call went through, so the next goes to the same server, on a
-      // new connection as after any failure.
-      CloseSocket();
-      Complete("kanrpc: bad response payload", now);
-      return;
-    }
-    Complete("", now);
+    if (config_.reconnect) CloseSocket();  // no other call is in flight then
+    Refill(now);
   }
 
-  // A failed attempt. Within a cluster, the call follows a redirect to the
-  // leader at once, and any other failure moves the next call on, as the
-  // blocking client does with one attempt.
+  // A failed attempt. Within a cluster, a lone call follows a redirect to
+  // the leader at once, and any other failure moves the next calls on, as
+  // the blocking client does with one attempt.
   void Failed(const std::string& failure, Clock::time_point now) {
     CloseSocket();
-    if (targets_.size() > 1 && ChooseNextTarget(failure) && redirects_ < targets_.size()) {
+    const bool redirected = targets_.size() > 1 && ChooseNextTarget(failure);
+    if (redirected && calls_.size() == 1 && redirects_ < targets_.size()) {
       ++redirects_;
       Attempt(now);
       return;
     }
-    Complete(failure, now);
+    FailAll(failure, now);
   }
 
   // True when the failure named the leader, which becomes the target.
@@ -597,20 +829,30 @@ class Connection {
     return false;
   }
 
-  // The call is over: its latency is recorded and, after a failure, the
-  // next waits out a pause so that a server that is gone is not hammered.
-  void Complete(const std::string& failure, Clock::time_point now) {
-    const auto nanos = std::chrono::duration_cast<std::chrono::nanoseconds>(now - start_);
-    stats_[method_].latency.Record(static_cast<uint64_t>(nanos.count()));
+  // The oldest call in flight is over: its latency is recorded, and it is
+  // taken off.
+  void Record(const std::string& failure, Clock::time_point now) {
+    const Call& call = calls_.front();
+    const auto nanos = std::chrono::duration_cast<std::chrono::nanoseconds>(now - call.start);
+    MethodStats* stats = driver_->stats(call.method);
+    stats->latency.Record(static_cast<uint64_t>(nanos.count()));
     shared_->done.fetch_add(1, std::memory_order_relaxed);
     if (failure.empty()) {
-      if (config_.reconnect) CloseSocket();
-      Next(now);
-      return;
+      used_ = true;
+    } else {
+      stats->errors++;
+      shared_->errors.fetch_add(1, std::memory_order_relaxed);
+      shared_->Keep(std::string(kMethodNames[call.method]) + ": " + failure);
     }
-    stats_[method_].errors++;
-    shared_->errors.fetch_add(1, std::memory_order_relaxed);
-    shared_->Keep(std::string(kMethodNames[method_]) + ": " + failure);
+    calls_.pop_front();
+    if (written_ > 0) --written_;
+  }
+
+  // Every call in flight failed with `failure` on a closed socket; the
+  // next waits out a pause so that a server that is gone is not hammered.
+  void FailAll(const std::string& failure, Clock::time_point now) {
+    CloseSocket();
+    while (!calls_.empty()) Record(failure, now);
     state_ = State::kPaused;
     SetDeadline(now + std::chrono::milliseconds(10));
   }
@@ -633,11 +875,13 @@ class Connection {
 
   void CloseSocket() {
     if (fd_ < 0) return;
-    reader_.Reset(static_cast<kanrpc::Transport*>(nullptr));
+    wire_->Reset(nullptr);
     transport_.reset();
     close(fd_);  // which also takes it out of the epoll set
     fd_ = -1;
     watched_ = 0;
+    written_ = 0;
+    used_ = false;
   }
 
   void CheckFailed(const std::string& what) {
@@ -645,44 +889,54 @@ class Connection {
     shared_->Keep("check: " + what);
   }
 
-  // Encodes the request of method_ into request_, noting what its answer
-  // is checked against.
-  void BuildRequest() {
-    switch (method_) {
+  // Encodes the request of the call's method into call->request, noting
+  // what its answer is checked against.
+  void BuildRequest(Call* call) {
+    switch (call->method) {
       case kTso:
-        tso_seen_before_ = shared_->tso_high.load();
-        EncodeTo(pdpb::TsoRequest{static_cast<uint32_t>(config_.count)}, &request_);
+        call->tso_seen_before = shared_->tso_high.load();
+        EncodeTo(pdpb::TsoRequest{static_cast<uint32_t>(config_.count)}, &call->request);
         return;
       case kAllocId:
-        EncodeTo(pdpb::AllocIdRequest{static_cast<uint32_t>(config_.count)}, &request_);
+        EncodeTo(pdpb::AllocIdRequest{static_cast<uint32_t>(config_.count)}, &call->request);
         return;
       case kGetRegion:
-        key_ = RandomKey();
-        EncodeTo(pdpb::GetRegionRequest{key_}, &request_);
+        call->key = RandomKey();
+        EncodeTo(pdpb::GetRegionRequest{call->key}, &call->request);
         return;
       case kUpsertRegion:
-        EncodeTo(UpsertRequest(), &request_);
+        EncodeTo(UpsertRequest(), &call->request);
         return;
       case kHeartbeat:
-        EncodeTo(HeartbeatRequest(), &request_);
+        EncodeTo(HeartbeatRequest(call), &call->request);
         return;
       case kScanRegions:
-        key_ = RandomKey(&scan_tile_);
-        EncodeTo(pdpb::ScanRegionsRequest{key_, "", static_cast<uint32_t>(config_.scan_limit)}, &request_);
+        call->key = RandomKey(&call->scan_tile);
+        EncodeTo(pdpb::ScanRegionsRequest{call->key, "", static_cast<uint32_t>(config_.scan_limit)},
+                 &call->request);
         return;
+      case kPing:
+        resp::AppendCommand(&call->request, {"PING"});
+        return;
+      case kSet: {
+        char key[32];
+        std::snprintf(key, sizeof(key), "key:%012llu", static_cast<unsigned long long>(random_() % kRedisKeys));
+        resp::AppendCommand(&call->request, {"SET", key, value_});
+        return;
+      }
       case kMethodCount:
         return;
     }
   }
 
-  // Decodes and checks the answer in answer_; false when it does not decode.
-  bool CheckAnswer() {
-    const std::string& payload = answer_.payload;
-    switch (method_) {
+  // Decodes and checks the answer's payload; false when it does not decode
+  // (or, from Redis, is not the status the command answers).
+  bool CheckAnswer(const Call& call, const std::string& payload) {
+    switch (call.method) {
       case kTso: {
         pdpb::TsoResponse response;
         if (!Decode(payload.size(), payload.data(), &response)) return false;
-        CheckTso(response);
+        CheckTso(call, response);
         return true;
       }
       case kAllocId: {
@@ -697,7 +951,7 @@ class Connection {
       case kGetRegion: {
         pdpb::GetRegionResponse response;
         if (!Decode(payload.size(), payload.data(), &response)) return false;
-        CheckRoute(response);
+        CheckRoute(call, response);
         return true;
       }
       case kUpsertRegion: {
@@ -708,10 +962,10 @@ class Connection {
         pdpb::RegionHeartbeatResponse response;
         if (!Decode(payload.size(), payload.data(), &response)) return false;
         for (const pdpb::ScheduleCommand& command : response.commands) {
-          if (std::binary_search(heartbeat_regions_.begin(), heartbeat_regions_.end(), command.region_id)) continue;
-          CheckFailed((heartbeat_regions_.size() == 1
-                           ? "heartbeat for region " + std::to_string(heartbeat_regions_[0])
-                           : "heartbeat for " + std::to_string(heartbeat_regions_.size()) + " regions") +
+          const std::vector<uint64_t>& asked = call.heartbeat_regions;
+          if (std::binary_search(asked.begin(), asked.end(), command.region_id)) continue;
+          CheckFailed((asked.size() == 1 ? "heartbeat for region " + std::to_string(asked[0])
+                                         : "heartbeat for " + std::to_string(asked.size()) + " regions") +
                       " answered a command for region " + std::to_string(command.region_id));
         }
         return true;
@@ -719,25 +973,29 @@ class Connection {
       case kScanRegions: {
         pdpb::ScanRegionsResponse response;
         if (!Decode(payload.size(), payload.data(), &response)) return false;
-        CheckScan(response);
+        CheckScan(call, response);
         return true;
       }
+      case kPing:
+        return payload == "+PONG";
+      case kSet:
+        return payload == "+OK";
       case kMethodCount:
         break;
     }
     return true;
   }
 
-  void CheckTso(const pdpb::TsoResponse& response) {
+  void CheckTso(const Call& call, const pdpb::TsoResponse& response) {
     const uint64_t n = std::max<uint64_t>(1, config_.count);
     if (response.count != n) CheckFailed("tso answered count " + std::to_string(response.count));
     if (response.timestamp <= last_timestamp_) {
       CheckFailed("timestamp " + std::to_string(response.timestamp) + " not above this connection's previous " +
                   std::to_string(last_timestamp_));
     }
-    if (response.timestamp <= tso_seen_before_) {
+    if (response.timestamp <= call.tso_seen_before) {
       CheckFailed("timestamp " + std::to_string(response.timestamp) + " not above " +
-                  std::to_string(tso_seen_before_) + ", answered before the request was sent");
+                  std::to_string(call.tso_seen_before) + ", answered before the request was sent");
     }
     last_timestamp_ = response.timestamp + n - 1;
     uint64_t high = shared_->tso_high.load();
@@ -745,11 +1003,12 @@ class Connection {
     }
   }
 
-  void CheckRoute(const pdpb::GetRegionResponse& response) {
+  void CheckRoute(const Call& call, const pdpb::GetRegionResponse& response) {
+    const std::string& key = call.key;
     const pdpb::Region& r = response.region;
     const bool covers =
-        (r.start_key.empty() || r.start_key <= key_) && (r.end_key.empty() || key_ < r.end_key);
-    if (!covers) CheckFailed("region " + std::to_string(r.id) + " does not cover key " + EscapeBytes(key_));
+        (r.start_key.empty() || r.start_key <= key) && (r.end_key.empty() || key < r.end_key);
+    if (!covers) CheckFailed("region " + std::to_string(r.id) + " does not cover key " + EscapeBytes(key));
     if (!r.peers.empty() && !(response.leader == r.peers[0])) {
       CheckFailed("leader of region " + std::to_string(r.id) + " is not its first peer");
     }
@@ -760,8 +1019,9 @@ class Connection {
   // as there are left; each presents one of its peers as leader.
   // Without preloaded regions, only the order and the first region are
   // known.
-  void CheckScan(const pdpb::ScanRegionsResponse& response) {
-    const std::string from = "scan from " + EscapeBytes(key_) + ": ";
+  void CheckScan(const Call& call, const pdpb::ScanRegionsResponse& response) {
+    const uint64_t tile = call.scan_tile;
+    const std::string from = "scan from " + EscapeBytes(call.key) + ": ";
     if (response.regions.empty()) {
       CheckFailed(from + "no regions");
       return;
@@ -784,11 +1044,11 @@ class Connection {
       }
     }
     if (regions_.tiles == 0) return;
-    const uint64_t wanted = std::min(config_.ScanAnswers(), regions_.tiles - scan_tile_);
-    if (response.regions.size() != wanted || first.id != regions_.first_id + scan_tile_) {
+    const uint64_t wanted = std::min(config_.ScanAnswers(), regions_.tiles - tile);
+    if (response.regions.size() != wanted || first.id != regions_.first_id + tile) {
       CheckFailed(from + std::to_string(response.regions.size()) + " regions from region " + std::to_string(first.id) +
                   ", wanted " + std::to_string(wanted) + " from region " +
-                  std::to_string(regions_.first_id + scan_tile_));
+                  std::to_string(regions_.first_id + tile));
     }
   }
 
@@ -832,16 +1092,16 @@ class Connection {
   // A store's heartbeat, as its leader sends it: the next
   // --heartbeat-entries regions it leads from a random one on, wrapping
   // around, each with the members its record lists.
-  pdpb::RegionHeartbeatRequest HeartbeatRequest() {
+  pdpb::RegionHeartbeatRequest HeartbeatRequest(Call* call) {
     pdpb::RegionHeartbeatRequest request;
-    heartbeat_regions_.clear();
+    std::vector<uint64_t>& asked = call->heartbeat_regions;
     if (regions_.tiles == 0) {
       request.store_id = kBenchStoreId;
       pdpb::RegionHeartbeatEntry entry;
       entry.region_id = regions_.first_id;
       entry.member_store_ids = {kBenchStoreId};
       request.regions.push_back(entry);
-      heartbeat_regions_.push_back(entry.region_id);
+      asked.push_back(entry.region_id);
       return request;
     }
     const uint64_t leader = regions_.stores > 1 ? random_() % std::min(regions_.stores, regions_.tiles) : 0;
@@ -854,9 +1114,9 @@ class Connection {
       entry.region_id = regions_.first_id + tile;
       entry.member_store_ids = regions_.Members(tile);
       request.regions.push_back(std::move(entry));
-      heartbeat_regions_.push_back(regions_.first_id + tile);
+      asked.push_back(regions_.first_id + tile);
     }
-    std::sort(heartbeat_regions_.begin(), heartbeat_regions_.end());
+    std::sort(asked.begin(), asked.end());
     return request;
   }
 
@@ -877,31 +1137,25 @@ class Connection {
   int fd_ = -1;
   uint32_t watched_ = 0;  // epoll events the socket is registered for; 0 when it is not
   // The bytes of fd_ go through it once connected (and the TLS session, if
-  // any, is set up); the reader reads through it.
+  // any, is set up); the wire reads through it.
   std::unique_ptr<kanrpc::Transport> transport_;
-  kanrpc::FrameReader reader_{static_cast<kanrpc::Transport*>(nullptr)};
+  std::unique_ptr<Wire> wire_;
+  std::string value_;  // what SET writes
 
   State state_ = State::kPaused;
   Clock::time_point deadline_;
-  // The call under way: its method, encoded request, start, and the
-  // attempt on the wire.
-  Method method_ = kTso;
-  std::string request_;
-  Clock::time_point start_;
+  // The calls in flight, oldest first; the first written_ of them are on
+  // the socket.
+  std::deque<Call> calls_;
+  size_t written_ = 0;
   size_t redirects_ = 0;
   bool reached_ = false;  // this attempt got a connection
+  bool used_ = false;     // a call on this socket succeeded
   uint64_t next_request_id_ = 1;
-  uint64_t request_id_ = 0;
-  std::string out_;  // the framed request
+  std::string out_;  // the requests being written
   size_t sent_ = 0;  // bytes of out_ the socket took
-  kanrpc::Frame answer_;
-  // What the answer is checked against.
-  uint64_t tso_seen_before_ = 0;
-  std::string key_;
-  uint64_t scan_tile_ = 0;  // the tile holding key_, for a scan
-  std::vector<uint64_t> heartbeat_regions_;  // sorted
+  Answer answer_;
 
-  MethodStats stats_[kMethodCount];
   uint64_t last_timestamp_ = 0;
   uint64_t version_ = 1;
   uint64_t own_region_ = 0;
@@ -916,7 +1170,7 @@ void Driver::Add(Connection* connection) {
 
 void Driver::Run() {
   active_ = connections_.size();
-  for (Connection* c : connections_) c->Next(Clock::now());
+  for (Connection* c : connections_) c->Refill(Clock::now());
   epoll_event events[64];
   while (active_ > 0) {
     Clock::time_point now = Clock::now();
@@ -1098,6 +1352,17 @@ uint64_t CountOverlaps(std::vector<std::pair<uint64_t, uint64_t>> ranges, Shared
   return overlaps;
 }
 
+// Every connection holds a descriptor; the soft limit (often 1024) must not
+// cap --conns below what the system allows this process.
+void RaiseDescriptorLimit() {
+  rlimit limit = {};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    std::fprintf(stderr, "%s: cannot raise the descriptor limit: %s\n", kProgram, kanrpc::ErrnoText(errno).c_str());
+  }
+}
+
 double Ms(uint64_t nanos) { return static_cast<double>(nanos) / 1e6; }
 
 nlohmann::json LatencyJson(const LatencyHistogram& h) {
@@ -1119,8 +1384,9 @@ int Main(int argc, char** argv) {
   CommandLine cl(kProgram, "A closed-loop load generator for the kandb-meta server; checks every answer.");
   cl.AddString("addr", &config.addr, "server address HOST:PORT, or the servers of a replicated cluster H1:P1,H2:P2,... (default 127.0.0.1:2379)");
   cl.AddString("method", &config.method,
-               "tso, alloc-id, get-region, upsert-region, heartbeat, scan-regions or mix (default tso)");
-  cl.AddUint("conns", &config.conns, 4096, "connections, each with one request outstanding (default 1)");
+               "tso, alloc-id, get-region, upsert-region, heartbeat, scan-regions, mix or idle; with --redis "
+               "ping, set or idle (default tso, with --redis ping)");
+  cl.AddUint("conns", &config.conns, 65536, "connections, each with --pipeline requests outstanding (default 1)");
   cl.AddUint("threads", &config.threads, 4096,
              "threads driving the connections, one event loop each (default 1, at most --conns)");
   cl.AddString("duration", &config.duration, "how long to run, e.g. 500ms, 3s, 2m (default 10s)");
@@ -1133,7 +1399,7 @@ int Main(int argc, char** argv) {
   cl.AddUint("value-bytes", &config.value_bytes, 1u << 20,
              "upsert-region without preloaded regions: pad each region record by N bytes, and let the "
              "connections rewrite in turn enough regions of their own to hold 64 MiB of distinct records "
-             "(default 0: one small region each)");
+             "(default 0: one small region each); with --redis, the bytes of every SET's value (default 100)");
   cl.AddUint("stores", &config.stores, kMaxStores,
              "register N stores first: store 1 bootstraps, stores 2..N register on the cluster; from 3 on, "
              "every preloaded region has replicas on 3 of them (default 1)");
@@ -1149,6 +1415,12 @@ int Main(int argc, char** argv) {
   cl.AddSwitch("reconnect", &config.reconnect,
                "make every call on a new connection: connect, TLS handshake if any, one call, close; the "
                "throughput is then new connections per second");
+  cl.AddSwitch("redis", &config.redis,
+               "drive a Redis server over RESP instead: ping sends PING, set sends SET key:NNNNNNNNNNNN with "
+               "random keys among 100000 and --value-bytes bytes (default 100)");
+  cl.AddUint("pipeline", &config.pipeline, 4096,
+             "calls each connection keeps in flight, the requests refilling the window written in one send "
+             "and the answers taken in order (default 1)");
   cl.SetEpilogue(
       "get-region, upsert-region, heartbeat, scan-regions and mix bootstrap the cluster when it\n"
       "is not (store 1, one region over all keys, or the first preloaded region). With preloaded\n"
@@ -1156,7 +1428,10 @@ int Main(int argc, char** argv) {
       "version, heartbeat reports them, and scan-regions scans from keys inside them and checks\n"
       "the count of every answer. A server that already holds the regions a run with the same\n"
       "--preload-regions wrote keeps them: they are not written again. Over TLS a failed handshake counts as a failed\n"
-      "call, as a failed connect does. Exit status: 0 no error and no wrong answer,\n"
+      "call, as a failed connect does. With --pipeline a failure closes the connection and\n"
+      "fails every call in flight on it. idle makes one call on every connection (tso, or\n"
+      "PING with --redis) and then holds them all open and idle for --duration, for the\n"
+      "server's memory per connection. Exit status: 0 no error and no wrong answer,\n"
       "1 some call failed or an answer was wrong, 2 bad command line or the setup failed.\n");
   std::vector<std::string> args(argv + 1, argv + argc);
   if (int rc = cl.Parse(args, stdout, stderr); rc >= 0) return rc;
@@ -1164,19 +1439,43 @@ int Main(int argc, char** argv) {
     std::fprintf(stderr, "%s: %s\n(see %s --help)\n", kProgram, message.c_str(), kProgram);
     return kExitUsage;
   };
+  if (config.method.empty()) config.method = config.redis ? "ping" : "tso";
   if (config.method == "mix") {
     config.mix = true;
+  } else if (config.method == "idle") {
+    config.idle = true;
+    config.single = config.redis ? kPing : kTso;
   } else {
     auto it = std::find_if(std::begin(kMethodNames), std::end(kMethodNames),
                            [&](const char* name) { return config.method == name; });
     if (it == std::end(kMethodNames)) return usage_error("unknown method '" + config.method + "'");
     config.single = static_cast<Method>(it - std::begin(kMethodNames));
   }
+  if (config.redis) {
+    if (config.mix || (!config.idle && config.single < kFirstRedis)) {
+      return usage_error("with --redis, --method is ping, set or idle");
+    }
+    if (config.preload > 0 || config.stores > 1 || config.heartbeat_entries > 1 || config.store_heartbeats) {
+      return usage_error("--redis drives no cluster: give no --preload-regions, --stores, --heartbeat-entries "
+                         "or --store-heartbeats");
+    }
+    if (config.tls()) return usage_error("--redis speaks plain TCP: give no --tls-* options");
+    if (config.value_bytes == 0) config.value_bytes = kRedisValueBytes;
+  } else if (!config.idle && config.single >= kFirstRedis) {
+    return usage_error("--method " + config.method + " is a Redis command: give --redis");
+  }
+  if (config.pipeline == 0) return usage_error("--pipeline must be at least 1");
+  if (config.pipeline > 1 && config.reconnect) {
+    return usage_error("--pipeline keeps calls in flight on one connection: give it without --reconnect");
+  }
+  if (config.idle && (config.requests > 0 || config.reconnect)) {
+    return usage_error("--method idle holds its connections for --duration: give no --requests or --reconnect");
+  }
   if (config.conns == 0) return usage_error("--conns must be at least 1");
   if (config.value_bytes > 0 && config.preload > 0) {
     return usage_error("--value-bytes pads the connections' own regions: give it without --preload-regions");
   }
-  if (config.value_bytes > 0) {
+  if (config.value_bytes > 0 && !config.redis) {
     const uint64_t per_conn = config.value_bytes * config.conns;
     config.own_regions = std::max<uint64_t>(1, (kLargeValueWorkingSet + per_conn - 1) / per_conn);
   }
@@ -1204,8 +1503,9 @@ int Main(int argc, char** argv) {
   const bool needs_cluster = config.mix || config.single == kGetRegion || config.single == kUpsertRegion ||
                              config.single == kHeartbeat || config.single == kScanRegions || config.stores > 1 ||
                              config.store_heartbeats;
+  RaiseDescriptorLimit();
   Regions regions;
-  Status s = Prepare(config, client_options, needs_cluster, &regions);
+  Status s = config.redis ? Status::OK() : Prepare(config, client_options, needs_cluster, &regions);
   if (!s.ok()) {
     std::fprintf(stderr, "%s: setup failed: %s\n", kProgram, s.message().c_str());
     return kExitUsage;
@@ -1307,14 +1607,15 @@ int Main(int argc, char** argv) {
   LatencyHistogram per_method[kMethodCount];
   uint64_t method_errors[kMethodCount] = {};
   std::vector<std::pair<uint64_t, uint64_t>> ranges;
-  for (const auto& c : connections) {
+  for (const auto& d : drivers) {
     for (int m = 0; m < kMethodCount; ++m) {
-      per_method[m].Merge(c->stats(static_cast<Method>(m)).latency);
-      all.Merge(c->stats(static_cast<Method>(m)).latency);
-      method_errors[m] += c->stats(static_cast<Method>(m)).errors;
+      const MethodStats& stats = static_cast<const Driver&>(*d).stats(static_cast<Method>(m));
+      per_method[m].Merge(stats.latency);
+      all.Merge(stats.latency);
+      method_errors[m] += stats.errors;
     }
-    ranges.insert(ranges.end(), c->id_ranges().begin(), c->id_ranges().end());
   }
+  for (const auto& c : connections) ranges.insert(ranges.end(), c->id_ranges().begin(), c->id_ranges().end());
   shared.check_failures += CountOverlaps(std::move(ranges), &shared);
   const uint64_t errors = shared.errors.load();
   const uint64_t wrong = shared.check_failures.load();
@@ -1344,6 +1645,8 @@ int Main(int argc, char** argv) {
       report["tls"] = config.tls();
       report["reconnect"] = config.reconnect;
     }
+    if (config.redis) report["redis"] = true;
+    if (config.pipeline > 1) report["pipeline"] = config.pipeline;
     if (cluster_options) {
       report["stores"] = config.stores;
       report["store_heartbeats"] = config.store_heartbeats;
@@ -1360,10 +1663,13 @@ int Main(int argc, char** argv) {
     }
     std::printf("%s\n", report.dump(2).c_str());
   } else {
-    std::printf("%s: %s against %s, %llu connections%s%s, %llu preloaded regions, %.2f s\n", kProgram,
-                config.method.c_str(), config.addr.c_str(), static_cast<unsigned long long>(config.conns),
-                config.tls() ? " over TLS" : "", config.reconnect ? ", a new one for every call" : "",
-                static_cast<unsigned long long>(regions.tiles), seconds);
+    const std::string window =
+        config.pipeline > 1 ? ", " + std::to_string(config.pipeline) + " calls in flight on each" : "";
+    std::printf("%s: %s against %s%s, %llu connections%s%s%s, %llu preloaded regions, %.2f s\n", kProgram,
+                config.method.c_str(), config.redis ? "Redis at " : "", config.addr.c_str(),
+                static_cast<unsigned long long>(config.conns), window.c_str(), config.tls() ? " over TLS" : "",
+                config.reconnect ? ", a new one for every call" : "", static_cast<unsigned long long>(regions.tiles),
+                seconds);
     std::printf("requests       %llu\nthroughput     %.0f req/s\nlatency        %s\n",
                 static_cast<unsigned long long>(all.count()), throughput, LatencyText(all).c_str());
     if (cluster_options) {

@@ -2,11 +2,13 @@
 // request count, large-value upserts, heartbeats of many regions from many
 // stores, two seconds of mixed load over TLS with every answer checked and
 // a session kept or made anew for every call, scans over preloaded
-// regions, and the command-line and setup failures.
+// regions, pipelined calls, a live Redis driven by the same client, and the
+// command-line and setup failures.
 
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <set>
 
@@ -123,7 +125,8 @@ TEST_F(BenchTest, HeartbeatsOfManyRegionsFromManyStoresThatStayUp) {
 }
 
 // A server that demands a client certificate: two seconds of mixed load
-// over preloaded regions, every answer checked, and the setup's calls go
+// over preloaded regions, four calls in flight on each session, every
+// answer checked, and the setup's calls go
 // through TLS sessions, kept for the run or, with --reconnect, made anew
 // (connect, full handshake, one call, close) for every call.
 TEST_F(BenchTest, LoadOverTlsWithSessionsKeptOrNewForEveryCall) {
@@ -157,8 +160,8 @@ TEST_F(BenchTest, LoadOverTlsWithSessionsKeptOrNewForEveryCall) {
     EXPECT_FALSE(report.is_discarded()) << r.out;
     return report;
   };
-  json report = run({"--method", "mix", "--conns", "4", "--threads", "2", "--duration", "2s", "--preload-regions",
-                     "2500", "--json"});
+  json report = run({"--method", "mix", "--conns", "4", "--threads", "2", "--pipeline", "4", "--duration", "2s",
+                     "--preload-regions", "2500", "--json"});
   EXPECT_EQ(report["errors"], 0) << report["messages"];
   EXPECT_EQ(report["wrong_answers"], 0) << report["messages"];
   EXPECT_EQ(report["tls"], true);
@@ -216,6 +219,76 @@ TEST_F(BenchTest, ScansOverPreloadedRegionsAndPreloadsKept) {
   EXPECT_EQ(r.out.find("wrong answers  0\n"), std::string::npos) << r.out;
 }
 
+// Windows of calls in flight, every answer checked in order: exactly the
+// batches asked for are handed out, and upserts go through.
+TEST_F(BenchTest, PipelinedCallsAreAnsweredInOrder) {
+  ProgramResult r = Bench({"--method", "alloc-id", "--conns", "3", "--pipeline", "16", "--requests", "400", "--count",
+                           "3", "--json"});
+  ASSERT_EQ(ExitCode(r), 0) << r.out << r.err;
+  json report = json::parse(r.out, nullptr, false);
+  EXPECT_EQ(report["requests"], 400);
+  EXPECT_EQ(report["pipeline"], 16);
+  auto client = server_.NewClient();
+  pdpb::AllocIdResponse next;
+  ASSERT_TRUE(client->Call("Pd.AllocId", pdpb::AllocIdRequest{1}, &next).ok());
+  EXPECT_EQ(next.first_id, 1024u + 400 * 3);
+  for (const char* method : {"tso", "upsert-region"}) {
+    r = Bench({"--method", method, "--conns", "2", "--pipeline", "8", "--requests", "300"});
+    ASSERT_EQ(ExitCode(r), 0) << r.out << r.err;
+    EXPECT_NE(r.out.find("connections, 8 calls in flight on each, "), std::string::npos) << r.out;
+  }
+}
+
+// A real Redis: SET writes the keys and values redis-benchmark -r 100000
+// -d 100 writes, PING and idle connections go through, and an error reply
+// fails the calls in flight with its text.
+TEST_F(BenchTest, RedisThroughTheSameClient) {
+  const std::string port = std::to_string(testing::PickFreePort());
+  testing::ChildProcess redis;
+  ASSERT_TRUE(redis.Start({"/usr/bin/redis-server", "--port", port, "--bind", "127.0.0.1", "--save", "", "--appendonly", "no",
+                           "--dir", dir_, "--daemonize", "no"}));
+  ASSERT_TRUE(redis.WaitForOutput("Ready to accept connections", 20000)) << redis.Stdout();
+  const auto bench = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), {KANDB_META_BENCH_BINARY, "--addr", "127.0.0.1:" + port, "--redis", "--json"});
+    return RunProgram(args, 60000);
+  };
+  const auto cli = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), {"/usr/bin/redis-cli", "-p", port});
+    ProgramResult r = RunProgram(args);
+    EXPECT_EQ(ExitCode(r), 0) << r.err;
+    return r.out.substr(0, r.out.find('\n'));
+  };
+
+  ProgramResult r = bench({"--method", "set", "--conns", "2", "--pipeline", "8", "--requests", "500"});
+  ASSERT_EQ(ExitCode(r), 0) << r.out << r.err;
+  json report = json::parse(r.out, nullptr, false);
+  EXPECT_EQ(report["requests"], 500);
+  EXPECT_EQ(report["redis"], true);
+  // Random keys among 100,000: a few of the 500 may repeat.
+  const int keys = std::atoi(cli({"dbsize"}).c_str());
+  EXPECT_LE(keys, 500);
+  EXPECT_GE(keys, 480);
+  const std::string key = cli({"randomkey"});
+  EXPECT_EQ(key.size(), 16u) << key;
+  EXPECT_EQ(key.find_first_not_of("0123456789", 4), std::string::npos) << key;
+  EXPECT_EQ(cli({"get", key}), std::string(100, 'x'));
+
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"--conns", "3", "--requests", "300"}, {"--method", "idle", "--conns", "20", "--duration", "1s"}}) {
+    r = bench(args);
+    ASSERT_EQ(ExitCode(r), 0) << r.out << r.err;
+    report = json::parse(r.out, nullptr, false);
+    EXPECT_EQ(report["requests"], args[1] == "idle" ? 20 : 300) << args[1];
+  }
+
+  cli({"config", "set", "requirepass", "secret"});
+  r = bench({"--pipeline", "4", "--requests", "10"});
+  EXPECT_EQ(ExitCode(r), 1) << r.out << r.err;
+  report = json::parse(r.out, nullptr, false);
+  EXPECT_EQ(report["errors"], 10);
+  EXPECT_EQ(report["messages"][0], "ping: remote: NOAUTH Authentication required.");
+}
+
 TEST_F(BenchTest, BadCommandLinesAndAnUnreachableServerExitTwo) {
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{"--method", "scan"}, "kandb-meta-bench: unknown method 'scan'\n(see kandb-meta-bench --help)\n"},
@@ -231,6 +304,16 @@ TEST_F(BenchTest, BadCommandLinesAndAnUnreachableServerExitTwo) {
        "kandb-meta-bench: --heartbeat-entries must be at least 1\n(see kandb-meta-bench --help)\n"},
       {{"--heartbeat-entries", "10", "--stores", "3", "--preload-regions", "29"},
        "kandb-meta-bench: --heartbeat-entries 10 needs --preload-regions of at least 30 (entries x stores)\n"
+       "(see kandb-meta-bench --help)\n"},
+      {{"--redis", "--method", "tso"},
+       "kandb-meta-bench: with --redis, --method is ping, set or idle\n(see kandb-meta-bench --help)\n"},
+      {{"--method", "set"}, "kandb-meta-bench: --method set is a Redis command: give --redis\n"
+                            "(see kandb-meta-bench --help)\n"},
+      {{"--pipeline", "2", "--reconnect"},
+       "kandb-meta-bench: --pipeline keeps calls in flight on one connection: give it without --reconnect\n"
+       "(see kandb-meta-bench --help)\n"},
+      {{"--method", "idle", "--requests", "5"},
+       "kandb-meta-bench: --method idle holds its connections for --duration: give no --requests or --reconnect\n"
        "(see kandb-meta-bench --help)\n"},
       {{"--tls-cert", "client.pem"},
        "kandb-meta-bench: tls: a certificate needs its key, and a key its certificate\n"

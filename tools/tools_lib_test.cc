@@ -1,12 +1,14 @@
 // The shared pieces of the tools with logic of their own: key escaping,
 // number and duration limits, the strict JSON mapping of the messages and
-// the latency histogram. Option parsing is checked through the programs.
+// the latency histogram, the Redis protocol. Option parsing is checked
+// through the programs.
 
 #include <gtest/gtest.h>
 
 #include "tools/command_line.h"
 #include "tools/json_messages.h"
 #include "tools/latency.h"
+#include "tools/resp.h"
 #include "tools/stats_view.h"
 #include "tools/store_view.h"
 #include "tools/text.h"
@@ -332,6 +334,61 @@ TEST(LatencyHistogramTest, PercentilesStayWithinTheBucketPrecision) {
   EXPECT_EQ(small.count(), 4u);
   EXPECT_EQ(small.Percentile(0.75), 9u);
   EXPECT_EQ(small.max(), 40u);
+}
+
+// The bytes a command goes out as, and replies taken from a buffer as
+// they arrive: split anywhere, several at once, errors with their text.
+TEST(RespTest, CommandsAndRepliesInPiecesOrTogether) {
+  using namespace std::string_literals;
+  std::string out;
+  resp::AppendCommand(&out, {"PING"});
+  resp::AppendCommand(&out, {"SET", "key:000000000042", "v\r\n\0"s});
+  EXPECT_EQ(out, "*1\r\n$4\r\nPING\r\n*3\r\n$3\r\nSET\r\n$16\r\nkey:000000000042\r\n$4\r\nv\r\n\0\r\n"s);
+
+  const std::string stream =
+      "+PONG\r\n-ERR wrong number of arguments for 'set' command\r\n:-12\r\n$5\r\na\r\nbc\r\n$-1\r\n+OK\r\n";
+  const std::vector<resp::Reply> want = {{'+', "PONG", false},
+                                         {'-', "ERR wrong number of arguments for 'set' command", false},
+                                         {':', "-12", false},
+                                         {'$', "a\r\nbc", false},
+                                         {'$', "", true},
+                                         {'+', "OK", false}};
+  // Every prefix short of a whole reply asks for more and consumes nothing.
+  size_t at = 0;
+  for (const resp::Reply& w : want) {
+    resp::Reply reply;
+    size_t size = 0;
+    size_t end = at;
+    for (; size == 0; ++end) {
+      ASSERT_LE(end, stream.size());
+      ASSERT_TRUE(resp::ParseReply(std::string_view(stream).substr(at, end - at), &reply, &size).ok());
+    }
+    EXPECT_EQ(at + size, end - 1) << w.text;
+    EXPECT_EQ(reply.type, w.type);
+    EXPECT_EQ(reply.text, w.text);
+    EXPECT_EQ(reply.null, w.null);
+    at += size;
+  }
+  EXPECT_EQ(at, stream.size());
+}
+
+TEST(RespTest, BytesThatCanNeverBeAReply) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"*1\r\n+OK\r\n", "resp: unexpected reply type '*'"},
+      {"PONG\r\n", "resp: unexpected reply type 'P'"},
+      {":12a\r\n", "resp: bad integer '12a'"},
+      {"$x\r\n", "resp: bad bulk length 'x'"},
+      {"$-2\r\n", "resp: bad bulk length '-2'"},
+      {"$67108865\r\n", "resp: bulk of 67108865 bytes is too long"},
+      {"$2\r\nabXY", "resp: bulk not followed by its line end"},
+      {"+" + std::string(resp::kMaxLineLength + 1, 'a'), "resp: line longer than 65536 bytes"},
+  };
+  for (const auto& [bytes, message] : cases) {
+    resp::Reply reply;
+    size_t size = 7;
+    EXPECT_EQ(resp::ParseReply(bytes, &reply, &size).ToString(), "Corruption: " + message) << bytes.substr(0, 20);
+    EXPECT_EQ(size, 0u);
+  }
 }
 
 }  // namespace
