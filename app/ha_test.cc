@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstdio>
 #include <functional>
 #include <map>
@@ -240,6 +241,100 @@ TEST_F(EtcdBackendTest, MarksNeverGoBackAndEveryFencedWriteLeavesAnEvent) {
   EXPECT_EQ(backend.PutIfUnchanged("mark", "3000", second, &written, &ignored).ToString(),
             "Unavailable: not leader; leadership lost");
   EXPECT_EQ(backend.Write({}).ToString(), "Unavailable: not leader; leadership lost");
+}
+
+// Writes that queue behind a transaction in flight go out together (up to
+// the group's operation limit, the rest in the next group), in arrival
+// order, and each is answered on its own: one that etcd refuses alone
+// (over its operation limit) spoils none of the others. After a takeover
+// the fence refuses a whole group, and none of it is stored.
+TEST_F(EtcdBackendTest, GroupsAnsweredEachOnItsOwn) {
+  testing::EtcdCluster etcd(dir_);
+  ASSERT_TRUE(etcd.Start(1));
+  store::EtcdClient client(etcd.Endpoints(), 2000);
+  store::EtcdTxnResult created;
+  ASSERT_TRUE(client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kPut, "g/leader", "me", 0}}, {}, &created).ok());
+  store::EtcdBackend backend(&client, "g/", store::EtcdFence{"g/leader", created.revision, "me", 0});
+  // The first group's leader waits in the hook until the others queued.
+  std::mutex mu;
+  std::condition_variable cv;
+  bool hold = true;
+  std::vector<size_t> groups;
+  backend.SetGroupHookForTesting([&](size_t batches) {
+    std::unique_lock<std::mutex> lock(mu);
+    groups.push_back(batches);
+    cv.wait(lock, [&] { return !hold; });
+  });
+  const auto batch_of = [](const std::string& key, size_t ops) {
+    lsm::WriteBatch batch;
+    for (size_t i = 0; i < ops; ++i) batch.push_back(lsm::Entry{lsm::kOpPut, key + "/" + std::to_string(i), key});
+    return batch;
+  };
+  // Writes each started once the one before is in line; their results.
+  const auto run = [&](const std::vector<lsm::WriteBatch>& batches) {
+    std::vector<Status> results(batches.size());
+    std::vector<std::thread> writers;
+    {
+      std::lock_guard<std::mutex> lock(mu);
+      hold = true;
+      groups.clear();
+    }
+    for (size_t i = 0; i < batches.size(); ++i) {
+      writers.emplace_back([&, i] { results[i] = backend.Write(batches[i]); });
+      EXPECT_TRUE(WaitFor(10000, [&] { return backend.QueuedForTesting() == i + 1; }));
+    }
+    {
+      std::lock_guard<std::mutex> lock(mu);
+      hold = false;
+    }
+    cv.notify_all();
+    for (std::thread& w : writers) w.join();
+    return results;
+  };
+  const auto stored = [&](const std::string& key) {
+    std::string value;
+    bool found = false;
+    EXPECT_TRUE(backend.Get(key, &value, &found).ok());
+    return found ? value : "-";
+  };
+
+  // The last in line wins "same"; the oversized batch is cut from the
+  // group before it and refused on its own.
+  const auto same = [&](lsm::WriteBatch batch, const std::string& value) {
+    batch.push_back(lsm::Entry{lsm::kOpPut, "same", value});
+    return batch;
+  };
+  std::vector<lsm::WriteBatch> batches = {batch_of("first", 1), same({}, "a"), same({}, "b"),
+                                          same(batch_of("big", testing::EtcdCluster::kMaxTxnOps + 1), "big"),
+                                          same({}, "c")};
+  std::vector<Status> results = run(batches);
+  for (size_t i = 0; i < results.size(); ++i) {
+    EXPECT_EQ(results[i].ToString(),
+              i == 3 ? "InvalidArgument: etcd: etcdserver: too many operations in txn request" : "OK")
+        << i;
+  }
+  EXPECT_EQ(groups, (std::vector<size_t>{1, 2, 1, 1}));
+  EXPECT_EQ(stored("same"), "c");
+  EXPECT_EQ(stored("big/0"), "-");
+
+  // Batches share groups up to the operation limit, in order.
+  batches.assign({batch_of("h", 1)});
+  for (int i = 0; i < 4; ++i) batches.push_back(same(batch_of("s" + std::to_string(i), 50), std::to_string(i)));
+  results = run(batches);
+  for (const Status& r : results) EXPECT_TRUE(r.ok()) << r.ToString();
+  EXPECT_EQ(groups, (std::vector<size_t>{1, 2, 2}));
+  EXPECT_EQ(stored("same"), "3");
+  EXPECT_EQ(stored("s1/49"), "s1");
+
+  // Another server holds the key: every batch of the group is refused.
+  store::EtcdTxnResult taken;
+  ASSERT_TRUE(client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kDelete, "g/leader", "", 0}}, {}, &taken).ok());
+  ASSERT_TRUE(client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kPut, "g/leader", "other", 0}}, {}, &taken).ok());
+  batches.assign({batch_of("x0", 1), batch_of("x1", 1), batch_of("x2", 1), batch_of("x3", 1)});
+  results = run(batches);
+  for (const Status& r : results) EXPECT_EQ(r.ToString(), "Unavailable: not leader; leadership lost");
+  EXPECT_EQ(groups, (std::vector<size_t>{1, 3}));
+  for (const char* key : {"x0/0", "x1/0", "x3/0"}) EXPECT_EQ(stored(key), "-") << key;
 }
 
 // A call that one member may have received (its answer never came) and
