@@ -24,8 +24,10 @@
 
 #include "app/etcd_test_util.h"
 #include "app/stress_test_util.h"
+#include "meta/ha_server.h"
 #include "pdpb/messages.h"
 #include "rpc/client.h"
+#include "rpc/server.h"
 
 namespace kandb {
 namespace {
@@ -703,6 +705,93 @@ TEST_F(HaTest, PausedLeaderAnswersNothingAndWritesNothing) {
   // The paused leader stepped down on its own once it ran again.
   EXPECT_TRUE(WaitFor(5000, [&] { return servers.Stderr(old).find("stepped down") != std::string::npos; }))
       << servers.Stderr(old);
+}
+
+// Holds the first call that reaches it (timestamps or identifiers taken
+// on an event loop, not yet answered) until released.
+struct LoopHold {
+  static LoopHold& Get() {
+    static LoopHold hold;
+    return hold;
+  }
+  static void Hook() {
+    LoopHold& h = Get();
+    std::unique_lock<std::mutex> lock(h.mu);
+    if (h.entered++ > 0) return;
+    h.cv.notify_all();
+    h.cv.wait(lock, [&h] { return h.released; });
+  }
+  std::mutex mu;
+  std::condition_variable cv;
+  int entered = 0;
+  bool released = false;
+};
+
+// Timestamps answered on the event loop, with the term checked after they
+// were taken: a loop held right there while its term ends (its key
+// deleted) and another server takes over and answers, answers "not
+// leader" when it goes on, and hands out nothing it took.
+TEST_F(HaTest, LoopHeldPastItsTermAnswersNothing) {
+  testing::EtcdCluster etcd(dir_);
+  ASSERT_TRUE(etcd.Start(1));
+  store::EtcdClient client(etcd.Endpoints(), 2000);
+  struct Server {
+    std::unique_ptr<meta::HaServer> ha;
+    std::unique_ptr<kanrpc::RpcServer> rpc;
+    ~Server() {
+      if (rpc != nullptr) rpc->Stop();
+    }
+  };
+  const auto start = [&](Server* server, const std::string& advertise) {
+    meta::HaOptions options;
+    options.prefix = "kandb/loop/";
+    options.advertise = advertise;
+    options.lease_ms = kLeaseMs;
+    server->ha = std::make_unique<meta::HaServer>(&client, options);
+    server->rpc = std::make_unique<kanrpc::RpcServer>(1);
+    server->ha->RegisterTo(server->rpc.get());
+    ASSERT_TRUE(server->rpc->Start(0, "127.0.0.1").ok());
+    server->ha->Start();
+  };
+  Server a, b;
+  start(&a, "127.0.0.1:1");
+  ASSERT_TRUE(WaitFor(15000, [&] { return a.ha->CurrentRole().leading; }));
+  kanrpc::RpcClient to_a("127.0.0.1:" + std::to_string(a.rpc->port()), Options(1, 30000));
+  pdpb::TsoResponse before;
+  ASSERT_TRUE(to_a.Call("Pd.Tso", pdpb::TsoRequest{1}, &before).ok());
+
+  meta::HaServer::SetFromMemoryHookForTesting(&LoopHold::Hook);
+  Status held;
+  std::thread caller([&] {
+    pdpb::TsoResponse ignored;
+    held = to_a.Call("Pd.Tso", pdpb::TsoRequest{1}, &ignored);
+  });
+  LoopHold& hold = LoopHold::Get();
+  {
+    std::unique_lock<std::mutex> lock(hold.mu);
+    EXPECT_TRUE(hold.cv.wait_for(lock, std::chrono::seconds(10), [&] { return hold.entered > 0; }));
+  }
+  store::EtcdTxnResult deleted;
+  EXPECT_TRUE(
+      client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kDelete, "kandb/loop/leader", "", 0}}, {}, &deleted).ok());
+  start(&b, "127.0.0.1:2");
+  kanrpc::RpcClient to_b("127.0.0.1:" + std::to_string(b.rpc->port()), Options(1));
+  pdpb::TsoResponse after;
+  const Status served = RetryFor(kLeaseMs + 10000, [&] { return to_b.Call("Pd.Tso", pdpb::TsoRequest{1}, &after); });
+  EXPECT_TRUE(served.ok()) << served.ToString();
+  EXPECT_GT(after.timestamp, before.timestamp);
+  {
+    std::lock_guard<std::mutex> lock(hold.mu);
+    hold.released = true;
+  }
+  hold.cv.notify_all();
+  caller.join();
+  meta::HaServer::SetFromMemoryHookForTesting(nullptr);
+  EXPECT_NE(held.message().find("Unavailable: not leader"), std::string::npos) << held.ToString();
+  // Identifiers from the new term's own mark, on its loop.
+  pdpb::AllocIdResponse ids[2];
+  for (pdpb::AllocIdResponse& id : ids) ASSERT_TRUE(to_b.Call("Pd.AllocId", pdpb::AllocIdRequest{3}, &id).ok());
+  EXPECT_EQ(ids[1].first_id, ids[0].first_id + 3);
 }
 
 // A batch over etcd's operation limit fails whole with etcd's own reason.
