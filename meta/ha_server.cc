@@ -608,8 +608,7 @@ void HaServer::BindFromMemory(kanrpc::RpcServer* server, const char* method,
   // finds it (an atomic load of the generation; mu_ only on a change of
   // term, and mu_ is never held across a call to etcd), and the service
   // answers only from what the term already persisted. What cannot be so
-  // answered goes to the worker path registered above, which may wait for
-  // etcd.
+  // answered goes to the worker path (OnWorker), which may wait for etcd.
   server->RegisterTryInline<Req, Resp>(
       method,
       [this, from_memory](const Req& req, Resp* resp, Status* status) {
