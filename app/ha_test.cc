@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstdio>
 #include <functional>
 #include <map>
@@ -23,8 +24,10 @@
 
 #include "app/etcd_test_util.h"
 #include "app/stress_test_util.h"
+#include "meta/ha_server.h"
 #include "pdpb/messages.h"
 #include "rpc/client.h"
+#include "rpc/server.h"
 
 namespace kandb {
 namespace {
@@ -240,6 +243,99 @@ TEST_F(EtcdBackendTest, MarksNeverGoBackAndEveryFencedWriteLeavesAnEvent) {
   EXPECT_EQ(backend.PutIfUnchanged("mark", "3000", second, &written, &ignored).ToString(),
             "Unavailable: not leader; leadership lost");
   EXPECT_EQ(backend.Write({}).ToString(), "Unavailable: not leader; leadership lost");
+}
+
+// Writes that queue behind a transaction in flight go out together (up to
+// the group's operation limit, the rest in the next group), in arrival
+// order, and each is answered on its own: one that etcd refuses alone
+// (over its operation limit) spoils none of the others. After a takeover
+// the fence refuses a whole group, and none of it is stored.
+TEST_F(EtcdBackendTest, GroupsAnsweredEachOnItsOwn) {
+  testing::EtcdCluster etcd(dir_);
+  ASSERT_TRUE(etcd.Start(1));
+  store::EtcdClient client(etcd.Endpoints(), 2000);
+  store::EtcdTxnResult created;
+  ASSERT_TRUE(client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kPut, "g/leader", "me", 0}}, {}, &created).ok());
+  store::EtcdBackend backend(&client, "g/", store::EtcdFence{"g/leader", created.revision, "me", 0});
+  // The first group's leader waits in the hook until the others queued.
+  std::mutex mu;
+  std::condition_variable cv;
+  bool hold = true;
+  std::vector<size_t> groups;
+  backend.SetGroupHookForTesting([&](size_t batches) {
+    std::unique_lock<std::mutex> lock(mu);
+    groups.push_back(batches);
+    cv.wait(lock, [&] { return !hold; });
+  });
+  const auto batch_of = [](const std::string& key, size_t ops) {
+    lsm::WriteBatch batch;
+    for (size_t i = 0; i < ops; ++i) batch.push_back(lsm::Entry{lsm::kOpPut, key + "/" + std::to_string(i), key});
+    return batch;
+  };
+  // Writes each started once the one before is in line; their results.
+  const auto run = [&](const std::vector<lsm::WriteBatch>& batches) {
+    std::vector<Status> results(batches.size());
+    std::vector<std::thread> writers;
+    {
+      std::lock_guard<std::mutex> lock(mu);
+      hold = true;
+      groups.clear();
+    }
+    for (size_t i = 0; i < batches.size(); ++i) {
+      writers.emplace_back([&, i] { results[i] = backend.Write(batches[i]); });
+      EXPECT_TRUE(WaitFor(10000, [&] { return backend.QueuedForTesting() == i + 1; }));
+    }
+    {
+      std::lock_guard<std::mutex> lock(mu);
+      hold = false;
+    }
+    cv.notify_all();
+    for (std::thread& w : writers) w.join();
+    return results;
+  };
+  const auto stored = [&](const std::string& key) {
+    std::string value;
+    bool found = false;
+    EXPECT_TRUE(backend.Get(key, &value, &found).ok());
+    return found ? value : "-";
+  };
+
+  // The last in line wins "same"; the oversized batch is cut from the
+  // group before it and refused on its own.
+  const auto same = [&](lsm::WriteBatch batch, const std::string& value) {
+    batch.push_back(lsm::Entry{lsm::kOpPut, "same", value});
+    return batch;
+  };
+  std::vector<lsm::WriteBatch> batches = {batch_of("first", 1), same({}, "a"), same({}, "b"),
+                                          same(batch_of("big", testing::EtcdCluster::kMaxTxnOps + 1), "big"),
+                                          same({}, "c")};
+  std::vector<Status> results = run(batches);
+  for (size_t i = 0; i < results.size(); ++i) {
+    EXPECT_EQ(results[i].ToString(),
+              i == 3 ? "InvalidArgument: etcd: etcdserver: too many operations in txn request" : "OK")
+        << i;
+  }
+  EXPECT_EQ(groups, (std::vector<size_t>{1, 2, 1, 1}));
+  EXPECT_EQ(stored("same"), "c");
+  EXPECT_EQ(stored("big/0"), "-");
+
+  // Batches share groups up to the operation limit, in order.
+  batches.assign({batch_of("h", 1)});
+  for (int i = 0; i < 4; ++i) batches.push_back(same(batch_of("s" + std::to_string(i), 50), std::to_string(i)));
+  results = run(batches);
+  for (const Status& r : results) EXPECT_TRUE(r.ok()) << r.ToString();
+  EXPECT_EQ(groups, (std::vector<size_t>{1, 2, 2}));
+  EXPECT_EQ(stored("same") + stored("s1/49"), "3s1");
+
+  // Another server holds the key: every batch of the group is refused.
+  store::EtcdTxnResult taken;
+  ASSERT_TRUE(client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kDelete, "g/leader", "", 0}}, {}, &taken).ok());
+  ASSERT_TRUE(client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kPut, "g/leader", "other", 0}}, {}, &taken).ok());
+  batches.assign({batch_of("x0", 1), batch_of("x1", 1), batch_of("x2", 1), batch_of("x3", 1)});
+  results = run(batches);
+  for (const Status& r : results) EXPECT_EQ(r.ToString(), "Unavailable: not leader; leadership lost");
+  EXPECT_EQ(groups, (std::vector<size_t>{1, 3}));
+  EXPECT_EQ(stored("x0/0") + stored("x3/0"), "--");
 }
 
 // A call that one member may have received (its answer never came) and
@@ -608,6 +704,85 @@ TEST_F(HaTest, PausedLeaderAnswersNothingAndWritesNothing) {
   // The paused leader stepped down on its own once it ran again.
   EXPECT_TRUE(WaitFor(5000, [&] { return servers.Stderr(old).find("stepped down") != std::string::npos; }))
       << servers.Stderr(old);
+}
+
+// Holds the first call that reaches it (timestamps or identifiers taken
+// on an event loop, not yet answered) until released.
+std::mutex hold_mu;
+std::condition_variable hold_cv;
+int hold_entered = 0;
+bool hold_released = false;
+void HoldFirstCall() {
+  std::unique_lock<std::mutex> lock(hold_mu);
+  if (hold_entered++ > 0) return;
+  hold_cv.notify_all();
+  hold_cv.wait(lock, [] { return hold_released; });
+}
+
+// Timestamps answered on the event loop, with the term checked after they
+// were taken: a loop held right there while its term ends (its key
+// deleted) and another server takes over and answers, answers "not
+// leader" when it goes on, and hands out nothing it took.
+TEST_F(HaTest, LoopHeldPastItsTermAnswersNothing) {
+  testing::EtcdCluster etcd(dir_);
+  ASSERT_TRUE(etcd.Start(1));
+  store::EtcdClient client(etcd.Endpoints(), 2000);
+  struct Server {
+    std::unique_ptr<meta::HaServer> ha;
+    std::unique_ptr<kanrpc::RpcServer> rpc;
+    ~Server() {
+      if (rpc != nullptr) rpc->Stop();
+    }
+  };
+  const auto start = [&](Server* server, const std::string& advertise) {
+    meta::HaOptions options;
+    options.prefix = "kandb/loop/";
+    options.advertise = advertise;
+    options.lease_ms = kLeaseMs;
+    server->ha = std::make_unique<meta::HaServer>(&client, options);
+    server->rpc = std::make_unique<kanrpc::RpcServer>(1);
+    server->ha->RegisterTo(server->rpc.get());
+    ASSERT_TRUE(server->rpc->Start(0, "127.0.0.1").ok());
+    server->ha->Start();
+  };
+  Server a, b;
+  start(&a, "127.0.0.1:1");
+  ASSERT_TRUE(WaitFor(15000, [&] { return a.ha->CurrentRole().leading; }));
+  kanrpc::RpcClient to_a("127.0.0.1:" + std::to_string(a.rpc->port()), Options(1, 30000));
+  pdpb::TsoResponse before;
+  ASSERT_TRUE(to_a.Call("Pd.Tso", pdpb::TsoRequest{1}, &before).ok());
+
+  meta::HaServer::SetFromMemoryHookForTesting(&HoldFirstCall);
+  Status held;
+  std::thread caller([&] {
+    pdpb::TsoResponse ignored;
+    held = to_a.Call("Pd.Tso", pdpb::TsoRequest{1}, &ignored);
+  });
+  {
+    std::unique_lock<std::mutex> lock(hold_mu);
+    EXPECT_TRUE(hold_cv.wait_for(lock, std::chrono::seconds(10), [] { return hold_entered > 0; }));
+  }
+  store::EtcdTxnResult deleted;
+  EXPECT_TRUE(
+      client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kDelete, "kandb/loop/leader", "", 0}}, {}, &deleted).ok());
+  start(&b, "127.0.0.1:2");
+  kanrpc::RpcClient to_b("127.0.0.1:" + std::to_string(b.rpc->port()), Options(1));
+  pdpb::TsoResponse after;
+  const Status served = RetryFor(kLeaseMs + 10000, [&] { return to_b.Call("Pd.Tso", pdpb::TsoRequest{1}, &after); });
+  EXPECT_TRUE(served.ok()) << served.ToString();
+  EXPECT_GT(after.timestamp, before.timestamp);
+  {
+    std::lock_guard<std::mutex> lock(hold_mu);
+    hold_released = true;
+  }
+  hold_cv.notify_all();
+  caller.join();
+  meta::HaServer::SetFromMemoryHookForTesting(nullptr);
+  EXPECT_NE(held.message().find("Unavailable: not leader"), std::string::npos) << held.ToString();
+  // Identifiers from the new term's own mark, on its loop.
+  pdpb::AllocIdResponse ids[2];
+  for (pdpb::AllocIdResponse& id : ids) ASSERT_TRUE(to_b.Call("Pd.AllocId", pdpb::AllocIdRequest{3}, &id).ok());
+  EXPECT_EQ(ids[1].first_id, ids[0].first_id + 3);
 }
 
 // A batch over etcd's operation limit fails whole with etcd's own reason.

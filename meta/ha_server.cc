@@ -156,7 +156,9 @@ class HaServer::Term {
     service_options.write_id_mark = [this](uint64_t mark) { return RaiseMark(kIdAllocKey, mark, &id_mark_revision_); };
     s = PdService::Create(store_.get(), service_options, &service_);
     if (!s.ok()) return s;
-    service_->SetTsoCeiling(floor, [this](uint64_t physical) { return Admit(physical); });
+    service_->SetTsoCeiling(
+        floor, [this](uint64_t physical) { return Admit(physical); },
+        [this](uint64_t physical) { return physical < ceiling_.load(std::memory_order_acquire); });
     return Status::OK();
   }
 
@@ -568,9 +570,8 @@ HaServer::Term* HaServer::Serving(Status* refusal) {
 }
 
 template <class Req, class Resp>
-void HaServer::Bind(kanrpc::RpcServer* server, const char* method,
-                    Status (PdService::*handler)(const Req&, Resp*)) {
-  server->Register<Req, Resp>(method, [this, handler](const Req& req, Resp* resp) {
+std::function<Status(const Req&, Resp*)> HaServer::OnWorker(Status (PdService::*handler)(const Req&, Resp*)) {
+  return [this, handler](const Req& req, Resp* resp) {
     Status refusal;
     Term* const term = Serving(&refusal);
     if (term == nullptr) return refusal;
@@ -582,12 +583,68 @@ void HaServer::Bind(kanrpc::RpcServer* server, const char* method,
     if (!s.ok()) return s;
     *resp = std::move(answer);
     return Status::OK();
-  });
+  };
+}
+
+template <class Req, class Resp>
+void HaServer::Bind(kanrpc::RpcServer* server, const char* method,
+                    Status (PdService::*handler)(const Req&, Resp*)) {
+  server->Register<Req, Resp>(method, OnWorker(handler));
+}
+
+namespace {
+std::atomic<void (*)()> answered_from_memory_hook{nullptr};
+}  // namespace
+
+void HaServer::SetFromMemoryHookForTesting(void (*hook)()) {
+  answered_from_memory_hook.store(hook, std::memory_order_release);
+}
+
+template <class Req, class Resp>
+void HaServer::BindFromMemory(kanrpc::RpcServer* server, const char* method,
+                              Status (PdService::*handler)(const Req&, Resp*),
+                              bool (PdService::*from_memory)(const Req&, Resp*, Status*)) {
+  // On the event loop, which must not wait: the term is found as a worker
+  // finds it (an atomic load of the generation; mu_ only on a change of
+  // term, and mu_ is never held across a call to etcd), and the service
+  // answers only from what the term already persisted. What cannot be so
+  // answered goes to the worker path (OnWorker), which may wait for etcd.
+  server->RegisterTryInline<Req, Resp>(
+      method,
+      [this, from_memory](const Req& req, Resp* resp, Status* status) {
+        Status refusal;
+        Term* const term = Serving(&refusal);
+        if (term == nullptr) {
+          *status = refusal;
+          return true;
+        }
+        Resp answer;
+        Status s;
+        if (!(term->service()->*from_memory)(req, &answer, &s)) return false;
+        if (void (*hook)() = answered_from_memory_hook.load(std::memory_order_acquire)) hook();
+        // Checked again, as on the worker path: a loop paused past the
+        // term's lease or window after the values were taken hands none of
+        // them out; they are skipped, never handed out twice. From this
+        // check to the answer's send the loop runs only its own code: the
+        // margins before the window's and the lease's end (kConfirmMarginMs
+        // and the lease's safety margin) leave room for it, and a new
+        // leader serves only once this term's window has passed.
+        if (!term->Valid()) {
+          *status = NotLeader();
+          return true;
+        }
+        *status = s;
+        if (s.ok()) *resp = std::move(answer);
+        return true;
+      },
+      OnWorker(handler));
 }
 
 void HaServer::RegisterTo(kanrpc::RpcServer* server) {
-  Bind(server, "Pd.Tso", &PdService::Tso);
-  Bind(server, "Pd.AllocId", &PdService::AllocId);
+  // Timestamps below the persisted ceiling and identifiers below the
+  // term's own mark, answered on the loop; the rest on workers.
+  BindFromMemory(server, "Pd.Tso", &PdService::Tso, &PdService::TsoWithoutWaiting);
+  BindFromMemory(server, "Pd.AllocId", &PdService::AllocId, &PdService::AllocIdWithoutWaiting);
   Bind(server, "Pd.Bootstrap", &PdService::Bootstrap);
   Bind(server, "Pd.GetRegion", &PdService::GetRegion);
   Bind(server, "Pd.UpsertRegion", &PdService::UpsertRegion);

@@ -48,10 +48,19 @@
 //
 // A request is served only while the term is valid, checked before the
 // handler runs and again before its answer is given, so that a leader
-// paused past its lease answers nothing it computed.
+// paused past its lease answers nothing it computed. Timestamps below the
+// persisted ceiling and identifiers below the term's own mark are answered
+// on the event loop, with the same two checks: no worker, no etcd call.
+// Between the second check and the answer's send only the loop's own code
+// runs; a new leader serves only once this term's window has passed, and
+// the window ends kConfirmMarginMs early by this server's clock for that
+// step. A loop paused longer than that margin right there (the whole
+// process stopped between the check and the send) is the one case that
+// no check on this server can cover, on the loop as on workers.
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -132,6 +141,12 @@ class HaServer {
   Role CurrentRole() const EXCLUDES(mu_);
   const std::string& advertise() const { return options_.advertise; }
 
+  // For tests that open the window between taking timestamps or
+  // identifiers on the event loop and checking the term again before they
+  // are answered: `hook` runs on the loop in between. Null (the default)
+  // calls nothing; set it while no server answers.
+  static void SetFromMemoryHookForTesting(void (*hook)());
+
   // The servers of the cluster that etcd knows alive: each keeps the key
   // "<prefix>member/<advertise>" (its status address as the value) under a
   // lease of its own, renewed by a thread of its own so that a slow etcd
@@ -150,9 +165,17 @@ class HaServer {
   class Term;
   class TermRouter;
 
+  // A method's handler on a worker thread, within the term's validity.
+  template <class Req, class Resp>
+  std::function<Status(const Req&, Resp*)> OnWorker(Status (PdService::*handler)(const Req&, Resp*));
   template <class Req, class Resp>
   void Bind(kanrpc::RpcServer* server, const char* method,
             Status (PdService::*handler)(const Req&, Resp*));
+  // The same, answered on the event loop by `from_memory` when it can.
+  template <class Req, class Resp>
+  void BindFromMemory(kanrpc::RpcServer* server, const char* method,
+                      Status (PdService::*handler)(const Req&, Resp*),
+                      bool (PdService::*from_memory)(const Req&, Resp*, Status*));
 
   // The term to serve a request with, or null with *refusal set. The term
   // stays alive until this thread asks again: each worker thread keeps

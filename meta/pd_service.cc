@@ -117,38 +117,67 @@ Status PdService::Tso(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp) {
     return Status::InvalidArgument("tso count " + std::to_string(n) + " is over " + std::to_string(kMaxLogical));
   }
   MutexLock lock(&tso_mutex_);
+  Status s;
+  (void)TakeTso(n, /*may_wait=*/true, resp, &s);
+  return s;
+}
+
+bool PdService::TsoWithoutWaiting(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp, Status* status) {
+  const uint64_t n = req.count == 0 ? 1 : req.count;
+  if (n > kMaxLogical) {
+    *status = Status::InvalidArgument("tso count " + std::to_string(n) + " is over " + std::to_string(kMaxLogical));
+    return true;
+  }
+  // The holder may be raising the ceiling through etcd.
+  if (!tso_mutex_.TryLock()) return false;
+  const bool answered = TakeTso(n, /*may_wait=*/false, resp, status);
+  tso_mutex_.Unlock();
+  return answered;
+}
+
+bool PdService::TakeTso(uint64_t n, bool may_wait, pdpb::TsoResponse* resp, Status* status) {
   const uint64_t now = clock_ms_();
   uint64_t physical = tso_physical_;
   uint64_t logical = tso_logical_;
   // A clock that stood still or went backwards keeps the last physical part,
   // so timestamps keep growing.
-  if (tso_physical_ < now) {
-    tso_physical_ = physical = now;
-    tso_logical_ = logical = 0;
+  if (physical < now) {
+    physical = now;
+    logical = 0;
   }
   // A batch may end at logical kMaxLogical - 1 but never uses kMaxLogical;
   // past that it moves to the next millisecond without waiting for the clock.
   if (logical + n > kMaxLogical) {
-    tso_physical_ = ++physical;
-    tso_logical_ = logical = 0;
+    ++physical;
+    logical = 0;
   }
   if (tso_admit_) {
-    Status s = tso_admit_(physical);
-    if (!s.ok()) return s;
+    if (!may_wait) {
+      if (!tso_admitted_ || !tso_admitted_(physical)) return false;
+    } else {
+      Status s = tso_admit_(physical);
+      if (!s.ok()) {
+        *status = s;
+        return true;
+      }
+    }
   }
+  tso_physical_ = physical;
+  tso_logical_ = logical + n;
   resp->timestamp = physical << kLogicalBits | logical;
   resp->count = static_cast<uint32_t>(n);
-  tso_logical_ += n;
-  return Status::OK();
+  *status = Status::OK();
+  return true;
 }
 
-void PdService::SetTsoCeiling(uint64_t floor, TsoAdmit admit) {
+void PdService::SetTsoCeiling(uint64_t floor, TsoAdmit admit, std::function<bool(uint64_t)> admitted) {
   MutexLock lock(&tso_mutex_);
   if (tso_physical_ < floor) {
     tso_physical_ = floor;
     tso_logical_ = 0;
   }
   tso_admit_ = std::move(admit);
+  tso_admitted_ = std::move(admitted);
 }
 
 Status PdService::AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp) {
@@ -192,6 +221,25 @@ Status PdService::AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse
   resp->count = static_cast<uint32_t>(n);
   next_id_ = end;
   return Status::OK();
+}
+
+bool PdService::AllocIdWithoutWaiting(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp,
+                                      Status* status) {
+  // Only a service that trusts its own mark answers from memory; the
+  // holder of the counter may be writing the mark.
+  if (!own_id_marks_) return false;
+  if (!id_mutex_.TryLock()) return false;
+  const uint64_t n = req.count == 0 ? 1 : req.count;
+  const uint64_t end = next_id_ + n;
+  const bool answered = end <= written_mark_;
+  if (answered) {
+    resp->first_id = next_id_;
+    resp->count = static_cast<uint32_t>(n);
+    next_id_ = end;
+    *status = Status::OK();
+  }
+  id_mutex_.Unlock();
+  return answered;
 }
 
 Status PdService::WriteIdMark(uint64_t mark) {

@@ -101,6 +101,15 @@ class PdService {
   // written, or is damaged.
   Status AllocId(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp)
       EXCLUDES(id_mutex_);
+  // The same two answers from memory alone, for a caller that must not
+  // wait (an event loop): true with *status (and *resp on OK) when
+  // answered; false, having handed out nothing, when only the waiting form
+  // can answer: another batch holds the counter, the timestamp ceiling
+  // would have to be raised first, or the identifier mark written.
+  bool TsoWithoutWaiting(const pdpb::TsoRequest& req, pdpb::TsoResponse* resp, Status* status)
+      EXCLUDES(tso_mutex_);
+  bool AllocIdWithoutWaiting(const pdpb::AllocIdRequest& req, pdpb::AllocIdResponse* resp, Status* status)
+      EXCLUDES(id_mutex_);
 
   // Records the first store and regions, or on an existing cluster only the
   // caller's store record. Fails when the write fails, in both cases.
@@ -233,9 +242,12 @@ class PdService {
   // `floor` is where the physical part starts (the ceiling a previous leader
   // persisted), so timestamps never repeat across leaders. Set once, before
   // the methods are registered. Unset, as on the embedded server, Tso is
-  // unchanged.
+  // unchanged. `admitted` tells, without waiting, whether the ceiling
+  // already admits a physical part (TsoWithoutWaiting); without it only
+  // Tso answers.
   using TsoAdmit = std::function<Status(uint64_t physical)>;
-  void SetTsoCeiling(uint64_t floor, TsoAdmit admit) EXCLUDES(tso_mutex_);
+  void SetTsoCeiling(uint64_t floor, TsoAdmit admit, std::function<bool(uint64_t physical)> admitted = nullptr)
+      EXCLUDES(tso_mutex_);
 
   // The live statistics: the counters of `server`, of the store's engine
   // (absent on etcd) and of routing. Reads only counters and sizes; never
@@ -265,6 +277,9 @@ class PdService {
   static Status ReadIdMark(store::MetaStore* store, uint64_t* mark);
   // Persists `mark` as the identifier high-water mark.
   Status WriteIdMark(uint64_t mark) REQUIRES(id_mutex_);
+  // One timestamp batch of n; with `may_wait` false, false (nothing
+  // handed out) when the ceiling does not admit it already.
+  bool TakeTso(uint64_t n, bool may_wait, pdpb::TsoResponse* resp, Status* status) REQUIRES(tso_mutex_);
 
   // The stale-replica commands of a heartbeat from a read of each region's
   // record (appended to *commands), where the routing index cannot tell.
@@ -351,6 +366,7 @@ class PdService {
   uint64_t tso_physical_ GUARDED_BY(tso_mutex_) = 0;  // ms of the last batch
   uint64_t tso_logical_ GUARDED_BY(tso_mutex_) = 0;   // next free logical value in it
   TsoAdmit tso_admit_ GUARDED_BY(tso_mutex_);         // null: no ceiling
+  std::function<bool(uint64_t)> tso_admitted_ GUARDED_BY(tso_mutex_);
 
   // Per region id, the store that reported it last: the load figure that
   // leader balancing compares. Only the heartbeat handler writes it; the

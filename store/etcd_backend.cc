@@ -54,6 +54,7 @@ Status EtcdBackend::Write(const lsm::WriteBatch& batch) {
   queue_mu_.Unlock();
   std::vector<const lsm::WriteBatch*> batches;
   for (Writer* w : group) batches.push_back(w->batch);
+  if (group_hook_) group_hook_(group.size());
   Status s = Apply(batches);
   if (s.IsInvalidArgument() && group.size() > 1) {
     // Refused as a whole: each batch alone gets its own answer.

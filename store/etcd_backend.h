@@ -20,7 +20,9 @@
 // and those queued behind it as one transaction (each batch stays atomic,
 // and they apply in queue order), so that etcd sees one request where it
 // would see many. A group that etcd refuses as too large is sent again one
-// batch at a time, so that each batch gets its own answer.
+// batch at a time, so that each batch gets its own answer. A group whose
+// answer never came is one unknown outcome for all of its batches: each
+// gets the same failure, and the observer hears of it once.
 
 #include <cstdint>
 #include <deque>
@@ -96,6 +98,17 @@ class EtcdBackend final : public MetaBackend {
   Status PutIfUnchanged(const std::string& key, const std::string& value, int64_t expected, bool* written,
                         int64_t* revision);
 
+  // For tests that fill the queue behind a transaction in flight: `hook`
+  // runs on each group's leader, with the number of batches in the group,
+  // before the group is sent (without the queue's lock). Set while no
+  // write runs.
+  void SetGroupHookForTesting(std::function<void(size_t batches)> hook) { group_hook_ = std::move(hook); }
+  // The writers in line, the one leading included.
+  size_t QueuedForTesting() EXCLUDES(queue_mu_) {
+    MutexLock lock(&queue_mu_);
+    return queue_.size();
+  }
+
  private:
   // One Write call waiting in, or leading, the queue; on the caller's stack.
   struct Writer {
@@ -124,6 +137,7 @@ class EtcdBackend final : public MetaBackend {
   // Called by a group's leader, for each batch etcd committed, in order;
   // one group commits at a time, so the hook sees the commit order.
   ApplyHook hook_ GUARDED_BY(queue_mu_);
+  std::function<void(size_t)> group_hook_;  // tests only; set while no write runs
 };
 
 // The etcd key prefix of a cluster's records.
