@@ -282,11 +282,14 @@ Status FrameReader::ReadAvailable(Frame* frame, bool* got) {
     size_t need = 0;
     Status s = TakeBuffered(frame, got, &need);
     if (!s.ok() || *got) return s;
+    if (drained_) return Status::OK();
     MakeRoom(need);
+    const size_t room = capacity_ - end_;
     size_t got = 0;
-    s = transport_->Recv(buf_ + end_, capacity_ - end_, &got);
+    s = transport_->Recv(buf_ + end_, room, &got);
     if (!s.ok() || got == 0) return s;
     end_ += got;
+    if (track_readiness_ && got < room && transport_->short_recv_drains()) drained_ = true;
   }
 }
 

@@ -127,6 +127,15 @@ class FrameReader {
   // reader's own, and releases that buffer once nothing in it is unread.
   void Park();
 
+  // For a socket watched by edge-triggered readiness: once a receive took
+  // less than it asked of a transport whose short receives drain it,
+  // ReadAvailable returns no further frame without a receive (which would
+  // only find the socket empty) until MarkReadable, which the watcher
+  // calls on every readiness event of the socket. A frame that is then
+  // incomplete waits for the event that its next bytes bring.
+  void TrackReadiness() { track_readiness_ = true; }
+  void MarkReadable() { drained_ = false; }
+
   // Bytes received but not yet returned as part of a frame.
   size_t buffered() const { return end_ - start_; }
   // Size of the receive buffer the reader owns (a shared scratch is not
@@ -162,6 +171,8 @@ class FrameReader {
   size_t own_capacity_ = 0;
   char* scratch_ = nullptr;
   size_t scratch_size_ = 0;
+  bool track_readiness_ = false;
+  bool drained_ = false;  // see TrackReadiness
 };
 
 // Reads one frame without reading ahead (see FrameReader).

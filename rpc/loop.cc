@@ -120,6 +120,7 @@ void RpcServer::Loop::DrainInbox() {
     }
     auto* connection = new Connection(fd, std::move(transport), this);
     connection->reader.ShareScratch(scratch_.get(), kScratchSize);
+    connection->reader.TrackReadiness();
     if (shared_->tls != nullptr) {
       connection->handshaking = true;
       connection->handshake_deadline = Clock::now() + std::chrono::milliseconds(shared_->handshake_timeout_ms);
@@ -128,7 +129,8 @@ void RpcServer::Loop::DrainInbox() {
     shared_->open_connections.fetch_add(1, std::memory_order_relaxed);
     connections_.insert(connection);
     struct epoll_event event = {};
-    // Edge-triggered: the loop reads until the socket would block, or
+    // Edge-triggered: the loop reads until the socket would block (or a
+    // receive came back short, which says as much; see TrackReadiness), or
     // remembers the connection on its ready list, so no edge is lost.
     event.events = EPOLLIN | EPOLLOUT | EPOLLET;
     event.data.ptr = connection;
@@ -220,9 +222,12 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
         DrainInbox();
         continue;
       }
+      if (connection->dead) continue;
+      // Whatever the event, bytes may have come since the last receive.
+      connection->reader.MarkReadable();
       // A connection in a call sends nothing until it is answered: what
       // came before the call was handed to the socket before it began.
-      if (connection->dead || connection->calling) continue;
+      if (connection->calling) continue;
       if (!connection->out.empty() && !Flush(connection)) continue;
       if (connection->may_read()) Serve(connection);
     }
