@@ -132,9 +132,15 @@ class FrameReader {
   // ReadAvailable returns no further frame without a receive (which would
   // only find the socket empty) until MarkReadable, which the watcher
   // calls on every readiness event of the socket. A frame that is then
-  // incomplete waits for the event that its next bytes bring.
+  // incomplete waits for the event that its next bytes bring. A short
+  // receive says nothing of a close already queued behind the bytes: once
+  // an event tells the peer closed or failed (`peer_closed`), every read
+  // goes on until the socket says so.
   void TrackReadiness() { track_readiness_ = true; }
-  void MarkReadable() { drained_ = false; }
+  void MarkReadable(bool peer_closed) {
+    drained_ = false;
+    if (peer_closed) track_readiness_ = false;
+  }
 
   // Bytes received but not yet returned as part of a frame.
   size_t buffered() const { return end_ - start_; }

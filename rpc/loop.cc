@@ -132,7 +132,7 @@ void RpcServer::Loop::DrainInbox() {
     // Edge-triggered: the loop reads until the socket would block (or a
     // receive came back short, which says as much; see TrackReadiness), or
     // remembers the connection on its ready list, so no edge is lost.
-    event.events = EPOLLIN | EPOLLOUT | EPOLLET;
+    event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
     event.data.ptr = connection;
     if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event) != 0) {
       ReportFault("accept", "cannot watch a connection: " + ErrnoText(errno));
@@ -224,7 +224,7 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
       }
       if (connection->dead) continue;
       // Whatever the event, bytes may have come since the last receive.
-      connection->reader.MarkReadable();
+      connection->reader.MarkReadable((events[i].events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0);
       // A connection in a call sends nothing until it is answered: what
       // came before the call was handed to the socket before it began.
       if (connection->calling) continue;
