@@ -132,11 +132,52 @@ void FrameReader::Reset(int fd) {
 void FrameReader::Reset(Transport* transport) {
   if (transport != own_transport_.get()) own_transport_.reset();
   transport_ = transport;
+  StartOver();
+}
+
+void FrameReader::StartOver() {
   start_ = end_ = 0;
-  if (capacity_ > kKeepCapacity) {
-    buf_.reset();
-    capacity_ = 0;
+  if (own_capacity_ > kKeepCapacity) {
+    own_.reset();
+    own_capacity_ = 0;
   }
+  if (scratch_ != nullptr) {
+    buf_ = scratch_;
+    capacity_ = scratch_size_;
+  } else {
+    buf_ = own_.get();
+    capacity_ = own_capacity_;
+  }
+}
+
+void FrameReader::ShareScratch(char* scratch, size_t size) {
+  scratch_ = scratch;
+  scratch_size_ = size;
+  if (start_ == end_) StartOver();
+}
+
+void FrameReader::Park() {
+  if (scratch_ == nullptr) return;
+  const size_t have = end_ - start_;
+  if (have == 0) {
+    // Between requests a connection keeps no receive buffer.
+    own_.reset();
+    own_capacity_ = 0;
+    StartOver();
+    return;
+  }
+  if (buf_ != scratch_) return;
+  // A partial frame, or frames left for the connection's next turn: room
+  // for the rest of a small frame, so that it does not grow at once.
+  if (own_capacity_ < have) {
+    own_capacity_ = std::max(have, kInitialCapacity);
+    own_ = std::make_unique_for_overwrite<char[]>(own_capacity_);
+  }
+  std::memcpy(own_.get(), buf_ + start_, have);
+  buf_ = own_.get();
+  capacity_ = own_capacity_;
+  start_ = 0;
+  end_ = have;
 }
 
 void FrameReader::MakeRoom(size_t need) {
@@ -144,17 +185,20 @@ void FrameReader::MakeRoom(size_t need) {
   const size_t have = end_ - start_;
   if (start_ > 0) {
     // The unread tail of the buffer slides to the front.
-    std::memmove(buf_.get(), buf_.get() + start_, have);
+    std::memmove(buf_, buf_ + start_, have);
     start_ = 0;
     end_ = have;
     if (end_ < capacity_) return;
   }
   // Full of unread bytes: grow, at most doubling, so that memory follows what
-  // the peer actually sent rather than what it announced.
+  // the peer actually sent rather than what it announced. A full scratch
+  // moves into a buffer of the reader's own.
   const size_t new_capacity = std::max(kInitialCapacity, std::min(need, capacity_ * 2));
   auto grown = std::make_unique_for_overwrite<char[]>(new_capacity);
-  if (have > 0) std::memcpy(grown.get(), buf_.get(), have);
-  buf_ = std::move(grown);
+  if (have > 0) std::memcpy(grown.get(), buf_, have);
+  own_ = std::move(grown);
+  own_capacity_ = new_capacity;
+  buf_ = own_.get();
   capacity_ = new_capacity;
 }
 
@@ -164,7 +208,7 @@ Status FrameReader::Fill(size_t need, int timeout_ms) {
     size_t room = capacity_ - end_;
     if (!read_ahead_) room = std::min(room, need - (end_ - start_));
     size_t got = 0;
-    Status s = transport_->Recv(buf_.get() + end_, room, &got);
+    Status s = transport_->Recv(buf_ + end_, room, &got);
     if (s.ok() && got == 0) s = WaitTransport(*transport_, timeout_ms);
     if (!s.ok()) return s;
     end_ += got;
@@ -207,17 +251,12 @@ Status ParseFrame(const char* p, size_t n, Frame* frame, size_t* size, size_t* n
 }
 
 void FrameReader::ReleaseIfDrained() {
-  if (start_ != end_) return;
-  start_ = end_ = 0;
-  if (capacity_ > kKeepCapacity) {
-    buf_.reset();
-    capacity_ = 0;
-  }
+  if (start_ == end_) StartOver();
 }
 
 Status FrameReader::TakeBuffered(Frame* frame, bool* got, size_t* need) {
   size_t size = 0;
-  Status s = ParseFrame(buf_.get() + start_, end_ - start_, frame, &size, need);
+  Status s = ParseFrame(buf_ + start_, end_ - start_, frame, &size, need);
   *got = s.ok() && size > 0;
   if (*got) start_ += size;
   return s;
@@ -243,11 +282,14 @@ Status FrameReader::ReadAvailable(Frame* frame, bool* got) {
     size_t need = 0;
     Status s = TakeBuffered(frame, got, &need);
     if (!s.ok() || *got) return s;
+    if (drained_) return Status::OK();
     MakeRoom(need);
+    const size_t room = capacity_ - end_;
     size_t got = 0;
-    s = transport_->Recv(buf_.get() + end_, capacity_ - end_, &got);
+    s = transport_->Recv(buf_ + end_, room, &got);
     if (!s.ok() || got == 0) return s;
     end_ += got;
+    if (track_readiness_ && got < room && transport_->short_recv_drains()) drained_ = true;
   }
 }
 

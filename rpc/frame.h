@@ -116,10 +116,37 @@ class FrameReader {
   void Reset(int fd);
   void Reset(Transport* transport);
 
+  // For a server whose one thread serves many connections: from now on
+  // ReadAvailable receives into `scratch` (`size` bytes, shared by every
+  // reader that thread serves, and outliving this reader) whenever the
+  // reader holds no unread byte, so that a connection between requests
+  // holds no receive buffer at all. The thread must Park this reader before
+  // another reader uses the scratch.
+  void ShareScratch(char* scratch, size_t size);
+  // Moves the unread bytes left in the scratch into a buffer of the
+  // reader's own, and releases that buffer once nothing in it is unread.
+  void Park();
+
+  // For a socket watched by edge-triggered readiness: once a receive took
+  // less than it asked of a transport whose short receives drain it,
+  // ReadAvailable returns no further frame without a receive (which would
+  // only find the socket empty) until MarkReadable, which the watcher
+  // calls on every readiness event of the socket. A frame that is then
+  // incomplete waits for the event that its next bytes bring. A short
+  // receive says nothing of a close already queued behind the bytes: once
+  // an event tells the peer closed or failed (`peer_closed`), every read
+  // goes on until the socket says so.
+  void TrackReadiness() { track_readiness_ = true; }
+  void MarkReadable(bool peer_closed) {
+    drained_ = false;
+    if (peer_closed) track_readiness_ = false;
+  }
+
   // Bytes received but not yet returned as part of a frame.
   size_t buffered() const { return end_ - start_; }
-  // Current size of the receive buffer, for tests of the growth policy.
-  size_t capacity() const { return capacity_; }
+  // Size of the receive buffer the reader owns (a shared scratch is not
+  // counted), for tests of the growth and release policy.
+  size_t capacity() const { return own_capacity_; }
 
  private:
   // Receives until at least `need` unread bytes are buffered.
@@ -132,15 +159,26 @@ class FrameReader {
   void ReleaseIfDrained();
   // Makes free space after end_, compacting or growing towards `need`.
   void MakeRoom(size_t need);
+  // With nothing unread: receives next into the scratch, if shared, else
+  // into the reader's own buffer.
+  void StartOver();
 
   // The plain socket's, when the reader was given one.
   std::unique_ptr<Transport> own_transport_;
   Transport* transport_;
   const bool read_ahead_;
-  std::unique_ptr<char[]> buf_;
+  // The buffer bytes are received into: the reader's own, or the shared
+  // scratch (only between a ShareScratch and the next Park).
+  char* buf_ = nullptr;
   size_t capacity_ = 0;
   size_t start_ = 0;  // first unread byte
   size_t end_ = 0;    // one past the last received byte
+  std::unique_ptr<char[]> own_;
+  size_t own_capacity_ = 0;
+  char* scratch_ = nullptr;
+  size_t scratch_size_ = 0;
+  bool track_readiness_ = false;
+  bool drained_ = false;  // see TrackReadiness
 };
 
 // Reads one frame without reading ahead (see FrameReader).

@@ -120,6 +120,45 @@ TEST(FrameTest, ZeroTimeoutOnIdleSocket) {
   EXPECT_LE(reader.capacity(), 16u * 1024);
 }
 
+// A reader lent a shared scratch owns no buffer between frames: only the
+// bytes of a partial frame, or of frames not yet taken, are parked in one
+// of its own, and the frames come out whole whichever buffer held them.
+TEST(FrameTest, SharedScratchLeavesAnIdleReaderWithoutBuffer) {
+  SocketPair pair = MakeSocketPair();
+  std::vector<char> scratch(64);
+  FrameReader reader(pair.b.fd());
+  reader.ShareScratch(scratch.data(), scratch.size());
+  const std::string small = BuildFrame(FrameType::kRequest, 1, "M", "a");
+  const std::string large = BuildFrame(FrameType::kRequest, 2, "M", std::string(200, 'b'));
+  auto read = [&reader](uint64_t id) {
+    Frame f;
+    bool got = false;
+    ASSERT_TRUE(reader.ReadAvailable(&f, &got).ok());
+    ASSERT_TRUE(got);
+    EXPECT_EQ(f.request_id, id);
+  };
+  SendAllOrDie(pair.a.fd(), small + small.substr(0, 10));
+  read(1);
+  reader.Park();  // the partial second frame moves out of the scratch
+  EXPECT_EQ(reader.buffered(), 10u);
+  EXPECT_GT(reader.capacity(), 0u);
+  std::fill(scratch.begin(), scratch.end(), 'x');  // another reader's turn
+  SendAllOrDie(pair.a.fd(), small.substr(10) + small);
+  read(1);
+  read(1);
+  reader.Park();
+  EXPECT_EQ(reader.capacity(), 0u);
+  SendAllOrDie(pair.a.fd(), large);
+  read(2);  // larger than the scratch
+  reader.Park();
+  EXPECT_EQ(reader.buffered(), 0u);
+  EXPECT_EQ(reader.capacity(), 0u);
+  Frame f;
+  bool got = true;
+  ASSERT_TRUE(reader.ReadAvailable(&f, &got).ok());
+  EXPECT_FALSE(got);
+}
+
 std::atomic<int> g_sigpipes{0};
 
 // SIGPIPE is counted, not ignored; a plain send afterwards shows the count moves.

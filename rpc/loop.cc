@@ -22,6 +22,12 @@ namespace {
 
 // Readiness events taken from the kernel per wait.
 constexpr int kEventsPerWait = 256;
+// The loop's receive buffer: frames a client sends back to back arrive in
+// one receive as long as they fit.
+constexpr size_t kScratchSize = 64 * 1024;
+// A connection's answer buffer is kept for the next batch up to this size;
+// a larger one (a large answer, a long stalled batch) is released once sent.
+constexpr size_t kKeepOutCapacity = 4 * 1024;
 
 }  // namespace
 
@@ -37,6 +43,7 @@ RpcServer::Loop::~Loop() {
 }
 
 Status RpcServer::Loop::Open() {
+  scratch_ = std::make_unique_for_overwrite<char[]>(kScratchSize);
   epoll_fd_ = epoll_create1(EPOLL_CLOEXEC);
   if (epoll_fd_ < 0) return Status::Corruption("epoll_create1 failed: " + ErrnoText(errno));
   wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -111,21 +118,21 @@ void RpcServer::Loop::DrainInbox() {
       close(fd);
       continue;
     }
-    auto* connection = new Connection(fd, std::move(transport), this, shared_->methods.size());
+    auto* connection = new Connection(fd, std::move(transport), this);
+    connection->reader.ShareScratch(scratch_.get(), kScratchSize);
+    connection->reader.TrackReadiness();
     if (shared_->tls != nullptr) {
       connection->handshaking = true;
       connection->handshake_deadline = Clock::now() + std::chrono::milliseconds(shared_->handshake_timeout_ms);
       ++handshakes_;
     }
-    {
-      MutexLock lock(&shared_->mu);
-      shared_->connections.emplace(fd, connection);
-    }
+    shared_->open_connections.fetch_add(1, std::memory_order_relaxed);
     connections_.insert(connection);
     struct epoll_event event = {};
-    // Edge-triggered: the loop reads until the socket would block, or
+    // Edge-triggered: the loop reads until the socket would block (or a
+    // receive came back short, which says as much; see TrackReadiness), or
     // remembers the connection on its ready list, so no edge is lost.
-    event.events = EPOLLIN | EPOLLOUT | EPOLLET;
+    event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
     event.data.ptr = connection;
     if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event) != 0) {
       ReportFault("accept", "cannot watch a connection: " + ErrnoText(errno));
@@ -175,7 +182,7 @@ void RpcServer::Loop::ServeTurns() {
   turn_.swap(ready_);
   for (Connection* connection : turn_) {
     connection->ready = false;
-    if (!connection->dead && !connection->calling && connection->out.empty()) Serve(connection);
+    if (!connection->dead && connection->may_read()) Serve(connection);
   }
   turn_.clear();
 }
@@ -215,9 +222,14 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
         DrainInbox();
         continue;
       }
-      if (connection->dead || connection->calling) continue;
+      if (connection->dead) continue;
+      // Whatever the event, bytes may have come since the last receive.
+      connection->reader.MarkReadable((events[i].events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0);
+      // A connection in a call sends nothing until it is answered: what
+      // came before the call was handed to the socket before it began.
+      if (connection->calling) continue;
       if (!connection->out.empty() && !Flush(connection)) continue;
-      if (connection->out.empty()) Serve(connection);
+      if (connection->may_read()) Serve(connection);
     }
     ServeTurns();
     FinishLocalAnswers();
@@ -250,32 +262,57 @@ void RpcServer::Loop::Serve(Connection* connection) {
     connection->round = round_;
     connection->frames_left = kFramesPerTurn;
   }
-  while (!connection->calling && connection->out.empty()) {
-    if (stop_seen_) {
-      Close(connection);
-      return;
-    }
-    if (connection->frames_left == 0) {
-      if (!connection->ready) {
-        connection->ready = true;
-        ready_.push_back(connection);
+  // One batch: every frame the receive brought (up to the budget) is
+  // answered into `out`, and the lot is sent at the end. Between the read
+  // of a frame and the send of its answer the loop answers the frames
+  // after it in the batch, at most kFramesPerTurn, and nothing else: the
+  // peer sees none of the batch's answers before the send, other
+  // connections and answers posted by other threads wait for the batch's
+  // end, and bytes the peer sends meanwhile are read in this batch if the
+  // reader runs short of frames before the budget does, else in the next.
+  // A call that stays in flight ends the batch after the answers before it
+  // were sent. A stopping loop reads no further request. A batch whose
+  // answers reached kUnsentReadLimit is sent at once; should the socket
+  // take enough of it, reading goes on within the budget (no readiness
+  // event would come back for the frames already received).
+  bool unreadable = false;
+  for (;;) {
+    bool full = false;
+    while (!stop_seen_) {
+      if (!connection->may_read()) {
+        full = !connection->calling;
+        break;
       }
-      return;
+      if (connection->frames_left == 0) {
+        if (!connection->ready) {
+          connection->ready = true;
+          ready_.push_back(connection);
+        }
+        break;
+      }
+      bool got = false;
+      if (!connection->reader.ReadAvailable(&connection->request, &got).ok()) {
+        unreadable = true;
+        break;
+      }
+      if (!got) break;
+      --connection->frames_left;
+      if (!StartCall(connection)) break;
+      FinishCall(connection);
     }
-    bool got = false;
-    // A frame that cannot be read leaves the stream at an unknown position,
-    // so the connection is dropped without an answer. No time-out: an idle
-    // client may keep its connection as long as it likes.
-    if (!connection->reader.ReadAvailable(&connection->request, &got).ok()) {
-      Close(connection);
-      return;
-    }
-    if (!got) return;
-    --connection->frames_left;
-    if (!StartCall(connection)) return;
-    FinishCall(connection);
     if (connection->dead) return;
+    // In a call, what came before it was sent as the call began.
+    if (connection->calling) break;
+    if (!connection->out.empty() && !Flush(connection)) return;
+    if (!full || !connection->may_read()) break;
   }
+  connection->reader.Park();
+  // A frame that cannot be read (or the peer's close) leaves the stream at
+  // an unknown position: it is never answered, and the connection is
+  // dropped once the answers before it were sent. Should the socket not
+  // take them at once, the read after they went fails the same way. No
+  // time-out: an idle client may keep its connection as long as it likes.
+  if ((unreadable || stop_seen_) && !connection->calling && connection->out.empty()) Close(connection);
 }
 
 void RpcServer::Loop::CountRefused() {
@@ -334,6 +371,9 @@ bool RpcServer::Loop::StartCall(Connection* connection) {
       connection->response.clear();
       break;
     case Kind::kAsync:
+      // The answers before the call go out before it waits (for a sync,
+      // say), rather than behind it.
+      if (!connection->out.empty() && !Flush(connection)) return false;
       connection->calling = true;
       ++calls_in_flight_;
       started_async_ = true;
@@ -343,6 +383,7 @@ bool RpcServer::Loop::StartCall(Connection* connection) {
     case Kind::kUnknown:
       break;
   }
+  if (!connection->out.empty() && !Flush(connection)) return false;
   if (!shared_->workers->Submit(keep_, connection)) {
     connection->status = Status::Corruption("kanrpc: cannot start a worker thread");
     return true;
@@ -357,26 +398,19 @@ void RpcServer::Loop::FinishCall(Connection* connection) {
   const Frame& request = connection->request;
   const Shared::Method* method = connection->method;
   if (method == nullptr) {
-    connection->counters.CountUnknownMethod();
+    counters_->CountUnknownMethod();
     AppendFrame(&connection->out, FrameType::kError, request.request_id, request.method,
                 "unknown method: " + request.method);
+    return;
+  }
+  counters_->CountCall(method->index, connection->status.code());
+  if (connection->status.ok()) {
+    AppendFrame(&connection->out, FrameType::kResponse, request.request_id, request.method, connection->response);
   } else {
-    connection->counters.CountCall(method->index, connection->status.code());
-    if (connection->status.ok()) {
-      AppendFrame(&connection->out, FrameType::kResponse, request.request_id, request.method,
-                  connection->response);
-    } else {
-      AppendFrame(&connection->out, FrameType::kError, request.request_id, request.method,
-                  connection->status.ToString());
-    }
+    AppendFrame(&connection->out, FrameType::kError, request.request_id, request.method,
+                connection->status.ToString());
   }
-  if (!Flush(connection)) return;
-  if (method != nullptr) {
-    connection->counters.CountLatency(
-        method->index,
-        static_cast<uint64_t>(
-            std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - connection->began).count()));
-  }
+  batch_.push_back({method->index, connection->began});
 }
 
 bool RpcServer::Loop::Flush(Connection* connection) {
@@ -392,15 +426,37 @@ bool RpcServer::Loop::Flush(Connection* connection) {
       connection->out_done += sent;
       continue;
     }
-    // The peer is not reading; the clock runs from the first refusal.
+    // The peer is not reading; the clock runs from the first refusal. The
+    // calls whose answers wait are counted once the socket took them all.
     if (connection->write_deadline == Clock::time_point()) {
       connection->write_deadline = Clock::now() + std::chrono::milliseconds(kWriteTimeoutMs);
       ++stalled_writers_;
     }
+    connection->unsent.insert(connection->unsent.end(), batch_.begin(), batch_.end());
+    batch_.clear();
+    // Answers are appended while earlier ones wait: the sent part goes, so
+    // that a peer reading slowly but never quite catching up does not grow
+    // the buffer for ever.
+    if (connection->out_done >= kUnsentReadLimit) {
+      out.erase(0, connection->out_done);
+      connection->out_done = 0;
+    }
     return true;
   }
-  // A large answer must not pin its size until the next one.
-  if (out.capacity() > (1u << 20)) {
+  const Clock::time_point now = Clock::now();
+  auto count = [this, now](const UnsentAnswer& answer) {
+    counters_->CountLatency(
+        answer.method,
+        static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now - answer.began).count()));
+  };
+  if (!connection->unsent.empty()) {
+    for (const UnsentAnswer& answer : connection->unsent) count(answer);
+    std::vector<UnsentAnswer>().swap(connection->unsent);
+  }
+  for (const UnsentAnswer& answer : batch_) count(answer);
+  batch_.clear();
+  // A large answer or batch must not pin its size while the connection idles.
+  if (out.capacity() > kKeepOutCapacity) {
     std::string().swap(out);
   } else {
     out.clear();
@@ -416,11 +472,9 @@ void RpcServer::Loop::Close(Connection* connection) {
   connection->dead = true;
   if (connection->write_deadline != Clock::time_point()) --stalled_writers_;
   if (connection->handshaking) --handshakes_;
-  {
-    MutexLock lock(&shared_->mu);
-    shared_->connections.erase(connection->fd);
-    connection->counters.AddTo(&shared_->ended);
-  }
+  shared_->open_connections.fetch_sub(1, std::memory_order_relaxed);
+  // Only the connection being served has answers in the batch.
+  batch_.clear();
   // Removed from the epoll set by the close; freed at the end of the round,
   // since events of this round may still name it (see FreeClosed).
   close(connection->fd);
@@ -449,7 +503,9 @@ bool RpcServer::Loop::CloseOnStop(Clock::time_point now) {
 void RpcServer::Loop::DropStalled(Clock::time_point now) {
   std::vector<Connection*> stalled;
   for (Connection* connection : connections_) {
-    if ((!connection->out.empty() && connection->write_deadline != Clock::time_point() &&
+    // One in a call is closed, if still stalled, once answered: the
+    // answering thread holds it until then.
+    if ((!connection->calling && !connection->out.empty() && connection->write_deadline != Clock::time_point() &&
          now >= connection->write_deadline) ||
         (connection->handshaking && now >= connection->handshake_deadline)) {
       stalled.push_back(connection);

@@ -11,11 +11,10 @@
 #include "common/mutex.h"
 #include "common/status.h"
 #include "common/thread_annotations.h"
+#include "rpc/connection.h"
 #include "rpc/server_shared.h"
 
 namespace kandb::kanrpc {
-
-struct Connection;
 
 // See RpcServer::SetAnswerPostedHookForTesting; one relaxed load per answer.
 extern std::atomic<void (*)()> answer_posted_hook;
@@ -29,7 +28,11 @@ class RpcServer::Loop {
   ~Loop();
 
   Status Open();
-  void Start(std::shared_ptr<Shared> shared) { thread_ = std::thread(&Loop::Run, this, std::move(shared)); }
+  // `counters` (the loop's own, kept by Shared) count every call it serves.
+  void Start(std::shared_ptr<Shared> shared, CallCounters* counters) {
+    counters_ = counters;
+    thread_ = std::thread(&Loop::Run, this, std::move(shared));
+  }
   void Join() {
     if (thread_.joinable()) thread_.join();
   }
@@ -64,16 +67,20 @@ class RpcServer::Loop {
   void ServeTurns();
   // Frees the connections closed in this round that nothing names any more.
   void FreeClosed();
-  // Reads and serves frames until a call stays in flight, the socket has
-  // nothing more, or the connection's budget for this round is spent (it
-  // is then served again next round).
+  // Reads and answers a batch of frames: until a call stays in flight, the
+  // socket has nothing more, the connection's budget for this round is
+  // spent (it is then served again next round) or its unsent answers
+  // reach kUnsentReadLimit; then sends the batch's answers at once.
   void Serve(Connection* connection);
   // Starts the call of the frame just read; true when it was answered at
-  // once (kInline, unknown method), false when it stays in flight.
+  // once (kInline, unknown method), false when it stays in flight (the
+  // answers before it sent first) or the connection was closed.
   bool StartCall(Connection* connection);
-  // Frames the answer, counts the call and sends what the socket takes.
+  // Frames the answer into `out` and counts the call; the send is left to
+  // the end of the batch.
   void FinishCall(Connection* connection);
-  // Sends pending answers; false when the connection was closed.
+  // Sends pending answers, and counts the latency of the calls whose
+  // answers the socket took; false when the connection was closed.
   bool Flush(Connection* connection);
   void Close(Connection* connection);
   // After Stop: closes every connection with no call in flight and no
@@ -91,6 +98,7 @@ class RpcServer::Loop {
 
   Shared* const shared_;
   std::shared_ptr<Shared> keep_;  // set by Run: Workers::Submit needs it
+  CallCounters* counters_ = nullptr;  // set by Start; written by the loop thread only
   int epoll_fd_ = -1;
   int wake_fd_ = -1;
   std::thread thread_;
@@ -129,6 +137,12 @@ class RpcServer::Loop {
   std::vector<Connection*> closed_;
   std::vector<Connection*> inbox_;  // answered calls taken from answered_
   std::vector<int> new_fds_;
+  // Lent to the reader of the connection being served (see
+  // FrameReader::ShareScratch): one receive takes every frame that came.
+  std::unique_ptr<char[]> scratch_;
+  // The calls of the connection being served answered into its `out` since
+  // its last send, in order; empty outside Serve and FinishAnswered.
+  std::vector<UnsentAnswer> batch_;
   size_t calls_in_flight_ = 0;
   // Connections whose answers wait for the peer to read (write_deadline
   // set), so that an idle loop need not look at every connection.

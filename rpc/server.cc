@@ -114,13 +114,18 @@ Status RpcServer::Start(int port, const std::string& bind_addr) {
   }
   listen_fd_.store(fd);
   shared_->started = Clock::now();
+  std::vector<CallCounters*> counters;
   {
     MutexLock lock(&shared_->mu);
     shared_->ended.methods.resize(shared_->methods.size());
     for (const auto& [name, entry] : shared_->methods) shared_->ended.methods[entry.index].method = name;
+    for (size_t i = 0; i < shared_->loops.size(); ++i) {
+      shared_->loop_counters.push_back(std::make_unique<CallCounters>(shared_->methods.size()));
+      counters.push_back(shared_->loop_counters.back().get());
+    }
   }
   // The thread starts publish the method table to every later reader.
-  for (auto& loop : shared_->loops) loop->Start(shared_);
+  for (size_t i = 0; i < shared_->loops.size(); ++i) shared_->loops[i]->Start(shared_, counters[i]);
   MutexLock lock(&join_mu_);
   accept_thread_ = std::thread(&RpcServer::AcceptLoop, shared_, fd);
   return Status::OK();
@@ -152,8 +157,8 @@ ServerStats RpcServer::Stats() const {
   ServerStats out;
   MutexLock lock(&shared_->mu);
   out = shared_->ended;
-  for (const auto& [fd, connection] : shared_->connections) connection->counters.AddTo(&out);
-  out.open_connections = shared_->connections.size();
+  for (const auto& counters : shared_->loop_counters) counters->AddTo(&out);
+  out.open_connections = shared_->open_connections.load(std::memory_order_relaxed);
   if (shared_->started != Clock::time_point()) {
     out.uptime_ms = static_cast<uint64_t>(
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - shared_->started).count());

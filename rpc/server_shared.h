@@ -50,14 +50,17 @@ struct RpcServer::Shared {
   // loops are joined by Stop.
   std::vector<std::unique_ptr<Loop>> loops;
   std::unique_ptr<Workers> workers;
+  // Connections adopted by a loop and not yet closed; each loop adds and
+  // subtracts its own, Stats reads the sum.
+  std::atomic<uint64_t> open_connections{0};
   // Guards the members below; never held while a handler runs.
   Mutex mu;
-  // The connections being served, by socket, so that Stats can read their
-  // counters. A loop lists a connection when it adopts it and removes it
-  // before closing the socket and freeing the counters.
-  std::map<int, const Connection*> connections GUARDED_BY(mu);
-  // The counters of the connections that ended (folded in as each ends)
-  // and of the accept thread; sized by Start.
+  // One per loop, in the loops' order, made by Start before the loops run;
+  // each loop's thread alone writes its counters (see CallCounters), Stats
+  // reads them all.
+  std::vector<std::unique_ptr<CallCounters>> loop_counters GUARDED_BY(mu);
+  // The counters kept outside the loops: accepts, refused handshakes, calls
+  // that found no worker thread; with the method names, set by Start.
   ServerStats ended GUARDED_BY(mu);
 };
 

@@ -4,11 +4,12 @@
 // What RpcServer counts: per method the calls, the failures by Status code
 // and the latency, the requests for unknown methods, and the connections.
 //
-// The request path counts without sharing a cache line with any other
-// connection: each connection owns a ConnectionCounters that only its event
-// loop writes. A statistics call sums the counters of the connections being
-// served with the totals of those that ended, into which each connection
-// folds its own as it closes.
+// The request path counts without sharing a cache line with another thread:
+// each event loop owns a CallCounters that only the loop's thread writes,
+// for every call of every connection it served, open or closed. A
+// statistics call sums the loops' counters with the server-wide ones (the
+// accept thread's), so a call is counted once, whether or not its
+// connection is still open, and an idle connection carries no counters.
 
 #include <array>
 #include <cstddef>
@@ -47,13 +48,13 @@ struct ServerStats {
   uint64_t tls_refused = 0;
 };
 
-// One connection's counters, written by its thread only, read by whoever
+// One event loop's counters, written by its thread only, read by whoever
 // sums them.
-class ConnectionCounters {
+class CallCounters {
  public:
-  explicit ConnectionCounters(size_t methods) : methods_(methods) {}
-  ConnectionCounters(const ConnectionCounters&) = delete;
-  ConnectionCounters& operator=(const ConnectionCounters&) = delete;
+  explicit CallCounters(size_t methods) : methods_(methods) {}
+  CallCounters(const CallCounters&) = delete;
+  CallCounters& operator=(const CallCounters&) = delete;
 
   // A call of method number `method` (its registration index) that ended
   // with status code `code`.
@@ -79,13 +80,14 @@ class ConnectionCounters {
   }
 
  private:
-  struct Method {
+  // A line of its own per method: another loop's counters never share it.
+  struct alignas(64) Method {
     OwnedCounter requests;
     std::array<OwnedCounter, kErrorCodeSlots> errors;
     LatencyRecorder latency;
   };
   std::vector<Method> methods_;
-  OwnedCounter unknown_method_;
+  alignas(64) OwnedCounter unknown_method_;
 };
 
 }  // namespace kandb::kanrpc

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <chrono>
 #include <cstdint>
 #include <future>
@@ -16,6 +17,8 @@
 #include <vector>
 
 #include "pdpb/messages.h"
+#include "common/test_util.h"
+#include "rpc/connection.h"
 #include "rpc/frame.h"
 #include "rpc/rpc_test_util.h"
 
@@ -42,20 +45,22 @@ Frame ReadOrFail(int fd) {
 // answers, until the peer stops taking them or StopWriting: the methods of
 // `head`, then `count` frames cycling through `cycle`. Another thread reads
 // every answer, so that the server's answers never fill the socket, and
-// checks their ids and methods. With a negative count the stream has no
+// checks their ids and methods (unless told not to read at all, as a peer
+// that has stopped reading). With a negative count the stream has no
 // end and costs the client as little as it can, so that the server is the
 // slower side: the same batch is sent again and again, and the answers are
 // read and dropped unparsed.
 class FrameStream {
  public:
-  FrameStream(int fd, std::vector<std::string> head, std::vector<std::string> cycle, int64_t count)
+  FrameStream(int fd, std::vector<std::string> head, std::vector<std::string> cycle, int64_t count,
+              bool read_answers = true)
       : fd_(fd),
         head_(std::move(head)),
         cycle_(std::move(cycle)),
         endless_(count < 0),
         total_(endless_ ? 0 : head_.size() + static_cast<uint64_t>(count)) {
     writer_ = std::thread([this] { Write(); });
-    reader_ = std::thread([this] { endless_ ? Drop() : Read(); });
+    if (read_answers) reader_ = std::thread([this] { endless_ ? Drop() : Read(); });
   }
   ~FrameStream() {
     StopWriting();
@@ -209,19 +214,27 @@ TEST(ServerTest, AnswersInOrderAndClosesOnUnreadableFrames) {
       {"Later", "2", FrameType::kResponse, "later:2"},
       {"Echo", big, FrameType::kResponse, big},
   };
+  // Sent at once, more than a turn's budget, and the sending side closed
+  // behind them: the server reads them in batches and answers every one,
+  // in order, before it takes the close.
+  constexpr uint64_t kRepeats = 8;
   std::string batch;
-  for (uint64_t i = 0; i < std::size(cases); ++i) {
-    AppendFrame(&batch, FrameType::kRequest, i + 10, cases[i].method, cases[i].payload);
+  for (uint64_t i = 0; i < kRepeats * std::size(cases); ++i) {
+    const auto& c = cases[i % std::size(cases)];
+    AppendFrame(&batch, FrameType::kRequest, i + 10, c.method, c.payload);
   }
   Socket conn = ConnectTo(server.port());
   SendAllOrDie(conn.fd(), batch);
-  for (uint64_t i = 0; i < std::size(cases); ++i) {
+  ASSERT_EQ(shutdown(conn.fd(), SHUT_WR), 0);
+  for (uint64_t i = 0; i < kRepeats * std::size(cases); ++i) {
+    const auto& c = cases[i % std::size(cases)];
     const Frame answer = ReadOrFail(conn.fd());
     EXPECT_EQ(answer.request_id, i + 10);
-    EXPECT_EQ(answer.method, cases[i].method);
-    EXPECT_EQ(answer.type, cases[i].type);
-    EXPECT_EQ(answer.payload, cases[i].answer);
+    EXPECT_EQ(answer.method, c.method);
+    EXPECT_EQ(answer.type, c.type);
+    EXPECT_EQ(answer.payload, c.answer);
   }
+  EXPECT_TRUE(PeerClosed(conn.fd(), 10000));
 
   std::string bad_crc = BuildFrame(FrameType::kRequest, 1, "Echo", "x");
   bad_crc.back() ^= 1;
@@ -381,6 +394,103 @@ TEST(ServerTest, StreamingConnectionLeavesTheLoopToOthers) {
     EXPECT_LE(streamed_at_probe.load(), 2 * RpcServer::kFramesPerTurn)
         << "the probe waited for that many frames of the streaming connection";
   }
+}
+
+// A client that pipelines without reading its answers makes the server hold
+// a bounded amount: once the socket buffers are full the connection's
+// unsent answers stop at kUnsentReadLimit (plus one answer) and its frames
+// stay unread, while another connection of the same loop is served.
+TEST(ServerTest, PipelinedClientThatStopsReadingIsNotBufferedWithoutBound) {
+  constexpr size_t kAnswer = 4096;
+  std::atomic<uint64_t> calls{0};
+  RpcServer server(1);
+  server.RegisterRaw(
+      "Big",
+      [&calls](const std::string&, std::string* resp) {
+        calls.fetch_add(1);
+        resp->assign(kAnswer, 'a');
+        return Status::OK();
+      },
+      CallMode::kInline);
+  ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
+  Socket stuck = ConnectTo(server.port());
+  const int rcvbuf = 64 * 1024;
+  ASSERT_EQ(setsockopt(stuck.fd(), SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf)), 0);
+  FrameStream stream(stuck.fd(), {}, {"Big"}, -1, /*read_answers=*/false);
+  // Settled: no call for half a second.
+  uint64_t settled = 0;
+  ASSERT_TRUE(kandb::testing::WaitFor(60000, [&] {
+    const uint64_t now = calls.load();
+    const bool still = now == settled;
+    settled = now;
+    return still && now > 0;
+  }, 500));
+  // What the kernel buffers on both sides of loopback, at most: the
+  // client's receive buffer (doubled by the kernel) and the largest send
+  // buffer the server's socket can grow to.
+  uint64_t wmem_max = 4 << 20;
+  if (FILE* f = std::fopen("/proc/sys/net/ipv4/tcp_wmem", "r")) {
+    unsigned long long lo = 0, mid = 0, hi = 0;
+    if (std::fscanf(f, "%llu %llu %llu", &lo, &mid, &hi) == 3) wmem_max = hi;
+    std::fclose(f);
+  }
+  const uint64_t bound = 2 * rcvbuf + wmem_max + kUnsentReadLimit + 2 * kAnswer;
+  EXPECT_LE(settled * (kAnswer + 32), bound) << settled << " answers made for a peer that reads none";
+  Socket other = ConnectTo(server.port());
+  SendAllOrDie(other.fd(), BuildFrame(FrameType::kRequest, 5, "Big", ""));
+  EXPECT_EQ(ReadOrFail(other.fd()).payload.size(), kAnswer);
+  stream.StopWriting();
+}
+
+// Every call is counted once, by the loop that served it: those of a
+// connection that closed stay counted, and those of open ones are counted
+// as they are answered, across loops.
+TEST(ServerTest, StatsCountEveryCallOnceWhetherItsConnectionIsOpenOrClosed) {
+  RpcServer server(2);
+  server.RegisterRaw(
+      "Echo",
+      [](const std::string& req, std::string* resp) {
+        *resp = req;
+        return req == "fail" ? Status::NotFound("no") : Status::OK();
+      },
+      CallMode::kInline);
+  server.RegisterAsyncRaw("Later", [](const std::string& req, Reply reply) { reply.Send(Status::OK(), req); });
+  ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
+  auto expect = [&server](uint64_t echo, uint64_t failed, uint64_t later, uint64_t unknown, uint64_t open) {
+    // A latency is counted once the socket took the answer, which the
+    // client may read before the loop counts it.
+    ASSERT_TRUE(kandb::testing::WaitFor(10000, [&] {
+      const ServerStats stats = server.Stats();
+      return stats.open_connections == open && stats.methods[0].latency.count == echo &&
+             stats.methods[1].latency.count == later;
+    }, 10));
+    const ServerStats stats = server.Stats();
+    ASSERT_EQ(stats.methods.size(), 2u);
+    EXPECT_EQ(stats.methods[0].method, "Echo");
+    EXPECT_EQ(stats.methods[0].requests, echo);
+    EXPECT_EQ(stats.methods[0].errors[ErrorCodeSlot(Status::NotFound("").code())], failed);
+    EXPECT_EQ(stats.methods[0].latency.count, echo);
+    EXPECT_EQ(stats.methods[1].requests, later);
+    EXPECT_EQ(stats.methods[1].latency.count, later);
+    EXPECT_EQ(stats.unknown_method_requests, unknown);
+    EXPECT_EQ(stats.accepted_connections, 3u);
+  };
+  // Three connections, spread over both loops; each pipelines its calls.
+  std::vector<Socket> conns;
+  for (int c = 0; c < 3; ++c) {
+    conns.push_back(ConnectTo(server.port()));
+    std::string batch;
+    for (uint64_t i = 1; i <= 5; ++i) AppendFrame(&batch, FrameType::kRequest, i, "Echo", i == 3 ? "fail" : "x");
+    AppendFrame(&batch, FrameType::kRequest, 6, "Later", "y");
+    AppendFrame(&batch, FrameType::kRequest, 7, "Nope", "");
+    SendAllOrDie(conns.back().fd(), batch);
+    for (uint64_t i = 1; i <= 7; ++i) EXPECT_EQ(ReadOrFail(conns.back().fd()).request_id, i);
+  }
+  expect(15, 3, 3, 3, 3);
+  conns[0].Close();
+  expect(15, 3, 3, 3, 2);
+  conns.clear();
+  expect(15, 3, 3, 3, 0);
 }
 
 // Stop must not wait for a client to stop sending: the loop keeps coming

@@ -46,6 +46,10 @@ class Transport {
     *done = true;
     return Status::OK();
   }
+  // Whether a Recv that returned fewer bytes than asked left nothing to
+  // read: true for a plain socket; not for a TLS session, which may hold
+  // decrypted bytes or whole records back.
+  virtual bool short_recv_drains() const { return false; }
   // What the last call that moved nothing waits for: POLLIN or POLLOUT.
   // (A TLS session may need to write in order to read, or the reverse.)
   virtual short wait_events() const = 0;
@@ -63,6 +67,7 @@ class SocketTransport final : public Transport {
   explicit SocketTransport(int fd) : Transport(fd) {}
   Status Recv(char* buf, size_t size, size_t* n) override;
   Status Send(const char* data, size_t size, size_t* n) override;
+  bool short_recv_drains() const override { return true; }
   short wait_events() const override { return wait_; }
 
  private:
