@@ -912,6 +912,52 @@ TEST_F(HaTest, LoopHeldPastItsTermAnswersNothing) {
   EXPECT_EQ(ids[1].first_id, ids[0].first_id + 3);
 }
 
+// Upserts queued on the loop while the transaction carrying the first of
+// them waits for its answer, and the term ends meanwhile (its key
+// deleted): every one is answered, and none OK, not even the one etcd
+// applied before the key went.
+TEST_F(HaTest, UpsertsQueuedAsTheTermEndsAreAllRefused) {
+  testing::EtcdCluster etcd(dir_);
+  ASSERT_TRUE(etcd.Start(1));
+  testing::AnswerDelayProxy proxy(etcd.UrlList());
+  store::EtcdClient via_proxy({proxy.Url()}, 10000);
+  store::EtcdClient direct(etcd.Endpoints(), 2000);
+  meta::HaOptions options;
+  options.prefix = "kandb/queued/";
+  options.advertise = "127.0.0.1:1";
+  options.lease_ms = kLeaseMs;
+  meta::HaServer ha(&via_proxy, options);
+  kanrpc::RpcServer rpc(1);
+  ha.RegisterTo(&rpc);
+  ASSERT_TRUE(rpc.Start(0, "127.0.0.1").ok());
+  ha.Start();
+  ASSERT_TRUE(WaitFor(15000, [&] { return ha.CurrentRole().leading; }));
+  const std::string address = "127.0.0.1:" + std::to_string(rpc.port());
+  pdpb::UpsertRegionResponse upserted;
+  ASSERT_TRUE(kanrpc::RpcClient(address, Options(1)).Call("Pd.UpsertRegion", UpsertAt(1, "q/"), &upserted).ok());
+
+  proxy.HoldAnswers(2000, "/v3/kv/txn");
+  constexpr int kCallers = 8;
+  std::vector<Status> results(kCallers);
+  std::vector<std::thread> callers;
+  for (int i = 0; i < kCallers; ++i) {
+    callers.emplace_back([&, i] {
+      pdpb::UpsertRegionResponse ignored;
+      results[i] = kanrpc::RpcClient(address, Options(1, 30000))
+                       .Call("Pd.UpsertRegion", UpsertAt(100 + i, "q/" + std::to_string(i)), &ignored);
+    });
+  }
+  // The first group is applied, its answer held, the rest queued behind.
+  ASSERT_TRUE(WaitFor(10000, [&] { return StoredRegions(&direct, options.prefix).size() > 1; }));
+  store::EtcdTxnResult deleted;
+  EXPECT_TRUE(
+      direct.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kDelete, "kandb/queued/leader", "", 0}}, {}, &deleted).ok());
+  for (std::thread& t : callers) t.join();
+  for (const Status& r : results) EXPECT_NE(r.message().find("not leader"), std::string::npos) << r.ToString();
+  EXPECT_GT(StoredRegions(&direct, options.prefix).size(), 1u);
+  rpc.Stop();
+}
+
 // A batch over etcd's operation limit fails whole with etcd's own reason.
 // Then the leader's lease is revoked in etcd (etcdctl lease revoke): an
 // upsert sent at once fails its fence, and nothing of it is stored.
