@@ -41,16 +41,10 @@ EtcdBackend::~EtcdBackend() {
 
 Status EtcdBackend::Write(const lsm::WriteBatch& batch) {
   Writer self(&batch);
-  std::vector<std::unique_ptr<Writer>> answered;
-  {
-    MutexLock lock(&queue_mu_);
-    queue_.push_back(&self);
-    while (!self.done && queue_.front() != &self) queue_cv_.Wait();
-    if (self.done) return self.result;
-    answered = LeadGroup();
-  }
-  // Asynchronous writes this caller led are answered by it.
-  Answer(answered);
+  MutexLock lock(&queue_mu_);
+  queue_.push_back(&self);
+  while (!self.done && queue_.front() != &self) queue_cv_.Wait();
+  if (!self.done) LeadGroup();
   return self.result;
 }
 
@@ -70,10 +64,7 @@ void EtcdBackend::SendLoop() {
   for (;;) {
     if (closing_) break;
     if (!queue_.empty() && queue_.front()->async()) {
-      std::vector<std::unique_ptr<Writer>> answered = LeadGroup();
-      queue_mu_.Unlock();
-      Answer(answered);
-      queue_mu_.Lock();
+      LeadGroup();
       continue;
     }
     sender_waiting_ = true;
@@ -84,21 +75,15 @@ void EtcdBackend::SendLoop() {
   // and was never sent; each is answered, so that its caller learns.
   std::vector<std::unique_ptr<Writer>> unsent;
   while (!queue_.empty()) {
-    Writer* w = queue_.front();
+    unsent.emplace_back(queue_.front());
     queue_.pop_front();
-    w->result = Status::Unavailable("not written; the store closed");
-    unsent.emplace_back(w);
   }
   queue_mu_.Unlock();
-  Answer(unsent);
+  for (const std::unique_ptr<Writer>& w : unsent) w->callback(Status::Unavailable("not written; the store closed"));
   queue_mu_.Lock();
 }
 
-void EtcdBackend::Answer(const std::vector<std::unique_ptr<Writer>>& answered) {
-  for (const std::unique_ptr<Writer>& w : answered) w->callback(w->result);
-}
-
-std::vector<std::unique_ptr<EtcdBackend::Writer>> EtcdBackend::LeadGroup() {
+void EtcdBackend::LeadGroup() {
   // The front writer leads: it takes the batches queued behind it, up to
   // the group limits (its own batch always goes, whatever its size).
   std::vector<Writer*> group;
@@ -133,19 +118,27 @@ std::vector<std::unique_ptr<EtcdBackend::Writer>> EtcdBackend::LeadGroup() {
   for (size_t i = 0; i < group.size(); ++i) {
     if (hook_ && results[i].ok()) hook_(*group[i]->batch);
   }
-  std::vector<std::unique_ptr<Writer>> answered;
+  // The asynchronous writes are answered while the group still holds the
+  // line, so that answers follow the queue's order whoever leads.
+  const bool any_async = std::any_of(group.begin(), group.end(), [](const Writer* w) { return w->async(); });
+  if (any_async) {
+    queue_mu_.Unlock();
+    for (size_t i = 0; i < group.size(); ++i) {
+      if (group[i]->async()) group[i]->callback(results[i]);
+    }
+    queue_mu_.Lock();
+  }
   for (size_t i = 0; i < group.size(); ++i) {
     queue_.pop_front();
-    group[i]->result = results[i];
     if (group[i]->async()) {
-      answered.emplace_back(group[i]);
+      delete group[i];
     } else {
+      group[i]->result = results[i];
       group[i]->done = true;
     }
   }
   queue_cv_.SignalAll();
   if (!queue_.empty() && queue_.front()->async() && sender_waiting_) sender_cv_.Signal();
-  return answered;
 }
 
 void EtcdBackend::SetApplyHook(ApplyHook hook) {

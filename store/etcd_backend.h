@@ -28,10 +28,10 @@
 // a sender thread of the backend's own, started with the first of them,
 // leads every group whose first batch is asynchronous, exactly as a
 // waiting writer leads its own, and hands each batch's result to its
-// callback. The callbacks of one group run in queue order, on the thread
-// that led it, without the backend's locks, after the apply hook saw the
-// group; the groups the sender leads are answered in the order they were
-// sent. A callback must not write to this backend. Destroying the backend
+// callback. Callbacks run in queue order, on the thread that led the
+// group, without the backend's locks, after the apply hook saw the group
+// and before the next group is sent; a callback must not write to this
+// backend. Destroying the backend
 // waits for the group in flight and answers every batch still queued
 // (unsent: "not written; the store closed"), so no callback is lost.
 
@@ -150,13 +150,12 @@ class EtcdBackend final : public MetaBackend {
   };
 
   // Sends the group headed by the queue's front writer (the caller leads
-  // it), records each batch's result, removes the group from the queue and
-  // wakes who waits; the asynchronous batches of the group are returned,
-  // their results set, for the caller to answer without the lock.
-  std::vector<std::unique_ptr<Writer>> LeadGroup() REQUIRES(queue_mu_);
+  // it), answers its asynchronous writes (without the lock, the group
+  // still in line), then removes the group from the queue, hands each
+  // Write call its result and wakes who waits.
+  void LeadGroup() REQUIRES(queue_mu_);
   // The sender thread: leads each group an asynchronous write heads.
   void SendLoop() EXCLUDES(queue_mu_);
-  static void Answer(const std::vector<std::unique_ptr<Writer>>& answered);
   // One fenced transaction of the given batches, applied in order.
   Status Apply(const std::vector<const lsm::WriteBatch*>& batches);
   // Runs one transaction and tells the observer how it ended (committed,
