@@ -338,6 +338,89 @@ TEST_F(EtcdBackendTest, GroupsAnsweredEachOnItsOwn) {
   EXPECT_EQ(stored("x0/0") + stored("x3/0"), "--");
 }
 
+// Asynchronous writes share the line with Write calls: answered in queue
+// order whoever leads the group (the sender thread, or a Write call),
+// each with its own result (one over etcd's limit refused alone); a
+// backend destroyed with writes queued answers each of them.
+TEST_F(EtcdBackendTest, AsyncWritesAnsweredInOrderAndNoneLost) {
+  testing::EtcdCluster etcd(dir_);
+  ASSERT_TRUE(etcd.Start(1));
+  store::EtcdClient client(etcd.Endpoints(), 2000);
+  std::mutex mu;
+  std::condition_variable cv;
+  bool hold = true;
+  size_t groups_sent = 0;
+  std::vector<size_t> groups;
+  std::vector<std::pair<int, std::string>> answers;  // in the order given
+  std::unique_ptr<store::EtcdBackend> backend;
+  const auto open = [&] {
+    backend = std::make_unique<store::EtcdBackend>(&client, "a/", store::EtcdFence{});
+    backend->SetGroupHookForTesting([&](size_t batches) {  // holds the first group
+      std::unique_lock<std::mutex> lock(mu);
+      groups.push_back(batches);
+      ++groups_sent;
+      cv.notify_all();
+      cv.wait(lock, [&] { return !hold; });
+    });
+  };
+  const auto queue = [&](int i, const std::string& key, size_t ops) {
+    lsm::WriteBatch batch;
+    for (size_t op = 0; op < ops; ++op) batch.push_back(lsm::Entry{lsm::kOpPut, key + std::to_string(op), key});
+    backend->WriteAsync(std::move(batch), [&, i](const Status& s) {
+      std::lock_guard<std::mutex> lock(mu);
+      answers.emplace_back(i, s.ToString());
+    });
+  };
+  const auto first_group_held = [&] {
+    std::unique_lock<std::mutex> lock(mu);
+    return cv.wait_for(lock, std::chrono::seconds(10), [&] { return groups_sent == 1; });
+  };
+  const auto release = [&] {
+    std::lock_guard<std::mutex> lock(mu);
+    hold = false;
+    cv.notify_all();
+  };
+
+  // The oversized write is cut from the groups beside it; the Write call
+  // leads the last group and answers the write queued behind it.
+  open();
+  queue(0, "k", 1);
+  ASSERT_TRUE(first_group_held());
+  queue(1, "same", 1);
+  queue(2, "big", testing::EtcdCluster::kMaxTxnOps + 1);
+  Status sync_result;
+  std::thread sync([&] { sync_result = backend->Write({lsm::Entry{lsm::kOpPut, "sync", "s"}}); });
+  ASSERT_TRUE(WaitFor(10000, [&] { return backend->QueuedForTesting() == 4; }));
+  queue(3, "last", 1);
+  release();
+  sync.join();
+  EXPECT_TRUE(sync_result.ok()) << sync_result.ToString();
+  ASSERT_TRUE(WaitFor(10000, [&] { return backend->QueuedForTesting() == 0; }));
+  const std::vector<std::pair<int, std::string>> expected = {
+      {0, "OK"}, {1, "OK"}, {2, "InvalidArgument: etcd: etcdserver: too many operations in txn request"}, {3, "OK"}};
+  EXPECT_EQ(answers, expected);
+  EXPECT_EQ(groups, (std::vector<size_t>{1, 1, 1, 2}));
+
+  // Destroyed with its first group held: that group is answered by etcd,
+  // each write behind it once, sent or not.
+  hold = true;
+  groups_sent = 0;
+  answers.clear();
+  open();
+  queue(0, "closing", 1);
+  ASSERT_TRUE(first_group_held());
+  for (int i = 1; i < 6; ++i) queue(i, "closing", 1);
+  std::thread destroy([&] { backend.reset(); });
+  release();
+  destroy.join();
+  ASSERT_EQ(answers.size(), 6u);
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(answers[i].first, i);
+    EXPECT_TRUE(answers[i].second == "OK" || (i > 0 && answers[i].second == "Unavailable: not written; the store closed"))
+        << answers[i].second;
+  }
+}
+
 // A call that one member may have received (its answer never came) and
 // the next one refused is of unknown outcome, not a refusal: the first may
 // still apply it.
@@ -783,6 +866,52 @@ TEST_F(HaTest, LoopHeldPastItsTermAnswersNothing) {
   pdpb::AllocIdResponse ids[2];
   for (pdpb::AllocIdResponse& id : ids) ASSERT_TRUE(to_b.Call("Pd.AllocId", pdpb::AllocIdRequest{3}, &id).ok());
   EXPECT_EQ(ids[1].first_id, ids[0].first_id + 3);
+}
+
+// Upserts queued on the loop while the transaction carrying the first of
+// them waits for its answer, and the term ends meanwhile (its key
+// deleted): every one is answered, and none OK, not even the one etcd
+// applied before the key went.
+TEST_F(HaTest, UpsertsQueuedAsTheTermEndsAreAllRefused) {
+  testing::EtcdCluster etcd(dir_);
+  ASSERT_TRUE(etcd.Start(1));
+  testing::AnswerDelayProxy proxy(etcd.UrlList());
+  store::EtcdClient via_proxy({proxy.Url()}, 10000);
+  store::EtcdClient direct(etcd.Endpoints(), 2000);
+  meta::HaOptions options;
+  options.prefix = "kandb/queued/";
+  options.advertise = "127.0.0.1:1";
+  options.lease_ms = kLeaseMs;
+  meta::HaServer ha(&via_proxy, options);
+  kanrpc::RpcServer rpc(1);
+  ha.RegisterTo(&rpc);
+  ASSERT_TRUE(rpc.Start(0, "127.0.0.1").ok());
+  ha.Start();
+  ASSERT_TRUE(WaitFor(15000, [&] { return ha.CurrentRole().leading; }));
+  const std::string address = "127.0.0.1:" + std::to_string(rpc.port());
+  pdpb::UpsertRegionResponse upserted;
+  ASSERT_TRUE(kanrpc::RpcClient(address, Options(1)).Call("Pd.UpsertRegion", UpsertAt(1, "q/"), &upserted).ok());
+
+  proxy.HoldAnswers(2000, "/v3/kv/txn");
+  constexpr int kCallers = 8;
+  std::vector<Status> results(kCallers);
+  std::vector<std::thread> callers;
+  for (int i = 0; i < kCallers; ++i) {
+    callers.emplace_back([&, i] {
+      pdpb::UpsertRegionResponse ignored;
+      results[i] = kanrpc::RpcClient(address, Options(1, 30000))
+                       .Call("Pd.UpsertRegion", UpsertAt(100 + i, "q/" + std::to_string(i)), &ignored);
+    });
+  }
+  // The first group is applied, its answer held, the rest queued behind.
+  ASSERT_TRUE(WaitFor(10000, [&] { return StoredRegions(&direct, options.prefix).size() > 1; }));
+  store::EtcdTxnResult deleted;
+  EXPECT_TRUE(
+      direct.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kDelete, "kandb/queued/leader", "", 0}}, {}, &deleted).ok());
+  for (std::thread& t : callers) t.join();
+  for (const Status& r : results) EXPECT_NE(r.message().find("not leader"), std::string::npos) << r.ToString();
+  EXPECT_GT(StoredRegions(&direct, options.prefix).size(), 1u);
+  rpc.Stop();
 }
 
 // A batch over etcd's operation limit fails whole with etcd's own reason.

@@ -58,6 +58,18 @@ int64_t SafetyMarginNs(int64_t ttl_s) { return std::max<int64_t>(300 * kNsPerMs,
 // is still its own, and the revision its copy of the records must reach).
 // Requests hold it by shared pointer, so a term that ends stays alive
 // until the last request on it has answered.
+//
+// Upserts are answered by the store's sender thread, after the request's
+// thread has let go of the term: their callbacks hold the term by plain
+// pointer, and the term's teardown waits for them instead. Its store goes
+// last but for the records it writes beside it (after the service, whose
+// region index stops observing it), and the store's backend, as it goes,
+// waits for the transaction in flight and answers every write still
+// queued; each answer reads only the term's own flags and the server's
+// leader address. So whichever thread drops the last hold on a term (the
+// campaign thread ending it, the loop or a worker moving on to the next
+// term) may wait there for one etcd transaction, and must not hold mu_,
+// which the answers take.
 class HaServer::Term {
  public:
   Term(store::EtcdClient* etcd, const HaOptions& options, const std::string& leader_key, int64_t create_revision,
@@ -558,6 +570,10 @@ HaServer::Term* HaServer::Serving(Status* refusal) {
   };
   thread_local Kept kept;
   if (kept.server != this || kept.generation != generation_.load(std::memory_order_acquire)) {
+    // The term let go of here may be the last hold on it: its teardown
+    // answers its queued upserts, which take mu_, so it runs after mu_ is
+    // released.
+    std::shared_ptr<Term> previous = std::move(kept.term);
     MutexLock lock(&mu_);
     kept.server = this;
     kept.generation = generation_.load(std::memory_order_relaxed);
@@ -640,6 +656,35 @@ void HaServer::BindFromMemory(kanrpc::RpcServer* server, const char* method,
       OnWorker(handler));
 }
 
+void HaServer::BindUpsert(kanrpc::RpcServer* server) {
+  // On the event loop: the term is found as Tso finds it there, the write
+  // is built and queued on the term's store, and the store's sender thread
+  // answers once etcd did; no thread waits per call, and upserts queued
+  // together go out as one fenced transaction. Between queueing and the
+  // answer the campaign thread may end the term, or the mirror's thread
+  // see its key taken: the write then fails on its fence, or lands and is
+  // answered with the refusal all the same (a refused upsert may have been
+  // applied, as on a worker; the client sends it again to the next
+  // leader). The term stays alive until the answer is given (see Term).
+  server->RegisterAsync<pdpb::UpsertRegionRequest>(
+      "Pd.UpsertRegion", [this](const pdpb::UpsertRegionRequest& req, kanrpc::Reply reply) {
+        Status refusal;
+        Term* const term = Serving(&refusal);
+        if (term == nullptr) {
+          reply.Done(refusal, pdpb::UpsertRegionResponse{});
+          return;
+        }
+        term->service()->UpsertRegionAsync(req, [this, term, reply](const Status& s) {
+          // Checked again before the answer, as on the worker path.
+          if (!term->Valid()) {
+            reply.Done(NotLeader(), pdpb::UpsertRegionResponse{});
+            return;
+          }
+          reply.Done(s, pdpb::UpsertRegionResponse{});
+        });
+      });
+}
+
 void HaServer::RegisterTo(kanrpc::RpcServer* server) {
   // Timestamps below the persisted ceiling and identifiers below the
   // term's own mark, answered on the loop; the rest on workers.
@@ -647,7 +692,7 @@ void HaServer::RegisterTo(kanrpc::RpcServer* server) {
   BindFromMemory(server, "Pd.AllocId", &PdService::AllocId, &PdService::AllocIdWithoutWaiting);
   Bind(server, "Pd.Bootstrap", &PdService::Bootstrap);
   Bind(server, "Pd.GetRegion", &PdService::GetRegion);
-  Bind(server, "Pd.UpsertRegion", &PdService::UpsertRegion);
+  BindUpsert(server);
   Bind(server, "Pd.RegionHeartbeat", &PdService::RegionHeartbeat);
   Bind(server, "Pd.StoreHeartbeat", &PdService::StoreHeartbeat);
   Bind(server, "Pd.GetStore", &PdService::GetStore);
@@ -889,10 +934,11 @@ void HaServer::OnEvent(const store::EtcdEvent& event) {
 }
 
 void HaServer::EndTerm(const std::string& why) {
+  std::shared_ptr<Term> ended;  // let go of after mu_ (see Term)
   {
     MutexLock lock(&mu_);
     if (term_ != nullptr) term_->Lose("term ended");
-    term_.reset();
+    ended = std::move(term_);
     generation_.store(NextGeneration(), std::memory_order_release);
     leader_.clear();
   }

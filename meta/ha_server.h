@@ -57,6 +57,11 @@
 // step. A loop paused longer than that margin right there (the whole
 // process stopped between the check and the send) is the one case that
 // no check on this server can cover, on the loop as on workers.
+//
+// Upserts are queued on the loop and answered by the term's store when
+// etcd has answered the fenced transaction that carried them (with the
+// upserts queued beside them), the term checked before queueing and
+// again before the answer.
 
 #include <atomic>
 #include <cstdint>
@@ -176,6 +181,10 @@ class HaServer {
   void BindFromMemory(kanrpc::RpcServer* server, const char* method,
                       Status (PdService::*handler)(const Req&, Resp*),
                       bool (PdService::*from_memory)(const Req&, Resp*, Status*));
+
+  // Pd.UpsertRegion, queued from the event loop and answered by the
+  // term's store once etcd has (see BindUpsert).
+  void BindUpsert(kanrpc::RpcServer* server);
 
   // The term to serve a request with, or null with *refusal set. The term
   // stays alive until this thread asks again: each worker thread keeps

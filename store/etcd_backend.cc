@@ -28,15 +28,64 @@ Status EtcdBackend::Get(const std::string& key, std::string* value, bool* found)
   return Status::OK();
 }
 
+EtcdBackend::~EtcdBackend() {
+  std::thread sender;
+  {
+    MutexLock lock(&queue_mu_);
+    closing_ = true;
+    sender = std::move(sender_);
+    sender_cv_.Signal();
+  }
+  if (sender.joinable()) sender.join();
+}
+
 Status EtcdBackend::Write(const lsm::WriteBatch& batch) {
   Writer self(&batch);
   MutexLock lock(&queue_mu_);
   queue_.push_back(&self);
   while (!self.done && queue_.front() != &self) queue_cv_.Wait();
-  if (self.done) return self.result;
+  if (!self.done) LeadGroup();
+  return self.result;
+}
 
-  // This writer leads: it takes the batches queued behind it, up to the
-  // group limits (its own batch always goes, whatever its size).
+void EtcdBackend::WriteAsync(lsm::WriteBatch batch, std::function<void(const Status&)> done, bool /*defer_lead*/) {
+  if (!done) done = [](const Status&) {};
+  auto writer = std::make_unique<Writer>(std::move(batch), std::move(done));
+  MutexLock lock(&queue_mu_);
+  if (!sender_.joinable()) sender_ = std::thread([this] { SendLoop(); });
+  queue_.push_back(writer.release());
+  // A write that finds the line empty is at the front with no one leading;
+  // otherwise whoever leads the group before it wakes the sender.
+  if (queue_.size() == 1 && sender_waiting_) sender_cv_.Signal();
+}
+
+void EtcdBackend::SendLoop() {
+  MutexLock lock(&queue_mu_);
+  for (;;) {
+    if (closing_) break;
+    if (!queue_.empty() && queue_.front()->async()) {
+      LeadGroup();
+      continue;
+    }
+    sender_waiting_ = true;
+    sender_cv_.Wait();
+    sender_waiting_ = false;
+  }
+  // Closing: no Write call runs any more, so what is left is asynchronous
+  // and was never sent; each is answered, so that its caller learns.
+  std::vector<std::unique_ptr<Writer>> unsent;
+  while (!queue_.empty()) {
+    unsent.emplace_back(queue_.front());
+    queue_.pop_front();
+  }
+  queue_mu_.Unlock();
+  for (const std::unique_ptr<Writer>& w : unsent) w->callback(Status::Unavailable("not written; the store closed"));
+  queue_mu_.Lock();
+}
+
+void EtcdBackend::LeadGroup() {
+  // The front writer leads: it takes the batches queued behind it, up to
+  // the group limits (its own batch always goes, whatever its size).
   std::vector<Writer*> group;
   size_t ops = 0, bytes = 0;
   for (Writer* w : queue_) {
@@ -53,6 +102,7 @@ Status EtcdBackend::Write(const lsm::WriteBatch& batch) {
   std::vector<Status> results(group.size());
   queue_mu_.Unlock();
   std::vector<const lsm::WriteBatch*> batches;
+  batches.reserve(group.size());
   for (Writer* w : group) batches.push_back(w->batch);
   if (group_hook_) group_hook_(group.size());
   Status s = Apply(batches);
@@ -68,13 +118,27 @@ Status EtcdBackend::Write(const lsm::WriteBatch& batch) {
   for (size_t i = 0; i < group.size(); ++i) {
     if (hook_ && results[i].ok()) hook_(*group[i]->batch);
   }
+  // The asynchronous writes are answered while the group still holds the
+  // line, so that answers follow the queue's order whoever leads.
+  const bool any_async = std::any_of(group.begin(), group.end(), [](const Writer* w) { return w->async(); });
+  if (any_async) {
+    queue_mu_.Unlock();
+    for (size_t i = 0; i < group.size(); ++i) {
+      if (group[i]->async()) group[i]->callback(results[i]);
+    }
+    queue_mu_.Lock();
+  }
   for (size_t i = 0; i < group.size(); ++i) {
     queue_.pop_front();
-    group[i]->result = results[i];
-    group[i]->done = true;
+    if (group[i]->async()) {
+      delete group[i];
+    } else {
+      group[i]->result = results[i];
+      group[i]->done = true;
+    }
   }
   queue_cv_.SignalAll();
-  return self.result;
+  if (!queue_.empty() && queue_.front()->async() && sender_waiting_) sender_cv_.Signal();
 }
 
 void EtcdBackend::SetApplyHook(ApplyHook hook) {

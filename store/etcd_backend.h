@@ -23,12 +23,24 @@
 // batch at a time, so that each batch gets its own answer. A group whose
 // answer never came is one unknown outcome for all of its batches: each
 // gets the same failure, and the observer hears of it once.
+//
+// Asynchronous writes (WriteAsync) join the same queue and return at once;
+// a sender thread of the backend's own, started with the first of them,
+// leads every group whose first batch is asynchronous, exactly as a
+// waiting writer leads its own, and hands each batch's result to its
+// callback. Callbacks run in queue order, on the thread that led the
+// group, without the backend's locks, after the apply hook saw the group
+// and before the next group is sent; a callback must not write to this
+// backend. Destroying the backend
+// waits for the group in flight and answers every batch still queued
+// (unsent: "not written; the store closed"), so no callback is lost.
 
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/mutex.h"
@@ -78,9 +90,19 @@ class EtcdBackend final : public MetaBackend {
   // create_revision 0 writes unfenced (tools and tests). `observer` learns
   // how every transaction ended.
   EtcdBackend(EtcdClient* client, std::string prefix, EtcdFence fence, EtcdWriteObserver observer = {});
+  // Waits for the group in flight and answers what is still queued (see
+  // above); no write may be started meanwhile.
+  ~EtcdBackend() override EXCLUDES(queue_mu_);
+  EtcdBackend(const EtcdBackend&) = delete;
+  EtcdBackend& operator=(const EtcdBackend&) = delete;
 
   Status Get(const std::string& key, std::string* value, bool* found) override;
   Status Write(const lsm::WriteBatch& batch) override EXCLUDES(queue_mu_);
+  // Queues `batch` and returns; `done` gets its result on the thread that
+  // led its group (see above). `defer_lead` changes nothing here: the
+  // sender thread leads.
+  void WriteAsync(lsm::WriteBatch batch, std::function<void(const Status&)> done,
+                  bool defer_lead = false) override EXCLUDES(queue_mu_);
   Status ForEach(const std::string& start, const std::string& end, uint32_t limit,
                  const RangeVisitor& visit) override;
   void SetApplyHook(ApplyHook hook) override EXCLUDES(queue_mu_);
@@ -110,14 +132,30 @@ class EtcdBackend final : public MetaBackend {
   }
 
  private:
-  // One Write call waiting in, or leading, the queue; on the caller's stack.
+  // One write waiting in, or leading, the queue: a Write call's, on the
+  // caller's stack, or a WriteAsync call's, on the heap and owned by the
+  // queue until its callback has run.
   struct Writer {
     explicit Writer(const lsm::WriteBatch* b) : batch(b) {}
+    Writer(lsm::WriteBatch b, std::function<void(const Status&)> cb)
+        : owned(std::move(b)), batch(&owned), callback(std::move(cb)) {}
+    lsm::WriteBatch owned;  // an asynchronous write's batch
     const lsm::WriteBatch* const batch;
+    // Set for an asynchronous write: the sender thread leads a group it
+    // heads, and the group's leader calls it.
+    const std::function<void(const Status&)> callback;
     Status result;      // set by the group's leader, under queue_mu_
     bool done = false;  // under queue_mu_
+    bool async() const { return callback != nullptr; }
   };
 
+  // Sends the group headed by the queue's front writer (the caller leads
+  // it), answers its asynchronous writes (without the lock, the group
+  // still in line), then removes the group from the queue, hands each
+  // Write call its result and wakes who waits.
+  void LeadGroup() REQUIRES(queue_mu_);
+  // The sender thread: leads each group an asynchronous write heads.
+  void SendLoop() EXCLUDES(queue_mu_);
   // One fenced transaction of the given batches, applied in order.
   Status Apply(const std::vector<const lsm::WriteBatch*>& batches);
   // Runs one transaction and tells the observer how it ended (committed,
@@ -130,10 +168,17 @@ class EtcdBackend final : public MetaBackend {
   const EtcdFence fence_;
   const EtcdWriteObserver observer_;
 
-  // The writers in line; the front one leads the next group.
+  // The writers in line; the front one leads the next group (the sender
+  // thread when it is asynchronous). A group stays in line until it was
+  // answered, so one group is in flight at a time.
   Mutex queue_mu_;
-  CondVar queue_cv_{&queue_mu_};
+  CondVar queue_cv_{&queue_mu_};      // a Write caller's turn or answer
+  CondVar sender_cv_{&queue_mu_};     // an asynchronous write at the front, or closing_
   std::deque<Writer*> queue_ GUARDED_BY(queue_mu_);
+  bool closing_ GUARDED_BY(queue_mu_) = false;
+  bool sender_waiting_ GUARDED_BY(queue_mu_) = false;
+  // Started by the first WriteAsync, joined by the destructor.
+  std::thread sender_ GUARDED_BY(queue_mu_);
   // Called by a group's leader, for each batch etcd committed, in order;
   // one group commits at a time, so the hook sees the commit order.
   ApplyHook hook_ GUARDED_BY(queue_mu_);
