@@ -53,7 +53,7 @@ has() { [[ " $parts " == *" $1 "* ]]; }
 . "$(dirname "$0")/redis_lib.sh"
 ensure_redis
 needed=("$build/app/kandb-meta" "$bench" "$build/bench/fsync_probe")
-has idle && needed+=("$build/app/kandb-meta-ha" "$build/tools/kandb-meta-ctl")
+has idle && needed+=("$build/app/kandb-meta-ha")
 for f in "${needed[@]}"; do
   [ -x "$f" ] || { echo "missing $f: build first (cmake --build $build)" >&2; exit 2; }
 done
@@ -206,15 +206,19 @@ if has idle; then
   stop "$kandb_pid"
 
   . "$(dirname "$0")/etcd_lib.sh"
-  prefix=$((2000 + RANDOM % 4000))  # ports PREFIX0..2 for clients, (PREFIX+1)0..2 for peers
+  # Ports PREFIX0..2 for clients, (PREFIX+1)0..2 for peers: below the
+  # ephemeral range, where the connections of the runs before may hold one.
+  prefix=$((1000 + RANDOM % 2200))
   etcd_cluster "$work/etcd" "$prefix" $((prefix + 1))
   port=$(free_port)
   "$build/app/kandb-meta-ha" --bind_addr 127.0.0.1 --port "$port" --etcd "$endpoints" \
     >"$work/ha.out" 2>"$work/ha.err" &
   ha_pid=$!
   pids+=("$ha_pid")
-  for _ in $(seq 150); do
-    "$build/tools/kandb-meta-ctl" tso --addr "127.0.0.1:$port" >/dev/null 2>&1 && break
+  # Ready once the bench itself gets through its setup and a call: a leader
+  # that has just won may still wait out its predecessor's window.
+  for _ in $(seq 300); do
+    "$bench" --addr "127.0.0.1:$port" --method tso --requests 1 >/dev/null 2>&1 && break
     sleep 0.2
   done
   hold kandb-meta-ha "$ha_pid" "127.0.0.1:$port"
