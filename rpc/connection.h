@@ -19,6 +19,11 @@ namespace kandb::kanrpc {
 // answers of the last batch are still on their way, and a peer that sends
 // without reading makes the server hold at most this plus one answer.
 inline constexpr size_t kUnsentReadLimit = 64 * 1024;
+// Nor does it read on once this many answers wait for a socket that has
+// not taken them all since: a peer reading slowly, but never quite
+// catching up, would otherwise keep their records (for the latency
+// counts) growing for as long as it kept up the pace.
+inline constexpr size_t kUnsentCallLimit = 4096;
 
 // A call answered and framed whose answer the socket has not wholly taken:
 // its latency is counted once it has.
@@ -54,7 +59,9 @@ struct Connection {
       : fd(socket), transport(std::move(stream)), loop(owner), reader(transport.get()) {}
 
   // Whether the loop may read its next frame.
-  bool may_read() const { return !calling && out.size() - out_done < kUnsentReadLimit; }
+  bool may_read() const {
+    return !calling && out.size() - out_done < kUnsentReadLimit && unsent.size() < kUnsentCallLimit;
+  }
 
   const int fd;
   const std::unique_ptr<Transport> transport;

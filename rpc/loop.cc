@@ -415,6 +415,7 @@ void RpcServer::Loop::FinishCall(Connection* connection) {
 
 bool RpcServer::Loop::Flush(Connection* connection) {
   std::string& out = connection->out;
+  bool progressed = false;
   while (connection->out_done < out.size()) {
     size_t sent = 0;
     if (!connection->transport->Send(out.data() + connection->out_done, out.size() - connection->out_done, &sent)
@@ -424,14 +425,19 @@ bool RpcServer::Loop::Flush(Connection* connection) {
     }
     if (sent > 0) {
       connection->out_done += sent;
+      progressed = true;
       continue;
     }
-    // The peer is not reading; the clock runs from the first refusal. The
-    // calls whose answers wait are counted once the socket took them all.
+    // The peer takes no more now; the clock runs from the first refusal
+    // after it last took something, so a peer that keeps reading, however
+    // slowly, while its pipelined calls keep the buffer from emptying is
+    // never taken for one that stopped. The calls whose answers wait are
+    // counted once the socket took them all.
     if (connection->write_deadline == Clock::time_point()) {
-      connection->write_deadline = Clock::now() + std::chrono::milliseconds(kWriteTimeoutMs);
       ++stalled_writers_;
+      progressed = true;
     }
+    if (progressed) connection->write_deadline = Clock::now() + std::chrono::milliseconds(kWriteTimeoutMs);
     connection->unsent.insert(connection->unsent.end(), batch_.begin(), batch_.end());
     batch_.clear();
     // Answers are appended while earlier ones wait: the sent part goes, so
