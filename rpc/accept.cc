@@ -58,6 +58,9 @@ void RpcServer::AcceptLoop(std::shared_ptr<Shared> shared, int listen_fd) {
     pause_ms = 0;
     const int one = 1;
     setsockopt(conn, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    if (shared->send_buffer_bytes > 0) {
+      setsockopt(conn, SOL_SOCKET, SO_SNDBUF, &shared->send_buffer_bytes, sizeof(shared->send_buffer_bytes));
+    }
     {
       MutexLock lock(&shared->mu);
       ++shared->ended.accepted_connections;

@@ -40,7 +40,7 @@ struct UnsentAnswer {
 // Its states: reading (no call, fewer than kUnsentReadLimit answer bytes
 // left to send; served by the loop while its round's budget lasts), in a
 // call (`calling`; only the answering thread writes status and response;
-// the answers before it were handed to the socket before it began),
+// the answers before it go to the socket as it takes them),
 // writing (`out` holds kUnsentReadLimit bytes or more the socket has not
 // taken: nothing is read until it takes enough), closed (`dead`; freed by
 // the loop once no list of its names it). After Stop a connection with
@@ -87,6 +87,8 @@ struct Connection {
   std::string out;
   size_t out_done = 0;
   Clock::time_point write_deadline;
+  // A send failed while in a call; closed once the call is answered.
+  bool send_failed = false;
   // The calls whose answers in `out` wait for a socket that refused them;
   // empty (and without storage) otherwise.
   std::vector<UnsentAnswer> unsent;

@@ -225,9 +225,14 @@ void RpcServer::Loop::Run(std::shared_ptr<Shared> shared) {
       if (connection->dead) continue;
       // Whatever the event, bytes may have come since the last receive.
       connection->reader.MarkReadable((events[i].events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0);
-      // A connection in a call sends nothing until it is answered: what
-      // came before the call was handed to the socket before it began.
-      if (connection->calling) continue;
+      // A connection in a call reads nothing until it is answered; the
+      // answers before the call, should the socket have refused part of
+      // them as it began, go as soon as it takes them rather than behind
+      // the call's answer.
+      if (connection->calling) {
+        if (connection->out_done < connection->out.size()) Flush(connection);
+        continue;
+      }
       if (!connection->out.empty() && !Flush(connection)) continue;
       if (connection->may_read()) Serve(connection);
     }
@@ -301,7 +306,8 @@ void RpcServer::Loop::Serve(Connection* connection) {
       FinishCall(connection);
     }
     if (connection->dead) return;
-    // In a call, what came before it was sent as the call began.
+    // In a call, what came before it was handed to the socket as the call
+    // began; what the socket refused goes on its next readiness.
     if (connection->calling) break;
     if (!connection->out.empty() && !Flush(connection)) return;
     if (!full || !connection->may_read()) break;
@@ -418,9 +424,13 @@ bool RpcServer::Loop::Flush(Connection* connection) {
   bool progressed = false;
   while (connection->out_done < out.size()) {
     size_t sent = 0;
-    if (!connection->transport->Send(out.data() + connection->out_done, out.size() - connection->out_done, &sent)
+    if (connection->send_failed ||
+        !connection->transport->Send(out.data() + connection->out_done, out.size() - connection->out_done, &sent)
              .ok()) {
-      Close(connection);
+      // One in a call is held by the thread answering it: it is closed
+      // once answered, without another send on a failed transport.
+      connection->send_failed = true;
+      if (!connection->calling) Close(connection);
       return false;
     }
     if (sent > 0) {
@@ -437,7 +447,7 @@ bool RpcServer::Loop::Flush(Connection* connection) {
       ++stalled_writers_;
       progressed = true;
     }
-    if (progressed) connection->write_deadline = Clock::now() + std::chrono::milliseconds(kWriteTimeoutMs);
+    if (progressed) connection->write_deadline = Clock::now() + std::chrono::milliseconds(shared_->write_timeout_ms);
     connection->unsent.insert(connection->unsent.end(), batch_.begin(), batch_.end());
     batch_.clear();
     // Answers are appended while earlier ones wait: the sent part goes, so

@@ -80,7 +80,8 @@ class RpcServer::Loop {
   // the end of the batch.
   void FinishCall(Connection* connection);
   // Sends pending answers, and counts the latency of the calls whose
-  // answers the socket took; false when the connection was closed.
+  // answers the socket took; false when the send failed, and the
+  // connection was closed (or, in a call, is closed once answered).
   bool Flush(Connection* connection);
   void Close(Connection* connection);
   // After Stop: closes every connection with no call in flight and no

@@ -48,9 +48,12 @@ Socket Listen(int* port) {
   return s;
 }
 
-Socket ConnectTo(int port) {
+Socket ConnectTo(int port, int receive_buffer) {
   sockaddr_in addr;
   Socket s = NewSocket(port, &addr);
+  if (receive_buffer > 0) {
+    Check(setsockopt(s.fd(), SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof(receive_buffer)), "setsockopt");
+  }
   if (connect(s.fd(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) s.Close();
   return s;
 }

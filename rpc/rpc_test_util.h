@@ -28,8 +28,10 @@ class Socket {
 
 // A listening socket on 127.0.0.1 with a kernel-chosen port.
 Socket Listen(int* port);
-// Connects to 127.0.0.1:port; an invalid Socket when refused.
-Socket ConnectTo(int port);
+// Connects to 127.0.0.1:port; an invalid Socket when refused. A
+// receive_buffer (bytes) is set before the connection is made, so that the
+// window the peer sees stays that small.
+Socket ConnectTo(int port, int receive_buffer = 0);
 // A connected pair: a is the connecting side, b the accepted one.
 struct SocketPair {
   Socket a, b;

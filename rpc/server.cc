@@ -61,6 +61,8 @@ void RpcServer::SetPassHook(std::function<void()> hook) { shared_->pass_hook = s
 void RpcServer::SetTls(std::shared_ptr<TlsServerContext> tls) { shared_->tls = std::move(tls); }
 
 void RpcServer::SetHandshakeTimeoutMs(int timeout_ms) { shared_->handshake_timeout_ms = timeout_ms; }
+void RpcServer::SetWriteTimeoutMs(int timeout_ms) { shared_->write_timeout_ms = timeout_ms; }
+void RpcServer::SetSendBufferBytes(int bytes) { shared_->send_buffer_bytes = bytes; }
 
 void RpcServer::RegisterAsyncRaw(const std::string& method, AsyncRawHandler handler) {
   Shared::Method& entry = shared_->methods.try_emplace(method).first->second;

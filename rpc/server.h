@@ -155,6 +155,13 @@ class RpcServer {
   void SetTls(std::shared_ptr<TlsServerContext> tls);
   // Replaces kHandshakeTimeoutMs (tests shorten it). Set before Start.
   void SetHandshakeTimeoutMs(int timeout_ms);
+  // Replaces kWriteTimeoutMs (tests shorten it). Set before Start.
+  void SetWriteTimeoutMs(int timeout_ms);
+  // Fixes the kernel's send buffer of every connection accepted (tests
+  // shrink it, so that a slow peer holds answers back within a few KiB
+  // rather than megabytes). 0, the default, leaves the kernel's own sizing.
+  // Set before Start.
+  void SetSendBufferBytes(int bytes);
 
   // Listens on bind_addr (dotted IPv4 only; host names are not resolved) and
   // port, and starts the accept thread. Returns at once. A server starts at

@@ -42,6 +42,8 @@ struct RpcServer::Shared {
   // loops, so that it outlives the sessions they free.
   std::shared_ptr<TlsServerContext> tls;
   int handshake_timeout_ms = RpcServer::kHandshakeTimeoutMs;  // as tls
+  int write_timeout_ms = RpcServer::kWriteTimeoutMs;          // as tls
+  int send_buffer_bytes = 0;                                  // as tls
   // Written by Start before any thread exists, read-only after.
   Clock::time_point started;
   // False until the first Stop.

@@ -442,6 +442,94 @@ TEST(ServerTest, PipelinedClientThatStopsReadingIsNotBufferedWithoutBound) {
   stream.StopWriting();
 }
 
+// The write time-out drops a peer that takes nothing for that long, never
+// one that keeps reading, however slowly: a pipelining peer that reads
+// slower than the server answers keeps answers waiting for the whole
+// stream, so a clock started at the first refused send and never moved
+// again would drop it in the middle. The server's small send buffer makes
+// its sends refused once the peer's receive buffer is full.
+TEST(ServerTest, WriteTimeOutDropsASilentPeerButNotASlowReader) {
+  constexpr int kTimeoutMs = 500;
+  constexpr size_t kAnswer = 1024;
+  constexpr uint64_t kCalls = 4096;
+  RpcServer server(1);
+  server.RegisterRaw(
+      "Big",
+      [](const std::string&, std::string* resp) {
+        resp->assign(kAnswer, 'a');
+        return Status::OK();
+      },
+      CallMode::kInline);
+  server.SetWriteTimeoutMs(kTimeoutMs);
+  server.SetSendBufferBytes(8 * 1024);
+  ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
+  Socket slow = ConnectTo(server.port());
+  Socket silent = ConnectTo(server.port());
+  std::string requests;
+  for (uint64_t id = 1; id <= kCalls; ++id) AppendFrame(&requests, FrameType::kRequest, id, "Big", "");
+  for (const Socket* peer : {&slow, &silent}) SendAllOrDie(peer->fd(), requests);
+  // About 1.6 MB a second: the 4 MiB of answers take some 2.5 s, several
+  // time-outs long, while the server's sends are taken every few tens of
+  // milliseconds.
+  FrameReader reader(slow.fd());
+  Frame answer;
+  for (uint64_t id = 1; id <= kCalls; ++id) {
+    ASSERT_TRUE(reader.Read(&answer, 60000).ok()) << "dropped after " << id - 1 << " answers";
+    ASSERT_EQ(answer.request_id, id);
+    ASSERT_EQ(answer.payload.size(), kAnswer);
+    if (id % 16 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  // The silent peer is gone by now; the slow one stays, and is answered.
+  ASSERT_TRUE(kandb::testing::WaitFor(30000, [&] { return server.Stats().open_connections == 1; }, 10));
+  SendAllOrDie(slow.fd(), BuildFrame(FrameType::kRequest, kCalls + 1, "Big", ""));
+  EXPECT_EQ(ReadOrFail(slow.fd()).request_id, kCalls + 1);
+}
+
+// Answers the socket refused in part as a call began go out while the
+// call is in flight, not behind its answer: a client reading them before
+// it expects the call's answer would otherwise wait on a call that may
+// take long (one that waits on etcd, say). With these buffers the kernel
+// takes about 16 KiB of the 48 KiB of answers before the call, and the
+// peer reads nothing until the call has begun.
+TEST(ServerTest, AnswersBeforeACallGoOutWhileItIsInFlight) {
+  constexpr size_t kAnswer = 2048;
+  constexpr uint64_t kBefore = 24;
+  auto entered = std::make_shared<std::atomic<bool>>(false);
+  auto release = std::make_shared<std::atomic<bool>>(false);
+  RpcServer server(1);
+  server.RegisterRaw(
+      "Big",
+      [](const std::string&, std::string* resp) {
+        resp->assign(kAnswer, 'a');
+        return Status::OK();
+      },
+      CallMode::kInline);
+  server.RegisterRaw("Wait", [entered, release](const std::string&, std::string*) {
+    entered->store(true);
+    while (!release->load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return Status::OK();
+  });
+  server.SetSendBufferBytes(8 * 1024);
+  ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
+  Socket peer = ConnectTo(server.port(), /*receive_buffer=*/4 * 1024);
+  std::string requests;
+  for (uint64_t id = 1; id <= kBefore; ++id) AppendFrame(&requests, FrameType::kRequest, id, "Big", "");
+  AppendFrame(&requests, FrameType::kRequest, kBefore + 1, "Wait", "");
+  SendAllOrDie(peer.fd(), requests);
+  ASSERT_TRUE(kandb::testing::WaitFor(30000, [&] { return entered->load(); }, 1));
+  FrameReader reader(peer.fd());
+  Frame answer;
+  for (uint64_t id = 1; id <= kBefore; ++id) {
+    const Status s = reader.Read(&answer, 10000);
+    if (!s.ok()) release->store(true);
+    ASSERT_TRUE(s.ok()) << "answer " << id << " waited behind the call: " << s.ToString();
+    EXPECT_EQ(answer.request_id, id);
+  }
+  release->store(true);
+  ASSERT_TRUE(reader.Read(&answer, 60000).ok());
+  EXPECT_EQ(answer.request_id, kBefore + 1);
+}
+
 // Every call is counted once, by the loop that served it: those of a
 // connection that closed stay counted, and those of open ones are counted
 // as they are answered, across loops.
