@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <map>
+#include <string>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 #include "common/clock.h"
@@ -51,12 +54,29 @@ Status EtcdBackend::Write(const lsm::WriteBatch& batch) {
 void EtcdBackend::WriteAsync(lsm::WriteBatch batch, std::function<void(const Status&)> done, bool /*defer_lead*/) {
   if (!done) done = [](const Status&) {};
   auto writer = std::make_unique<Writer>(std::move(batch), std::move(done));
-  MutexLock lock(&queue_mu_);
-  if (!sender_.joinable()) sender_ = std::thread([this] { SendLoop(); });
-  queue_.push_back(writer.release());
-  // A write that finds the line empty is at the front with no one leading;
-  // otherwise whoever leads the group before it wakes the sender.
-  if (queue_.size() == 1 && sender_waiting_) sender_cv_.Signal();
+  Status refused;
+  {
+    MutexLock lock(&queue_mu_);
+    if (!sender_.joinable()) {
+      // Thread creation reports its failure by exception: the write is
+      // refused for want of resources, answered outside the lock as the
+      // sender answers.
+      try {
+        sender_ = std::thread([this] { SendLoop(); });
+      } catch (const std::system_error& e) {
+        refused = Status::Unavailable(std::string("etcd: cannot start the sender thread: ") + e.what());
+      }
+    }
+    if (refused.ok()) {
+      queue_.push_back(writer.release());
+      // A write that finds the line empty is at the front with no one
+      // leading; otherwise whoever leads the group before it wakes the
+      // sender.
+      if (queue_.size() == 1 && sender_waiting_) sender_cv_.Signal();
+      return;
+    }
+  }
+  writer->callback(refused);
 }
 
 void EtcdBackend::SendLoop() {

@@ -31,7 +31,9 @@
 // callback. Callbacks run in queue order, on the thread that led the
 // group, without the backend's locks, after the apply hook saw the group
 // and before the next group is sent; a callback must not write to this
-// backend. Destroying the backend
+// backend. Should the sender fail to start, the write is answered at once,
+// on the caller's thread ("etcd: cannot start the sender thread: ...",
+// Unavailable), and the next one tries again. Destroying the backend
 // waits for the group in flight and answers every batch still queued
 // (unsent: "not written; the store closed"), so no callback is lost.
 
