@@ -868,6 +868,63 @@ TEST_F(HaTest, LoopHeldPastItsTermAnswersNothing) {
   EXPECT_EQ(ids[1].first_id, ids[0].first_id + 3);
 }
 
+// Holds the first upsert answer that reaches it, on the term store's
+// sender thread, while armed (1); 2 while held, until set to 3.
+std::atomic<int> answer_hold{0};
+void HoldUpsertAnswer() {
+  int armed = 1;
+  if (!answer_hold.compare_exchange_strong(armed, 2)) return;
+  while (answer_hold.load() == 2) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+// The last hold on an ended term may be a loop's, let go of at its next
+// call; the term's teardown waits for its store's sender, which may be
+// busy for long (held here in an answer; in practice in an etcd call that
+// runs to its time-out while etcd is out of reach). The loop hands the
+// term on and answers meanwhile. Here the server leads again before the
+// loop's next call, so the campaign thread has let go of the old term and
+// the loop holds it last.
+TEST_F(HaTest, LoopLettingGoOfAnEndedTermAnswersOn) {
+  testing::EtcdCluster etcd(dir_);
+  ASSERT_TRUE(etcd.Start(1));
+  store::EtcdClient client(etcd.Endpoints(), 2000);
+  meta::HaOptions options;
+  options.prefix = "kandb/retire/";
+  options.advertise = "127.0.0.1:1";
+  options.lease_ms = kLeaseMs;
+  meta::HaServer ha(&client, options);
+  kanrpc::RpcServer rpc(1);
+  ha.RegisterTo(&rpc);
+  ASSERT_TRUE(rpc.Start(0, "127.0.0.1").ok());
+  ha.Start();
+  ASSERT_TRUE(WaitFor(15000, [&] { return ha.CurrentRole().leading; }));
+  const std::string address = "127.0.0.1:" + std::to_string(rpc.port());
+  answer_hold.store(1);
+  meta::HaServer::SetUpsertAnswerHookForTesting(&HoldUpsertAnswer);
+  Status upserted;
+  std::thread caller([&] {
+    pdpb::UpsertRegionResponse ignored;
+    upserted = kanrpc::RpcClient(address, Options(1, 30000)).Call("Pd.UpsertRegion", UpsertAt(1, "r/"), &ignored);
+  });
+  Status tso_status = Status::Corruption("not asked");
+  if (WaitFor(10000, [] { return answer_hold.load() == 2; })) {
+    store::EtcdTxnResult deleted;
+    EXPECT_TRUE(
+        client.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kDelete, "kandb/retire/leader", "", 0}}, {}, &deleted).ok());
+    if (WaitFor(10000, [&] { return !ha.CurrentRole().leading; }) &&
+        WaitFor(15000, [&] { return ha.CurrentRole().leading; })) {
+      pdpb::TsoResponse tso;
+      tso_status = kanrpc::RpcClient(address, Options(1, 5000)).Call("Pd.Tso", pdpb::TsoRequest{1}, &tso);
+    }
+  }
+  answer_hold.store(3);
+  caller.join();
+  meta::HaServer::SetUpsertAnswerHookForTesting(nullptr);
+  EXPECT_TRUE(tso_status.ok()) << tso_status.ToString();
+  EXPECT_NE(upserted.message().find("not leader"), std::string::npos) << upserted.ToString();
+  rpc.Stop();
+}
+
 // Upserts queued on the loop while the transaction carrying the first of
 // them waits for its answer, and the term ends meanwhile (its key
 // deleted): every one is answered, and none OK, not even the one etcd

@@ -461,6 +461,7 @@ HaServer::~HaServer() {
     leading = term_ != nullptr;
   }
   if (leading) EndTerm("shutting down");
+  FreeRetired();
   // Its thread calls OnEvent, which uses the members below.
   mirror_.reset();
 }
@@ -503,10 +504,21 @@ void HaServer::KeepMembership() {
       // at the campaign's pace.
       renew_at = SteadyNs() + (s.ok() && lease != 0 ? ttl * 1000 * kNsPerMs / 3 : kCampaignIntervalMs * kNsPerMs);
     }
+    FreeRetired();
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   // Leaving: the key goes with its lease at once, not a lease later.
   if (lease != 0) (void)etcd_->LeaseRevoke(lease);
+}
+
+void HaServer::FreeRetired() {
+  std::vector<std::shared_ptr<Term>> retired;
+  {
+    MutexLock lock(&mu_);
+    if (retired_.empty()) return;
+    retired.swap(retired_);
+  }
+  // Freed here, outside mu_, on this thread: see retired_.
 }
 
 Status HaServer::Members(std::vector<Member>* out) const {
@@ -570,11 +582,13 @@ HaServer::Term* HaServer::Serving(Status* refusal) {
   };
   thread_local Kept kept;
   if (kept.server != this || kept.generation != generation_.load(std::memory_order_acquire)) {
-    // The term let go of here may be the last hold on it: its teardown
-    // answers its queued upserts, which take mu_, so it runs after mu_ is
-    // released.
-    std::shared_ptr<Term> previous = std::move(kept.term);
+    // A term of another server (tests run several in one process) is let
+    // go of here, after mu_: its teardown answers its queued upserts, which
+    // take that server's mu_. One of this server's is retired, since this
+    // thread may be an event loop (see retired_).
+    std::shared_ptr<Term> other = kept.server != this ? std::move(kept.term) : nullptr;
     MutexLock lock(&mu_);
+    if (kept.term != nullptr) retired_.push_back(std::move(kept.term));
     kept.server = this;
     kept.generation = generation_.load(std::memory_order_relaxed);
     kept.term = term_;
@@ -610,10 +624,15 @@ void HaServer::Bind(kanrpc::RpcServer* server, const char* method,
 
 namespace {
 std::atomic<void (*)()> answered_from_memory_hook{nullptr};
+std::atomic<void (*)()> upsert_answer_hook{nullptr};
 }  // namespace
 
 void HaServer::SetFromMemoryHookForTesting(void (*hook)()) {
   answered_from_memory_hook.store(hook, std::memory_order_release);
+}
+
+void HaServer::SetUpsertAnswerHookForTesting(void (*hook)()) {
+  upsert_answer_hook.store(hook, std::memory_order_release);
 }
 
 template <class Req, class Resp>
@@ -675,6 +694,7 @@ void HaServer::BindUpsert(kanrpc::RpcServer* server) {
           return;
         }
         term->service()->UpsertRegionAsync(req, [this, term, reply](const Status& s) {
+          if (void (*hook)() = upsert_answer_hook.load(std::memory_order_acquire)) hook();
           // Checked again before the answer, as on the worker path.
           if (!term->Valid()) {
             reply.Done(NotLeader(), pdpb::UpsertRegionResponse{});

@@ -151,6 +151,9 @@ class HaServer {
   // are answered: `hook` runs on the loop in between. Null (the default)
   // calls nothing; set it while no server answers.
   static void SetFromMemoryHookForTesting(void (*hook)());
+  // For tests that hold a term store's sender thread busy: `hook` runs on
+  // it before each upsert it answers. Null (the default) calls nothing.
+  static void SetUpsertAnswerHookForTesting(void (*hook)());
 
   // The servers of the cluster that etcd knows alive: each keeps the key
   // "<prefix>member/<advertise>" (its status address as the value) under a
@@ -191,10 +194,13 @@ class HaServer {
   // the term it last served with, and takes mu_ only when terms changed,
   // so that a request costs no lock and no shared count of its own.
   Term* Serving(Status* refusal) EXCLUDES(mu_);
+  // Frees the terms serving threads let go of (see retired_).
+  void FreeRetired() EXCLUDES(mu_);
   Status NotLeader() EXCLUDES(mu_);
 
   void Run();
-  // Keeps this server's member key alive until stop_, then deletes it.
+  // Keeps this server's member key alive until stop_, then deletes it;
+  // frees the retired terms meanwhile.
   void KeepMembership();
   // One attempt to become leader; on success publishes the new term.
   void Campaign();
@@ -247,6 +253,13 @@ class HaServer {
   std::atomic<uint64_t> generation_{0};
   std::string leader_ GUARDED_BY(mu_);          // empty: no leader known
   std::string etcd_error_ GUARDED_BY(mu_);      // the last campaign read's failure; empty: it read
+  // Terms that an event loop or a worker let go of, freed by the membership
+  // thread (and by the destructor once it is joined), outside mu_. The
+  // last hold on a term tears its store down, which waits for the store's
+  // sender thread, and that may be in an etcd call that runs to its whole
+  // time-out while etcd is out of reach: a loop that waited for it would
+  // keep every connection it serves waiting too.
+  std::vector<std::shared_ptr<Term>> retired_ GUARDED_BY(mu_);
 };
 
 }  // namespace kandb::meta
