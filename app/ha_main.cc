@@ -18,6 +18,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "app/descriptors.h"
 #include "app/scheduling_flags.h"
 #include "app/status_server.h"
 #include "app/tls_flags.h"
@@ -161,6 +162,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (tls != nullptr) kandb::app::ReloadOnHangup(tls, "kandb-meta-ha");
+  kandb::app::RaiseDescriptorLimit("kandb-meta-ha");
   if (FLAGS_etcd->empty()) {
     // No default: etcd's own client port is 2379 too, and a silent default
     // would collide with this server's port on one machine.

@@ -4,16 +4,13 @@
 // command: every change is durable before it is answered, so a kill at any
 // moment loses nothing that was acknowledged.
 
-#include <sys/resource.h>
-
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
 
+#include "app/descriptors.h"
 #include "app/scheduling_flags.h"
 #include "app/status_server.h"
 #include "app/tls_flags.h"
@@ -45,18 +42,6 @@ std::string* const FLAGS_status_addr =
 constexpr char kNoPassphrase[] = "";
 constexpr int kSyncEveryWrite = 1;
 
-// Every connection holds a descriptor, so the common soft limit of 1024 is
-// a ceiling on clients that the operator never chose; the hard limit is
-// what the system allows this process.
-void RaiseDescriptorLimit() {
-  struct rlimit limit;
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
-  limit.rlim_cur = limit.rlim_max;
-  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-    std::fprintf(stderr, "kandb-meta: cannot raise the descriptor limit: %s\n", std::strerror(errno));
-  }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -70,7 +55,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (tls != nullptr) kandb::app::ReloadOnHangup(tls, "kandb-meta");
-  RaiseDescriptorLimit();
+  kandb::app::RaiseDescriptorLimit("kandb-meta");
   const std::string& data_dir = *FLAGS_data_dir;
   const std::string& bind_addr = *FLAGS_bind_addr;
 

@@ -37,7 +37,6 @@ test_packages=(
   etcd-client
   openssl                    # the tests make their certificates with it
   util-linux                 # prlimit, for tests that lower resource limits
-  python3-prometheus-client  # parses the Prometheus text output in tests
   prometheus                 # a real scraper of the status port in tests; promtool
                              # checks the packaged alert rules and dashboard queries
   python3-yaml               # the dashboard's metric name check reads the alert rules
