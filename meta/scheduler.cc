@@ -23,6 +23,13 @@ bool Leaving(uint8_t state) {
 // (scheduled as before store heartbeats existed).
 bool MayReceive(uint8_t state) { return state == pdpb::kStoreUp || state == pdpb::kStoreUnknown; }
 
+// A store that sends store heartbeats, but has sent this server none yet:
+// this server started or took over since, and counts its silence from
+// then, so it may be dead while still taken for Up. It receives nothing
+// until heard from (nor does a store of a wider domain in its stead), and
+// is the first to lose a surplus replica.
+bool Unheard(const Scheduler::StoreView& v) { return !v.has_stats && v.record->first_heartbeat_ms != 0; }
+
 // Store limits are counted in whole units, a change costing a minute's
 // worth of ms, so that refills add up exactly: each ms adds `limit` units.
 constexpr int64_t kCost = 60 * 1000;
@@ -254,10 +261,11 @@ uint64_t Scheduler::ChooseTarget(const std::vector<uint64_t>& members, const std
     return a.rank < b.rank;
   });
   // Only the best spread counts: a store of a wider shared domain is not
-  // taken because the better ones are busy; the region waits for them.
+  // taken because the better ones are busy or not heard from yet; the
+  // region waits for them.
   for (const Candidate& c : candidates) {
     if (c.depth != candidates.front().depth) break;
-    if (TakeToken(c.id, now)) {
+    if (!Unheard(view->at(c.id)) && TakeToken(c.id, now)) {
       (*view)[c.id].load++;
       return c.id;
     }
@@ -343,18 +351,28 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
       moving = true;
     }
     if (victim == 0 && reporter_leaving) return hand_over(reporter);
-    // Then a member sharing the narrowest domain with another that stays
-    // (a leaving store's domain is about to be free).
+    // Then the member sharing the deepest domain with another that stays,
+    // so that the region keeps its widest spread (a leaving store's domain
+    // is about to be free); among equals, one on a store this server has
+    // not heard from yet (it started or took over since, and the store may
+    // be dead), else the first.
     const size_t levels = options_.location_labels.size();
-    for (size_t i = 0; victim == 0 && levels > 0 && i < keep.size(); i++) {
-      const uint64_t m = keep[i];
-      auto vm = view->find(m);
-      if (m == reporter || vm == view->end()) continue;
-      for (uint64_t o : keep) {
-        auto vo = view->find(o);
-        if (o != m && vo != view->end() && SharedDepth(*vm->second.record, *vo->second.record) >= levels) {
+    if (victim == 0 && levels > 0) {
+      size_t deepest = 0;
+      bool deepest_unheard = false;
+      for (uint64_t m : keep) {
+        auto vm = view->find(m);
+        if (m == reporter || vm == view->end()) continue;
+        size_t depth = 0;
+        for (uint64_t o : keep) {
+          auto vo = view->find(o);
+          if (o != m && vo != view->end()) depth = std::max(depth, SharedDepth(*vm->second.record, *vo->second.record));
+        }
+        const bool unheard = Unheard(vm->second);
+        if (depth > 0 && (depth > deepest || (depth == deepest && unheard && !deepest_unheard))) {
           victim = m;
-          break;
+          deepest = depth;
+          deepest_unheard = unheard;
         }
       }
     }

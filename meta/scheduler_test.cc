@@ -172,6 +172,28 @@ TEST_F(SchedulerTest, PlacementTable) {
   EXPECT_EQ(HealOne(&s, 1, RegionHeartbeatEntry{10, {1, 2}, {}, {}}, stores).kind, 0u);
 }
 
+// A server that started or took over takes a silent store for Up until
+// the down time has passed since its own start, though the store may be
+// dead. Until it is heard from it takes no replica, nor does a store of a
+// wider domain in its stead, and a region over its count loses the
+// replica on it before one that keeps the zones apart.
+TEST_F(SchedulerTest, StoresNotYetHeardTakeNothingAndLoseTheSurplusFirst) {
+  const std::vector<pdpb::Store> six = {At(1, "z1"), At(2, "z2"), At(3, "z3"),
+                                        At(4, "z1"), At(5, "z2"), At(6, "z3")};
+  Scheduler s(Base());
+  for (uint64_t id : {2, 3, 5, 6}) s.ReportStore(id, Room(80));
+  // 1 and 4 unheard: the region missing its z1 replica waits.
+  EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{9, {2, 3}, {}, {}}, six).kind, 0u);
+  s.ReportStore(1, Room(80));
+  EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{9, {2, 3}, {}, {}}, six, {{4, 0}, {1, 50}}),
+            Cmd(pdpb::kAddPeer, 9, 1));
+  // Over its count with two z1 replicas: the unheard one goes, wherever it
+  // stands among the members; heard, the first of the two.
+  EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{10, {2, 3, 1, 4}, {}, {}}, six), Cmd(pdpb::kRemovePeer, 10, 4));
+  s.ReportStore(4, Room(80));
+  EXPECT_EQ(HealOne(&s, 2, RegionHeartbeatEntry{11, {2, 3, 1, 4}, {}, {}}, six), Cmd(pdpb::kRemovePeer, 11, 1));
+}
+
 // A replica on a Down store is replaced by adding first and removing once
 // the new member is reported, so the member count never drops; while the
 // add is in flight the same command is repeated rather than another store
