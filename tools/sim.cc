@@ -914,11 +914,17 @@ void Simulation::FlushRegions() {
   std::vector<uint32_t> changed;
   std::vector<pdpb::Region> dirty = model_.TakeDirtyRegions(&changed);
   for (size_t i = 0; i < dirty.size(); i += kUpsertBatch) {
+    const size_t end = std::min(dirty.size(), i + kUpsertBatch);
     pdpb::UpsertRegionRequest req;
     req.regions.assign(std::make_move_iterator(dirty.begin() + static_cast<ptrdiff_t>(i)),
-                       std::make_move_iterator(dirty.begin() + static_cast<ptrdiff_t>(std::min(dirty.size(), i + kUpsertBatch))));
+                       std::make_move_iterator(dirty.begin() + static_cast<ptrdiff_t>(end)));
     pdpb::UpsertRegionResponse resp;
-    (void)Call("Pd.UpsertRegion", req, &resp);
+    // A write lost with a server that died (or refused by one that no
+    // longer leads) is sent again: a record left behind its region would
+    // have the server take the new members for stale replicas.
+    if (!Call("Pd.UpsertRegion", req, &resp).ok()) {
+      for (size_t j = i; j < end; ++j) model_.MarkDirty(changed[j]);
+    }
   }
   // A leader reports a region at once when its members change, so that
   // the server sees the change when its record does, not a whole interval

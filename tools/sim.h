@@ -226,6 +226,9 @@ class ClusterModel {
   // as their leaders write them.
   // `indices`, when given, gets their places in regions().
   std::vector<pdpb::Region> TakeDirtyRegions(std::vector<uint32_t>* indices = nullptr);
+  // Keeps a region's record for the next TakeDirtyRegions: a store writes
+  // its record again until the server takes it.
+  void MarkDirty(uint32_t region);
   pdpb::Region RegionRecord(uint32_t index) const;
   pdpb::StoreHeartbeatRequest StoreHeartbeat(uint32_t index) const;
   // One round of region heartbeats of every live store, each store's split
@@ -258,7 +261,6 @@ class ClusterModel {
   void ScheduleElection(uint32_t region, int64_t now);
   // Records the region's live member count after any change to it.
   void Observe(uint32_t region);
-  void MarkDirty(uint32_t region);
   uint64_t LiveMembers(const Region& r) const;
   pdpb::RegionHeartbeatEntry Entry(uint32_t region) const;
 
