@@ -275,7 +275,7 @@ uint64_t Scheduler::ChooseTarget(const std::vector<uint64_t>& members, const std
 
 bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
                         std::unordered_map<uint64_t, StoreView>* view, const std::vector<uint64_t>& order, int64_t now,
-                        ScheduleCommand* out) {
+                        double least, ScheduleCommand* out) {
   const std::vector<uint64_t>& members = entry.member_store_ids;
   // A move is over once the replica it takes away is gone.
   auto move = moves_.find(entry.region_id);
@@ -405,7 +405,7 @@ bool Scheduler::HealOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
   // At its count with no add in flight: a move recorded for it ended some
   // other way (its surplus went as a repair's).
   if (moves_.count(entry.region_id) > 0) EndMove(entry.region_id);
-  return BalanceOne(reporter, entry, view, order, now, out);
+  return BalanceOne(reporter, entry, view, order, now, least, out);
 }
 
 void Scheduler::EndMove(uint64_t region_id) {
@@ -417,7 +417,7 @@ void Scheduler::EndMove(uint64_t region_id) {
 
 bool Scheduler::BalanceOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
                            std::unordered_map<uint64_t, StoreView>* view, const std::vector<uint64_t>& order,
-                           int64_t now, ScheduleCommand* out) {
+                           int64_t now, double least, ScheduleCommand* out) {
   if (options_.balance_tolerance <= 0 || missing_ + on_down_ + on_offline_ > 0) return false;
   const std::vector<uint64_t>& members = entry.member_store_ids;
   // The busiest member other than the leader, which would first have to
@@ -449,6 +449,11 @@ bool Scheduler::BalanceOne(uint64_t reporter, const RegionHeartbeatEntry& entry,
   // than the replica itself, and by more than the tolerance.
   const double unit = top - Score(source, -1);
   const double below = top - std::max(unit, options_.balance_tolerance * top);
+  // A cluster within its tolerance (the common case) has no store to take
+  // the replica: known without weighing every store's domains against
+  // this region's members, which would cost each heartbeat entry a pass
+  // over the stores.
+  if (!(least < below)) return false;
   if (!TakeToken(from, now)) return false;
   const BalanceBounds bounds{top, below, depth};
   const uint64_t chosen = ChooseTarget(members, keep, view, order, now, &bounds);
@@ -542,6 +547,10 @@ void Scheduler::Heal(uint64_t reporter, const std::vector<RegionHeartbeatEntry>&
     }
     order.push_back(store.id);
   }
+  double least = std::numeric_limits<double>::infinity();
+  for (const auto& [id, v] : view) {
+    if (MayReceive(v.state)) least = std::min(least, Score(v, 1));
+  }
 
   per_entry->assign(entries.size(), ScheduleCommand{});
   for (size_t i = 0; i < entries.size(); i++) {
@@ -555,7 +564,7 @@ void Scheduler::Heal(uint64_t reporter, const std::vector<RegionHeartbeatEntry>&
     }
     SetFlags(entry.region_id, flags, now);
     if (options_.target_replicas == 0) continue;
-    HealOne(reporter, entry, &view, order, now, &(*per_entry)[i]);
+    HealOne(reporter, entry, &view, order, now, least, &(*per_entry)[i]);
   }
 }
 

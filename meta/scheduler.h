@@ -196,10 +196,13 @@ class Scheduler {
   bool TakeToken(uint64_t store_id, int64_t now) REQUIRES(mu_);
   // Returns a change taken for one that is not made after all.
   void GiveBackToken(uint64_t store_id) REQUIRES(mu_);
-  // The one change for one entry, or none.
+  // The one change for one entry, or none. `least` is the lowest score,
+  // with one replica more, of any store that may receive, as the view was
+  // made: no balance target scores under it (targets only gain load, and
+  // a store giving replicas away is no target).
   bool HealOne(uint64_t reporter, const pdpb::RegionHeartbeatEntry& entry,
                std::unordered_map<uint64_t, StoreView>* view, const std::vector<uint64_t>& order, int64_t now,
-               pdpb::ScheduleCommand* out) REQUIRES(mu_);
+               double least, pdpb::ScheduleCommand* out) REQUIRES(mu_);
   // The best store for a new replica of a region whose members are
   // `members`, of which those in `keep` stay; 0 when none may take it now.
   // What a balance move asks of its target: to share no more domain
@@ -219,7 +222,7 @@ class Scheduler {
   // none.
   bool BalanceOne(uint64_t reporter, const pdpb::RegionHeartbeatEntry& entry,
                   std::unordered_map<uint64_t, StoreView>* view, const std::vector<uint64_t>& order, int64_t now,
-                  pdpb::ScheduleCommand* out) REQUIRES(mu_);
+                  double least, pdpb::ScheduleCommand* out) REQUIRES(mu_);
   // The score of a store after `delta` more replicas: its load weighted by
   // the share of its space left.
   double Score(const StoreView& v, int64_t delta) const;
