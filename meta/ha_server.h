@@ -151,8 +151,11 @@ class HaServer {
   // are answered: `hook` runs on the loop in between. Null (the default)
   // calls nothing; set it while no server answers.
   static void SetFromMemoryHookForTesting(void (*hook)());
-  // For tests that hold a term store's sender thread busy: `hook` runs on
-  // it before each upsert it answers. Null (the default) calls nothing.
+  // For tests that hold a term store's sender thread busy: `hook` runs
+  // before each upsert is answered, on the thread that answers it (the
+  // sender; the thread tearing the term down, for upserts never sent; the
+  // event loop, when the sender cannot start). Null (the default) calls
+  // nothing.
   static void SetUpsertAnswerHookForTesting(void (*hook)());
 
   // The servers of the cluster that etcd knows alive: each keeps the key

@@ -58,9 +58,10 @@ struct Connection {
   Connection(int socket, std::unique_ptr<Transport> stream, RpcServer::Loop* owner)
       : fd(socket), transport(std::move(stream)), loop(owner), reader(transport.get()) {}
 
-  // Whether the loop may read its next frame.
+  // Whether the loop may read its next frame: never once a send failed,
+  // since no answer could reach the peer.
   bool may_read() const {
-    return !calling && out.size() - out_done < kUnsentReadLimit && unsent.size() < kUnsentCallLimit;
+    return !calling && !send_failed && out.size() - out_done < kUnsentReadLimit && unsent.size() < kUnsentCallLimit;
   }
 
   const int fd;

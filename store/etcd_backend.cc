@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "common/clock.h"
+#include "common/fault_log.h"
 
 namespace kandb::store {
 
@@ -65,6 +66,7 @@ void EtcdBackend::WriteAsync(lsm::WriteBatch batch, std::function<void(const Sta
         sender_ = std::thread([this] { SendLoop(); });
       } catch (const std::system_error& e) {
         refused = Status::Unavailable(std::string("etcd: cannot start the sender thread: ") + e.what());
+        ReportFault("etcd", refused.message());
       }
     }
     if (refused.ok()) {
