@@ -281,7 +281,7 @@ class Writer {
     std::shuffle(present.begin(), present.end(), rng_);
 
     const uint64_t reporter = kReportingStoreBase + static_cast<uint64_t>(index_);
-    pdpb::RegionHeartbeatRequest req{reporter, {}, {}};
+    pdpb::RegionHeartbeatRequest req{reporter, {}, {}, {}};
     std::vector<pdpb::ScheduleCommand> expected;
     for (size_t i = 0; i < present.size() && i < 3; i++) {
       const pdpb::Region& region = slots_[present[i]].region;

@@ -154,7 +154,7 @@ TEST(ProcessEntryTest, PortAndTargetReplicasAreNarrowedTo32Bits) {
                             &booted).ok());
   }
   pdpb::RegionHeartbeatResponse commands;
-  ASSERT_TRUE(client.Call("Pd.RegionHeartbeat", pdpb::RegionHeartbeatRequest{1, {{7, {1}, {}, {}}, {8, {1, 2}, {}, {}}}, {}},
+  ASSERT_TRUE(client.Call("Pd.RegionHeartbeat", pdpb::RegionHeartbeatRequest{1, {{7, {1}, {}, {}}, {8, {1, 2}, {}, {}}}, {}, {}},
                           &commands).ok());
   EXPECT_EQ(commands.commands, (std::vector<pdpb::ScheduleCommand>{{pdpb::kAddPeer, 7, 2, "s2"}}));
   child.Kill(SIGKILL);

@@ -116,7 +116,7 @@ TEST_P(PdEndToEndTest, HeartbeatCommandsArriveInPolicyOrder) {
   StartServer({"--target_replicas=3"});
   Bootstrap(1, "s1", Region(50, "", "", {2}));
   for (uint64_t id : {2, 10, 3}) Bootstrap(id, "s" + std::to_string(id));
-  pdpb::RegionHeartbeatRequest req{1, {{1, {1}, {5}, {}}, {2, {1, 2, 3, 10}, {}, {3}}}, {50}};
+  pdpb::RegionHeartbeatRequest req{1, {{1, {1}, {5}, {}}, {2, {1, 2, 3, 10}, {}, {3}}}, {50}, {}};
   EXPECT_EQ(Ok<pdpb::RegionHeartbeatResponse>("Pd.RegionHeartbeat", req).commands,
             (std::vector<ScheduleCommand>{
                 {pdpb::kPromoteLearner, 1, 5, ""},

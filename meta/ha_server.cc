@@ -380,10 +380,10 @@ class HaServer::TermRouter final : public RegionRouter {
     const std::shared_ptr<const RegionIndex> index = Current();
     return index != nullptr && index->FindRegion(region_id, leader_store, resp, status);
   }
-  bool StaleReplicas(uint64_t store_id, const std::vector<uint64_t>& region_ids,
+  bool StaleReplicas(uint64_t store_id, const std::vector<uint64_t>& region_ids, const std::vector<uint64_t>* known,
                      std::vector<bool>* stale) const override {
     const std::shared_ptr<const RegionIndex> index = Current();
-    return index != nullptr && index->StaleReplicas(store_id, region_ids, stale);
+    return index != nullptr && index->StaleReplicas(store_id, region_ids, known, stale);
   }
   size_t regions() const override {
     const std::shared_ptr<const RegionIndex> index = mirror_->index();

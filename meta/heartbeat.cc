@@ -18,6 +18,7 @@
 
 #include "meta/keys.h"
 #include "meta/pd_service.h"
+#include "meta/routing.h"
 
 namespace kandb::meta {
 namespace {
@@ -85,16 +86,18 @@ Status PdService::LoadStores(std::shared_ptr<const std::vector<pdpb::Store>>* st
   return Status::OK();
 }
 
-void PdService::StaleByReads(const pdpb::RegionHeartbeatRequest& req, std::vector<ScheduleCommand>* commands) {
-  for (uint64_t region_id : req.region_ids) {
+void PdService::StaleByReads(const pdpb::RegionHeartbeatRequest& req, const std::vector<uint64_t>* known,
+                             std::vector<ScheduleCommand>* commands) {
+  for (size_t i = 0; i < req.region_ids.size(); i++) {
+    const uint64_t region_id = req.region_ids[i];
     std::string value;
     bool found = false;
     if (!store_->Get(RegionKey(region_id), &value, &found).ok() || !found) continue;
     pdpb::Region region;
     if (!pdpb::Decode(value.size(), value.data(), &region)) continue;
-    const bool listed = std::any_of(region.peers.begin(), region.peers.end(),
-                                    [&](const pdpb::Peer& p) { return p.store_id == req.store_id; });
-    if (!listed) commands->push_back(Command(pdpb::kDestroyStaleReplica, region_id, req.store_id));
+    if (StaleIn(region, req.store_id, known != nullptr ? (*known)[i] : 0)) {
+      commands->push_back(Command(pdpb::kDestroyStaleReplica, region_id, req.store_id));
+    }
   }
 }
 
@@ -155,13 +158,18 @@ Status PdService::RegionHeartbeat(const pdpb::RegionHeartbeatRequest& req,
   // Told by the routing index when it stands for the records: a read per
   // region costs the replicated server a round trip to etcd each, and a
   // store reports every region it follows.
+  // A store that tells the membership version each replica knows (one per
+  // id) keeps a replica its region's record has not caught up with.
+  const std::vector<uint64_t>* known =
+      req.region_conf_versions.size() == req.region_ids.size() ? &req.region_conf_versions : nullptr;
   std::vector<bool> stale;
-  if (router_ != nullptr && !req.region_ids.empty() && router_->StaleReplicas(req.store_id, req.region_ids, &stale)) {
+  if (router_ != nullptr && !req.region_ids.empty() &&
+      router_->StaleReplicas(req.store_id, req.region_ids, known, &stale)) {
     for (size_t i = 0; i < req.region_ids.size(); i++) {
       if (stale[i]) commands.push_back(Command(pdpb::kDestroyStaleReplica, req.region_ids[i], req.store_id));
     }
   } else {
-    StaleByReads(req, &commands);
+    StaleByReads(req, known, &commands);
   }
 
   // Leader balancing: from the regions' last reporters the designed way;

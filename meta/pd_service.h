@@ -283,7 +283,8 @@ class PdService {
 
   // The stale-replica commands of a heartbeat from a read of each region's
   // record (appended to *commands), where the routing index cannot tell.
-  void StaleByReads(const pdpb::RegionHeartbeatRequest& req, std::vector<pdpb::ScheduleCommand>* commands);
+  void StaleByReads(const pdpb::RegionHeartbeatRequest& req, const std::vector<uint64_t>* known,
+                    std::vector<pdpb::ScheduleCommand>* commands);
   // Records the reporter as the last reporter of each entry's region and,
   // with `balance`, appends the leadership transfers chosen from those
   // records to *resp.

@@ -66,9 +66,10 @@ class PdTest : public ServiceTest {
     return s.ok() ? std::to_string(resp.region.id) : s.ToString();
   }
   Cmds Heartbeat(uint64_t store_id, std::vector<pdpb::RegionHeartbeatEntry> regions,
-                 std::vector<uint64_t> region_ids = {}) {
+                 std::vector<uint64_t> region_ids = {}, std::vector<uint64_t> known = {}) {
     pdpb::RegionHeartbeatResponse resp;
-    EXPECT_TRUE(service_->RegionHeartbeat({store_id, std::move(regions), std::move(region_ids)}, &resp).ok());
+    EXPECT_TRUE(
+        service_->RegionHeartbeat({store_id, std::move(regions), std::move(region_ids), std::move(known)}, &resp).ok());
     return resp.commands;
   }
 };
@@ -422,6 +423,12 @@ TEST_F(PdTest, StaleReplicasAndLeaderBalancing) {
   Put(RegionKey(23), "garbage");
   EXPECT_EQ(Heartbeat(1, {}, {20, 21, 23, 24, 21}),
             (Cmds{Cmd(pdpb::kDestroyStaleReplica, 21, 1), Cmd(pdpb::kDestroyStaleReplica, 21, 1)}));
+  // With the membership versions the replicas know (one per id), a record
+  // behind the replica's (conf_version 1 here) keeps it; not one per id,
+  // they are ignored.
+  EXPECT_EQ(Heartbeat(1, {}, {21, 21, 21}, {0, 1, 2}),
+            (Cmds{Cmd(pdpb::kDestroyStaleReplica, 21, 1), Cmd(pdpb::kDestroyStaleReplica, 21, 1)}));
+  EXPECT_EQ(Heartbeat(1, {}, {21}, {2, 2}), Cmds{Cmd(pdpb::kDestroyStaleReplica, 21, 1)});
 
   // A transfer needs the target to lead fewer than the reporter's count
   // less one: store 2 leads 2 against store 1's 5, then 4 against 5.

@@ -300,7 +300,7 @@ bool RegionIndex::FindRegion(uint64_t region_id, std::optional<uint64_t> leader_
 }
 
 bool RegionIndex::StaleReplicas(uint64_t store_id, const std::vector<uint64_t>& region_ids,
-                                std::vector<bool>* stale) const {
+                                const std::vector<uint64_t>* known, std::vector<bool>* stale) const {
   ReaderLock lock(&mu_);
   if (!load_status_.ok()) return false;
   stale->assign(region_ids.size(), false);
@@ -309,8 +309,7 @@ bool RegionIndex::StaleReplicas(uint64_t store_id, const std::vector<uint64_t>& 
     if (it == regions_.end() || !it->second.decodes) continue;
     pdpb::Region region;  // decoding appends to the lists of the one given
     if (!pdpb::Decode(it->second.value.size(), it->second.value.data(), &region)) continue;
-    (*stale)[i] = std::none_of(region.peers.begin(), region.peers.end(),
-                               [store_id](const pdpb::Peer& p) { return p.store_id == store_id; });
+    (*stale)[i] = StaleIn(region, store_id, known != nullptr ? (*known)[i] : 0);
   }
   return true;
 }

@@ -99,12 +99,15 @@ class RegionRouter {
   // The stale-replica check of a region heartbeat from `store_id`: for
   // each of `region_ids`, whether a record of that region decodes and
   // places no replica on the store (an absent or undecodable record is no
-  // evidence). True with (*stale)[i] set when the copy stands for the
-  // records; false when the caller must read them, one by one.
+  // evidence), and, when `known` gives the replicas' membership versions
+  // (one per id), is at least as new as the replica's. True with
+  // (*stale)[i] set when the copy stands for the records; false when the
+  // caller must read them, one by one.
   virtual bool StaleReplicas(uint64_t store_id, const std::vector<uint64_t>& region_ids,
-                             std::vector<bool>* stale) const {
+                             const std::vector<uint64_t>* known, std::vector<bool>* stale) const {
     (void)store_id;
     (void)region_ids;
+    (void)known;
     (void)stale;
     return false;
   }
@@ -146,7 +149,7 @@ class RegionIndex final : public RegionRouter {
             Status* status) const override EXCLUDES(mu_);
   bool FindRegion(uint64_t region_id, std::optional<uint64_t> leader_store, pdpb::GetRegionResponse* resp,
                   Status* status) const override EXCLUDES(mu_);
-  bool StaleReplicas(uint64_t store_id, const std::vector<uint64_t>& region_ids,
+  bool StaleReplicas(uint64_t store_id, const std::vector<uint64_t>& region_ids, const std::vector<uint64_t>* known,
                      std::vector<bool>* stale) const override EXCLUDES(mu_);
 
   // Applies the puts (values opened) and deletions of one batch as one

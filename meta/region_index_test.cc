@@ -369,7 +369,7 @@ TEST_F(RoutingTest, RegionByIdAndTheLeadersPresented) {
 
   for (uint64_t reporter : {2, 7}) {  // 7 is no member of region 10
     pdpb::RegionHeartbeatResponse beat;
-    ASSERT_TRUE(service_->RegionHeartbeat({reporter, {{reporter == 2 ? 9u : 10u, {reporter}, {}, {}}}, {}}, &beat).ok());
+    ASSERT_TRUE(service_->RegionHeartbeat({reporter, {{reporter == 2 ? 9u : 10u, {reporter}, {}, {}}}, {}, {}}, &beat).ok());
   }
   ASSERT_EQ(GetById(service_.get(), 9, &resp), "OK");
   EXPECT_EQ(resp.leader, (pdpb::Peer{102, 2, 0}));

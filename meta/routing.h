@@ -30,6 +30,16 @@ inline bool RangeMeets(std::string_view start, std::string_view end, std::string
   return (end.empty() || low < end) && (to.empty() || low < to);
 }
 
+// Whether a store's replica of a region is stale by the region's record:
+// the record places no replica on the store and is at least as new as the
+// membership the replica knows (`known`, its conf_version; 0 when the
+// store did not say, which any record passes).
+inline bool StaleIn(const pdpb::Region& record, uint64_t store_id, uint64_t known) {
+  return record.epoch.conf_version >= known &&
+         std::none_of(record.peers.begin(), record.peers.end(),
+                      [store_id](const pdpb::Peer& p) { return p.store_id == store_id; });
+}
+
 // Reads the record of one store: fails when the read fails, else sets
 // *found and, when found, *value.
 using StoreLookup = std::function<Status(uint64_t store_id, std::string* value, bool* found)>;

@@ -174,10 +174,18 @@ struct RegionHeartbeatRequest {
   uint64_t store_id = 0;
   std::vector<RegionHeartbeatEntry> regions;  // repeated
   std::vector<uint64_t> region_ids;           // repeated
+  // Extension (sent only when given): for each of region_ids, the
+  // membership version (conf_version) the store's replica knows. Given one
+  // per id, a replica is taken for stale only when its region's record is
+  // at least that new: a record that has not caught up with a membership
+  // change (its write lost with a server that died, say) does not make the
+  // new member drop its replica.
+  std::vector<uint64_t> region_conf_versions;  // repeated
   bool operator==(const RegionHeartbeatRequest&) const = default;
 };
 KANDB_PDPB_FIELDS(RegionHeartbeatRequest, U64(1, &RegionHeartbeatRequest::store_id),
-                  RepeatedMessage(2, &RegionHeartbeatRequest::regions), RepeatedU64(3, &RegionHeartbeatRequest::region_ids))
+                  RepeatedMessage(2, &RegionHeartbeatRequest::regions), RepeatedU64(3, &RegionHeartbeatRequest::region_ids),
+                  RepeatedU64(4, &RegionHeartbeatRequest::region_conf_versions))
 
 // Kinds of ScheduleCommand.
 inline constexpr uint32_t kPromoteLearner = 1;

@@ -114,7 +114,7 @@ std::vector<Codec> AllCodecs() {
       MakeCodec("UpsertRegionResponse", UpsertRegionResponse{kBinary}),
       MakeCodec("RegionHeartbeatEntry", entry),
       MakeCodec("RegionHeartbeatRequest",
-                RegionHeartbeatRequest{7, {entry, RegionHeartbeatEntry{}}, {kMax, 0}}),
+                RegionHeartbeatRequest{7, {entry, RegionHeartbeatEntry{}}, {kMax, 0}, {3, kMax}}),
       MakeCodec("ScheduleCommand", ScheduleCommand{kAddPeer, kMax, 3, kBinary}),
       MakeCodec("RegionHeartbeatResponse",
                 RegionHeartbeatResponse{{ScheduleCommand{kPromoteLearner, 1, 2, ""},

@@ -379,9 +379,9 @@ json ToJson(const pdpb::UpsertRegionResponse& response) {
 json ToJson(const pdpb::RegionHeartbeatRequest& request) {
   json regions = json::array();
   for (const pdpb::RegionHeartbeatEntry& entry : request.regions) regions.push_back(ToJson(entry));
-  return json{{"store_id", request.store_id},
-              {"regions", regions},
-              {"region_ids", UintArray(request.region_ids)}};
+  json out{{"store_id", request.store_id}, {"regions", regions}, {"region_ids", UintArray(request.region_ids)}};
+  if (!request.region_conf_versions.empty()) out["region_conf_versions"] = UintArray(request.region_conf_versions);
+  return out;
 }
 
 json ToJson(const pdpb::RegionHeartbeatResponse& response) {
@@ -542,6 +542,7 @@ Status FromJson(const json& value, pdpb::RegionHeartbeatRequest* out) {
             return ObjectReader::Read(v, p, entry);
           });
   r.UintArray("region_ids", &out->region_ids);
+  r.UintArray("region_conf_versions", &out->region_conf_versions);
   return r.Finish();
 }
 

@@ -556,12 +556,18 @@ pdpb::StoreHeartbeatRequest ClusterModel::StoreHeartbeat(uint32_t index) const {
 std::vector<pdpb::RegionHeartbeatRequest> ClusterModel::RegionHeartbeats(int64_t only) const {
   std::vector<std::vector<pdpb::RegionHeartbeatEntry>> led(stores_.size());
   std::vector<std::vector<uint64_t>> followed(stores_.size());
+  // The membership each followed replica knows, as stores tell it, so
+  // that a record behind a change makes no member drop its replica.
+  std::vector<std::vector<uint64_t>> known(stores_.size());
   for (uint32_t ri = 0; ri < regions_.size(); ++ri) {
     const Region& r = regions_[ri];
     const uint64_t id = r.id;
     for (const Peer& p : r.peers) {
       if (only >= 0 && p.store != only) continue;
-      if (stores_[p.store].alive() && static_cast<int32_t>(p.store) != r.leader) followed[p.store].push_back(id);
+      if (stores_[p.store].alive() && static_cast<int32_t>(p.store) != r.leader) {
+        followed[p.store].push_back(id);
+        known[p.store].push_back(r.conf_version);
+      }
     }
     if (r.leader < 0 || (only >= 0 && r.leader != only)) continue;
     led[r.leader].push_back(Entry(ri));
@@ -580,6 +586,8 @@ std::vector<pdpb::RegionHeartbeatRequest> ClusterModel::RegionHeartbeats(int64_t
                          std::make_move_iterator(led[s].begin() + static_cast<ptrdiff_t>(e_end)));
       req.region_ids.assign(followed[s].begin() + static_cast<ptrdiff_t>(f),
                             followed[s].begin() + static_cast<ptrdiff_t>(f_end));
+      req.region_conf_versions.assign(known[s].begin() + static_cast<ptrdiff_t>(f),
+                                      known[s].begin() + static_cast<ptrdiff_t>(f_end));
       e = e_end;
       f = f_end;
       out.push_back(std::move(req));

@@ -91,7 +91,7 @@ TEST(JsonMessagesTest, RequestsRoundTripWithEscapedKeys) {
   ASSERT_TRUE(s.ok()) << s.ToString();
   EXPECT_EQ(labelled, request);
 
-  pdpb::RegionHeartbeatRequest heartbeat{4, {{9, {4, 6}, {5}, {6}}}, {7, 8}};
+  pdpb::RegionHeartbeatRequest heartbeat{4, {{9, {4, 6}, {5}, {6}}}, {7, 8}, {2, 3}};
   pdpb::RegionHeartbeatRequest heartbeat_back;
   ASSERT_TRUE(FromJson(json::parse(ToJson(heartbeat).dump()), &heartbeat_back).ok());
   EXPECT_EQ(heartbeat_back, heartbeat);
