@@ -868,6 +868,28 @@ TEST_F(HaTest, LoopHeldPastItsTermAnswersNothing) {
   EXPECT_EQ(ids[1].first_id, ids[0].first_id + 3);
 }
 
+// A replicated server in this process, on one loop of its own, under
+// `prefix`; Start returns once it leads.
+struct LocalServer {
+  LocalServer(store::EtcdClient* etcd, const std::string& prefix) : ha(etcd, OptionsFor(prefix)), rpc(1) {}
+  static meta::HaOptions OptionsFor(const std::string& prefix) {
+    meta::HaOptions options;
+    options.prefix = prefix;
+    options.advertise = "127.0.0.1:1";
+    options.lease_ms = kLeaseMs;
+    return options;
+  }
+  bool Start() {
+    ha.RegisterTo(&rpc);
+    if (!rpc.Start(0, "127.0.0.1").ok()) return false;
+    ha.Start();
+    return WaitFor(15000, [&] { return ha.CurrentRole().leading; });
+  }
+  std::string Address() const { return "127.0.0.1:" + std::to_string(rpc.port()); }
+  meta::HaServer ha;
+  kanrpc::RpcServer rpc;
+};
+
 // Holds the first upsert answer that reaches it, on the term store's
 // sender thread, while armed (1); 2 while held, until set to 3.
 std::atomic<int> answer_hold{0};
@@ -888,17 +910,10 @@ TEST_F(HaTest, LoopLettingGoOfAnEndedTermAnswersOn) {
   testing::EtcdCluster etcd(dir_);
   ASSERT_TRUE(etcd.Start(1));
   store::EtcdClient client(etcd.Endpoints(), 2000);
-  meta::HaOptions options;
-  options.prefix = "kandb/retire/";
-  options.advertise = "127.0.0.1:1";
-  options.lease_ms = kLeaseMs;
-  meta::HaServer ha(&client, options);
-  kanrpc::RpcServer rpc(1);
-  ha.RegisterTo(&rpc);
-  ASSERT_TRUE(rpc.Start(0, "127.0.0.1").ok());
-  ha.Start();
-  ASSERT_TRUE(WaitFor(15000, [&] { return ha.CurrentRole().leading; }));
-  const std::string address = "127.0.0.1:" + std::to_string(rpc.port());
+  LocalServer server(&client, "kandb/retire/");
+  ASSERT_TRUE(server.Start());
+  meta::HaServer& ha = server.ha;
+  const std::string address = server.Address();
   answer_hold.store(1);
   meta::HaServer::SetUpsertAnswerHookForTesting(&HoldUpsertAnswer);
   Status upserted;
@@ -922,7 +937,7 @@ TEST_F(HaTest, LoopLettingGoOfAnEndedTermAnswersOn) {
   meta::HaServer::SetUpsertAnswerHookForTesting(nullptr);
   EXPECT_TRUE(tso_status.ok()) << tso_status.ToString();
   EXPECT_NE(upserted.message().find("not leader"), std::string::npos) << upserted.ToString();
-  rpc.Stop();
+  server.rpc.Stop();
 }
 
 // Upserts queued on the loop while the transaction carrying the first of
@@ -935,17 +950,9 @@ TEST_F(HaTest, UpsertsQueuedAsTheTermEndsAreAllRefused) {
   testing::AnswerDelayProxy proxy(etcd.UrlList());
   store::EtcdClient via_proxy({proxy.Url()}, 10000);
   store::EtcdClient direct(etcd.Endpoints(), 2000);
-  meta::HaOptions options;
-  options.prefix = "kandb/queued/";
-  options.advertise = "127.0.0.1:1";
-  options.lease_ms = kLeaseMs;
-  meta::HaServer ha(&via_proxy, options);
-  kanrpc::RpcServer rpc(1);
-  ha.RegisterTo(&rpc);
-  ASSERT_TRUE(rpc.Start(0, "127.0.0.1").ok());
-  ha.Start();
-  ASSERT_TRUE(WaitFor(15000, [&] { return ha.CurrentRole().leading; }));
-  const std::string address = "127.0.0.1:" + std::to_string(rpc.port());
+  LocalServer server(&via_proxy, "kandb/queued/");
+  ASSERT_TRUE(server.Start());
+  const std::string address = server.Address();
   pdpb::UpsertRegionResponse upserted;
   ASSERT_TRUE(kanrpc::RpcClient(address, Options(1)).Call("Pd.UpsertRegion", UpsertAt(1, "q/"), &upserted).ok());
 
@@ -961,14 +968,14 @@ TEST_F(HaTest, UpsertsQueuedAsTheTermEndsAreAllRefused) {
     });
   }
   // The first group is applied, its answer held, the rest queued behind.
-  ASSERT_TRUE(WaitFor(10000, [&] { return StoredRegions(&direct, options.prefix).size() > 1; }));
+  ASSERT_TRUE(WaitFor(10000, [&] { return StoredRegions(&direct, "kandb/queued/").size() > 1; }));
   store::EtcdTxnResult deleted;
   EXPECT_TRUE(
       direct.Txn({}, {store::EtcdOp{store::EtcdOp::Kind::kDelete, "kandb/queued/leader", "", 0}}, {}, &deleted).ok());
   for (std::thread& t : callers) t.join();
   for (const Status& r : results) EXPECT_NE(r.message().find("not leader"), std::string::npos) << r.ToString();
-  EXPECT_GT(StoredRegions(&direct, options.prefix).size(), 1u);
-  rpc.Stop();
+  EXPECT_GT(StoredRegions(&direct, "kandb/queued/").size(), 1u);
+  server.rpc.Stop();
 }
 
 // A batch over etcd's operation limit fails whole with etcd's own reason.

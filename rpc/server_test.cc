@@ -442,6 +442,17 @@ TEST(ServerTest, PipelinedClientThatStopsReadingIsNotBufferedWithoutBound) {
   stream.StopWriting();
 }
 
+// "Big", answered on the loop with `size` bytes.
+void RegisterBig(RpcServer* server, size_t size) {
+  server->RegisterRaw(
+      "Big",
+      [size](const std::string&, std::string* resp) {
+        resp->assign(size, 'a');
+        return Status::OK();
+      },
+      CallMode::kInline);
+}
+
 // The write time-out drops a peer that takes nothing for that long, never
 // one that keeps reading, however slowly: a pipelining peer that reads
 // slower than the server answers keeps answers waiting for the whole
@@ -453,13 +464,7 @@ TEST(ServerTest, WriteTimeOutDropsASilentPeerButNotASlowReader) {
   constexpr size_t kAnswer = 1024;
   constexpr uint64_t kCalls = 6144;
   RpcServer server(1);
-  server.RegisterRaw(
-      "Big",
-      [](const std::string&, std::string* resp) {
-        resp->assign(kAnswer, 'a');
-        return Status::OK();
-      },
-      CallMode::kInline);
+  RegisterBig(&server, kAnswer);
   server.SetWriteTimeoutMs(kTimeoutMs);
   server.SetSendBufferBytes(8 * 1024);
   ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
@@ -503,13 +508,7 @@ TEST(ServerTest, AnswersBeforeACallGoOutWhileItIsInFlight) {
     std::shared_ptr<std::atomic<bool>> release;
     ~Releaser() { release->store(true); }
   } releaser{release};
-  server.RegisterRaw(
-      "Big",
-      [](const std::string&, std::string* resp) {
-        resp->assign(kAnswer, 'a');
-        return Status::OK();
-      },
-      CallMode::kInline);
+  RegisterBig(&server, kAnswer);
   server.RegisterRaw("Wait", [entered, release](const std::string&, std::string*) {
     entered->store(true);
     while (!release->load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
